@@ -1,0 +1,23 @@
+# The options of every target of the project.
+
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+function(palaver_options target)
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
+  target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wshadow -Wconversion -Wsign-conversion)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND PALAVER_SANITIZE)
+    # GCC's flow warnings are unreliable in instrumented code.
+    target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized)
+  endif()
+  if(PALAVER_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${PALAVER_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    target_link_options(${target} PRIVATE -fsanitize=${PALAVER_SANITIZE})
+  endif()
+endfunction()
+
+function(palaver_library target)
+  add_library(${target} STATIC ${ARGN})
+  palaver_options(${target})
+endfunction()

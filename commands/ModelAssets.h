@@ -1,0 +1,15 @@
+// The "--install-assets" mode: downloads the on-device model of one locale.
+#pragma once
+
+#include <string_view>
+
+namespace palaver {
+
+class JSONLineWriter;
+struct Platform;
+
+// Ends the process: status 0 when the model is installed afterwards, else 1. Main thread.
+[[noreturn]] void installSpeechAnalyzerAssets(Platform& platform, JSONLineWriter& writer,
+                                              std::string_view localeIdentifier);
+
+}  // namespace palaver

@@ -1,0 +1,136 @@
+#include "core/CommandChannel.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <utility>
+
+#include "core/CommandHandler.h"
+#include "core/JSONLineWriter.h"
+#include "core/Text.h"
+#include "platform/MainQueue.h"
+
+namespace palaver {
+
+namespace {
+
+constexpr std::size_t usualBlockSize = std::size_t{256} << 10;  // bytes
+constexpr std::size_t smallestRead = std::size_t{64} << 10;     // bytes of room worth a read
+constexpr std::size_t spareBlocks = 4;                          // blocks kept for reuse
+
+}  // namespace
+
+// Memory for `size` bytes of input and the decoder's padding.
+class CommandChannel::Block {
+ public:
+  explicit Block(std::size_t size)
+      : bytes_(std::make_unique_for_overwrite<char[]>(size + decodingPadding)), size_(size) {}
+
+  char* bytes() { return bytes_.get(); }
+  std::size_t size() const { return size_; }
+
+ private:
+  std::unique_ptr<char[]> bytes_;
+  std::size_t size_;
+};
+
+// Keeps a few blocks of the usual size for reuse, so that a steady stream of audio touches no new memory; all
+// others go back to the system. Any thread.
+class CommandChannel::BlockPool : public std::enable_shared_from_this<BlockPool> {
+ public:
+  std::shared_ptr<Block> take(std::size_t size) {
+    auto block = size == usualBlockSize ? takeSpare() : nullptr;
+    if (!block) block = std::make_unique<Block>(size);
+    return {block.release(),
+            [pool = shared_from_this()](Block* done) { pool->giveBack(std::unique_ptr<Block>(done)); }};
+  }
+
+ private:
+  std::unique_ptr<Block> takeSpare() {
+    const std::lock_guard guard(lock_);
+    if (spares_.empty()) return nullptr;
+    auto block = std::move(spares_.back());
+    spares_.pop_back();
+    return block;
+  }
+  void giveBack(std::unique_ptr<Block> block) {
+    if (block->size() != usualBlockSize) return;
+    const std::lock_guard guard(lock_);
+    if (spares_.size() < spareBlocks) spares_.push_back(std::move(block));
+  }
+
+  std::mutex lock_;
+  std::vector<std::unique_ptr<Block>> spares_;
+};
+
+CommandChannel::CommandChannel(MainQueue& mainQueue, JSONLineWriter& writer, CommandHandler& handler)
+    : mainQueue_(mainQueue), writer_(writer), handler_(handler), pool_(std::make_shared<BlockPool>()) {}
+
+CommandChannel::~CommandChannel() = default;
+
+std::span<char> CommandChannel::prepare() {
+  if (!block_ || block_->size() - filled_ < smallestRead) {
+    const std::size_t unfinished = filled_ - lineStart_;
+    // A line longer than half a block gets a block that grows with it, so that it is copied a few times at
+    // most.
+    auto next = pool_->take(unfinished < usualBlockSize / 2 ? usualBlockSize : unfinished * 2 + smallestRead);
+    if (unfinished > 0) std::memcpy(next->bytes(), block_->bytes() + lineStart_, unfinished);
+    block_ = std::move(next);
+    lineStart_ = 0;
+    filled_ = unfinished;
+  }
+  return {block_->bytes() + filled_, block_->size() - filled_};
+}
+
+void CommandChannel::received(std::size_t count) {
+  Commands commands;
+  std::size_t searched = filled_;
+  filled_ += count;
+  while (const void* lineFeed = std::memchr(block_->bytes() + searched, '\n', filled_ - searched)) {
+    const auto end = static_cast<std::size_t>(static_cast<const char*>(lineFeed) - block_->bytes());
+    decodeLine(end, commands);
+    searched = end + 1;
+  }
+  handOver(std::move(commands));
+}
+
+void CommandChannel::ended() {
+  if (filled_ > lineStart_) {  // the last line may lack its line feed
+    Commands commands;
+    decodeLine(filled_, commands);
+    handOver(std::move(commands));
+  }
+  block_.reset();
+  mainQueue_.async([&handler = handler_] { handler.shutDown(); });
+}
+
+// Decodes the line that starts at lineStart_ and goes to `end`, and moves lineStart_ behind it and its line
+// feed.
+void CommandChannel::decodeLine(std::size_t end, Commands& commands) {
+  char* const line = block_->bytes() + lineStart_;
+  const std::size_t length = end - lineStart_;
+  lineStart_ = std::min(end + 1, filled_);
+  // The trimmed text serves this test only; the line is decoded as it came.
+  if (trimWhitespaceAndNewlines({line, length}).empty()) return;
+  try {
+    commands.push_back(decodeHelperCommand(line, length));
+  } catch (const DecodingError& error) {
+    writer_.error(std::string("Invalid JSON command: ") + error.what());
+  }
+}
+
+void CommandChannel::handOver(Commands commands) {
+  if (commands.empty()) return;
+  // One job for all commands of one read. A std::function wants a copyable capture; the shared pointer makes
+  // it one.
+  struct Batch {
+    std::shared_ptr<Block> block;
+    Commands commands;
+  };
+  mainQueue_.async(
+      [&handler = handler_, batch = std::make_shared<Batch>(Batch{block_, std::move(commands)})] {
+        for (const auto& command : batch->commands) handler.handle(command);
+      });
+}
+
+}  // namespace palaver

@@ -1,0 +1,52 @@
+#include "core/CommandHandler.h"
+
+#include <span>
+#include <string>
+
+#include "core/JSONLineWriter.h"
+#include "core/SpeechBackend.h"
+#include "platform/Platform.h"
+
+namespace palaver {
+
+namespace {
+
+constexpr std::string_view defaultLocale = "ja-JP";
+
+}  // namespace
+
+void CommandHandler::handle(const HelperCommand& command) {
+  const auto& [type, sessionId, source, locale, vocabulary, sequence, capturedAt, pcmBase64, suppressed,
+               sentAt] = command;
+  if (type == "ping") {
+    writer_.write(
+        {{"type", "pong"}, {"sentAt", sentAt.value_or(0)}, {"helperAt", platform_.clock.nowMilliseconds()}});
+  } else if (type == "session.start") {
+    if (!sessionId) return writer_.error("session.start requires sessionId");
+    std::span<const std::string_view> phrases;
+    if (vocabulary) phrases = *vocabulary;
+    backend_.startSession(*sessionId, locale.value_or(defaultLocale), phrases);
+  } else if (type == "audio") {
+    if (!sessionId || !source || !sequence || !capturedAt || !pcmBase64)
+      return writer_.error("audio requires sessionId, source, sequence, capturedAt, and pcmBase64");
+    backend_.appendAudio(*sessionId, *source, *sequence, *capturedAt, *pcmBase64);
+  } else if (type == "source.suppress") {
+    if (!sessionId || !source || !suppressed)
+      return writer_.error("source.suppress requires sessionId, source, and suppressed");
+    backend_.setSuppressed(*sessionId, *source, *suppressed);
+  } else if (type == "session.stop") {
+    if (!sessionId) return writer_.error("session.stop requires sessionId");
+    backend_.stopSession(*sessionId);
+  } else if (type == "shutdown") {
+    shutDown();
+  } else {
+    writer_.error(std::string("Unsupported command type: ").append(type), sessionId, source);
+  }
+}
+
+void CommandHandler::shutDown() {
+  backend_.stopAll();
+  platform_.process.exit(0);
+}
+
+}  // namespace palaver

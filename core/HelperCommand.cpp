@@ -1,0 +1,271 @@
+#include "core/HelperCommand.h"
+
+#if defined(__SSE2__)
+#define RAPIDJSON_SSE2
+#endif
+#include <rapidjson/reader.h>
+
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <string>
+
+#include "core/UTF8.h"
+
+namespace palaver {
+
+namespace {
+
+enum class Key {
+  type,
+  sessionId,
+  source,
+  locale,
+  vocabulary,
+  sequence,
+  capturedAt,
+  pcmBase64,
+  suppressed,
+  sentAt,
+  unknown
+};
+
+constexpr std::string_view keyNames[] = {"type",     "sessionId",  "source",    "locale",     "vocabulary",
+                                         "sequence", "capturedAt", "pcmBase64", "suppressed", "sentAt"};
+
+Key keyNamed(std::string_view name) {
+  for (int i = 0; i < static_cast<int>(Key::unknown); ++i)
+    if (keyNames[i] == name) return static_cast<Key>(i);
+  return Key::unknown;
+}
+
+std::string_view expectedType(Key key) {
+  switch (key) {
+    case Key::source:
+      return "\"remote\" or \"self\"";
+    case Key::vocabulary:
+      return "an array of strings";
+    case Key::sequence:
+      return "a whole number of at most 64 bits";
+    case Key::capturedAt:
+    case Key::sentAt:
+      return "a number";
+    case Key::suppressed:
+      return "true or false";
+    default:
+      return "a string";
+  }
+}
+
+// Receives the parser's events and fills a command. Every function returns whether parsing may go on; when
+// not, failure() says why.
+class CommandBuilder {
+ public:
+  // `escapes`: whether the line holds any backslash, so that a text may have come out as broken UTF-8 (an
+  // escaped lone surrogate).
+  explicit CommandBuilder(bool escapes) : escapes_(escapes) {}
+
+  const std::string& failure() const { return failure_; }
+  HelperCommand take() { return std::move(command_); }
+
+  bool Null() { return depth_ == 1 || isIgnored() || mismatch(); }
+  bool Bool(bool value) {
+    if (isIgnored()) return true;
+    if (depth_ != 1 || key_ != Key::suppressed) return mismatch();
+    command_.suppressed = value;
+    return true;
+  }
+  bool RawNumber(const char* digits, unsigned length, bool) {
+    if (isIgnored()) return true;
+    if (depth_ != 1) return mismatch();
+    const std::string_view text(digits, length);
+    switch (key_) {
+      case Key::sequence:
+        command_.sequence = wholeNumber(text);
+        return command_.sequence || mismatch();
+      case Key::capturedAt:
+        command_.capturedAt = number(text);
+        return true;
+      case Key::sentAt:
+        command_.sentAt = number(text);
+        return true;
+      default:
+        return mismatch();
+    }
+  }
+  bool String(const char* characters, unsigned length, bool) {
+    const std::string_view text(characters, length);
+    if (escapes_ && !isValidUTF8(text)) return fail("an escape sequence is half of a surrogate pair");
+    if (isIgnored()) return true;
+    if (depth_ == 2) {
+      command_.vocabulary->push_back(text);
+      return true;
+    }
+    if (depth_ != 1) return mismatch();
+    switch (key_) {
+      case Key::type:
+        command_.type = text;
+        return true;
+      case Key::sessionId:
+        command_.sessionId = text;
+        return true;
+      case Key::source:
+        command_.source = audioSource(text);
+        return command_.source || mismatch();
+      case Key::locale:
+        command_.locale = text;
+        return true;
+      case Key::pcmBase64:
+        command_.pcmBase64 = text;
+        return true;
+      default:
+        return mismatch();
+    }
+  }
+  bool Key(const char* characters, unsigned length, bool) {
+    const std::string_view name(characters, length);
+    if (escapes_ && !isValidUTF8(name)) return fail("an escape sequence is half of a surrogate pair");
+    if (depth_ != 1) return true;
+    key_ = keyNamed(name);
+    const unsigned bit = 1u << static_cast<unsigned>(key_);
+    if (seen_ & bit) key_ = Key::unknown;  // the first of a repeated key counts
+    seen_ |= bit;
+    return true;
+  }
+  bool StartObject() {
+    if (depth_ > 0 && !isIgnored()) return mismatch();
+    return enter();
+  }
+  bool EndObject(unsigned) { return leave(); }
+  bool StartArray() {
+    if (depth_ == 1 && key_ == Key::vocabulary) {
+      command_.vocabulary.emplace();
+    } else if (!isIgnored()) {
+      return mismatch();
+    }
+    return enter();
+  }
+  bool EndArray(unsigned) { return leave(); }
+
+  // The parser calls this for numbers only when it converts them itself, which it is told not to do.
+  bool Int(int) { return false; }
+  bool Uint(unsigned) { return false; }
+  bool Int64(std::int64_t) { return false; }
+  bool Uint64(std::uint64_t) { return false; }
+  bool Double(double) { return false; }
+
+  bool finish() {
+    const bool hasType = command_.type.data() != nullptr;
+    return hasType || fail("type is missing");
+  }
+
+ private:
+  enum Key currentKey() const { return key_; }
+
+  // Whether the value at hand belongs to no known key.
+  bool isIgnored() const { return depth_ > 0 && key_ == Key::unknown; }
+
+  bool enter() {
+    return ++depth_ <= maxNestingDepth ||
+           fail("nested deeper than " + std::to_string(maxNestingDepth) + " levels");
+  }
+  bool leave() {
+    --depth_;
+    return true;
+  }
+  bool mismatch() {
+    if (depth_ == 0) return fail("expected an object");
+    return fail(std::string(keyNames[static_cast<int>(key_)]).append(" must be ").append(expectedType(key_)));
+  }
+  bool fail(std::string why) {
+    failure_ = std::move(why);
+    return false;
+  }
+
+  static double number(std::string_view digits) {
+    return std::strtod(std::string(digits).c_str(),
+                       nullptr);  // in the "C" locale, which the helper never leaves
+  }
+  static std::optional<std::int64_t> wholeNumber(std::string_view digits) {
+    std::int64_t whole = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), whole);
+    if (error == std::errc() && end == digits.data() + digits.size()) return whole;
+    constexpr double limit = 0x1p63;
+    const double value = number(digits);
+    if (std::trunc(value) != value || value < -limit || value >= limit) return std::nullopt;
+    return static_cast<std::int64_t>(value);
+  }
+
+  HelperCommand command_;
+  std::string failure_;
+  int depth_ = 0;
+  enum Key key_ = Key::unknown;
+  unsigned seen_ = 0;
+  bool escapes_;
+};
+
+std::string_view description(rapidjson::ParseErrorCode code) {
+  switch (code) {
+    case rapidjson::kParseErrorDocumentEmpty:
+      return "the line is empty";
+    case rapidjson::kParseErrorDocumentRootNotSingular:
+      return "something follows the object";
+    case rapidjson::kParseErrorObjectMissName:
+      return "a key is missing";
+    case rapidjson::kParseErrorObjectMissColon:
+      return "a colon is missing";
+    case rapidjson::kParseErrorObjectMissCommaOrCurlyBracket:
+      return "a comma or } is missing";
+    case rapidjson::kParseErrorArrayMissCommaOrSquareBracket:
+      return "a comma or ] is missing";
+    case rapidjson::kParseErrorStringUnicodeEscapeInvalidHex:
+    case rapidjson::kParseErrorStringEscapeInvalid:
+      return "an escape sequence is invalid";
+    case rapidjson::kParseErrorStringUnicodeSurrogateInvalid:
+      return "an escape sequence is half of a surrogate pair";
+    case rapidjson::kParseErrorStringMissQuotationMark:
+      return "a string is not closed";
+    case rapidjson::kParseErrorStringInvalidEncoding:
+      return "a string holds a raw control character";
+    case rapidjson::kParseErrorNumberTooBig:
+      return "a number is too big";
+    case rapidjson::kParseErrorNumberMissFraction:
+    case rapidjson::kParseErrorNumberMissExponent:
+      return "a number is incomplete";
+    default:
+      return "a value is malformed";
+  }
+}
+
+std::string at(std::string_view what, std::size_t offset) {
+  return std::string(what).append(" at byte ").append(std::to_string(offset));
+}
+
+}  // namespace
+
+HelperCommand decodeHelperCommand(char* line, std::size_t length) {
+  unsigned char bits = 0;
+  unsigned char escapes = 0;
+  for (std::size_t i = 0; i < length; ++i) {
+    bits |= static_cast<unsigned char>(line[i]);
+    escapes |= static_cast<unsigned char>(line[i] == '\\');
+  }
+  if (bits >= 0x80 && !isValidUTF8({line, length})) throw DecodingError("the line is not valid UTF-8");
+
+  line[length] = '\0';
+  rapidjson::InsituStringStream stream(line);
+  CommandBuilder builder(escapes != 0);
+  rapidjson::Reader reader;
+  constexpr unsigned flags =
+      rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;
+  const auto result = reader.Parse<flags>(stream, builder);
+  if (result.Code() == rapidjson::kParseErrorTermination) throw DecodingError(builder.failure());
+  if (result.IsError() && result.Offset() >= length && result.Code() != rapidjson::kParseErrorDocumentEmpty)
+    throw DecodingError(at("the line ends too early", length));
+  if (result.IsError()) throw DecodingError(at(description(result.Code()), result.Offset()));
+  if (stream.Tell() != length) throw DecodingError(at("something follows the object", stream.Tell()));
+  if (!builder.finish()) throw DecodingError(builder.failure());
+  return builder.take();
+}
+
+}  // namespace palaver

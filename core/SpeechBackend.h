@@ -1,0 +1,57 @@
+// What the command channel asks of speech recognition, and the choice of the engine behind it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+
+#include "core/AudioSource.h"
+
+namespace palaver {
+
+class DictationProbe;
+class JSONLineWriter;
+struct Platform;
+
+// One instance serves the process. Every operation is called on the main thread, one at a time, in the order
+// in which the host's commands arrived: emitStatus() first, stopAll() last. None of them throws or returns a
+// result; every outcome is an event. Texts need to live only as long as the call.
+class SpeechBackend {
+ public:
+  virtual ~SpeechBackend() = default;
+
+  // The engine's name on the wire.
+  virtual std::string_view implementationName() const = 0;
+
+  // Reports the engine's readiness as a "helper.status" event.
+  virtual void emitStatus() = 0;
+
+  // Opens a session, replacing one of the same id.
+  virtual void startSession(std::string_view id, std::string_view locale,
+                            std::span<const std::string_view> vocabulary) = 0;
+
+  // Feeds one chunk. `capturedAt`: capture time of its first sample, ms since the Unix epoch. `pcmBase64`:
+  // Base64 of 16 kHz mono little-endian 16-bit samples. The session need not exist.
+  virtual void appendAudio(std::string_view sessionId, AudioSource source, std::int64_t sequence,
+                           double capturedAt, std::string_view pcmBase64) = 0;
+
+  // Mutes a source (what it has not finalised is dropped) or opens it again.
+  virtual void setSuppressed(std::string_view sessionId, AudioSource source, bool suppressed) = 0;
+
+  virtual void stopSession(std::string_view id) = 0;
+
+  // Ends every session; the process exits right after.
+  virtual void stopAll() = 0;
+
+ protected:
+  SpeechBackend() = default;
+  SpeechBackend(const SpeechBackend&) = default;
+  SpeechBackend& operator=(const SpeechBackend&) = default;
+};
+
+// The backend for this operating system.
+std::unique_ptr<SpeechBackend> makeSpeechBackend(Platform& platform, JSONLineWriter& writer,
+                                                 DictationProbe& dictation);
+
+}  // namespace palaver

@@ -1,0 +1,43 @@
+#include "platform/makePlatform.h"
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include "platform/linux/LinuxSpeechRecognition.h"
+#include "platform/posix/MemoryAudioBuffers.h"
+#include "platform/posix/POSIXProcess.h"
+#include "platform/posix/POSIXStreams.h"
+#include "platform/posix/SystemClock.h"
+#include "platform/posix/ThreadedMainQueue.h"
+
+namespace palaver {
+
+namespace {
+
+struct LinuxPlatform {
+  LinuxPlatform(int argumentCount, char** arguments) : process(argumentCount, arguments) {}
+
+  SystemClock clock;
+  POSIXProcess process;
+  ThreadedMainQueue mainQueue;
+  DescriptorInput standardInput{STDIN_FILENO};
+  DescriptorOutput standardOutput{STDOUT_FILENO};
+  DescriptorOutput standardError{STDERR_FILENO};
+  MemoryAudioBuffers audioBuffers;
+  LinuxSpeechRecognition speechRecognition;
+  Platform platform{clock,          process,       mainQueue,    standardInput,
+                    standardOutput, standardError, audioBuffers, speechRecognition};
+};
+
+}  // namespace
+
+Platform& makePlatform(int argumentCount, char** arguments) {
+  prepareStandardStreams();
+  // A fixed threshold keeps blocks of input in mappings of their own, which go back to the system when they
+  // are freed; the library's default raises it after the first large block.
+  mallopt(M_MMAP_THRESHOLD, 128 << 10);
+  static LinuxPlatform linuxPlatform(argumentCount, arguments);
+  return linuxPlatform.platform;
+}
+
+}  // namespace palaver

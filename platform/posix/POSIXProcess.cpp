@@ -1,0 +1,19 @@
+#include "platform/posix/POSIXProcess.h"
+
+#include <cstdlib>
+
+namespace palaver {
+
+std::optional<std::string> POSIXProcess::environmentVariable(std::string_view name) const {
+  const char* const value = std::getenv(std::string(name).c_str());
+  if (!value) return std::nullopt;
+  return value;
+}
+
+// Other threads (the reader, a recognizer at work) still run, so nothing that they use may be destroyed. No
+// stream of the C or C++ library is in use that would want flushing.
+void POSIXProcess::terminate(int status) {
+  std::_Exit(status);
+}
+
+}  // namespace palaver

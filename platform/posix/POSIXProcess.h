@@ -1,0 +1,22 @@
+// A process of a POSIX system that is not macOS.
+#pragma once
+
+#include "platform/Process.h"
+
+namespace palaver {
+
+class POSIXProcess final : public Process {
+ public:
+  POSIXProcess(int argumentCount, char** arguments) : arguments_(arguments, arguments + argumentCount) {}
+
+  const std::vector<std::string>& arguments() const override { return arguments_; }
+  std::optional<std::string> environmentVariable(std::string_view name) const override;
+  bool isMacOSAtLeast(OperatingSystemVersion) const override { return false; }
+
+ private:
+  void terminate(int status) override;
+
+  const std::vector<std::string> arguments_;
+};
+
+}  // namespace palaver
