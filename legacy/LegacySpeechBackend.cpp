@@ -118,7 +118,8 @@ void LegacySpeechBackend::reportDictationDisabled(const ChannelKey& key) {
   emitStatus();
 }
 
-void LegacySpeechBackend::handleDictationDisabled(const ChannelKey& key) {
+// By value: the key of the caller goes with the channel.
+void LegacySpeechBackend::handleDictationDisabled(ChannelKey key) {
   dictation_.recordDisabled();
   channels_.erase(key);  // dropped, not finished
   reportDictationDisabled(key);
