@@ -13,7 +13,9 @@ namespace palaver {
 
 namespace {
 
-constexpr int quality = 5;  // of 0 to 10
+// Of 0 to 10: the lowest that keeps 95 dB at 7 kHz for every rate up to 96 kHz (quality 5: 54 dB). Holds back
+// 48 input frames, 3 ms at 16 kHz; more when the rate goes down.
+constexpr int quality = 6;
 
 bool isServed(const AudioFormat& format) {
   return format.channelCount == 1 &&

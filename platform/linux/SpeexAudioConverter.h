@@ -6,7 +6,7 @@
 namespace palaver {
 
 // Mono to mono, 16-bit or 32-bit float samples on either side, any pair of whole rates (Hz). The first output
-// sample is the first input sample, whatever the prime method; 41 input frames or fewer are held back between
+// sample is the first input sample, whatever the prime method; a few milliseconds of input are held back between
 // calls.
 class SpeexAudioConverters final : public AudioConverters {
  public:
