@@ -257,13 +257,13 @@ std::string_view description(rapidjson::ParseErrorCode code, std::string_view li
       return "a comma or ] is missing";
     case rapidjson::kParseErrorStringUnicodeEscapeInvalidHex:
     case rapidjson::kParseErrorStringEscapeInvalid:
-      return atControlCharacter ? "a string holds a raw control character" : "an escape sequence is invalid";
+      return atControlCharacter ? "a raw control character" : "an escape sequence is invalid";
     case rapidjson::kParseErrorStringUnicodeSurrogateInvalid:
       return "an escape sequence is half of a surrogate pair";
     case rapidjson::kParseErrorStringMissQuotationMark:
-      return atControlCharacter ? "a string holds a raw control character" : "a string is not closed";
+      return atControlCharacter ? "a raw control character" : "a string is not closed";
     case rapidjson::kParseErrorStringInvalidEncoding:
-      return "a string holds a raw control character";
+      return "a raw control character";
     case rapidjson::kParseErrorNumberTooBig:
       return "a number is too big";
     case rapidjson::kParseErrorNumberMissFraction:
@@ -272,6 +272,11 @@ std::string_view description(rapidjson::ParseErrorCode code, std::string_view li
     default:
       return "a value is malformed";
   }
+}
+
+// The parser's vector code lets U+001A to U+001F pass in strings. They are allowed nowhere in JSON.
+bool isMissedControl(char byte) {
+  return static_cast<unsigned char>(byte - 0x1A) <= 0x1F - 0x1A;
 }
 
 std::string at(std::string_view what, std::size_t offset) {
@@ -283,11 +288,18 @@ std::string at(std::string_view what, std::size_t offset) {
 HelperCommand decodeHelperCommand(char* line, std::size_t length) {
   unsigned char bits = 0;
   unsigned char escapes = 0;
+  unsigned char missedControls = 0;
   for (std::size_t i = 0; i < length; ++i) {
-    bits |= static_cast<unsigned char>(line[i]);
-    escapes |= static_cast<unsigned char>(line[i] == '\\');
+    const auto byte = static_cast<unsigned char>(line[i]);
+    bits |= byte;
+    escapes |= static_cast<unsigned char>(byte == '\\');
+    missedControls |= static_cast<unsigned char>(isMissedControl(line[i]));
   }
   if (bits >= 0x80 && !isValidUTF8({line, length})) throw DecodingError("the line is not valid UTF-8");
+  if (missedControls) {
+    const auto* const found = std::find_if(line, line + length, isMissedControl);
+    throw DecodingError(at("a raw control character", static_cast<std::size_t>(found - line)));
+  }
 
   line[length] = '\0';
   rapidjson::InsituStringStream stream(line);

@@ -347,16 +347,20 @@ TEST(HelperCommandTest, HalfASurrogatePairIsRefusedInKeysAndValues) {
   }
 }
 
-TEST(HelperCommandTest, ARawControlCharacterInAStringIsRefused) {
+TEST(HelperCommandTest, ARawControlCharacterInAStringIsRefusedAtEveryPlace) {
+  // At every offset from the parser's vector steps, before and behind an escape.
   for (int character = 0; character < 0x20; ++character) {
     const std::string raw(1, static_cast<char>(character));
-    EXPECT_EQ(failureOf("{\"type\":\"a" + raw + "b\"}"), "a string holds a raw control character at byte 10")
-        << character;
-    EXPECT_EQ(failureOf("{\"type\":\"a\",\"" + raw + "\":1}"),
-              "a string holds a raw control character at byte 13")
-        << character;
-    EXPECT_EQ(failureOf("{\"type\":\"\\n" + raw + "\"}"), "a string holds a raw control character at byte 11")
-        << character;
+    for (std::size_t before = 0; before < 48; ++before)
+      for (const std::string escape : {"", "\\n"}) {
+        const std::string text = escape + std::string(before, 'x');
+        ASSERT_EQ(failureOf("{\"type\":\"" + text + raw + "yyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyy\"}"),
+                  "a raw control character at byte " + std::to_string(9 + text.size()))
+            << character;
+        ASSERT_EQ(failureOf("{\"type\":\"a\",\"" + text + raw + "yyyyyyyyyyyyyyyyyyyyyyyyyyyyy\":1}"),
+                  "a raw control character at byte " + std::to_string(13 + text.size()))
+            << character;
+      }
   }
   EXPECT_TRUE(DecodedLine("{\"type\":\"a\x7F\"}").accepted());
 }
