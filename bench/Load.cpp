@@ -35,10 +35,9 @@ std::string encodeBase64(const std::vector<std::int16_t>& samples) {
   return text;
 }
 
-// Hands the bytes to the pipe on standard output, by reference where it is a pipe that takes them so. The
-// bytes must stay unchanged until they have been read.
-bool give(std::string_view bytes) {
-  static bool byReference = true;
+// Hands the bytes to standard output, by copy or by reference; the latter falls back to the former where
+// there is no pipe. Bytes given by reference must stay unchanged until they have been read.
+bool give(std::string_view bytes, bool& byReference) {
   while (!bytes.empty()) {
     ssize_t count;
     if (byReference) {
@@ -98,14 +97,14 @@ std::string Load::lines(std::size_t count) const {
   return text;
 }
 
-int runWriter(int sessions, std::size_t lines) {
+int runWriter(int sessions, std::size_t lines, bool byReference) {
   constexpr std::size_t most = 4096;  // lines in memory, given again and again
   const Load load(sessions);
   const std::string many = load.lines(std::min(lines, most));
   const std::string rest = load.lines(lines % most);
-  bool written = give(load.opening());
-  for (std::size_t i = 0; written && i < lines / most; ++i) written = give(many);
-  if (written) written = give(rest);
+  bool written = give(load.opening(), byReference);
+  for (std::size_t i = 0; written && i < lines / most; ++i) written = give(many, byReference);
+  if (written) written = give(rest, byReference);
   return written ? 0 : 1;
 }
 

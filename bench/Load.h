@@ -32,9 +32,9 @@ class Load {
   std::string opening_;
 };
 
-// Writes the opening of the load and then `lines` lines of it to standard output, from memory and with as
-// little work as the system allows, so that whoever reads is what is measured. Returns the exit status of the
-// process.
-int runWriter(int sessions, std::size_t lines);
+// Writes the opening of the load and then `lines` lines of it to standard output, from memory: by copy,
+// as hosts write, or by reference, which costs next to nothing, so that the reader is what is measured.
+// Returns the exit status of the process.
+int runWriter(int sessions, std::size_t lines, bool byReference);
 
 }  // namespace palaver::bench

@@ -13,13 +13,25 @@ double monotonicSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-double processorSeconds() {
+namespace {
+
+double used(int whose) {
   rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
+  ::getrusage(whose, &usage);
   const auto seconds = [](const timeval& time) {
     return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
   };
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+}  // namespace
+
+double processorSeconds() {
+  return used(RUSAGE_SELF);
+}
+
+double threadProcessorSeconds() {
+  return used(RUSAGE_THREAD);
 }
 
 double residentBytes() {

@@ -11,6 +11,9 @@ double monotonicSeconds();
 // Processor time of all threads of this process, user and system, seconds.
 double processorSeconds();
 
+// Processor time of the calling thread alone, seconds.
+double threadProcessorSeconds();
+
 // Resident memory of this process, bytes.
 double residentBytes();
 

@@ -24,6 +24,9 @@ const std::vector<std::pair<std::string, std::vector<Row> (*)()>> measurements{
     {"memory", measureMemory}};
 
 int play(std::span<char*> arguments) {
+  const auto write = [&](bool byReference) {
+    return runWriter(std::atoi(arguments[3]), std::strtoul(arguments[4], nullptr, 10), byReference);
+  };
   const std::map<std::string, std::function<int()>> roles{
       {"limit", runLimit},
       {"wake-up", runWakeUp},
@@ -31,8 +34,8 @@ int play(std::span<char*> arguments) {
       {"path-arrivals", [&] { return runPathArrivals(1, arguments.data()); }},
       {"path-stalled", [&] { return runStalledPath(1, arguments.data()); }},
       {"path-memory", [&] { return runPathMemory(1, arguments.data()); }},
-      {"writer",
-       [&] { return runWriter(std::atoi(arguments[3]), std::strtoul(arguments[4], nullptr, 10)); }}};
+      {"writer", [&] { return write(true); }},
+      {"copying-writer", [&] { return write(false); }}};
   return roles.at(arguments[2])();
 }
 

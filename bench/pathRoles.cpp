@@ -83,13 +83,18 @@ struct Path {
 
   void reportAtExit() {
     process.atExit = [this] {
+      const double all = processorSeconds() - processorStart;
+      const double mainThread = threadProcessorSeconds() - mainThreadStart;
       report("seconds", monotonicSeconds() - start);
-      report("processor", processorSeconds() - processorStart);
+      report("processor", all);
+      report("main", mainThread);
+      report("reader", all - mainThread);
       report("buffers", static_cast<double>(recognition.buffers()));
     };
     waitForInput();
     start = monotonicSeconds();
     processorStart = processorSeconds();
+    mainThreadStart = threadProcessorSeconds();
   }
   int run() {
     machine.standardInput.start(channel);
@@ -120,6 +125,7 @@ struct Path {
   CommandChannel channel{platform.mainQueue, writer, handler};
   double start = 0;
   double processorStart = 0;
+  double mainThreadStart = 0;
 };
 
 }  // namespace

@@ -13,7 +13,7 @@ int runLimit();
 int runWakeUp();
 
 // The helper's whole path up to a recognition that counts. Figures: buffers, seconds from the first byte,
-// processor (seconds).
+// processor (seconds of both threads), reader and main (seconds of each thread).
 int runPath(int argumentCount, char** arguments);
 
 // The same; prints the monotonic time (seconds) at which each buffer reached the recognizer.
