@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "core/JSONLineWriter.h"
+#include "core/StatusReport.h"
 #include "platform/Platform.h"
 
 namespace palaver {
@@ -14,6 +15,10 @@ constexpr double waitSliceMilliseconds = 50;
 }  // namespace
 
 void requestLegacyAuthorization(Platform& platform, JSONLineWriter& writer) {
+  if (hasSpeechAnalyzer(platform.process)) {
+    writer.write({{"type", "helper.authorization"}, {"status", "not-required"}, {"authorized", true}});
+    return;
+  }
   // Shared with the handler, which may be called on any thread.
   const std::shared_ptr<Semaphore> answered = platform.mainQueue.makeSemaphore();
   platform.speechRecognition.requestAuthorization([answered, &writer](AuthorizationStatus status) {

@@ -6,8 +6,8 @@ namespace palaver {
 class JSONLineWriter;
 struct Platform;
 
-// Asks, waits for the answer however long it takes, and writes it as one "helper.authorization" event. Main
-// thread.
+// From macOS 26 on no permission is needed, and the event says so. Before it: asks, waits for the answer
+// however long it takes, and writes it as one "helper.authorization" event. Main thread.
 void requestLegacyAuthorization(Platform& platform, JSONLineWriter& writer);
 
 }  // namespace palaver

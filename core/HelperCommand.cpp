@@ -5,9 +5,11 @@
 #endif
 #include <rapidjson/reader.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <string>
 
 #include "core/UTF8.h"
@@ -57,6 +59,41 @@ std::string_view expectedType(Key key) {
   }
 }
 
+template <typename Integer>
+std::optional<Integer> integer(std::string_view digits) {
+  Integer value = 0;
+  const auto* const end = digits.data() + digits.size();
+  const auto [rest, error] = std::from_chars(digits.data(), end, value);
+  if (error != std::errc() || rest != end) return std::nullopt;
+  return value;
+}
+
+// The value of a number if it is whole and fits. Exact, where a double would round what has more than 53
+// bits.
+std::optional<std::int64_t> wholeNumber(std::string_view number) {
+  if (const auto plain = integer<std::int64_t>(number)) return plain;
+  const std::size_t mark = std::min(number.find_first_of("eE"), number.size());
+  std::string digits(number.substr(0, mark));  // and the sign
+  if (digits.find_first_of("123456789") == std::string::npos) return 0;
+
+  // The number as digits without a point and a power of ten.
+  std::int64_t exponent = 0;
+  if (mark < number.size()) {
+    auto text = number.substr(mark + 1);
+    if (text.front() == '+') text.remove_prefix(1);
+    const auto value = integer<std::int32_t>(text);
+    if (!value) return std::nullopt;
+    exponent = *value;
+  }
+  if (const auto point = digits.find('.'); point != std::string::npos) {
+    exponent -= static_cast<std::int64_t>(digits.size() - point - 1);
+    digits.erase(point, 1);
+  }
+  for (; digits.back() == '0'; ++exponent) digits.pop_back();
+  if (exponent < 0 || exponent > std::numeric_limits<std::int64_t>::digits10) return std::nullopt;
+  return integer<std::int64_t>(digits.append(static_cast<std::size_t>(exponent), '0'));
+}
+
 // Receives the parser's events and fills a command. Every function returns whether parsing may go on; when
 // not, failure() says why.
 class CommandBuilder {
@@ -76,9 +113,11 @@ class CommandBuilder {
     return true;
   }
   bool RawNumber(const char* digits, unsigned length, bool) {
+    const std::string_view text(digits, length);
+    // The parser refuses most numbers that no double can hold, but lets some pass.
+    if (mayOverflow(text) && !std::isfinite(number(text))) return fail("a number is too big");
     if (isIgnored()) return true;
     if (depth_ != 1) return mismatch();
-    const std::string_view text(digits, length);
     switch (key_) {
       case Key::sequence:
         command_.sequence = wholeNumber(text);
@@ -186,14 +225,9 @@ class CommandBuilder {
     return std::strtod(std::string(digits).c_str(),
                        nullptr);  // in the "C" locale, which the helper never leaves
   }
-  static std::optional<std::int64_t> wholeNumber(std::string_view digits) {
-    std::int64_t whole = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), whole);
-    if (error == std::errc() && end == digits.data() + digits.size()) return whole;
-    constexpr double limit = 0x1p63;
-    const double value = number(digits);
-    if (std::trunc(value) != value || value < -limit || value >= limit) return std::nullopt;
-    return static_cast<std::int64_t>(value);
+  static bool mayOverflow(std::string_view number) {
+    return number.size() > std::numeric_limits<double>::max_exponent10 ||
+           number.find_first_of("eE") != std::string_view::npos;
   }
 
   HelperCommand command_;
@@ -204,10 +238,13 @@ class CommandBuilder {
   bool escapes_;
 };
 
-std::string_view description(rapidjson::ParseErrorCode code) {
+// Why the parser stopped at byte `offset` of `line`.
+std::string_view description(rapidjson::ParseErrorCode code, std::string_view line, std::size_t offset) {
+  // The parser has no code of its own for a raw control character.
+  const bool atControlCharacter = offset < line.size() && static_cast<unsigned char>(line[offset]) < 0x20;
   switch (code) {
     case rapidjson::kParseErrorDocumentEmpty:
-      return "the line is empty";
+      return offset < line.size() ? "a value is malformed" : "the line is empty";
     case rapidjson::kParseErrorDocumentRootNotSingular:
       return "something follows the object";
     case rapidjson::kParseErrorObjectMissName:
@@ -220,13 +257,13 @@ std::string_view description(rapidjson::ParseErrorCode code) {
       return "a comma or ] is missing";
     case rapidjson::kParseErrorStringUnicodeEscapeInvalidHex:
     case rapidjson::kParseErrorStringEscapeInvalid:
-      return "an escape sequence is invalid";
+      return atControlCharacter ? "a raw control character" : "an escape sequence is invalid";
     case rapidjson::kParseErrorStringUnicodeSurrogateInvalid:
       return "an escape sequence is half of a surrogate pair";
     case rapidjson::kParseErrorStringMissQuotationMark:
-      return "a string is not closed";
+      return atControlCharacter ? "a raw control character" : "a string is not closed";
     case rapidjson::kParseErrorStringInvalidEncoding:
-      return "a string holds a raw control character";
+      return "a raw control character";
     case rapidjson::kParseErrorNumberTooBig:
       return "a number is too big";
     case rapidjson::kParseErrorNumberMissFraction:
@@ -235,6 +272,11 @@ std::string_view description(rapidjson::ParseErrorCode code) {
     default:
       return "a value is malformed";
   }
+}
+
+// The parser's vector code lets U+001A to U+001F pass in strings. They are allowed nowhere in JSON.
+bool isMissedControl(char byte) {
+  return static_cast<unsigned char>(byte - 0x1A) <= 0x1F - 0x1A;
 }
 
 std::string at(std::string_view what, std::size_t offset) {
@@ -246,11 +288,18 @@ std::string at(std::string_view what, std::size_t offset) {
 HelperCommand decodeHelperCommand(char* line, std::size_t length) {
   unsigned char bits = 0;
   unsigned char escapes = 0;
+  unsigned char missedControls = 0;
   for (std::size_t i = 0; i < length; ++i) {
-    bits |= static_cast<unsigned char>(line[i]);
-    escapes |= static_cast<unsigned char>(line[i] == '\\');
+    const auto byte = static_cast<unsigned char>(line[i]);
+    bits |= byte;
+    escapes |= static_cast<unsigned char>(byte == '\\');
+    missedControls |= static_cast<unsigned char>(isMissedControl(line[i]));
   }
   if (bits >= 0x80 && !isValidUTF8({line, length})) throw DecodingError("the line is not valid UTF-8");
+  if (missedControls) {
+    const auto* const found = std::find_if(line, line + length, isMissedControl);
+    throw DecodingError(at("a raw control character", static_cast<std::size_t>(found - line)));
+  }
 
   line[length] = '\0';
   rapidjson::InsituStringStream stream(line);
@@ -262,7 +311,8 @@ HelperCommand decodeHelperCommand(char* line, std::size_t length) {
   if (result.Code() == rapidjson::kParseErrorTermination) throw DecodingError(builder.failure());
   if (result.IsError() && result.Offset() >= length && result.Code() != rapidjson::kParseErrorDocumentEmpty)
     throw DecodingError(at("the line ends too early", length));
-  if (result.IsError()) throw DecodingError(at(description(result.Code()), result.Offset()));
+  if (result.IsError())
+    throw DecodingError(at(description(result.Code(), {line, length}, result.Offset()), result.Offset()));
   if (stream.Tell() != length) throw DecodingError(at("something follows the object", stream.Tell()));
   if (!builder.finish()) throw DecodingError(builder.failure());
   return builder.take();

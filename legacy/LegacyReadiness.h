@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/JSONLineWriter.h"
+#include "core/StatusReport.h"
 #include "legacy/DictationProbe.h"
 #include "platform/SpeechRecognition.h"
 
@@ -11,11 +12,6 @@ struct Platform;
 
 // The engine's name on the wire.
 inline constexpr std::string_view legacyImplementationName = "sf-speech-recognizer";
-
-// The language that status and health reports speak of, whatever languages sessions use.
-inline constexpr std::string_view statusLocale = "ja-JP";
-
-inline constexpr int protocolVersion = 1;
 
 struct LegacyReadiness {
   AuthorizationStatus authorization;

@@ -2,11 +2,15 @@
 #pragma once
 
 #include "platform/AudioBuffer.h"
+#include "platform/AudioConverter.h"
+#include "platform/AudioFile.h"
 #include "platform/Clock.h"
 #include "platform/MainQueue.h"
 #include "platform/Process.h"
+#include "platform/SpeechAnalysis.h"
 #include "platform/SpeechRecognition.h"
 #include "platform/StandardStreams.h"
+#include "platform/Tasks.h"
 
 namespace palaver {
 
@@ -20,6 +24,10 @@ struct Platform {
   OutputStream& standardError;
   AudioBuffers& audioBuffers;
   SpeechRecognition& speechRecognition;
+  SpeechAnalysis& speechAnalysis;
+  AudioConverters& audioConverters;
+  AudioFiles& audioFiles;
+  Tasks& tasks;
 };
 
 }  // namespace palaver

@@ -3,11 +3,14 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include "platform/linux/AbsentServices.h"
 #include "platform/linux/LinuxSpeechRecognition.h"
+#include "platform/linux/SpeexAudioConverter.h"
 #include "platform/posix/MemoryAudioBuffers.h"
 #include "platform/posix/POSIXProcess.h"
 #include "platform/posix/POSIXStreams.h"
 #include "platform/posix/SystemClock.h"
+#include "platform/posix/ThreadPoolTasks.h"
 #include "platform/posix/ThreadedMainQueue.h"
 
 namespace palaver {
@@ -25,8 +28,13 @@ struct LinuxPlatform {
   DescriptorOutput standardError{STDERR_FILENO};
   MemoryAudioBuffers audioBuffers;
   LinuxSpeechRecognition speechRecognition;
-  Platform platform{clock,          process,       mainQueue,    standardInput,
-                    standardOutput, standardError, audioBuffers, speechRecognition};
+  AbsentSpeechAnalysis speechAnalysis;
+  SpeexAudioConverters audioConverters;
+  AbsentAudioFiles audioFiles;
+  ThreadPoolTasks tasks;
+  Platform platform{clock,          process,         mainQueue,    standardInput,
+                    standardOutput, standardError,   audioBuffers, speechRecognition,
+                    speechAnalysis, audioConverters, audioFiles,   tasks};
 };
 
 }  // namespace

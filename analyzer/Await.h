@@ -1,0 +1,43 @@
+// Platform completions as awaitable values.
+#pragma once
+
+#include <asio/associated_executor.hpp>
+#include <asio/async_result.hpp>
+#include <asio/awaitable.hpp>
+#include <asio/post.hpp>
+#include <asio/use_awaitable.hpp>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "platform/PlatformError.h"
+
+namespace palaver {
+
+// Calls `start` with a completion and waits until that is called, on whatever thread; the coroutine goes on
+// where it runs. A completion that is never called keeps the coroutine waiting, and destroys it when the
+// completion is destroyed.
+template <typename Result, typename Start>
+asio::awaitable<Result> completionOf(Start start) {
+  co_return co_await asio::async_initiate<const asio::use_awaitable_t<>, void(Result)>(
+      [](auto handler, Start begin) {
+        // std::function wants a copyable completion; the handler is not.
+        const auto shared = std::make_shared<decltype(handler)>(std::move(handler));
+        begin(std::function<void(Result)>([shared](Result result) {
+          const auto executor = asio::get_associated_executor(*shared);
+          asio::post(executor,
+                     [shared, result = std::move(result)]() mutable { (*shared)(std::move(result)); });
+        }));
+      },
+      asio::use_awaitable, std::move(start));
+}
+
+// The same for an operation that may fail: throws its error.
+template <typename Start>
+asio::awaitable<void> successOf(Start start) {
+  const auto error = co_await completionOf<std::optional<PlatformError>>(std::move(start));
+  if (error) throw *error;
+}
+
+}  // namespace palaver

@@ -1,0 +1,65 @@
+// A value that comes once and is awaited by many, all on one serial executor.
+#pragma once
+
+#include <asio/async_result.hpp>
+#include <asio/awaitable.hpp>
+#include <asio/use_awaitable.hpp>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace palaver {
+
+// Confined to the executor of the coroutines that use it; nothing is locked. Waiters go on in the order in
+// which they came, inside resolve() or reject(), so that nobody who comes later can overtake them.
+template <typename Value>
+class SerialPromise {
+ public:
+  void resolve(Value value) { settle(std::move(value)); }
+  void reject(std::exception_ptr error) { settle(std::move(error)); }
+
+  // The value will never come: those who wait are destroyed. Breaks the circle of a promise and waiters that
+  // keep its owner.
+  void abandon() { std::exchange(waiters_, {}).clear(); }
+
+  // Abandons the promise when the coroutine that was to settle it ends or is destroyed.
+  class Keeper {
+   public:
+    explicit Keeper(SerialPromise& promise) : promise_(promise) {}
+    ~Keeper() { promise_.abandon(); }
+    Keeper(const Keeper&) = delete;
+    Keeper& operator=(const Keeper&) = delete;
+
+   private:
+    SerialPromise& promise_;
+  };
+
+  // The value, or the error thrown. The promise must outlive the wait.
+  asio::awaitable<Value> value() {
+    if (std::holds_alternative<std::monostate>(outcome_)) {
+      co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(
+          [this](auto handler) {
+            const auto shared = std::make_shared<decltype(handler)>(std::move(handler));
+            waiters_.push_back([shared] { (*shared)(); });
+          },
+          asio::use_awaitable);
+    }
+    if (const auto* error = std::get_if<std::exception_ptr>(&outcome_)) std::rethrow_exception(*error);
+    co_return std::get<Value>(outcome_);
+  }
+
+ private:
+  template <typename Outcome>
+  void settle(Outcome outcome) {
+    outcome_ = std::move(outcome);
+    for (const auto& waiter : std::exchange(waiters_, {})) waiter();
+  }
+
+  std::variant<std::monostate, Value, std::exception_ptr> outcome_;
+  std::vector<std::function<void()>> waiters_;
+};
+
+}  // namespace palaver

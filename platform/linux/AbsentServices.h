@@ -1,0 +1,48 @@
+// What this system does not have: stream-based speech analysis, and with it the reading of sound files for
+// it.
+#pragma once
+
+#include "platform/AudioFile.h"
+#include "platform/SpeechAnalysis.h"
+
+namespace palaver {
+
+// Says of itself that it is not there. The helper does not ask for anything else on such a system.
+class AbsentSpeechAnalysis final : public SpeechAnalysis, public AssetInventory {
+ public:
+  bool isTranscriberAvailable() const override { return false; }
+  void supportedLocale(std::string_view,
+                       std::function<void(std::optional<std::string>)> completion) override {
+    completion(std::nullopt);
+  }
+  std::shared_ptr<SpeechTranscriber> makeTranscriber(std::string_view, TranscriberPreset) override {
+    return nullptr;
+  }
+  void bestAvailableAudioFormat(const std::shared_ptr<SpeechTranscriber>&,
+                                std::function<void(std::optional<AudioFormat>)> completion) override {
+    completion(std::nullopt);
+  }
+  AnalyzerWithInput makeAnalyzer(const std::shared_ptr<SpeechTranscriber>&,
+                                 const std::vector<std::string>&) override {
+    return {};
+  }
+  AssetInventory& assetInventory() override { return *this; }
+
+  void status(const std::shared_ptr<SpeechTranscriber>&,
+              std::function<void(AssetStatus)> completion) override {
+    completion(AssetStatus::unsupported);
+  }
+  void assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>&,
+                                std::function<void(InstallationRequest)> completion) override {
+    completion(PlatformError("PalaverSTT", -1, "Speech analysis is not available on this system"));
+  }
+};
+
+class AbsentAudioFiles final : public AudioFiles {
+ public:
+  std::unique_ptr<AudioFile> openForReading(const std::string&) override {
+    throw PlatformError("PalaverSTT", -1, "Sound files cannot be read on this system");
+  }
+};
+
+}  // namespace palaver

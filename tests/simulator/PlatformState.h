@@ -1,0 +1,34 @@
+// The state of the simulated machine as files give it.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/simulated/SimulatedPlatform.h"
+#include "tests/simulator/ObjectReader.h"
+
+namespace palaver {
+
+struct PlatformState {
+  RecognitionState recognition;
+  SimulatedAudioBuffers::Fault audioBuffers = SimulatedAudioBuffers::Fault::none;
+  double clockShift = 0;  // ms
+  bool slicesDeliverInsideJobs = true;
+};
+
+// Changes in `state` what the object names and leaves the rest. Throws FileError.
+void readPlatformState(const JSON& value, const std::string& where, PlatformState& state);
+
+// Puts the machine into that state. Its recognition counts too, also when the machine was made with it.
+void apply(const PlatformState& state, SimulatedPlatform& platform);
+
+// The system of a text such as "macOS 15.4"; none for "Linux". Throws FileError.
+std::optional<OperatingSystemVersion> readSystem(const std::string& text, const std::string& where);
+
+// A platform error: the name of a well-known one, or an object with domain, code and text. Throws FileError.
+PlatformError readPlatformError(const JSON& value, const std::string& where);
+
+// What a recognizer answers: an object with partial or final (text), segments, error. Throws FileError.
+RecognitionAnswer readRecognitionAnswer(ObjectReader& reader);
+
+}  // namespace palaver

@@ -1,0 +1,54 @@
+// A scenario: what the host says, what the platform does, and what must come out, with times.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/simulated/SimulatedPlatform.h"
+#include "tests/simulator/ObjectReader.h"
+#include "tests/simulator/PlatformState.h"
+
+namespace palaver {
+
+// What an action of a scenario works on.
+struct Stage {
+  SimulatedPlatform& platform;
+  PlatformState state;
+  std::vector<std::string> complaints;  // what an action could not do
+};
+
+// Something that happens at a time of its own, in the background.
+struct ScenarioAction {
+  double time;  // ms since the start
+  std::function<void(Stage&)> perform;
+};
+
+// A line that must come out.
+struct ExpectedLine {
+  double time;       // ms since the start
+  JSON event;        // the pattern of an event, or null
+  std::string text;  // the exact line, when there is no pattern
+};
+
+struct Scenario {
+  std::string title;
+  SimulatedSettings settings;  // without the seed
+  PlatformState state;
+  std::vector<std::optional<std::uint64_t>> seeds{std::nullopt};  // one run for each
+  double until = 24 * 60 * 60 * 1000;  // ms since the start; time at which a helper that still runs is left
+  std::optional<int> exitStatus;       // none: it still runs in the end
+  std::vector<ScenarioAction> actions;
+  std::vector<ExpectedLine> output;
+  std::vector<ExpectedLine> errorOutput;
+  std::optional<std::vector<JSON>> requests;  // patterns, of which the keys given count
+  std::optional<std::vector<JSON>> probes;
+};
+
+// Reads and validates a scenario. Throws FileError.
+Scenario readScenario(const std::filesystem::path& path);
+
+}  // namespace palaver

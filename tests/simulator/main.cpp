@@ -1,0 +1,48 @@
+// PalaverSTTSimulator: the helper on a simulated machine, for tests.
+#include <cstdio>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "tests/simulator/ScenarioRunner.h"
+
+namespace palaver {
+
+namespace {
+
+constexpr const char* usage =
+    "Usage: PalaverSTTSimulator run FILE...\n"
+    "         plays scenarios in virtual time; exit status 1 when one fails\n";
+
+bool playFile(const std::filesystem::path& path) {
+  const auto report = [&]() -> std::optional<std::string> {
+    try {
+      return play(readScenario(path));
+    } catch (const FileError& error) {
+      return "  " + std::string(error.what()) + "\n";
+    }
+  }();
+  std::printf("%s %s\n", report ? "FAILED" : "passed", path.stem().string().c_str());
+  if (report) std::printf("%s", report->c_str());
+  return !report;
+}
+
+int run(std::span<char*> paths) {
+  int failures = 0;
+  for (const char* const path : paths) failures += playFile(path) ? 0 : 1;
+  if (paths.size() > 1) std::printf("%zu scenarios, %d failed\n", paths.size(), failures);
+  return failures == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+}  // namespace palaver
+
+int main(int argumentCount, char** arguments) {
+  const std::span all(arguments, static_cast<std::size_t>(argumentCount));
+  const std::string_view mode = all.size() > 1 ? all[1] : "";
+  if (mode == "run" && all.size() > 2) return palaver::run(all.subspan(2));
+  std::fputs(palaver::usage, stderr);
+  return 2;
+}
