@@ -15,6 +15,7 @@ std::vector<std::string> withProgram(std::vector<std::string> arguments) {
 
 SimulatedPlatform::SimulatedPlatform(SimulatedSettings settings)
     : scheduler(settings.seed),
+      tasks(scheduler),
       clock(scheduler, settings.startsAt),
       process(scheduler, withProgram(std::move(settings.arguments)), std::move(settings.environment),
               settings.macOS),
@@ -23,10 +24,20 @@ SimulatedPlatform::SimulatedPlatform(SimulatedSettings settings)
       standardOutput(scheduler),
       standardError(scheduler),
       speechRecognition(scheduler, std::move(settings.recognition)),
-      platform_{clock,          process,       mainQueue,    standardInput,
-                standardOutput, standardError, audioBuffers, speechRecognition} {}
+      speechAnalysis(scheduler, std::move(settings.analysis)),
+      platform_{clock,          process,         mainQueue,    standardInput,
+                standardOutput, standardError,   audioBuffers, speechRecognition,
+                speechAnalysis, audioConverters, audioFiles,   tasks} {}
 
 SimulatedPlatform::~SimulatedPlatform() {
+  letGo();
+}
+
+// Nothing runs any more: what jobs hold of the program goes, and so do the coroutines that wait for an
+// answer. A coroutine is destroyed by a job, which is dropped in turn.
+void SimulatedPlatform::letGo() {
+  scheduler.clear();
+  speechAnalysis.abandon();
   scheduler.clear();
 }
 
@@ -39,7 +50,7 @@ std::optional<int> SimulatedPlatform::run(const std::function<void(Platform&)>& 
     status = exit.status;
   } catch (const NothingLeft&) {
   }
-  scheduler.clear();  // nothing runs any more, and what jobs hold of the program goes
+  letGo();
   return status;
 }
 

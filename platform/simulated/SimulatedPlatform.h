@@ -9,9 +9,13 @@
 #include <vector>
 
 #include "platform/Platform.h"
+#include "platform/linux/SndfileAudioFile.h"
+#include "platform/linux/SpeexAudioConverter.h"
 #include "platform/simulated/Scheduler.h"
 #include "platform/simulated/SimulatedMachine.h"
+#include "platform/simulated/SimulatedSpeechAnalysis.h"
 #include "platform/simulated/SimulatedSpeechRecognition.h"
+#include "platform/simulated/SimulatedTasks.h"
 
 namespace palaver {
 
@@ -22,6 +26,7 @@ struct SimulatedSettings {
   std::map<std::string, std::string, std::less<>> environment;
   std::optional<std::uint64_t> seed;
   RecognitionState recognition;
+  AnalysisState analysis;
 };
 
 // Lives on one thread. Serves one run.
@@ -37,6 +42,7 @@ class SimulatedPlatform {
   std::optional<int> run(const std::function<void(Platform&)>& program, double horizon);
 
   Scheduler scheduler;
+  SimulatedTasks tasks;  // outlives all that waits for something
   SimulatedClock clock;
   SimulatedProcess process;
   SimulatedMainQueue mainQueue;
@@ -45,8 +51,13 @@ class SimulatedPlatform {
   RecordingOutput standardError;
   SimulatedAudioBuffers audioBuffers;
   SimulatedSpeechRecognition speechRecognition;
+  SimulatedSpeechAnalysis speechAnalysis;
+  SpeexAudioConverters audioConverters;
+  SndfileAudioFiles audioFiles;
 
  private:
+  void letGo();
+
   Platform platform_;
 };
 

@@ -1,0 +1,13 @@
+// Sound files as libsndfile reads them: WAV, AIFF, FLAC, Ogg, CAF and many more.
+#pragma once
+
+#include "platform/AudioFile.h"
+
+namespace palaver {
+
+class SndfileAudioFiles final : public AudioFiles {
+ public:
+  std::unique_ptr<AudioFile> openForReading(const std::string& path) override;
+};
+
+}  // namespace palaver
