@@ -15,6 +15,7 @@
 #include <sphinxbase/feat.h>
 
 #include "platform/linux/ContextualModel.h"
+#include "platform/linux/ModelCheck.h"
 #include "platform/linux/Pronunciations.h"
 
 namespace palaver {
@@ -45,8 +46,8 @@ CommandLineHandle makeConfiguration(const SpeechModelFiles& files) {
       "-maxhmmpf", "3000"};
   std::vector<char*> pointers;
   for (auto& argument : arguments) pointers.push_back(argument.data());
-  CommandLineHandle configuration(cmd_ln_parse_r(nullptr, ps_args(), static_cast<std::int32_t>(pointers.size()),
-                                                 pointers.data(), TRUE));
+  CommandLineHandle configuration(
+      cmd_ln_parse_r(nullptr, ps_args(), static_cast<std::int32_t>(pointers.size()), pointers.data(), TRUE));
   if (!configuration) throw engineFailure("be configured");
   return configuration;
 }
@@ -54,7 +55,8 @@ CommandLineHandle makeConfiguration(const SpeechModelFiles& files) {
 // A file without a name that the library can open by path.
 class TemporaryFile {
  public:
-  explicit TemporaryFile(std::string_view contents) : descriptor_(memfd_create("language-model", MFD_CLOEXEC)) {
+  explicit TemporaryFile(std::string_view contents)
+      : descriptor_(memfd_create("language-model", MFD_CLOEXEC)) {
     if (descriptor_ < 0) throw engineFailure("make a temporary file");
     while (!contents.empty()) {
       const ssize_t written = write(descriptor_, contents.data(), contents.size());
@@ -94,10 +96,12 @@ bool isInDictionary(ps_decoder_t* decoder, const std::string& word) {
 
 BaseLanguageModel::BaseLanguageModel(SpeechModelFiles files)
     : files_(std::move(files)),
+      fingerprint_(files_.fingerprint()),
       configuration_(makeConfiguration(files_)),
-      logMath_(logmath_init(logBase, 0, 0)),
-      model_(ngram_model_read(configuration_.get(), files_.languageModel.c_str(), NGRAM_AUTO,
-                              logMath_.get())) {
+      logMath_(logmath_init(logBase, 0, 0)) {
+  checkModel(files_);
+  model_.reset(
+      ngram_model_read(configuration_.get(), files_.languageModel.c_str(), NGRAM_AUTO, logMath_.get()));
   if (!model_) throw engineFailure("load its language model");
 }
 
@@ -135,16 +139,16 @@ void Decoder::setContextualStrings(std::span<const std::string> phrases) {
     useLanguageModel(language_->get());
   } else {
     const TemporaryFile file(contextual.arpa());
-    const LanguageModelHandle small(ngram_model_read(language_->configuration(), file.path().c_str(),
-                                                     NGRAM_ARPA, language_->logMath()));
+    const LanguageModelHandle small(
+        ngram_model_read(language_->configuration(), file.path().c_str(), NGRAM_ARPA, language_->logMath()));
     if (!small) throw engineFailure("use the vocabulary");
     std::array models{language_->get(), small.get()};
     std::string baseName = "base";
     std::string contextualName = "contextual";
     std::array names{baseName.data(), contextualName.data()};
     const std::array weights{1 - contextualWeight, contextualWeight};
-    const LanguageModelHandle both(ngram_model_set_init(language_->configuration(), models.data(), names.data(),
-                                                        weights.data(), models.size()));
+    const LanguageModelHandle both(ngram_model_set_init(language_->configuration(), models.data(),
+                                                        names.data(), weights.data(), models.size()));
     if (!both) throw engineFailure("use the vocabulary");
     useLanguageModel(both.get());
   }

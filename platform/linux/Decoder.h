@@ -24,12 +24,15 @@ class BaseLanguageModel {
   explicit BaseLanguageModel(SpeechModelFiles files);
 
   const SpeechModelFiles& files() const { return files_; }
+  // Of the files when they were checked.
+  const std::string& fingerprint() const { return fingerprint_; }
   ngram_model_t* get() const { return model_.get(); }
   cmd_ln_t* configuration() const { return configuration_.get(); }
   logmath_t* logMath() const { return logMath_.get(); }
 
  private:
   SpeechModelFiles files_;
+  std::string fingerprint_;
   CommandLineHandle configuration_;
   LogMathHandle logMath_;
   LanguageModelHandle model_;
@@ -37,9 +40,9 @@ class BaseLanguageModel {
 
 // A stretch of audio that the decoder takes for one word, or for none.
 struct DecodedSegment {
-  std::string word;               // lower case; empty for silence and noise
-  std::int64_t startSample = 0;   // from the first sample of the utterance
-  std::int64_t endSample = 0;     // exclusive
+  std::string word;              // lower case; empty for silence and noise
+  std::int64_t startSample = 0;  // from the first sample of the utterance
+  std::int64_t endSample = 0;    // exclusive
 
   std::int64_t length() const { return endSample - startSample; }
 };
@@ -63,7 +66,6 @@ class Decoder {
   // Only during an utterance. Works for about a tenth of the audio's duration.
   void process(std::span<const std::int16_t> samples);
   void endUtterance();
-  bool isInUtterance() const { return inUtterance_; }
 
   // What the decoder believes it has heard in the utterance so far or, after its end, at last.
   std::vector<DecodedSegment> segments() const;

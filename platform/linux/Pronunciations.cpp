@@ -51,9 +51,8 @@ std::string modelPhone(std::string_view phone) {
   while (!phone.empty() && phone.back() >= '0' && phone.back() <= '9') phone.remove_suffix(1);
   if (phone == "ax") return "AH";
   std::string name(phone);
-  std::ranges::transform(name, name.begin(), [](char c) {
-    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-  });
+  std::ranges::transform(name, name.begin(),
+                         [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
   return name;
 }
 

@@ -27,8 +27,8 @@ bool hasAudio(const RecognitionJob& job) {
   return job.buffersDone < job.audio.size();
 }
 
-// The next frames of the task's audio, at most framesPerStep of them and from one buffer. Valid until the next
-// call.
+// The next frames of the task's audio, at most framesPerStep of them and from one buffer. Valid until the
+// next call.
 std::span<const std::int16_t> nextFrames(RecognitionJob& job) {
   const PCMBuffer& buffer = *job.audio[job.buffersDone];
   const AudioFormat& format = buffer.format();
@@ -221,11 +221,12 @@ class RecognitionEngine::Worker {
     job->handler = nullptr;
   }
 
-  // Kept by its decoders; loaded again when there are none.
+  // Kept by its decoders; loaded again when there are none, or when other files have been installed.
   std::shared_ptr<const BaseLanguageModel> languageModel(const SpeechModelFiles& files) {
     auto& known = languageModels_[files.languageModel.string()];
     auto model = known.lock();
-    if (!model) known = model = std::make_shared<const BaseLanguageModel>(files);
+    if (!model || model->fingerprint() != files.fingerprint())
+      known = model = std::make_shared<const BaseLanguageModel>(files);
     return model;
   }
 
@@ -292,9 +293,10 @@ void RecognitionEngine::cancel(std::shared_ptr<RecognitionJob> job) {
 }
 
 std::shared_ptr<RecognitionEngine> RecognitionEngines::engineForNewChannel() {
-  const auto idlest = std::ranges::min_element(engines_, {}, [](const auto& engine) { return engine->channelCount(); });
-  const bool needsAnother = idlest == engines_.end() || ((*idlest)->channelCount() >= channelsPerEngine &&
-                                                         engines_.size() < maxEngines);
+  const auto idlest =
+      std::ranges::min_element(engines_, {}, [](const auto& engine) { return engine->channelCount(); });
+  const bool needsAnother = idlest == engines_.end() ||
+                            ((*idlest)->channelCount() >= channelsPerEngine && engines_.size() < maxEngines);
   if (!needsAnother) return *idlest;
   return engines_.emplace_back(std::make_shared<RecognitionEngine>());
 }

@@ -1,5 +1,5 @@
-// The threads that recognize: each owns language models and decoders, takes audio by queue and answers through
-// result handlers.
+// The threads that recognize: each owns language models and decoders, takes audio by queue and answers
+// through result handlers.
 #pragma once
 
 #include <atomic>
@@ -25,9 +25,9 @@ struct RecognitionJob {
   std::atomic<bool> isCancelled = false;
 };
 
-// One engine thread. The library's decoders are for one thread at a time, and its language model may be shared
-// by decoders of one thread only; so whatever is loaded here stays here. The thread's work goes round the
-// channels in steps of 100 ms of audio, so that a channel with much audio does not hold up the others.
+// One engine thread. The library's decoders are for one thread at a time, and its language model may be
+// shared by decoders of one thread only; so whatever is loaded here stays here. The thread's work goes round
+// the channels in steps of 100 ms of audio, so that a channel with much audio does not hold up the others.
 class RecognitionEngine {
  public:
   // Identifies a channel: one recognizer with its decoder, made when its first task begins.

@@ -1,5 +1,7 @@
 #include "platform/linux/SpeechModelFiles.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <system_error>
@@ -19,8 +21,8 @@ constexpr char lowered(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-constexpr std::array acousticFiles{"feat.params", "mdef",    "means",    "noisedict",
-                                   "sendump",     "transition_matrices", "variances"};
+constexpr std::array acousticFiles{"feat.params",         "mdef",     "means", "noisedict", "sendump",
+                                   "transition_matrices", "variances"};
 
 }  // namespace
 
@@ -51,6 +53,20 @@ std::vector<std::filesystem::path> SpeechModelFiles::all() const {
   std::vector<std::filesystem::path> files{dictionary, languageModel};
   for (const char* name : acousticFiles) files.push_back(acoustic(name));
   return files;
+}
+
+std::string SpeechModelFiles::fingerprint() const {
+  std::string fingerprint;
+  for (const auto& file : all()) {
+    struct stat status {};
+    if (stat(file.c_str(), &status) != 0) status = {};
+    for (const auto number :
+         {static_cast<long long>(status.st_dev), static_cast<long long>(status.st_ino),
+          static_cast<long long>(status.st_size), static_cast<long long>(status.st_ctim.tv_sec),
+          static_cast<long long>(status.st_ctim.tv_nsec)})
+      fingerprint += std::to_string(number) + ' ';
+  }
+  return fingerprint;
 }
 
 bool SpeechModelFiles::areInstalled() const {

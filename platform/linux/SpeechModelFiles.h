@@ -30,6 +30,9 @@ struct SpeechModelFiles {
   // Every file that a recognizer reads.
   std::vector<std::filesystem::path> all() const;
 
+  // Differs when one of the files has been replaced or changed.
+  std::string fingerprint() const;
+
   // Whether all files are there; what is in them is checked when they are loaded. A few calls of stat.
   bool areInstalled() const;
 };

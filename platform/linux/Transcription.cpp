@@ -29,8 +29,7 @@ void Transcription::process(std::span<const std::int16_t> samples) {
   decoder_.process(samples);
   received_ += static_cast<std::int64_t>(samples.size());
   newest_.insert(newest_.end(), samples.begin(), samples.end());
-  if (std::ssize(newest_) > keptSamples)
-    newest_.erase(newest_.begin(), newest_.end() - keptSamples);
+  if (std::ssize(newest_) > keptSamples) newest_.erase(newest_.begin(), newest_.end() - keptSamples);
   listen();
   cutIfLong();
 }
