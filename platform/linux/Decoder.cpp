@@ -109,6 +109,7 @@ Decoder::Decoder(std::shared_ptr<const BaseLanguageModel> language)
     : language_(std::move(language)), decoder_(ps_init(makeConfiguration(language_->files()).get())) {
   if (!decoder_) throw engineFailure("load its acoustic model");
   useLanguageModel(language_->get());
+  meanOfSpeech_ = cepstralMean();
 }
 
 Decoder::~Decoder() {
@@ -179,9 +180,25 @@ void Decoder::endUtterance() {
   if (status < 0) throw engineFailure("end the utterance");
 }
 
+Decoder::CepstralMean Decoder::cepstralMean() const {
+  const cmn_t& state = *ps_get_feat(decoder_.get())->cmn_struct;
+  return {
+      {state.cmn_mean, state.cmn_mean + state.veclen}, {state.sum, state.sum + state.veclen}, state.nframe};
+}
+
+// The mean follows speech only. After a long silence it would be that of the silence, and the first words
+// after it would be misheard.
 void Decoder::updateCepstralMean() {
-  cmn_live_update(ps_get_feat(decoder_.get())->cmn_struct);
   samplesSinceMeanUpdate_ = 0;
+  cmn_t& state = *ps_get_feat(decoder_.get())->cmn_struct;
+  if (std::ranges::any_of(segments(), [](const DecodedSegment& segment) { return !segment.word.empty(); })) {
+    cmn_live_update(&state);
+    meanOfSpeech_ = cepstralMean();
+  } else {
+    std::ranges::copy(meanOfSpeech_.mean, state.cmn_mean);
+    std::ranges::copy(meanOfSpeech_.sum, state.sum);
+    state.nframe = meanOfSpeech_.frames;
+  }
 }
 
 std::vector<DecodedSegment> Decoder::segments() const {

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <sphinxbase/fe.h>
+
 #include "platform/linux/PocketSphinxHandles.h"
 #include "platform/linux/SpeechModelFiles.h"
 
@@ -72,6 +74,13 @@ class Decoder {
 
  private:
   void useLanguageModel(ngram_model_t* model);
+  // The running mean of the audio's spectrum, which the decoder subtracts from it.
+  struct CepstralMean {
+    std::vector<mfcc_t> mean;
+    std::vector<mfcc_t> sum;
+    std::int32_t frames = 0;
+  };
+  CepstralMean cepstralMean() const;
   void updateCepstralMean();
 
   std::shared_ptr<const BaseLanguageModel> language_;
@@ -80,6 +89,7 @@ class Decoder {
   std::string searchName_;
   bool inUtterance_ = false;
   int samplesSinceMeanUpdate_ = 0;
+  CepstralMean meanOfSpeech_;  // after the newest second of speech
 };
 
 }  // namespace palaver
