@@ -1,0 +1,26 @@
+// The command lines that a host writes, each with its line feed.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/AudioSource.h"
+
+namespace palaver::host {
+
+// Any thread. Throw nlohmann::json::exception when a text is not UTF-8.
+std::string sessionStart(std::string_view sessionId, std::string_view locale,
+                         const std::vector<std::string>& vocabulary);
+std::string sessionStop(std::string_view sessionId);
+
+// `capturedAt`: ms since the Unix epoch at the first of the 16 kHz mono frames.
+std::string audio(std::string_view sessionId, AudioSource source, std::int64_t sequence, double capturedAt,
+                  std::span<const std::int16_t> frames);
+
+// Standard Base64 with padding (RFC 4648, section 4).
+std::string encodeBase64(std::span<const std::uint8_t> bytes);
+
+}  // namespace palaver::host
