@@ -7,6 +7,14 @@ function(palaver_options target)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
   target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wshadow -Wconversion -Wsign-conversion)
+  if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    # Asio looks for the coroutines of clang in their old place only.
+    target_compile_definitions(${target} PRIVATE ASIO_HAS_CO_AWAIT ASIO_HAS_STD_COROUTINE)
+    if(CMAKE_CXX_COMPILER_VERSION VERSION_LESS 17)
+      # It has them, but does not say so.
+      target_compile_definitions(${target} PRIVATE __cpp_impl_coroutine=201902L)
+    endif()
+  endif()
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND PALAVER_SANITIZE)
     # GCC's flow warnings are unreliable in instrumented code.
     target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized)

@@ -69,8 +69,10 @@ CommandChannel::CommandChannel(MainQueue& mainQueue, JSONLineWriter& writer, Com
 CommandChannel::~CommandChannel() = default;
 
 std::span<char> CommandChannel::prepare() {
-  if (!block_ || block_->size() - filled_ < smallestRead) {
-    const std::size_t unfinished = filled_ - lineStart_;
+  const std::size_t unfinished = filled_ - lineStart_;
+  // A block that grew with a long line goes with that line, however much room it has left.
+  const bool outgrown = block_ && block_->size() > usualBlockSize && unfinished < usualBlockSize / 2;
+  if (!block_ || outgrown || block_->size() - filled_ < smallestRead) {
     // A line longer than half a block gets a block that grows with it, so that it is copied a few times at
     // most.
     auto next = pool_->take(unfinished < usualBlockSize / 2 ? usualBlockSize : unfinished * 2 + smallestRead);

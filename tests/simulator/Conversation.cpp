@@ -109,7 +109,10 @@ void ConversationReader::readAudio(const JSON& value, const std::string& where) 
   if (exact)
     for (std::size_t i = 0; i < exact->size(); ++i) {
       if (i == samples.size()) samples.push_back(0);
-      samples[i] = exact->at(i).get<std::int16_t>();
+      const auto& sample = exact->at(i);
+      if (!sample.is_number_integer() || sample < -32768 || sample > 32767)
+        throw FileError(reader.where("samples"), "must hold whole numbers of 16 bits");
+      samples[i] = sample.get<std::int16_t>();
     }
   auto& next = sequences_[{sessionId, source}];
   if (sequence) next = static_cast<std::int64_t>(*sequence);

@@ -137,6 +137,16 @@ std::optional<OperatingSystemVersion> readSystem(const std::string& text, const 
   return version;
 }
 
+MachineState readMachineState(const JSON& value, const std::string& where) {
+  ObjectReader reader(value, where);
+  MachineState state;
+  if (const auto system = reader.text("system")) state.macOS = readSystem(*system, reader.where("system"));
+  if (const auto* const platform = reader.find("platform"))
+    readPlatformState(*platform, reader.where("platform"), state.platform);
+  reader.finish();
+  return state;
+}
+
 PlatformError readPlatformError(const JSON& value, const std::string& where) {
   if (value.is_string()) {
     using Make = PlatformError (*)();

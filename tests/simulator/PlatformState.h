@@ -18,6 +18,15 @@ struct PlatformState {
   bool slicesDeliverInsideJobs = true;
 };
 
+// The whole machine, as it stays.
+struct MachineState {
+  std::optional<OperatingSystemVersion> macOS = SimulatedSettings().macOS;  // none: another system
+  PlatformState platform;
+};
+
+// Reads an object with the keys system and platform, both optional. Throws FileError.
+MachineState readMachineState(const JSON& value, const std::string& where);
+
 // Changes in `state` what the object names and leaves the rest. Throws FileError.
 void readPlatformState(const JSON& value, const std::string& where, PlatformState& state);
 

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "tests/simulator/ScenarioRunner.h"
+#include "tests/simulator/live.h"
 
 namespace palaver {
 
@@ -13,7 +14,9 @@ namespace {
 
 constexpr const char* usage =
     "Usage: PalaverSTTSimulator run FILE...\n"
-    "         plays scenarios in virtual time; exit status 1 when one fails\n";
+    "         plays scenarios in virtual time; exit status 1 when one fails\n"
+    "       PalaverSTTSimulator live STATE [HELPER ARGUMENT...]\n"
+    "         is the helper on the machine that the file describes, in real time\n";
 
 bool playFile(const std::filesystem::path& path) {
   const auto report = [&]() -> std::optional<std::string> {
@@ -26,6 +29,15 @@ bool playFile(const std::filesystem::path& path) {
   std::printf("%s %s\n", report ? "FAILED" : "passed", path.stem().string().c_str());
   if (report) std::printf("%s", report->c_str());
   return !report;
+}
+
+int live(std::span<char*> arguments) {
+  try {
+    runLive(arguments.front(), arguments.subspan(1));
+  } catch (const FileError& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 2;
+  }
 }
 
 int run(std::span<char*> paths) {
@@ -43,6 +55,7 @@ int main(int argumentCount, char** arguments) {
   const std::span all(arguments, static_cast<std::size_t>(argumentCount));
   const std::string_view mode = all.size() > 1 ? all[1] : "";
   if (mode == "run" && all.size() > 2) return palaver::run(all.subspan(2));
+  if (mode == "live" && all.size() > 2) return palaver::live(all.subspan(2));
   std::fputs(palaver::usage, stderr);
   return 2;
 }

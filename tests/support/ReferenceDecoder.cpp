@@ -1,5 +1,6 @@
 #include "tests/support/ReferenceDecoder.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -122,6 +123,15 @@ ReferenceCommand commandOf(const FirstMembers& line) {
   return command;
 }
 
+std::size_t longestNumber(std::string_view line) {
+  std::size_t longest = 0, length = 0;
+  for (const char c : line) {
+    length = (c >= '0' && c <= '9') || c == '.' ? length + 1 : 0;
+    longest = std::max(longest, length);
+  }
+  return longest;
+}
+
 }  // namespace
 
 ReferenceCommand copyOf(const HelperCommand& command) {
@@ -151,6 +161,7 @@ std::optional<ReferenceCommand> decodeReference(std::string_view line) {
 }
 
 bool mayDiffer(std::string_view line, std::string_view failure) {
+  if (failure.starts_with("sequence must be") && longestNumber(line) > 18) return true;
   return line.starts_with("\xEF\xBB\xBF") || line.find('\0') != std::string_view::npos ||
          failure.starts_with("nested deeper") || failure.starts_with("a number is too big");
 }

@@ -40,6 +40,7 @@ std::optional<ReferenceCommand> decodeReference(std::string_view line);
 //   - the program calls a number too big by its digits or its exponent alone: 0e400, or a 1 with 400 zeros
 //   and
 //     e-400.
+//   - the reference rounds a "sequence" of more than 18 digits to a long double, and may find it whole.
 // `failure` is the program's error, or empty.
 bool mayDiffer(std::string_view line, std::string_view failure);
 

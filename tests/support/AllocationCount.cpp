@@ -1,0 +1,58 @@
+#include "tests/support/AllocationCount.h"
+
+#include <malloc.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace palaver {
+
+namespace {
+
+std::atomic<std::size_t> held{0};
+std::atomic<std::size_t> large{0};
+
+void* allocate(std::size_t size) {
+  void* const memory = std::malloc(size ? size : 1);
+  if (!memory) throw std::bad_alloc();
+  held += malloc_usable_size(memory);
+  if (size >= std::size_t{64} << 10) ++large;
+  return memory;
+}
+
+void release(void* memory) {
+  if (memory) held -= malloc_usable_size(memory);
+  std::free(memory);
+}
+
+}  // namespace
+
+std::size_t allocatedBytes() {
+  return held;
+}
+
+std::size_t largeAllocations() {
+  return large;
+}
+
+}  // namespace palaver
+
+void* operator new(std::size_t size) {
+  return palaver::allocate(size);
+}
+void* operator new[](std::size_t size) {
+  return palaver::allocate(size);
+}
+void operator delete(void* memory) noexcept {
+  palaver::release(memory);
+}
+void operator delete[](void* memory) noexcept {
+  palaver::release(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  palaver::release(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+  palaver::release(memory);
+}

@@ -1,0 +1,283 @@
+#include "core/CommandChannel.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "core/CommandHandler.h"
+#include "core/JSONLineWriter.h"
+#include "tests/support/AllocationCount.h"
+#include "tests/unit/core/Fakes.h"
+
+namespace palaver {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// A channel with its handler, fed by the test in reads of its choice.
+struct Conversation {
+  FakePlatform fake;
+  JSONLineWriter writer{fake.clock, fake.standardOutput, fake.standardError};
+  RecordingBackend backend;
+  CommandHandler handler{fake.platform, writer, backend};
+  CommandChannel channel{fake.mainQueue, writer, handler};
+
+  // One read, or as many as the room given makes of it.
+  void receive(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const auto room = channel.prepare();
+      ASSERT_FALSE(room.empty());
+      const auto count = std::min(room.size(), bytes.size());
+      std::memcpy(room.data(), bytes.data(), count);
+      channel.received(count);
+      bytes.remove_prefix(count);
+    }
+  }
+  void receiveInReadsOf(std::size_t size, std::string_view bytes) {
+    for (; !bytes.empty(); bytes.remove_prefix(std::min(size, bytes.size()))) receive(bytes.substr(0, size));
+  }
+  // Ends the input and handles everything; returns the exit status.
+  int end() {
+    channel.prepare();
+    channel.ended();
+    try {
+      fake.mainQueue.runAll();
+    } catch (const Exit& exit) {
+      return exit.status;
+    }
+    return -1;
+  }
+  std::vector<std::string> messages() const {
+    std::vector<std::string> all;
+    std::string text = fake.standardOutput.text();
+    for (std::size_t at = 0; at < text.size(); at = text.find('\n', at) + 1) {
+      const auto event = Event::parse(text.substr(at, text.find('\n', at) - at));
+      all.push_back(event.contains("message") ? event["message"] : event["type"]);
+    }
+    return all;
+  }
+};
+
+std::string stop(std::string_view id) {
+  return std::string(R"({"type":"session.stop","sessionId":")").append(id) + "\"}";
+}
+
+TEST(CommandChannelTest, CommandsWaitForTheMainThread) {
+  Conversation host;
+  host.receive(stop("a") + "\n");
+  EXPECT_THAT(host.backend.calls, IsEmpty());
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')"));
+}
+
+TEST(CommandChannelTest, OneReadIsOneJob) {
+  Conversation host;
+  host.receive(stop("a") + "\n" + stop("b") + "\n" + stop("c") + "\n");
+  EXPECT_EQ(host.fake.mainQueue.size(), 1U);
+  host.receive(stop("d") + "\n");
+  EXPECT_EQ(host.fake.mainQueue.size(), 2U);
+  host.receive(stop("e"));
+  host.receive("\n\n \nbroken\n");
+  EXPECT_EQ(host.fake.mainQueue.size(), 3U);
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopSession('b')", "stopSession('c')",
+                                              "stopSession('d')", "stopSession('e')"));
+}
+
+TEST(CommandChannelTest, ALineSplitAtEveryByteIsOneLine) {
+  const std::string input = stop("あ") + "\r\n" + stop("b") + "\n\n" + stop("c\\u0041") + "\n";
+  for (std::size_t at = 0; at <= input.size(); ++at) {
+    Conversation host;
+    host.receive(input.substr(0, at));
+    host.receive(input.substr(at));
+    EXPECT_EQ(host.end(), 0);
+    EXPECT_THAT(host.backend.calls,
+                ElementsAre("stopSession('あ')", "stopSession('b')", "stopSession('cA')", "stopAll"))
+        << at;
+    EXPECT_THAT(host.messages(), IsEmpty());
+  }
+}
+
+TEST(CommandChannelTest, TheSizeOfReadsDoesNotShow) {
+  std::string input;
+  for (int i = 0; i < 40; ++i)
+    input += stop(std::to_string(i)) + (i % 3 == 0 ? "\r\n" : "\n") + (i % 7 == 0 ? "{]\n" : "");
+  Conversation whole;
+  whole.receive(input);
+  EXPECT_EQ(whole.end(), 0);
+  ASSERT_EQ(whole.backend.calls.size(), 41U);
+  ASSERT_EQ(whole.messages().size(), 6U);
+  for (std::size_t size = 1; size < 100; ++size) {
+    Conversation host;
+    host.receiveInReadsOf(size, input);
+    EXPECT_EQ(host.end(), 0);
+    EXPECT_EQ(host.backend.calls, whole.backend.calls) << size;
+    EXPECT_EQ(host.fake.standardOutput.text(), whole.fake.standardOutput.text()) << size;
+  }
+}
+
+TEST(CommandChannelTest, ABlankLineProducesNoOutput) {
+  Conversation host;
+  host.receive(
+      "\n\r\n \n\t \r\n\v\f\n\xC2\x85\n\xC2\xA0\n\xE3\x80\x80\xE3\x80\x80\n\xE2\x80\xA8\xE2\x80\xA9\n");
+  EXPECT_EQ(host.fake.mainQueue.size(), 0U);
+  EXPECT_EQ(host.end(), 0);
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopAll"));
+  EXPECT_EQ(host.fake.standardOutput.text(), "");
+}
+
+TEST(CommandChannelTest, WhiteSpaceThatIsNotJSONsIsTrimmedOnlyToFindBlankLines) {
+  Conversation host;
+  host.receive("\xC2\xA0" + stop("a") + "\n" + stop("b") + "\xE3\x80\x80\n \t" + stop("c") + " \r\n");
+  EXPECT_EQ(host.end(), 0);
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('c')", "stopAll"));
+  EXPECT_THAT(host.messages(), ElementsAre("Invalid JSON command: a value is malformed at byte 0",
+                                           "Invalid JSON command: something follows the object at byte 39"));
+}
+
+TEST(CommandChannelTest, AnUndecodableLineIsReportedAtOnceAndTheNextIsHandled) {
+  Conversation host;
+  host.receive("{}\n" + stop("a") + "\n{\"type\":\"audio\",\"source\":\"mic\",\"sessionId\":\"s\"}\n");
+  EXPECT_EQ(
+      host.fake.standardOutput.text(),
+      R"({"at":1700000000123.5,"message":"Invalid JSON command: type is missing","type":"helper.error"})"
+      "\n"
+      R"({"at":1700000000123.5,"message":"Invalid JSON command: source must be \"remote\" or \"self\"",)"
+      R"("type":"helper.error"})"
+      "\n");
+  EXPECT_EQ(host.end(), 0);
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopAll"));
+}
+
+TEST(CommandChannelTest, TheLastLineMayLackItsLineFeed) {
+  Conversation host;
+  host.receive(stop("a") + "\n" + stop("b"));
+  EXPECT_EQ(host.end(), 0);
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopSession('b')", "stopAll"));
+
+  Conversation truncated;
+  truncated.receive(R"({"type":"session.st)");
+  EXPECT_EQ(truncated.end(), 0);
+  EXPECT_THAT(truncated.messages(), ElementsAre("Invalid JSON command: the line ends too early at byte 19"));
+  EXPECT_THAT(truncated.backend.calls, ElementsAre("stopAll"));
+}
+
+TEST(CommandChannelTest, AnInputOfNothingEndsAtOnce) {
+  Conversation host;
+  EXPECT_EQ(host.end(), 0);
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopAll"));
+}
+
+TEST(CommandChannelTest, OnlyLineFeedsEndALine) {
+  Conversation host;
+  host.receive(stop("a\xE2\x80\xA8") + "\r" + stop("b") + "\n");
+  EXPECT_EQ(host.end(), 0);
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopAll"));
+  EXPECT_EQ(host.messages().size(), 1U);
+}
+
+TEST(CommandChannelTest, LinesAroundEveryBlockBoundaryArriveWhole) {
+  // Lines of many lengths, so that they end, begin and cross at every place of a block.
+  for (const std::size_t reads :
+       {std::size_t{1} << 20, std::size_t{65536}, std::size_t{4096}, std::size_t{1777}}) {
+    Conversation host;
+    std::string input;
+    std::vector<std::string> expected;
+    for (std::size_t i = 0; input.size() < 1500000; ++i) {
+      const std::string id = std::to_string(i) + std::string(i * 131 % 5000, 'x');
+      input += stop(id) + "\n";
+      expected.push_back("stopSession('" + id + "')");
+    }
+    host.receiveInReadsOf(reads, input);
+    EXPECT_EQ(host.end(), 0);
+    expected.emplace_back("stopAll");
+    EXPECT_TRUE(host.backend.calls == expected) << reads;
+    EXPECT_EQ(host.fake.standardOutput.text(), "");
+  }
+}
+
+TEST(CommandChannelTest, LinesOfAboutABlockArriveWhole) {
+  for (const std::size_t length :
+       {131071UL, 131072UL, 131073UL, 196608UL, 262143UL, 262144UL, 262145UL, 400000UL}) {
+    Conversation host;
+    const std::string id(length, 'y');
+    host.receiveInReadsOf(65536, stop(id) + "\n" + stop("after") + "\n" + stop(id) + "\n");
+    EXPECT_EQ(host.end(), 0);
+    ASSERT_EQ(host.backend.calls.size(), 4U) << length;
+    EXPECT_TRUE(host.backend.calls[0] == "stopSession('" + id + "')") << length;
+    EXPECT_EQ(host.backend.calls[1], "stopSession('after')");
+    EXPECT_TRUE(host.backend.calls[2] == host.backend.calls[0]) << length;
+  }
+}
+
+TEST(CommandChannelTest, AHugeLineArrivesWholeAndItsMemoryGoesWithIt) {
+  constexpr std::size_t size = std::size_t{64} << 20;
+  Conversation host;
+  host.receive(stop("before") + "\n");
+  {
+    const std::string line = stop(std::string(size, 'z')) + "\n";
+    host.receiveInReadsOf(65536, line);
+  }
+  host.fake.mainQueue.runAll();
+  ASSERT_EQ(host.backend.calls.size(), 2U);
+  EXPECT_EQ(host.backend.calls[1].size(), size + std::strlen("stopSession('')"));
+  host.backend.calls.clear();
+  host.backend.calls.shrink_to_fit();
+
+  host.receive(stop("after") + "\n");
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('after')"));
+  EXPECT_LT(allocatedBytes(), std::size_t{8} << 20) << "the block of the huge line is still held";
+}
+
+TEST(CommandChannelTest, ASteadyStreamTouchesNoNewBlocks) {
+  Conversation host;
+  const std::string line = stop(std::string(4000, 'a')) + "\n";
+  const auto stream = [&](int lines) {
+    for (int i = 0; i < lines; ++i) {
+      host.receive(line);
+      host.fake.mainQueue.runAll();
+      host.backend.calls.clear();
+    }
+  };
+  stream(1000);
+  const auto before = largeAllocations();
+  stream(10000);  // 40 MB
+  EXPECT_EQ(largeAllocations(), before);
+}
+
+TEST(CommandChannelTest, TheMemoryOfAStallGoesWhenItIsOver) {
+  Conversation host;
+  const auto before = allocatedBytes();
+  const std::string line = stop(std::string(4000, 'a')) + "\n";
+  constexpr int lines = 8192;  // 32 MiB
+  for (int i = 0; i < lines; ++i) host.receive(line);
+  EXPECT_EQ(host.fake.mainQueue.size(), static_cast<std::size_t>(lines));
+  // What waits costs about its own bytes, not a block for each read.
+  EXPECT_LT(allocatedBytes() - before, std::size_t{lines} * 4096 * 2);
+  while (host.fake.mainQueue.size() > 0) {
+    host.fake.mainQueue.runOne();
+    host.backend.calls.clear();
+  }
+  EXPECT_LT(allocatedBytes() - before, std::size_t{4} << 20);
+}
+
+TEST(CommandChannelTest, CommandsOutliveTheChannelsProgress) {
+  // The views of early commands must not be overwritten by later input.
+  Conversation host;
+  std::vector<std::string> expected;
+  for (int i = 0; i < 3000; ++i) {
+    const std::string id = std::to_string(i) + std::string(static_cast<std::size_t>(i % 400), 'v');
+    host.receive(stop(id) + "\n");
+    expected.push_back("stopSession('" + id + "')");
+  }
+  EXPECT_EQ(host.end(), 0);
+  expected.emplace_back("stopAll");
+  EXPECT_TRUE(host.backend.calls == expected);
+}
+
+}  // namespace
+}  // namespace palaver

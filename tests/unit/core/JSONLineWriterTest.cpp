@@ -1,0 +1,233 @@
+#include "core/JSONLineWriter.h"
+
+#include <gmock/gmock.h>
+
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "core/UTF8.h"
+#include "tests/unit/core/Fakes.h"
+
+namespace palaver {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::StartsWith;
+
+std::string serialized(double number) {
+  return serializeEvent(number);
+}
+
+TEST(JSONLineWriterTest, AnEventIsOneLineWithSortedKeysAndNoWhiteSpace) {
+  EXPECT_EQ(serializeEvent({{"type", "x"}, {"b", 1}, {"a", true}, {"Z", "z"}, {"aa", false}, {"", "empty"}}),
+            R"({"":"empty","Z":"z","a":true,"aa":false,"b":1,"type":"x"})");
+}
+
+TEST(JSONLineWriterTest, KeysAreSortedInNestedObjectsToo) {
+  EXPECT_EQ(serializeEvent({{"type", "x"}, {"endpointing", {{"b", {{"d", 1}, {"c", 2}}}, {"a", 0}}}}),
+            R"({"endpointing":{"a":0,"b":{"c":2,"d":1}},"type":"x"})");
+  EXPECT_EQ(serializeEvent({{"list", Event::array({{{"b", 1}, {"a", 2}}, 3})}}),
+            R"({"list":[{"a":2,"b":1},3]})");
+}
+
+TEST(JSONLineWriterTest, TheOrderOfInsertionDoesNotShow) {
+  Event first, second;
+  const std::vector<std::string> keys{"type", "message", "at", "sessionId", "source", "é", "Ä"};
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    first[keys[i]] = keys[i];
+    second[keys[keys.size() - 1 - i]] = keys[keys.size() - 1 - i];
+  }
+  EXPECT_EQ(serializeEvent(first), serializeEvent(second));
+}
+
+TEST(JSONLineWriterTest, SlashesAreWrittenAsTheyAre) {
+  EXPECT_EQ(serializeEvent({{"a/b", "/tmp/x.wav"}}), R"({"a/b":"/tmp/x.wav"})");
+}
+
+TEST(JSONLineWriterTest, ControlCharactersQuotesAndBackslashesAreEscaped) {
+  std::string all;
+  for (int character = 0; character < 0x20; ++character) all += static_cast<char>(character);
+  all += "\"\\\x7F";
+  const auto line = serializeEvent({{"k", all}, {all, 1}});
+  for (const char c : line) EXPECT_GE(c, 0x20);
+  const auto read = Event::parse(line);
+  EXPECT_EQ(read["k"], all);
+  EXPECT_EQ(read[all], 1);
+}
+
+TEST(JSONLineWriterTest, TextBeyondASCIIIsWrittenAsUTF8) {
+  EXPECT_EQ(serializeEvent({{"text", "会議 é 😀 \xE2\x80\xA8"}}), "{\"text\":\"会議 é 😀 \xE2\x80\xA8\"}");
+}
+
+TEST(JSONLineWriterTest, EmptyContainersAndIntegersAreWritten) {
+  EXPECT_EQ(serializeEvent(Event::object()), "{}");
+  EXPECT_EQ(serializeEvent({{"a", Event::array()}, {"o", Event::object()}, {"n", nullptr}}),
+            R"({"a":[],"n":null,"o":{}})");
+  EXPECT_EQ(serializeEvent({{"i", INT64_MIN}, {"u", UINT64_MAX}, {"z", 0}}),
+            R"({"i":-9223372036854775808,"u":18446744073709551615,"z":0})");
+}
+
+TEST(JSONLineWriterTest, AWholeDoubleHasNoFraction) {
+  EXPECT_EQ(serialized(0), "0");
+  EXPECT_EQ(serialized(-0.0), "-0");
+  EXPECT_EQ(serialized(1234), "1234");
+  EXPECT_EQ(serialized(1700000000123), "1700000000123");
+  EXPECT_EQ(serialized(-1), "-1");
+}
+
+TEST(JSONLineWriterTest, AFractionIsKept) {
+  EXPECT_EQ(serialized(1234.5), "1234.5");
+  EXPECT_EQ(serialized(1700000000123.4568), "1700000000123.4568");
+  EXPECT_EQ(serialized(0.1), "0.1");
+  EXPECT_EQ(serialized(0.1 + 0.2), "0.30000000000000004");
+}
+
+// Number, as RFC 8259 (section 6) spells it.
+bool isJSONNumber(std::string_view text) {
+  std::size_t at = 0;
+  const auto digits = [&] {
+    const auto start = at;
+    while (at < text.size() && text[at] >= '0' && text[at] <= '9') ++at;
+    return at - start;
+  };
+  if (at < text.size() && text[at] == '-') ++at;
+  const bool leadingZero = at < text.size() && text[at] == '0';
+  const auto whole = digits();
+  if (whole == 0 || (leadingZero && whole > 1)) return false;
+  if (at < text.size() && text[at] == '.') {
+    ++at;
+    if (digits() == 0) return false;
+  }
+  if (at < text.size() && (text[at] == 'e' || text[at] == 'E')) {
+    ++at;
+    if (at < text.size() && (text[at] == '+' || text[at] == '-')) ++at;
+    if (digits() == 0) return false;
+  }
+  return at == text.size();
+}
+
+TEST(JSONLineWriterTest, EveryDoubleReadsBackToItself) {
+  std::mt19937_64 random(11);
+  const auto check = [](double number) {
+    const auto text = serialized(number);
+    ASSERT_TRUE(isJSONNumber(text)) << text;
+    const double read = std::strtod(text.c_str(), nullptr);
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(read), std::bit_cast<std::uint64_t>(number)) << text;
+    ASSERT_LE(text.size(), 24U) << text;
+  };
+  for (int i = 0; i < 200000; ++i) {
+    const auto number = std::bit_cast<double>(random());
+    if (std::isfinite(number)) check(number);
+    check(1.7e12 + static_cast<double>(random() % 1000000000) / 1000);
+  }
+  for (const double number :
+       {0.0, -0.0, std::numeric_limits<double>::min(), std::numeric_limits<double>::max(),
+        std::numeric_limits<double>::lowest(), std::numeric_limits<double>::denorm_min(),
+        std::numeric_limits<double>::epsilon(), 1e21, 1e22, 1e23, 9007199254740993.0, 1e5})
+    check(number);
+}
+
+TEST(JSONLineWriterTest, ALineIsItsTextAndOneLineFeed) {
+  FakePlatform fake;
+  JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
+  writer.write({{"type", "x"}});
+  writer.write({{"type", "y"}});
+  EXPECT_EQ(fake.standardOutput.text(), "{\"type\":\"x\"}\n{\"type\":\"y\"}\n");
+  EXPECT_THAT(fake.standardError.writes(), IsEmpty());
+}
+
+TEST(JSONLineWriterTest, AnEventThatCannotBeEncodedIsDroppedWithADiagnostic) {
+  const std::vector<Event> events{
+      {{"type", "x"}, {"text", "\xFF"}},
+      {{"type", "x"}, {"\xC3", 1}},
+      {{"type", "x"}, {"list", Event::array({"ok", "\xED\xA0\x80"})}},
+      {{"type", "x"}, {"object", {{"a", {{"b", "\xE3\x81"}}}}}},
+      {{"type", "x"}, {"number", std::nan("")}},
+      {{"type", "x"}, {"number", std::numeric_limits<double>::infinity()}},
+      {{"type", "x"}, {"list", Event::array({1, -std::numeric_limits<double>::infinity()})}},
+  };
+  for (const auto& event : events) {
+    FakePlatform fake;
+    JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
+    writer.write(event);
+    EXPECT_THAT(fake.standardOutput.writes(), IsEmpty());
+    const auto diagnostic = fake.standardError.text();
+    EXPECT_THAT(diagnostic, MatchesRegex("Failed to encode helper event: .+\n"));
+    EXPECT_EQ(std::count(diagnostic.begin(), diagnostic.end(), '\n'), 1);
+    EXPECT_EQ(fake.standardError.writes().size(), 1U) << "a diagnostic must not be torn";
+    // Afterwards the writer still works.
+    writer.write({{"type", "y"}});
+    EXPECT_EQ(fake.standardOutput.text(), "{\"type\":\"y\"}\n");
+  }
+}
+
+TEST(JSONLineWriterTest, AnErrorHasExactlyItsKeys) {
+  FakePlatform fake;
+  JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
+  writer.error("It / failed");
+  writer.error("m", "s");
+  writer.error("m", std::nullopt, AudioSource::remote);
+  writer.error("", "", AudioSource::selfAudio);
+  EXPECT_EQ(fake.standardOutput.text(),
+            R"({"at":1700000000123.5,"message":"It / failed","type":"helper.error"})"
+            "\n"
+            R"({"at":1700000000123.5,"message":"m","sessionId":"s","type":"helper.error"})"
+            "\n"
+            R"({"at":1700000000123.5,"message":"m","source":"remote","type":"helper.error"})"
+            "\n"
+            R"({"at":1700000000123.5,"message":"","sessionId":"","source":"self","type":"helper.error"})"
+            "\n");
+}
+
+TEST(JSONLineWriterTest, ManyThreadsWriteOnlyWholeLines) {
+  FakePlatform fake;
+  JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
+  constexpr int threads = 8, each = 500;
+  {
+    std::vector<std::jthread> writers;
+    for (int thread = 0; thread < threads; ++thread)
+      writers.emplace_back([&writer, thread] {
+        for (int i = 0; i < each; ++i) {
+          if (i % 10 == 0) writer.write({{"bad", "\xFF"}});
+          if (i % 2 == 0) {
+            writer.error("m", std::to_string(thread), AudioSource::remote);
+          } else {
+            writer.write({{"sessionId", std::to_string(thread)},
+                          {"text", std::string(static_cast<std::size_t>(i), 'x')}});
+          }
+        }
+      });
+  }
+  std::map<std::string, int> lines;
+  std::string text = fake.standardOutput.text();
+  ASSERT_THAT(text, ::testing::EndsWith("\n"));
+  for (std::size_t at = 0; at < text.size();) {
+    const auto end = text.find('\n', at);
+    const auto event = Event::parse(text.substr(at, end - at), nullptr, false);
+    ASSERT_TRUE(event.is_object()) << text.substr(at, end - at);
+    ++lines[event["sessionId"]];
+    at = end + 1;
+  }
+  EXPECT_EQ(lines.size(), static_cast<std::size_t>(threads));
+  for (const auto& [thread, count] : lines) EXPECT_EQ(count, each) << thread;
+}
+
+TEST(JSONLineWriterTest, EachAuthorizationStatusHasItsLabel) {
+  const auto label = [](long status) { return authorizationLabel(static_cast<AuthorizationStatus>(status)); };
+  EXPECT_EQ(label(0), "not-determined");
+  EXPECT_EQ(label(1), "denied");
+  EXPECT_EQ(label(2), "restricted");
+  EXPECT_EQ(label(3), "authorized");
+  for (const long other :
+       {-1L, 4L, 5L, 100L, std::numeric_limits<long>::min(), std::numeric_limits<long>::max()})
+    EXPECT_EQ(label(other), "unknown") << other;
+}
+
+}  // namespace
+}  // namespace palaver

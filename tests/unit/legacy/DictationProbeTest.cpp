@@ -1,0 +1,193 @@
+#include "legacy/DictationProbe.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "platform/simulated/SimulatedPlatform.h"
+
+namespace palaver {
+
+namespace {
+
+using enum DictationAvailability;
+
+TEST(DictationDisabledError, IsCode1700OfAnyDomain) {
+  EXPECT_TRUE(isDictationDisabledError({"kAFAssistantErrorDomain", 1700, ""}));
+  EXPECT_TRUE(isDictationDisabledError({"anything", 1700, "No speech detected"}));
+  EXPECT_FALSE(isDictationDisabledError({"kAFAssistantErrorDomain", 1701, ""}));
+}
+
+TEST(DictationDisabledError, IsATextThatNamesDictationAndDisabledInAnyCase) {
+  EXPECT_TRUE(isDictationDisabledError({"any", 201, "Siri and Dictation are disabled"}));
+  EXPECT_TRUE(isDictationDisabledError({"any", 0, "Dictation is DISABLED on this Mac"}));
+  EXPECT_TRUE(isDictationDisabledError({"any", 0, "disabled: dictation"}));
+  EXPECT_FALSE(isDictationDisabledError({"any", 201, "Dictation is off"}));
+  EXPECT_FALSE(isDictationDisabledError({"any", 201, "Siri is disabled"}));
+  EXPECT_FALSE(isDictationDisabledError({"any", 201, ""}));
+}
+
+TEST(DictationAvailability, HasItsNames) {
+  for (const auto availability : {enabled, disabled, unknown})
+    EXPECT_EQ(dictationAvailability(rawValue(availability)), availability);
+  EXPECT_EQ(rawValue(enabled), "enabled");
+  EXPECT_EQ(rawValue(disabled), "disabled");
+  EXPECT_EQ(rawValue(unknown), "unknown");
+  EXPECT_EQ(dictationAvailability("Enabled"), std::nullopt);
+  EXPECT_EQ(dictationAvailability(""), std::nullopt);
+}
+
+// A recognition service with one recognizer, whose handler is called by the test.
+class HandDrivenRecognition final : public SpeechRecognition {
+ public:
+  ResultHandler handler;
+  std::function<void()> onCancel = [] {};
+
+  AuthorizationStatus authorizationStatus() const override { return AuthorizationStatus::authorized; }
+  void requestAuthorization(std::function<void(AuthorizationStatus)>) override {}
+  std::unique_ptr<SpeechRecognizer> makeRecognizer(std::string_view) override {
+    return std::make_unique<Recognizer>(*this);
+  }
+
+ private:
+  class Request final : public RecognitionRequest {
+   public:
+    void append(std::shared_ptr<const PCMBuffer>) override {}
+    void endAudio() override {}
+  };
+  class Task final : public RecognitionTask {
+   public:
+    explicit Task(HandDrivenRecognition& service) : service_(service) {}
+    void cancel() override { service_.onCancel(); }
+
+   private:
+    HandDrivenRecognition& service_;
+  };
+  class Recognizer final : public SpeechRecognizer {
+   public:
+    explicit Recognizer(HandDrivenRecognition& service) : service_(service) {}
+    bool supportsOnDeviceRecognition() const override { return true; }
+    std::shared_ptr<RecognitionRequest> makeRequest(RecognitionOptions) override {
+      return std::make_shared<Request>();
+    }
+    std::unique_ptr<RecognitionTask> recognitionTask(const std::shared_ptr<RecognitionRequest>&,
+                                                     ResultHandler handler) override {
+      service_.handler = std::move(handler);
+      return std::make_unique<Task>(service_);
+    }
+
+   private:
+    HandDrivenRecognition& service_;
+  };
+};
+
+class DictationProbeTest : public testing::Test {
+ protected:
+  static RecognitionAnswer failure(PlatformError error) { return {std::nullopt, std::move(error)}; }
+  static RecognitionAnswer result(bool isFinal) { return {RecognitionResult{"", {}, isFinal}, std::nullopt}; }
+
+  void call(const RecognitionAnswer& answer) { recognition_.handler(answer.result, answer.error); }
+
+  // Calls the handler at that time (ms).
+  void answer(double time, const RecognitionAnswer& answer) {
+    machine_.scheduler.schedule(time, Timeline::Context::background, this, [this, answer] { call(answer); });
+  }
+
+  // What a test does with a probe, on a machine with this recognition.
+  void with(const std::function<void(DictationProbe&)>& test) {
+    machine_.run(
+        [&](Platform& all) {
+          Platform platform{all.clock,          all.process,         all.mainQueue,    all.standardInput,
+                            all.standardOutput, all.standardError,   all.audioBuffers, recognition_,
+                            all.speechAnalysis, all.audioConverters, all.audioFiles,   all.tasks};
+          DictationProbe probe(platform);
+          test(probe);
+        },
+        1e9);
+  }
+
+  SimulatedPlatform machine_;
+  HandDrivenRecognition recognition_;
+};
+
+TEST_F(DictationProbeTest, TheFirstOutcomeCountsDisabledThenFinal) {
+  answer(1, failure(dictationDisabledError()));
+  answer(1, result(true));
+  with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), disabled); });
+}
+
+TEST_F(DictationProbeTest, TheFirstOutcomeCountsFinalThenDisabled) {
+  answer(1, result(true));
+  answer(1, failure(dictationDisabledError()));
+  with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), enabled); });
+}
+
+TEST_F(DictationProbeTest, ACallWithNothingOrAPartialIsNoOutcome) {
+  answer(1, {});
+  answer(2, result(false));
+  answer(3, failure(dictationDisabledError()));
+  with([this](DictationProbe& probe) {
+    EXPECT_EQ(probe.availability("ja-JP"), disabled);
+    EXPECT_EQ(machine_.scheduler.now(), 3);
+  });
+}
+
+TEST_F(DictationProbeTest, AnErrorThatComesWithAResultCounts) {
+  RecognitionAnswer both = failure(dictationDisabledError());
+  both.result = RecognitionResult{"", {}, true};
+  answer(1, both);
+  with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), disabled); });
+}
+
+TEST_F(DictationProbeTest, AnOutcomeDuringTheCancellationStillCounts) {
+  recognition_.onCancel = [this] { call(failure(dictationDisabledError())); };
+  with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), disabled); });
+}
+
+TEST_F(DictationProbeTest, ACallAfterTheVerdictChangesNothing) {
+  answer(1, result(true));
+  answer(5000, failure(dictationDisabledError()));
+  with([this](DictationProbe& probe) {
+    EXPECT_EQ(probe.availability("ja-JP"), enabled);
+    machine_.scheduler.runSlice(10000);
+    EXPECT_EQ(machine_.scheduler.now(), 10001);
+    EXPECT_EQ(probe.cachedVerdict(), enabled);
+  });
+}
+
+TEST_F(DictationProbeTest, AProbeThatHearsNothingEndsByItsTimeout) {
+  with([this](DictationProbe& probe) {
+    EXPECT_EQ(probe.cachedVerdict(), std::nullopt);
+    EXPECT_EQ(probe.availability("ja-JP", 100), unknown);
+    EXPECT_GE(machine_.scheduler.now(), 100);
+    EXPECT_LE(machine_.scheduler.now(), 120);
+    EXPECT_EQ(probe.cachedVerdict(), unknown);
+    EXPECT_EQ(probe.availability("ja-JP"), unknown);  // kept, not probed again
+    EXPECT_LE(machine_.scheduler.now(), 120);
+  });
+}
+
+TEST_F(DictationProbeTest, ARecordedVerdictNeedsNoProbeAndTheCacheIsReadWhateverItsAge) {
+  with([this](DictationProbe& probe) {
+    probe.recordDisabled();
+    EXPECT_EQ(probe.availability("ja-JP"), disabled);
+    EXPECT_FALSE(recognition_.handler);
+    machine_.scheduler.runSlice(29999);
+    EXPECT_EQ(probe.availability("ja-JP"), disabled);
+    EXPECT_FALSE(recognition_.handler);
+    machine_.scheduler.runSlice(1);
+    EXPECT_EQ(probe.cachedVerdict(), disabled);
+    answer(1, result(true));
+    EXPECT_EQ(probe.availability("ja-JP"), enabled);
+    EXPECT_TRUE(recognition_.handler);
+    probe.recordDisabled();
+    EXPECT_EQ(probe.cachedVerdict(), disabled);
+  });
+}
+
+}  // namespace
+
+}  // namespace palaver
