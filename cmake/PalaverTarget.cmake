@@ -23,6 +23,10 @@ function(palaver_options target)
     target_compile_options(${target} PRIVATE -fsanitize=${PALAVER_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     target_link_options(${target} PRIVATE -fsanitize=${PALAVER_SANITIZE})
   endif()
+  if(PALAVER_FUZZERS)
+    # Coverage for the fuzzers. RapidJSON adds to the null pointer of its empty stack, which only clang reports.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link -fno-sanitize=pointer-overflow)
+  endif()
 endfunction()
 
 function(palaver_library target)

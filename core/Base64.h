@@ -8,10 +8,9 @@
 
 namespace palaver {
 
-// Bytes that decodeBase64 may write for a text of the given length: the decoded bytes and some slack behind
-// them.
+// Bytes that decodeBase64 may write for a text of the given length.
 constexpr std::size_t base64BufferSize(std::size_t characters) {
-  return characters / 4 * 3 + 8;
+  return characters / 4 * 3;
 }
 
 // Decodes standard Base64 (RFC 4648, section 4) into `bytes`, which has room for

@@ -112,8 +112,9 @@ void CommandChannel::decodeLine(std::size_t end, Commands& commands) {
   char* const line = block_->bytes() + lineStart_;
   const std::size_t length = end - lineStart_;
   lineStart_ = std::min(end + 1, filled_);
-  // The trimmed text serves this test only; the line is decoded as it came.
-  if (trimWhitespaceAndNewlines({line, length}).empty()) return;
+  // The trimmed text serves this test only; the line is decoded as it came. Almost every line begins with a
+  // brace.
+  if ((length == 0 || line[0] != '{') && trimWhitespaceAndNewlines({line, length}).empty()) return;
   try {
     commands.push_back(decodeHelperCommand(line, length));
   } catch (const DecodingError& error) {

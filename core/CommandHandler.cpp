@@ -46,6 +46,8 @@ void CommandHandler::handle(const HelperCommand& command) {
 
 void CommandHandler::shutDown() {
   backend_.stopAll();
+  // The reader may be reporting a bad line, which must not be cut.
+  const auto held = writer_.holdLines();
   platform_.process.exit(0);
 }
 

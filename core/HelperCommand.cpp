@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <string>
 
@@ -221,7 +222,12 @@ class CommandBuilder {
     return false;
   }
 
+  // Never fails: what is too big for a double becomes infinite.
   static double number(std::string_view digits) {
+#if defined(__cpp_lib_to_chars)  // some libraries read whole numbers only
+    double value = 0;
+    if (std::from_chars(digits.data(), digits.data() + digits.size(), value).ec == std::errc()) return value;
+#endif
     return std::strtod(std::string(digits).c_str(),
                        nullptr);  // in the "C" locale, which the helper never leaves
   }
@@ -287,14 +293,12 @@ std::string at(std::string_view what, std::size_t offset) {
 
 HelperCommand decodeHelperCommand(char* line, std::size_t length) {
   unsigned char bits = 0;
-  unsigned char escapes = 0;
   unsigned char missedControls = 0;
   for (std::size_t i = 0; i < length; ++i) {
-    const auto byte = static_cast<unsigned char>(line[i]);
-    bits |= byte;
-    escapes |= static_cast<unsigned char>(byte == '\\');
+    bits |= static_cast<unsigned char>(line[i]);
     missedControls |= static_cast<unsigned char>(isMissedControl(line[i]));
   }
+  const bool escapes = std::memchr(line, '\\', length) != nullptr;
   if (bits >= 0x80 && !isValidUTF8({line, length})) throw DecodingError("the line is not valid UTF-8");
   if (missedControls) {
     const auto* const found = std::find_if(line, line + length, isMissedControl);
@@ -303,7 +307,7 @@ HelperCommand decodeHelperCommand(char* line, std::size_t length) {
 
   line[length] = '\0';
   rapidjson::InsituStringStream stream(line);
-  CommandBuilder builder(escapes != 0);
+  CommandBuilder builder(escapes);
   rapidjson::Reader reader;
   constexpr unsigned flags =
       rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;

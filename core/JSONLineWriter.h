@@ -37,6 +37,10 @@ class JSONLineWriter {
   void error(std::string_view message, std::optional<std::string_view> sessionId = std::nullopt,
              std::optional<AudioSource> source = std::nullopt);
 
+  // Waits for the line being written, if any, and keeps others from being begun while the result lives: so
+  // that the process can end between two lines.
+  [[nodiscard]] std::unique_lock<std::mutex> holdLines() { return std::unique_lock(lock_); }
+
  private:
   const Clock& clock_;
   OutputStream& standardOutput_;

@@ -3,9 +3,9 @@
 #include <malloc.h>
 #include <unistd.h>
 
-#include "platform/linux/AbsentServices.h"
 #include "platform/linux/LinuxSpeechRecognition.h"
 #include "platform/linux/SpeexAudioConverter.h"
+#include "platform/posix/AbsentServices.h"
 #include "platform/posix/MemoryAudioBuffers.h"
 #include "platform/posix/POSIXProcess.h"
 #include "platform/posix/POSIXStreams.h"

@@ -10,6 +10,8 @@
 
 #include "core/SpeechBackend.h"
 #include "platform/Platform.h"
+#include "platform/posix/AbsentServices.h"
+#include "platform/posix/ThreadPoolTasks.h"
 
 namespace palaver {
 
@@ -115,8 +117,13 @@ struct FakePlatform {
   RecordingStream standardError;
   NoAudioBuffers audioBuffers;
   NoSpeechRecognition speechRecognition;
-  Platform platform{clock,          process,       mainQueue,    standardInput,
-                    standardOutput, standardError, audioBuffers, speechRecognition};
+  AbsentSpeechAnalysis speechAnalysis;
+  AbsentAudioConverters audioConverters;
+  AbsentAudioFiles audioFiles;
+  ThreadPoolTasks tasks;
+  Platform platform{clock,          process,         mainQueue,    standardInput,
+                    standardOutput, standardError,   audioBuffers, speechRecognition,
+                    speechAnalysis, audioConverters, audioFiles,   tasks};
 };
 
 // Notes each call as one line of text.

@@ -218,6 +218,19 @@ TEST(JSONLineWriterTest, ManyThreadsWriteOnlyWholeLines) {
   for (const auto& [thread, count] : lines) EXPECT_EQ(count, each) << thread;
 }
 
+TEST(JSONLineWriterTest, HeldLinesAreBegunOnlyAfterwards) {
+  FakePlatform fake;
+  JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
+  std::jthread other;
+  {
+    const auto held = writer.holdLines();
+    other = std::jthread([&writer] { writer.write({{"type", "x"}}); });
+    EXPECT_EQ(fake.standardOutput.text(), "");
+  }
+  other.join();
+  EXPECT_EQ(fake.standardOutput.text(), "{\"type\":\"x\"}\n");
+}
+
 TEST(JSONLineWriterTest, EachAuthorizationStatusHasItsLabel) {
   const auto label = [](long status) { return authorizationLabel(static_cast<AuthorizationStatus>(status)); };
   EXPECT_EQ(label(0), "not-determined");

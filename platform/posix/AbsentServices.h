@@ -2,6 +2,7 @@
 // it.
 #pragma once
 
+#include "platform/AudioConverter.h"
 #include "platform/AudioFile.h"
 #include "platform/SpeechAnalysis.h"
 
@@ -35,6 +36,13 @@ class AbsentSpeechAnalysis final : public SpeechAnalysis, public AssetInventory 
   void assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>&,
                                 std::function<void(InstallationRequest)> completion) override {
     completion(PlatformError("PalaverSTT", -1, "Speech analysis is not available on this system"));
+  }
+};
+
+class AbsentAudioConverters final : public AudioConverters {
+ public:
+  std::unique_ptr<AudioConverter> makeConverter(const AudioFormat&, const AudioFormat&) override {
+    return nullptr;
   }
 };
 

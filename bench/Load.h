@@ -1,0 +1,40 @@
+// The input of the benchmarks: meeting audio as a host sends it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace palaver::bench {
+
+inline constexpr std::size_t framesPerLine = 1600;  // 100 ms at 16 kHz
+inline constexpr std::size_t pipeSize = 1 << 20;    // bytes
+
+// A load that is the same in every process and every run.
+class Load {
+ public:
+  // Audio of this many sessions with two sources each, in turn.
+  explicit Load(int sessions);
+
+  // The commands that open the sessions.
+  const std::string& opening() const { return opening_; }
+
+  // One line of 100 ms with its line feed, about 4412 bytes. Lines repeat their audio, quiet and loud, after
+  // a while.
+  std::string line(std::size_t sequence) const;
+
+  // Many lines in one piece, from number 0 on.
+  std::string lines(std::size_t count) const;
+
+ private:
+  std::vector<std::string> sessionIds_;
+  std::vector<std::string> chunks_;  // Base64
+  std::string opening_;
+};
+
+// Writes the opening of the load and then `lines` lines of it to standard output, from memory: by copy,
+// as hosts write, or by reference, which costs next to nothing, so that the reader is what is measured.
+// Returns the exit status of the process.
+int runWriter(int sessions, std::size_t lines, bool byReference);
+
+}  // namespace palaver::bench

@@ -1,0 +1,50 @@
+// The limits: what reading costs when nothing is done with the input.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "bench/Load.h"
+#include "bench/Usage.h"
+#include "bench/roles.h"
+
+namespace palaver::bench {
+
+int runLimit() {
+  const auto bytes = std::make_unique<char[]>(pipeSize);
+  waitForInput();
+  const double start = monotonicSeconds();
+  const double processorStart = processorSeconds();
+  std::size_t lines = 0;
+  ssize_t count;
+  while ((count = ::read(STDIN_FILENO, bytes.get(), pipeSize)) > 0) {
+    const char* at = bytes.get();
+    const char* const end = at + count;
+    while ((at = static_cast<const char*>(std::memchr(at, '\n', static_cast<std::size_t>(end - at))))) {
+      ++lines;
+      ++at;
+    }
+  }
+  report("seconds", monotonicSeconds() - start);
+  report("processor", processorSeconds() - processorStart);
+  report("lines", static_cast<double>(lines));
+  return count == 0 ? 0 : 1;
+}
+
+int runWakeUp() {
+  std::vector<double> arrivals;
+  std::thread reader([&arrivals] {
+    char bytes[64];
+    ssize_t count;
+    while ((count = ::read(STDIN_FILENO, bytes, sizeof bytes)) > 0)
+      arrivals.insert(arrivals.end(), static_cast<std::size_t>(count), monotonicSeconds());
+  });
+  reader.join();
+  for (const double arrival : arrivals) std::printf("%.9f\n", arrival);
+  return 0;
+}
+
+}  // namespace palaver::bench

@@ -1,0 +1,63 @@
+// Input in reads of any size against the same input in one read. The first eight bytes choose the sizes.
+#include <algorithm>
+#include <cstring>
+
+#include "core/CommandChannel.h"
+#include "core/CommandHandler.h"
+#include "core/JSONLineWriter.h"
+#include "fuzz/FuzzInput.h"
+#include "tests/unit/core/Fakes.h"
+
+namespace {
+
+using namespace palaver;
+
+struct Outcome {
+  std::vector<std::string> calls;
+  std::string output, errors;
+  int status = -1;
+  friend bool operator==(const Outcome&, const Outcome&) = default;
+};
+
+Outcome play(std::string_view input, std::string_view sizes) {
+  FakePlatform fake;
+  JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
+  RecordingBackend backend;
+  CommandHandler handler(fake.platform, writer, backend);
+  CommandChannel channel(fake.mainQueue, writer, handler);
+  for (std::size_t read = 0; !input.empty(); ++read) {
+    const auto room = channel.prepare();
+    const std::size_t wanted = sizes.empty()
+                                   ? input.size()
+                                   : std::size_t{1} + static_cast<unsigned char>(sizes[read % sizes.size()]);
+    const auto count = std::min({room.size(), input.size(), wanted});
+    std::memcpy(room.data(), input.data(), count);
+    channel.received(count);
+    input.remove_prefix(count);
+  }
+  channel.prepare();
+  channel.ended();
+  Outcome outcome;
+  try {
+    fake.mainQueue.runAll();
+  } catch (const Exit& exit) {
+    outcome.status = exit.status;
+  }
+  outcome.calls = backend.calls;
+  outcome.output = fake.standardOutput.text();
+  outcome.errors = fake.standardError.text();
+  return outcome;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  constexpr std::size_t choices = 8;
+  if (size < choices) return 0;
+  const auto sizes = text(data, choices), input = text(data + choices, size - choices);
+  const auto whole = play(input, {}), cut = play(input, sizes);
+  require(whole == cut, "the size of reads shows");
+  require(whole.status == 0, "the end of input does not end the process with status 0");
+  require(whole.errors.empty(), "an event could not be encoded");
+  return 0;
+}

@@ -1,0 +1,15 @@
+// The command decoder against the reference: the same lines accepted, with the same values.
+#include "fuzz/FuzzInput.h"
+#include "tests/support/ReferenceDecoder.h"
+#include "tests/unit/core/DecodedLine.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace palaver;
+  const auto line = text(data, size);
+  const DecodedLine decoded(line);
+  if (mayDiffer(line, decoded.failure())) return 0;
+  const auto reference = decodeReference(line);
+  require(decoded.accepted() == reference.has_value(), "accepted by one side only");
+  if (reference) require(copyOf(decoded.command()) == *reference, "different values");
+  return 0;
+}

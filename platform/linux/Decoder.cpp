@@ -1,0 +1,216 @@
+#include "platform/linux/Decoder.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+#include <sphinxbase/cmn.h>
+#include <sphinxbase/err.h>
+#include <sphinxbase/feat.h>
+
+#include "platform/linux/ContextualModel.h"
+#include "platform/linux/ModelCheck.h"
+#include "platform/linux/Pronunciations.h"
+
+namespace palaver {
+
+namespace {
+
+// Of the library, not of the operating system: how log-probabilities are stored, its own default.
+constexpr double logBase = 1.0001;
+// The share of the contextual phrases in the interpolated model; measured to hardly matter.
+constexpr float contextualWeight = 0.1F;
+
+PlatformError engineFailure(const std::string& what) {
+  return recognizerError(RecognizerErrorCode::engineFailed, "The speech engine could not " + what);
+}
+
+CommandLineHandle makeConfiguration(const SpeechModelFiles& files) {
+  // The library writes its log to standard error unless told before its first configuration.
+  static std::once_flag silenced;
+  std::call_once(silenced, [] { err_set_logfp(nullptr); });
+
+  std::vector<std::string> arguments{
+      "decoder", "-hmm", files.acousticModel.string(), "-dict", files.dictionary.string(),
+      // With silence removal times are wrong by seconds.
+      "-remove_silence", "no",
+      // The second and third pass make finals late and, on our recordings, worse.
+      "-fwdflat", "no", "-bestpath", "no",
+      // Bounds the work for one frame.
+      "-maxhmmpf", "3000"};
+  std::vector<char*> pointers;
+  for (auto& argument : arguments) pointers.push_back(argument.data());
+  CommandLineHandle configuration(
+      cmd_ln_parse_r(nullptr, ps_args(), static_cast<std::int32_t>(pointers.size()), pointers.data(), TRUE));
+  if (!configuration) throw engineFailure("be configured");
+  return configuration;
+}
+
+// A file without a name that the library can open by path.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(std::string_view contents)
+      : descriptor_(memfd_create("language-model", MFD_CLOEXEC)) {
+    if (descriptor_ < 0) throw engineFailure("make a temporary file");
+    while (!contents.empty()) {
+      const ssize_t written = write(descriptor_, contents.data(), contents.size());
+      if (written < 0 && errno == EINTR) continue;
+      if (written <= 0) {
+        close(descriptor_);
+        throw engineFailure("write a temporary file");
+      }
+      contents.remove_prefix(static_cast<std::size_t>(written));
+    }
+  }
+  ~TemporaryFile() { close(descriptor_); }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
+
+ private:
+  int descriptor_;
+};
+
+// Fillers are "<s>", "</s>", "<sil>", "[NOISE]" and their like; "to(2)" is a second pronunciation of "to".
+std::string plainWord(std::string_view word) {
+  if (word.starts_with('<') || word.starts_with('[')) return {};
+  if (const auto variant = word.find('('); variant != std::string_view::npos && variant > 0)
+    word = word.substr(0, variant);
+  return std::string(word);
+}
+
+bool isInDictionary(ps_decoder_t* decoder, const std::string& word) {
+  char* const phones = ps_lookup_word(decoder, word.c_str());
+  free(phones);
+  return phones != nullptr;
+}
+
+}  // namespace
+
+BaseLanguageModel::BaseLanguageModel(SpeechModelFiles files)
+    : files_(std::move(files)),
+      fingerprint_(files_.fingerprint()),
+      configuration_(makeConfiguration(files_)),
+      logMath_(logmath_init(logBase, 0, 0)) {
+  checkModel(files_);
+  model_.reset(
+      ngram_model_read(configuration_.get(), files_.languageModel.c_str(), NGRAM_AUTO, logMath_.get()));
+  if (!model_) throw engineFailure("load its language model");
+}
+
+Decoder::Decoder(std::shared_ptr<const BaseLanguageModel> language)
+    : language_(std::move(language)), decoder_(ps_init(makeConfiguration(language_->files()).get())) {
+  if (!decoder_) throw engineFailure("load its acoustic model");
+  useLanguageModel(language_->get());
+  meanOfSpeech_ = cepstralMean();
+}
+
+Decoder::~Decoder() {
+  if (inUtterance_) ps_end_utt(decoder_.get());
+}
+
+void Decoder::useLanguageModel(ngram_model_t* model) {
+  const std::string name = searchName_ == "a" ? "b" : "a";
+  if (ps_set_lm(decoder_.get(), name.c_str(), model) < 0 || ps_set_search(decoder_.get(), name.c_str()) < 0)
+    throw engineFailure("use its language model");
+  if (!searchName_.empty()) ps_unset_search(decoder_.get(), searchName_.c_str());
+  searchName_ = name;
+}
+
+void Decoder::setContextualStrings(std::span<const std::string> phrases) {
+  if (std::ranges::equal(phrases, contextualStrings_)) return;
+  ContextualModel contextual(phrases);
+  std::vector<std::string> unspoken;
+  for (const auto& word : contextual.words()) {
+    if (isInDictionary(decoder_.get(), word)) continue;
+    const std::string phones = pronunciation(word);
+    if (phones.empty() || ps_add_word(decoder_.get(), word.c_str(), phones.c_str(), FALSE) < 0)
+      unspoken.push_back(word);
+  }
+  contextual.remove(unspoken);
+
+  if (contextual.isEmpty()) {
+    useLanguageModel(language_->get());
+  } else {
+    const TemporaryFile file(contextual.arpa());
+    const LanguageModelHandle small(
+        ngram_model_read(language_->configuration(), file.path().c_str(), NGRAM_ARPA, language_->logMath()));
+    if (!small) throw engineFailure("use the vocabulary");
+    std::array models{language_->get(), small.get()};
+    std::string baseName = "base";
+    std::string contextualName = "contextual";
+    std::array names{baseName.data(), contextualName.data()};
+    const std::array weights{1 - contextualWeight, contextualWeight};
+    const LanguageModelHandle both(ngram_model_set_init(language_->configuration(), models.data(),
+                                                        names.data(), weights.data(), models.size()));
+    if (!both) throw engineFailure("use the vocabulary");
+    useLanguageModel(both.get());
+  }
+  contextualStrings_.assign(phrases.begin(), phrases.end());
+}
+
+void Decoder::startUtterance() {
+  // Without a new stream frame numbers would run on from the utterance before.
+  if (ps_start_stream(decoder_.get()) < 0 || ps_start_utt(decoder_.get()) < 0)
+    throw engineFailure("start an utterance");
+  inUtterance_ = true;
+}
+
+void Decoder::process(std::span<const std::int16_t> samples) {
+  if (!inUtterance_ || samples.empty()) return;
+  if (ps_process_raw(decoder_.get(), samples.data(), samples.size(), FALSE, FALSE) < 0)
+    throw engineFailure("process the audio");
+  samplesSinceMeanUpdate_ += static_cast<int>(samples.size());
+  if (samplesSinceMeanUpdate_ >= modelSampleRate) updateCepstralMean();
+}
+
+void Decoder::endUtterance() {
+  if (!inUtterance_) return;
+  inUtterance_ = false;
+  const int status = ps_end_utt(decoder_.get());
+  // The library does not always do so itself at the end.
+  updateCepstralMean();
+  if (status < 0) throw engineFailure("end the utterance");
+}
+
+Decoder::CepstralMean Decoder::cepstralMean() const {
+  const cmn_t& state = *ps_get_feat(decoder_.get())->cmn_struct;
+  return {
+      {state.cmn_mean, state.cmn_mean + state.veclen}, {state.sum, state.sum + state.veclen}, state.nframe};
+}
+
+// The mean follows speech only. After a long silence it would be that of the silence, and the first words
+// after it would be misheard.
+void Decoder::updateCepstralMean() {
+  samplesSinceMeanUpdate_ = 0;
+  cmn_t& state = *ps_get_feat(decoder_.get())->cmn_struct;
+  if (std::ranges::any_of(segments(), [](const DecodedSegment& segment) { return !segment.word.empty(); })) {
+    cmn_live_update(&state);
+    meanOfSpeech_ = cepstralMean();
+  } else {
+    std::ranges::copy(meanOfSpeech_.mean, state.cmn_mean);
+    std::ranges::copy(meanOfSpeech_.sum, state.sum);
+    state.nframe = meanOfSpeech_.frames;
+  }
+}
+
+std::vector<DecodedSegment> Decoder::segments() const {
+  std::vector<DecodedSegment> segments;
+  for (ps_seg_t* segment = ps_seg_iter(decoder_.get()); segment; segment = ps_seg_next(segment)) {
+    int first = 0;
+    int last = 0;  // inclusive
+    ps_seg_frames(segment, &first, &last);
+    segments.push_back({plainWord(ps_seg_word(segment)), std::int64_t{first} * samplesPerDecoderFrame,
+                        (std::int64_t{last} + 1) * samplesPerDecoderFrame});
+  }
+  return segments;
+}
+
+}  // namespace palaver

@@ -1,0 +1,109 @@
+#include "platform/linux/Transcription.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace palaver {
+
+namespace {
+
+constexpr double seconds(std::int64_t samples) {
+  return static_cast<double>(samples) / modelSampleRate;
+}
+
+}  // namespace
+
+Transcription::Transcription(Decoder& decoder) : decoder_(decoder) {
+  decoder_.startUtterance();
+}
+
+Transcription::~Transcription() {
+  try {
+    decoder_.endUtterance();
+  } catch (const PlatformError&) {
+    // Whoever destroys an unfinished transcription does not want its text.
+  }
+}
+
+void Transcription::process(std::span<const std::int16_t> samples) {
+  decoder_.process(samples);
+  received_ += static_cast<std::int64_t>(samples.size());
+  newest_.insert(newest_.end(), samples.begin(), samples.end());
+  if (std::ssize(newest_) > keptSamples) newest_.erase(newest_.begin(), newest_.end() - keptSamples);
+  listen();
+  cutIfLong();
+}
+
+void Transcription::finish() {
+  decoder_.endUtterance();
+  listen();
+}
+
+void Transcription::listen() {
+  current_.clear();
+  pause_ = utteranceLength();
+  for (auto& segment : decoder_.segments()) {
+    if (segment.word.empty() || segment.length() > maxWordLength) continue;
+    pause_ = utteranceLength() - segment.endSample;
+    current_.push_back({std::move(segment.word), utteranceStart_ + segment.startSample,
+                        utteranceStart_ + segment.endSample});
+  }
+}
+
+void Transcription::cutIfLong() {
+  const std::int64_t length = utteranceLength();
+  if (current_.empty()) {
+    if (length >= quietLimit) cut(received_ - quietOverlap);
+  } else if (length >= hardLimit || (length >= pauseLimit && pause_ >= pauseLength)) {
+    cut(placeToCut());
+  }
+}
+
+// The middle of the longest pause in the audio that can be given again; before the newest word where there is
+// no pause.
+std::int64_t Transcription::placeToCut() const {
+  const std::int64_t earliest = received_ - std::ssize(newest_);
+  std::int64_t place = earliest;
+  std::int64_t longest = -1;
+  for (std::size_t i = 0; i < current_.size(); ++i) {
+    const std::int64_t from = current_[i].endSample;
+    const std::int64_t to = i + 1 < current_.size() ? current_[i + 1].startSample : received_;
+    // Without a pause at its end the newest word may still be growing.
+    if (i + 1 == current_.size() && to - from < pauseLength) break;
+    if (from < earliest || to - from < longest) continue;
+    longest = to - from;
+    place = from + longest / 2;
+  }
+  return place;
+}
+
+void Transcription::cut(std::int64_t sample) {
+  decoder_.endUtterance();
+  for (auto& word : current_)
+    if (word.endSample <= sample) settled_.push_back(std::move(word));
+  utteranceStart_ = sample;
+  decoder_.startUtterance();
+  const std::vector<std::int16_t> again(newest_.end() - (received_ - sample), newest_.end());
+  decoder_.process(again);
+  listen();
+}
+
+std::string Transcription::text() const {
+  std::string text;
+  for (const auto* words : {&settled_, &current_})
+    for (const auto& word : *words) {
+      if (!text.empty()) text += ' ';
+      text += word.text;
+    }
+  return text;
+}
+
+std::vector<TranscriptionSegment> Transcription::segments() const {
+  std::vector<TranscriptionSegment> segments;
+  for (const auto* words : {&settled_, &current_})
+    for (const auto& word : *words)
+      segments.push_back({word.text, seconds(word.startSample), seconds(word.endSample - word.startSample)});
+  return segments;
+}
+
+}  // namespace palaver

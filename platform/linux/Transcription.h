@@ -1,0 +1,74 @@
+// The audio of one request on its way through a decoder, of any length.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/SpeechRecognition.h"
+#include "platform/linux/Decoder.h"
+
+namespace palaver {
+
+// The decoder keeps every frame of an utterance, so a request that stays open for hours is cut into several
+// utterances of the decoder: where nothing was said, in a pause, or else between two words. The newest audio
+// is kept and given again to the next one, so that no word is lost at a cut, and times always count from the
+// request's first sample. Lives on the decoder's thread, one at a time per decoder.
+class Transcription {
+ public:
+  // Samples after which an utterance without a word is started again.
+  static constexpr std::int64_t quietLimit = 10 * modelSampleRate;
+  // Samples of it that are heard again, as a word may have begun in them.
+  static constexpr std::int64_t quietOverlap = modelSampleRate;
+  // Samples from which an utterance with words ends in the next pause...
+  static constexpr std::int64_t pauseLimit = 30 * modelSampleRate;
+  // ...of at least this many samples...
+  static constexpr std::int64_t pauseLength = 3 * modelSampleRate / 10;
+  // ...and from which it ends between two words.
+  static constexpr std::int64_t hardLimit = 60 * modelSampleRate;
+  // Audio kept to be given again.
+  static constexpr std::int64_t keptSamples = 5 * modelSampleRate;
+  // Longer words are noise that was taken for one, and left out.
+  static constexpr std::int64_t maxWordLength = 3 * modelSampleRate / 2;
+
+  // Begins at the first sample; the decoder must not be in an utterance.
+  explicit Transcription(Decoder& decoder);
+  ~Transcription();
+  Transcription(const Transcription&) = delete;
+  Transcription& operator=(const Transcription&) = delete;
+
+  // Takes audio; afterwards text() and segments() are up to date. Throws PlatformError.
+  void process(std::span<const std::int16_t> samples);
+
+  // The audio has ended: text() and segments() are final. Throws PlatformError.
+  void finish();
+
+  // All words so far, with single spaces.
+  std::string text() const;
+  std::vector<TranscriptionSegment> segments() const;
+
+ private:
+  struct Word {
+    std::string text;
+    std::int64_t startSample;  // from the request's first sample
+    std::int64_t endSample;
+  };
+
+  void listen();
+  void cutIfLong();
+  void cut(std::int64_t sample);
+  std::int64_t placeToCut() const;
+  std::int64_t utteranceLength() const { return received_ - utteranceStart_; }
+
+  Decoder& decoder_;
+  std::int64_t received_ = 0;        // samples of the request
+  std::int64_t utteranceStart_ = 0;  // of the decoder's utterance, from the request's first sample
+  std::deque<std::int16_t> newest_;  // the last keptSamples, or fewer
+  std::vector<Word> settled_;        // words of the utterances before
+  std::vector<Word> current_;        // words of the decoder's utterance
+  std::int64_t pause_ = 0;           // samples of silence at its end
+};
+
+}  // namespace palaver

@@ -1,0 +1,23 @@
+# Small helpers of ./dev: messages, and what this machine is.
+
+say() { printf '%s\n' "$*"; }
+note_skipped() { say "skipped: $*"; }
+fail() { printf 'error: %s\n' "$*" >&2; exit 1; }
+fail_usage() { printf 'error: %s\n' "$*" >&2; exit 2; }
+
+is_mac() { [ "$(uname -s)" = Darwin ]; }
+is_debian() { command -v apt-get >/dev/null && command -v dpkg-query >/dev/null; }
+
+processors() { getconf _NPROCESSORS_ONLN 2>/dev/null || echo 2; }
+
+# The thread sanitizer of GCC 12 needs its shadow memory free of mappings, which kernels with much address
+# randomization do not grant.
+with_fixed_addresses() {  # preset, command...
+  local preset=$1
+  shift
+  if [ "$preset" = thread ] && command -v setarch >/dev/null && setarch "$(uname -m)" -R true 2>/dev/null; then
+    setarch "$(uname -m)" -R "$@"
+  else
+    "$@"
+  fi
+}

@@ -1,0 +1,55 @@
+# The checks of the sources: format, clang-tidy, layers, words. Each runs even when one before it failed.
+
+# The tree's files: those of the repository (also new ones not added yet), or all without one.
+tree_files() {
+  if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+    git ls-files --cached --others --exclude-standard
+  else
+    find . \( -name .git -o -name build -o -name __pycache__ \) -prune -o -type f -print | sed 's|^\./||'
+  fi | while IFS= read -r file; do if [ -f "$file" ]; then printf '%s\n' "$file"; fi; done
+}
+
+check_format() {
+  tree_files | grep -E '\.(h|c|cpp|mm|m)$' | tr '\n' '\0' | xargs -0 -n 40 clang-format-14 --dry-run --Werror
+}
+
+# Those sources that the preset dev compiles; the rest has no compile command here.
+check_tidy() {
+  local sources
+  sources=$(sed -n 's|^  "file": "'"$root"'/\(.*\)",\{0,1\}$|\1|p' build/dev/compile_commands.json | sort -u)
+  [ -n "$sources" ] || { say "build/dev/compile_commands.json names no source"; return 1; }
+  # Clang 14 takes the standard library's coroutines and Asio's for absent, as their feature macros are GCC's.
+  printf '%s\n' "$sources" | tr '\n' '\0' | xargs -0 -n 2 -P "$(processors)" \
+    clang-tidy-14 -p build/dev --quiet --header-filter="^$root/" \
+    --extra-arg=-DASIO_HAS_CO_AWAIT --extra-arg=-DASIO_HAS_STD_COROUTINE --extra-arg=-D__cpp_impl_coroutine=201902L \
+    2>build/logs/clang-tidy-noise.log
+}
+
+run_check() {  # description, function
+  local started=$SECONDS
+  if "$2"; then
+    say "passed: $1 ($((SECONDS - started)) s)"
+  else
+    say "FAILED: $1"
+    lint_status=1
+  fi
+}
+
+run_lint() {
+  lint_status=0
+  mkdir -p build/logs
+  if is_mac || ! is_debian; then
+    note_skipped "format and clang-tidy; they are held on Debian's clang-format-14 and clang-tidy-14"
+  else
+    set_up build test lint
+    run_check "format" check_format
+  fi
+  run_check "layers" tools/check-layers
+  run_check "words" tools/check-words
+  if is_debian && ! is_mac; then
+    say "configuring (dev)"
+    cmake --preset dev >build/logs/dev-configure.log 2>&1 || show_failure "configuring (dev)" build/logs/dev-configure.log
+    run_check "clang-tidy" check_tidy
+  fi
+  return "$lint_status"
+}

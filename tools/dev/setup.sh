@@ -1,0 +1,56 @@
+# Installs what is missing of the packages that packages/*.txt list. A machine that has them all needs no network.
+
+# The names in package lists, without comments and empty lines.
+packages_in() { sed -e 's/#.*//' -e 's/[[:space:]]//g' -e '/^$/d' "$@"; }
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    sudo "$@"
+  else
+    fail "installing packages needs root, and there is no sudo: run as root: $*"
+  fi
+}
+
+set_up_debian() {  # lists...
+  local missing="" name list
+  for list in "$@"; do
+    for name in $(packages_in "packages/debian-$list.txt"); do
+      if [ "$(dpkg-query -W -f '${db:Status-Status}' "$name" 2>/dev/null)" != installed ]; then
+        missing="$missing $name"
+      fi
+    done
+  done
+  [ -n "$missing" ] || return 0
+  say "installing$missing"
+  mkdir -p build/logs
+  local log=build/logs/packages.log
+  # shellcheck disable=SC2086 # one word per package
+  {
+    as_root apt-get update &&
+      as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends $missing
+  } >"$log" 2>&1 </dev/null || { tail -n 20 "$log" >&2; fail "the packages could not be installed; log: $log"; }
+}
+
+set_up_mac() {
+  command -v brew >/dev/null || fail "Homebrew is needed to install the packages of packages/homebrew.txt"
+  local missing="" name
+  for name in $(packages_in packages/homebrew.txt); do
+    brew list --formula "$name" >/dev/null 2>&1 || missing="$missing $name"
+  done
+  [ -n "$missing" ] || return 0
+  say "installing$missing"
+  # shellcheck disable=SC2086
+  brew install $missing
+}
+
+set_up() {  # lists...
+  if is_mac; then
+    set_up_mac
+  elif is_debian; then
+    set_up_debian "$@"
+  else
+    note_skipped "set-up: this is neither Debian nor macOS; packages/debian-*.txt list what is needed"
+  fi
+}
