@@ -44,7 +44,7 @@ struct LivePlatform {
   LivePlatform(const MachineState& state, std::vector<char*> arguments)
       : process(std::move(arguments), state.macOS),
         speechRecognition(timeline, state.platform.recognition),
-        speechAnalysis(timeline, AnalysisState{}) {
+        speechAnalysis(timeline, state.platform.analysis) {
     audioBuffers.setFault(state.platform.audioBuffers);
   }
 
