@@ -39,6 +39,8 @@ void SimulatedPlatform::letGo() {
   scheduler.clear();
   speechAnalysis.abandon();
   scheduler.clear();
+  tasks.shutDown();
+  scheduler.clear();
 }
 
 std::optional<int> SimulatedPlatform::run(const std::function<void(Platform&)>& program, double horizon) {

@@ -15,11 +15,19 @@ class SimulatedTasks final : public Tasks {
 
   asio::any_io_executor executor() override;
 
+  // Drops what waits in serial executors. What is destroyed so may put jobs on the timeline, which must be
+  // dropped before this object goes.
+  void shutDown() { context_.shutDown(); }
+
  private:
   class Executor;
+  class Context final : public asio::execution_context {
+   public:
+    void shutDown() { shutdown(); }
+  };
 
   Timeline& timeline_;
-  asio::execution_context context_;
+  Context context_;
 };
 
 }  // namespace palaver
