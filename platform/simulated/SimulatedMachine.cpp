@@ -93,6 +93,8 @@ std::optional<AudioFormat> SimulatedAudioBuffers::makeFormat(CommonFormat common
 std::shared_ptr<PCMBuffer> SimulatedAudioBuffers::makeBuffer(const AudioFormat& format,
                                                              std::uint32_t frameCapacity) {
   if (fault_ == Fault::noBuffer || (fault_ == Fault::noEmptyBuffer && frameCapacity == 0)) return nullptr;
+  if (fault_ == Fault::noOtherFormat && format != AudioFormat{CommonFormat::int16, 16000, 1, false})
+    return nullptr;
   AudioFormat made = format;
   if (fault_ == Fault::noSamples) made.commonFormat = CommonFormat::float32;
   return std::make_shared<PCMBuffer>(made, frameCapacity);

@@ -129,6 +129,7 @@ class SimulatedAudioBuffers final : public AudioBuffers {
     noBuffer,       // no buffer can be allocated
     noEmptyBuffer,  // no buffer of capacity 0 can be allocated
     noSamples,      // buffers have no 16-bit samples
+    noOtherFormat,  // no buffer can be allocated but in the format of decoded payloads
   };
 
   std::optional<AudioFormat> makeFormat(CommonFormat commonFormat, double sampleRate, std::uint32_t channels,

@@ -10,8 +10,8 @@
 
 #include "platform/Platform.h"
 #include "platform/linux/SndfileAudioFile.h"
-#include "platform/linux/SpeexAudioConverter.h"
 #include "platform/simulated/Scheduler.h"
+#include "platform/simulated/SimulatedAudioConverters.h"
 #include "platform/simulated/SimulatedMachine.h"
 #include "platform/simulated/SimulatedSpeechAnalysis.h"
 #include "platform/simulated/SimulatedSpeechRecognition.h"
@@ -52,7 +52,7 @@ class SimulatedPlatform {
   SimulatedAudioBuffers audioBuffers;
   SimulatedSpeechRecognition speechRecognition;
   SimulatedSpeechAnalysis speechAnalysis;
-  SpeexAudioConverters audioConverters;
+  SimulatedAudioConverters audioConverters;
   SndfileAudioFiles audioFiles;
 
  private:

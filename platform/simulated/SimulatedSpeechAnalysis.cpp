@@ -40,14 +40,17 @@ class SimulatedSpeechAnalysis::Service : public std::enable_shared_from_this<Ser
   double now() const { return timeline_.now(); }
 
   // Calls the completion with what `makeAnswer` gives once the operation has taken its time; keeps it for
-  // ever when the operation never answers.
+  // ever when the operation never answers. Without a stream the answer keeps no order with others.
   template <typename Completion, typename MakeAnswer>
   void answerLater(const SimulatedOperation& operation, const void* stream, Completion completion,
                    MakeAnswer makeAnswer) {
+    if (operation.answersInsideCall) return completion(makeAnswer());
     if (!operation.takes)
       return keep([completion = std::move(completion)] { static_cast<void>(completion); });
-    timeline_.schedule(*operation.takes, Timeline::Context::background, stream,
-                       [completion = std::move(completion), makeAnswer] { completion(makeAnswer()); });
+    const auto ownStream = std::make_shared<char>();
+    timeline_.schedule(
+        *operation.takes, Timeline::Context::background, stream ? stream : ownStream.get(),
+        [completion = std::move(completion), makeAnswer, ownStream] { completion(makeAnswer()); });
   }
 
   // All below: with the lock held.
@@ -270,7 +273,7 @@ bool SimulatedSpeechAnalysis::isTranscriberAvailable() const {
 void SimulatedSpeechAnalysis::supportedLocale(std::string_view equivalentTo,
                                               std::function<void(std::optional<std::string>)> completion) {
   service_->answerLater(
-      state().localeLookup, this, std::move(completion),
+      state().localeLookup, nullptr, std::move(completion),
       [service = service_, wanted = std::string(equivalentTo)]() -> std::optional<std::string> {
         return service->locked([&]() -> std::optional<std::string> {
           const auto& locales = service->state().locales;
@@ -288,7 +291,9 @@ std::shared_ptr<SpeechTranscriber> SimulatedSpeechAnalysis::makeTranscriber(std:
 
 void SimulatedSpeechAnalysis::bestAvailableAudioFormat(
     const std::shared_ptr<SpeechTranscriber>&, std::function<void(std::optional<AudioFormat>)> completion) {
-  service_->answerLater({}, this, std::move(completion), [format = state().format] { return format; });
+  const auto now = state();
+  service_->answerLater(now.formatLookup, nullptr, std::move(completion),
+                        [format = now.format] { return format; });
 }
 
 SpeechAnalysis::AnalyzerWithInput SimulatedSpeechAnalysis::makeAnalyzer(
@@ -304,7 +309,7 @@ SpeechAnalysis::AnalyzerWithInput SimulatedSpeechAnalysis::makeAnalyzer(
 
 void SimulatedSpeechAnalysis::status(const std::shared_ptr<SpeechTranscriber>&,
                                      std::function<void(AssetStatus)> completion) {
-  service_->answerLater({}, this, std::move(completion), [service = service_] {
+  service_->answerLater(state().modelLookup, nullptr, std::move(completion), [service = service_] {
     return service->locked([&] { return service->state().model; });
   });
 }
@@ -312,7 +317,7 @@ void SimulatedSpeechAnalysis::status(const std::shared_ptr<SpeechTranscriber>&,
 void SimulatedSpeechAnalysis::assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>&,
                                                        std::function<void(InstallationRequest)> completion) {
   const auto operation = state().installationRequest;
-  service_->answerLater(operation, this, std::move(completion),
+  service_->answerLater(operation, nullptr, std::move(completion),
                         [service = service_, error = operation.error]() -> InstallationRequest {
                           if (error) return *error;
                           const bool installed = service->locked(

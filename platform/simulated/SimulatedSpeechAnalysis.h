@@ -18,6 +18,7 @@ namespace palaver {
 struct SimulatedOperation {
   std::optional<double> takes = 0;
   std::optional<PlatformError> error = std::nullopt;
+  bool answersInsideCall = false;  // takes no time, and is not even put on the timeline
 };
 
 // What an analyzer does by itself with its audio, for want of a script. Every result of one utterance covers
@@ -41,11 +42,13 @@ struct AnalysisState {
   std::map<std::string, std::string, std::less<>> locales{{"ja-JP", "ja_JP"}};
   SimulatedOperation localeLookup;  // cannot fail
   AssetStatus model = AssetStatus::installed;
+  SimulatedOperation modelLookup;  // cannot fail
   SimulatedOperation installationRequest;
   SimulatedOperation download;
   AssetStatus modelAfterDownload = AssetStatus::installed;
   // The format that analyzers want.
   std::optional<AudioFormat> format = AudioFormat{CommonFormat::int16, 16000, 1, true};
+  SimulatedOperation formatLookup;  // cannot fail
   SimulatedOperation prepare;
   SimulatedOperation finalize;
   SimulatedOperation cancel;  // cannot fail

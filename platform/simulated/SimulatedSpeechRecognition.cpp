@@ -46,7 +46,7 @@ class SimulatedSpeechRecognition::Recognition {
   bool hasEnded = false;
   std::optional<SimulatedUtterance> utterance;
   std::size_t nextPartial = 0;
-  double audio = 0;  // ms received
+  double sound = 0;  // ms received that are not silence
   RecognitionResult newest;
 
   bool isRunning() const { return handler && !hasEnded; }
@@ -84,12 +84,16 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
   void start(const Pointer& recognition, ResultHandler handler) {
     recognition->handler = std::move(handler);
     recognition->record.hasTask = true;
-    if (recognition->record.isProbe()) return;
     if (!state_.utterances.empty())
       recognition->utterance = state_.utterances[tasks_.size() % state_.utterances.size()];
-    tasks_.push_back(recognition);
-    if (!state_.dictationIsOn)
-      answerLater(recognition, 0, [] { return errorAnswer(dictationDisabledError()); });
+    if (!recognition->record.isProbe()) {
+      tasks_.push_back(recognition);
+      if (!state_.dictationIsOn)
+        answerLater(recognition, 0, [] { return errorAnswer(dictationDisabledError()); });
+    }
+    // What came before the task is heard now.
+    giveDuePartials(recognition);
+    if (recognition->record.endAudioAt) answerEndOfAudio(recognition);
   }
 
   void append(const Pointer& recognition, const PCMBuffer& buffer) {
@@ -98,36 +102,15 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
       ++recognition->record.droppedBuffers;
       return;
     }
-    recognition->record.buffers.push_back(palaver::record(buffer));
-    recognition->audio += buffer.frameLength() * millisecondsPerFrame;
-    if (!recognition->utterance) return;
-    const auto& partials = recognition->utterance->partials;
-    for (auto& next = recognition->nextPartial;
-         next < partials.size() && recognition->audio >= partials[next].afterAudio; ++next)
-      answerLater(recognition, 0, [text = partials[next].text] {
-        return RecognitionAnswer{RecognitionResult{text, {}, false}, std::nullopt};
-      });
+    const auto& taken = recognition->record.buffers.emplace_back(palaver::record(buffer));
+    if (taken.loudness > 0) recognition->sound += taken.frames * millisecondsPerFrame;
+    giveDuePartials(recognition);
   }
 
   void endAudio(const Pointer& recognition) {
     if (timeline_.hasEnded() || recognition->record.endAudioAt) return;
     recognition->record.endAudioAt = timeline_.now();
-    if (recognition->record.isProbe()) {
-      if (state_.probeAnswersAfter)
-        answerLater(recognition, *state_.probeAnswersAfter, [this] {
-          return state_.dictationIsOn ? state_.probeAnswer : errorAnswer(dictationDisabledError());
-        });
-    } else if (state_.answersAfterEndAudio) {
-      answerLater(recognition, *state_.answersAfterEndAudio, [weak = std::weak_ptr(recognition)] {
-        const auto self = weak.lock();
-        auto result = self->newest;
-        if (self->utterance && !self->utterance->finalText.empty() && !result.formattedString.empty())
-          result.formattedString = self->utterance->finalText;
-        result.isFinal = true;
-        return result.formattedString.empty() ? errorAnswer(noSpeechError())
-                                              : RecognitionAnswer{result, std::nullopt};
-      });
-    }
+    if (recognition->handler) answerEndOfAudio(recognition);
   }
 
   void cancel(const Pointer& recognition) {
@@ -169,6 +152,41 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
   static RecognitionAnswer errorAnswer(PlatformError error) { return {std::nullopt, std::move(error)}; }
 
  private:
+  // An automatic result: one segment over all that was heard.
+  static RecognitionAnswer resultAnswer(const Recognition& recognition, const std::string& text,
+                                        bool isFinal) {
+    return {RecognitionResult{text, {{text, 0, recognition.sound / 1000}}, isFinal}, std::nullopt};
+  }
+
+  void giveDuePartials(const Pointer& recognition) {
+    if (!recognition->handler || !recognition->utterance || recognition->record.isProbe()) return;
+    const auto& partials = recognition->utterance->partials;
+    for (auto& next = recognition->nextPartial;
+         next < partials.size() && recognition->sound >= partials[next].afterAudio; ++next)
+      answerLater(recognition, 0,
+                  [answer = resultAnswer(*recognition, partials[next].text, false)] { return answer; });
+  }
+
+  void answerEndOfAudio(const Pointer& recognition) {
+    const bool isProbe = recognition->record.isProbe();
+    const auto after = isProbe ? state_.probeAnswersAfter : state_.answersAfterEndAudio;
+    if (!after) return;
+    answerLater(recognition, *after, [this, weak = std::weak_ptr(recognition), isProbe] {
+      if (isProbe && !state_.dictationIsOn) return errorAnswer(dictationDisabledError());
+      const auto self = weak.lock();
+      if (self->utterance && self->sound > 0) {
+        auto text = self->utterance->finalText;
+        if (text.empty()) text = self->newest.formattedString;
+        if (!text.empty()) return resultAnswer(*self, text, true);
+      }
+      if (isProbe) return state_.probeAnswer;
+      auto result = self->newest;
+      result.isFinal = true;
+      return result.formattedString.empty() ? errorAnswer(noSpeechError())
+                                            : RecognitionAnswer{result, std::nullopt};
+    });
+  }
+
   // Calls the handler with what is the answer at that time, unless the task has ended by then.
   template <typename MakeAnswer>
   void answerLater(const Pointer& recognition, double delay, MakeAnswer makeAnswer) {

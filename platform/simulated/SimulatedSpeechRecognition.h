@@ -26,10 +26,11 @@ PlatformError noSpeechError();           // nothing was said
 PlatformError dictationDisabledError();  // Siri and Dictation are switched off
 PlatformError cancelledError();          // the request was cancelled
 
-// What a task does by itself with its audio, for want of a script.
+// What a task does by itself with its audio, for want of a script. Its results have one segment over all of
+// the audio, silence aside.
 struct SimulatedUtterance {
   struct Partial {
-    double afterAudio;  // ms of audio received
+    double afterAudio;  // ms of audio received, silence (zeros) aside
     std::string text;
   };
   std::vector<Partial> partials;

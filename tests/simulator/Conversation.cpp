@@ -4,6 +4,7 @@
 #include <map>
 #include <utility>
 
+#include "tests/simulator/AnalysisSteps.h"
 #include "tests/simulator/EventPattern.h"
 #include "tests/support/TestAudio.h"
 
@@ -146,6 +147,7 @@ void ConversationReader::readPlatform(const JSON& value, const std::string& wher
   readPlatformState(value, where, unused);  // complains now, not in the middle of the run
   act(time_, [value, where](Stage& stage) {
     stage.state.recognition = stage.platform.speechRecognition.state();
+    stage.state.analysis = stage.platform.speechAnalysis.state();
     readPlatformState(value, where, stage.state);
     apply(stage.state, stage.platform);
   });
@@ -178,6 +180,8 @@ void ConversationReader::readStep(const JSON& value, const std::string& where) {
   }
   if (const auto* const recognizer = has("recognizer"))
     readRecognizer(*recognizer, reader.where("recognizer"));
+  if (const auto* const analyzer = has("analyzer"))
+    act(time_, readAnalyzerStep(*analyzer, reader.where("analyzer")));
   if (const auto* const platform = has("platform")) readPlatform(*platform, reader.where("platform"));
   if (const auto* const out = has("out"))
     scenario_.output.push_back({time_, expanded(*out, time_, reader.where("out")), ""});
@@ -187,7 +191,7 @@ void ConversationReader::readStep(const JSON& value, const std::string& where) {
   if (actions != 1)
     reader.fail(
         "must hold exactly one of host, line, text, bytes, audio, closeInput, recognizer, "
-        "platform, out, outLine, errorLine");
+        "analyzer, platform, out, outLine, errorLine");
 }
 
 }  // namespace

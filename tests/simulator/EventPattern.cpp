@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <regex>
 
 namespace palaver {
 
@@ -52,6 +53,8 @@ std::optional<bool> compareByOperator(const JSON& pattern, const JSON& actual) {
     return actual.is_string() && actualText.starts_with(text("$startsWith"));
   if (pattern.contains("$contains"))
     return actual.is_string() && actualText.find(text("$contains")) != std::string::npos;
+  if (pattern.contains("$matches"))
+    return actual.is_string() && std::regex_match(actualText, std::regex(text("$matches")));
   if (pattern.contains("$near"))
     return actual.is_number() && std::abs(actual.get<double>() - pattern.at("$near").get<double>()) <=
                                      pattern.at("within").get<double>();
@@ -66,8 +69,11 @@ Difference compare(const JSON& pattern, const JSON& actual, const std::string& p
     if (text.starts_with("$")) return compareVariable(text, actual, path, variables);
   }
   if (pattern.is_object()) {
-    if (const auto matches = compareByOperator(pattern, actual))
-      return *matches ? std::nullopt : unlike(pattern, actual, path);
+    if (const auto matches = compareByOperator(pattern, actual)) {
+      if (!*matches) return unlike(pattern, actual, path);
+      if (!pattern.contains("is")) return std::nullopt;
+      return compareVariable(pattern.at("is").get<std::string>(), actual, path, variables);
+    }
     if (actual.is_object()) return compareObjects(pattern, actual, path, variables);
   }
   if (pattern.is_array() && actual.is_array() && pattern.size() == actual.size()) {

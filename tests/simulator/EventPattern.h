@@ -18,6 +18,8 @@ using Variables = std::map<std::string, JSON>;
 //   "$$text"                        the string "$text"
 //   {"$startsWith": "text"}         a string that begins so
 //   {"$contains": "text"}           a string that contains it
+//   {"$matches": "expression"}      a string that matches as a whole, and with "is": "$name" that variable,
+//   too
 //   {"$near": 12.5, "within": 0.1}  a number near that one
 // Returns what differs and where, in words, or none. Binds variables only when nothing differs.
 std::optional<std::string> difference(const JSON& pattern, const JSON& actual, Variables& variables);

@@ -8,6 +8,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace palaver {
 
@@ -50,5 +51,17 @@ class ObjectReader {
   std::string where_;
   std::set<std::string> known_;
 };
+
+// The value that a name stands for. Throws FileError.
+template <typename Value, std::size_t count>
+Value oneOf(const std::pair<const char*, Value> (&choices)[count], const std::string& name,
+            const std::string& where) {
+  std::string known;
+  for (const auto& [text, value] : choices) {
+    if (name == text) return value;
+    known += (known.empty() ? "" : ", ") + std::string(text);
+  }
+  throw FileError(where, "unknown value \"" + name + "\"; known here: " + known);
+}
 
 }  // namespace palaver

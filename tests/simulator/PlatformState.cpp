@@ -4,20 +4,11 @@
 #include <cstdio>
 #include <utility>
 
+#include "tests/simulator/AnalysisSteps.h"
+
 namespace palaver {
 
 namespace {
-
-template <typename Value, std::size_t count>
-Value oneOf(const std::pair<const char*, Value> (&choices)[count], const std::string& name,
-            const std::string& where) {
-  std::string known;
-  for (const auto& [text, value] : choices) {
-    if (name == text) return value;
-    known += (known.empty() ? "" : ", ") + std::string(text);
-  }
-  throw FileError(where, "unknown value \"" + name + "\"; known here: " + known);
-}
 
 AuthorizationStatus readAuthorization(const JSON& value, const std::string& where) {
   if (value.is_number_integer()) return static_cast<AuthorizationStatus>(value.get<long>());
@@ -109,13 +100,20 @@ void readPlatformState(const JSON& value, const std::string& where, PlatformStat
     readUtterances(*utterances, reader.where("utterances"), recognition);
   if (const auto fault = reader.text("audioBuffers")) {
     using Fault = SimulatedAudioBuffers::Fault;
-    constexpr std::pair<const char*, Fault> choices[]{{"work", Fault::none},
-                                                      {"noFormat", Fault::noFormat},
-                                                      {"noBuffer", Fault::noBuffer},
-                                                      {"noEmptyBuffer", Fault::noEmptyBuffer},
-                                                      {"noSamples", Fault::noSamples}};
+    constexpr std::pair<const char*, Fault> choices[]{
+        {"work", Fault::none},           {"noFormat", Fault::noFormat},
+        {"noBuffer", Fault::noBuffer},   {"noEmptyBuffer", Fault::noEmptyBuffer},
+        {"noSamples", Fault::noSamples}, {"noOtherFormat", Fault::noOtherFormat}};
     state.audioBuffers = oneOf(choices, *fault, reader.where("audioBuffers"));
   }
+  if (const auto fault = reader.text("audioConverters")) {
+    using Fault = SimulatedAudioConverters::Fault;
+    constexpr std::pair<const char*, Fault> choices[]{
+        {"work", Fault::none}, {"noConverter", Fault::noConverter}, {"fail", Fault::failing}};
+    state.audioConverters = oneOf(choices, *fault, reader.where("audioConverters"));
+  }
+  if (const auto* const analysis = reader.find("analysis"))
+    readAnalysisState(*analysis, reader.where("analysis"), state.analysis);
   if (const auto shift = reader.number("clockShift")) state.clockShift = *shift;
   if (const auto deliver = reader.boolean("slicesDeliverInsideJobs"))
     state.slicesDeliverInsideJobs = *deliver;
@@ -124,7 +122,9 @@ void readPlatformState(const JSON& value, const std::string& where, PlatformStat
 
 void apply(const PlatformState& state, SimulatedPlatform& platform) {
   platform.speechRecognition.setState(state.recognition);
+  platform.speechAnalysis.setState(state.analysis);
   platform.audioBuffers.setFault(state.audioBuffers);
+  platform.audioConverters.setFault(state.audioConverters);
   platform.clock.setShift(state.clockShift);
   platform.scheduler.setSlicesDeliverInsideJobs(state.slicesDeliverInsideJobs);
 }

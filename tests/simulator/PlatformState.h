@@ -11,7 +11,9 @@ namespace palaver {
 
 struct PlatformState {
   RecognitionState recognition;
+  AnalysisState analysis;
   SimulatedAudioBuffers::Fault audioBuffers = SimulatedAudioBuffers::Fault::none;
+  SimulatedAudioConverters::Fault audioConverters = SimulatedAudioConverters::Fault::none;
   double clockShift = 0;  // ms
   bool slicesDeliverInsideJobs = true;
 };

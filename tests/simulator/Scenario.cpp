@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "tests/simulator/AnalysisSteps.h"
 #include "tests/simulator/Conversation.h"
 
 namespace palaver {
@@ -57,6 +58,9 @@ void readSettings(ObjectReader& reader, Scenario& scenario) {
   if (const auto* const platform = reader.find("platform"))
     readPlatformState(*platform, reader.where("platform"), scenario.state);
   settings.recognition = scenario.state.recognition;
+  settings.analysis = scenario.state.analysis;
+  if (const auto* const files = reader.find("files"))
+    scenario.files = readScenarioFiles(*files, reader.where("files"));
 }
 
 }  // namespace
@@ -78,6 +82,8 @@ Scenario readScenario(const std::filesystem::path& path) {
     scenario.requests = readRequestPatterns(*requests, reader.where("requests"));
   if (const auto* const probes = reader.array("probes"))
     scenario.probes = readRequestPatterns(*probes, reader.where("probes"));
+  if (const auto* const analyzers = reader.array("analyzers"))
+    scenario.analyzers = readAnalyzerPatterns(*analyzers, reader.where("analyzers"));
 
   JSON templates = JSON::object();
   if (const auto name = reader.text("templates")) templates = readJSONFile(path.parent_path() / *name);

@@ -11,6 +11,7 @@
 #include "platform/simulated/SimulatedPlatform.h"
 #include "tests/simulator/ObjectReader.h"
 #include "tests/simulator/PlatformState.h"
+#include "tests/simulator/ScenarioFiles.h"
 
 namespace palaver {
 
@@ -46,6 +47,8 @@ struct Scenario {
   std::vector<ExpectedLine> errorOutput;
   std::optional<std::vector<JSON>> requests;  // patterns, of which the keys given count
   std::optional<std::vector<JSON>> probes;
+  std::optional<std::vector<JSON>> analyzers;
+  std::vector<ScenarioFile> files;
 };
 
 // Reads and validates a scenario. Throws FileError.

@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "core/Helper.h"
+#include "tests/simulator/AnalysisSteps.h"
 #include "tests/simulator/EventPattern.h"
 
 namespace palaver {
@@ -143,6 +144,8 @@ std::string nameOf(const std::optional<int>& status) {
 std::optional<std::string> playOnce(const Scenario& scenario, const std::optional<std::uint64_t>& seed) {
   SimulatedSettings settings = scenario.settings;
   settings.seed = seed;
+  const ScenarioDirectory directory(scenario.files);
+  for (auto& argument : settings.arguments) argument = directory.located(argument);
   SimulatedPlatform platform(std::move(settings));
   apply(scenario.state, platform);
   Stage stage{platform, scenario.state, {}};
@@ -161,6 +164,8 @@ std::optional<std::string> playOnce(const Scenario& scenario, const std::optiona
     add(compareRequests("request", *scenario.requests, platform.speechRecognition.requests(), variables));
   if (scenario.probes)
     add(compareRequests("probe", *scenario.probes, platform.speechRecognition.probes(), variables));
+  if (scenario.analyzers)
+    add(compareAnalyzers(*scenario.analyzers, platform.speechAnalysis.analyses(), variables));
   if (status != scenario.exitStatus)
     report += "  the helper " + nameOf(status) +
               ", but was expected otherwise: " + nameOf(scenario.exitStatus) + "\n";

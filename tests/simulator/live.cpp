@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/Helper.h"
+#include "platform/linux/LinuxSpeechRecognition.h"
 #include "platform/linux/SndfileAudioFile.h"
 #include "platform/linux/SpeexAudioConverter.h"
 #include "platform/posix/POSIXProcess.h"
@@ -13,6 +14,7 @@
 #include "platform/posix/ThreadPoolTasks.h"
 #include "platform/posix/ThreadedMainQueue.h"
 #include "tests/simulator/PlatformState.h"
+#include "tests/simulator/RecognizedSpeechAnalysis.h"
 #include "tests/simulator/WallTimeline.h"
 
 namespace palaver {
@@ -40,15 +42,15 @@ class LiveProcess final : public Process {
   const std::optional<OperatingSystemVersion> macOS_;
 };
 
+// The machine but for its speech services.
 struct LivePlatform {
-  LivePlatform(const MachineState& state, std::vector<char*> arguments)
-      : process(std::move(arguments), state.macOS),
-        speechRecognition(timeline, state.platform.recognition),
-        speechAnalysis(timeline, AnalysisState{}) {
-    audioBuffers.setFault(state.platform.audioBuffers);
-  }
+  LivePlatform(std::optional<OperatingSystemVersion> macOS, std::span<char*> arguments,
+               SpeechRecognition& speechRecognition, SpeechAnalysis& speechAnalysis)
+      : process(withProgram(arguments), macOS), platform{clock,           process,           mainQueue,
+                                                         standardInput,   standardOutput,    standardError,
+                                                         audioBuffers,    speechRecognition, speechAnalysis,
+                                                         audioConverters, audioFiles,        tasks} {}
 
-  WallTimeline timeline;
   SystemClock clock;
   LiveProcess process;
   ThreadedMainQueue mainQueue;
@@ -56,14 +58,18 @@ struct LivePlatform {
   DescriptorOutput standardOutput{STDOUT_FILENO};
   DescriptorOutput standardError{STDERR_FILENO};
   SimulatedAudioBuffers audioBuffers;
-  SimulatedSpeechRecognition speechRecognition;
-  SimulatedSpeechAnalysis speechAnalysis;
   SpeexAudioConverters audioConverters;
   SndfileAudioFiles audioFiles;
   ThreadPoolTasks tasks;
-  Platform platform{clock,          process,         mainQueue,    standardInput,
-                    standardOutput, standardError,   audioBuffers, speechRecognition,
-                    speechAnalysis, audioConverters, audioFiles,   tasks};
+  Platform platform;
+
+ private:
+  static std::vector<char*> withProgram(std::span<char*> arguments) {
+    static char program[] = "PalaverSTTHelper";
+    std::vector<char*> all(arguments.begin(), arguments.end());
+    all.insert(all.begin(), program);
+    return all;
+  }
 };
 
 }  // namespace
@@ -73,12 +79,23 @@ void runLive(const std::filesystem::path& stateFile, std::span<char*> arguments)
   if (state.platform.clockShift != 0 || !state.platform.slicesDeliverInsideJobs)
     throw FileError(stateFile.filename().string(),
                     "clockShift and slicesDeliverInsideJobs are of virtual time only");
-  char program[] = "PalaverSTTHelper";
-  std::vector<char*> all(arguments.begin(), arguments.end());
-  all.insert(all.begin(), program);
   prepareStandardStreams();
-  // Threads use it until the process ends, which takes nothing down.
-  auto& live = *new LivePlatform(state, std::move(all));
+  // Threads use all of this until the process ends, which takes nothing down.
+  auto& timeline = *new WallTimeline;
+  auto& recognition = *new SimulatedSpeechRecognition(timeline, state.platform.recognition);
+  auto& analysis = *new SimulatedSpeechAnalysis(timeline, state.platform.analysis);
+  auto& live = *new LivePlatform(state.macOS, arguments, recognition, analysis);
+  live.audioBuffers.setFault(state.platform.audioBuffers);
+  runHelper(live.platform);
+}
+
+void runLiveAnalyzer(std::span<char*> arguments) {
+  constexpr OperatingSystemVersion system{26, 0, 0};
+  prepareStandardStreams();
+  auto& recognition = *new LinuxSpeechRecognition;
+  // Status, health and the research mode ask for Japanese, for which there is no model here.
+  auto& analysis = *new RecognizedSpeechAnalysis(recognition, {{"ja-JP", "en-US"}});
+  auto& live = *new LivePlatform(system, arguments, recognition, analysis);
   runHelper(live.platform);
 }
 

@@ -16,7 +16,9 @@ constexpr const char* usage =
     "Usage: PalaverSTTSimulator run FILE...\n"
     "         plays scenarios in virtual time; exit status 1 when one fails\n"
     "       PalaverSTTSimulator live STATE [HELPER ARGUMENT...]\n"
-    "         is the helper on the machine that the file describes, in real time\n";
+    "         is the helper on the machine that the file describes, in real time\n"
+    "       PalaverSTTSimulator analyzer [HELPER ARGUMENT...]\n"
+    "         is the helper of macOS 26 with the recognizer of Linux, in real time\n";
 
 bool playFile(const std::filesystem::path& path) {
   const auto report = [&]() -> std::optional<std::string> {
@@ -56,6 +58,7 @@ int main(int argumentCount, char** arguments) {
   const std::string_view mode = all.size() > 1 ? all[1] : "";
   if (mode == "run" && all.size() > 2) return palaver::run(all.subspan(2));
   if (mode == "live" && all.size() > 2) return palaver::live(all.subspan(2));
+  if (mode == "analyzer") palaver::runLiveAnalyzer(all.subspan(2));
   std::fputs(palaver::usage, stderr);
   return 2;
 }

@@ -1,6 +1,6 @@
 # Small helpers of ./dev: messages, and what this machine is.
 
-say() { printf '%s\n' "$*"; }
+say() { printf '%s\n' "$*" >&2; }
 note_skipped() { say "skipped: $*"; }
 fail() { printf 'error: %s\n' "$*" >&2; exit 1; }
 fail_usage() { printf 'error: %s\n' "$*" >&2; exit 2; }

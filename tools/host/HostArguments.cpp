@@ -97,6 +97,8 @@ HostArguments parseHostArguments(std::span<const std::string> arguments) {
     const auto argument = reader.next();
     if (argument == "--helper") {
       parsed.helper = reader.value();
+    } else if (argument == "--helper-argument") {
+      parsed.helperArguments.push_back(reader.value());
     } else if (argument == "--locale") {
       parsed.locale = reader.value();
     } else if (argument == "--vocabulary") {
@@ -138,6 +140,7 @@ sound file, or headerless 16 kHz mono 16-bit audio in a file named *.raw.
                           clock, so utterances are then cut at other places
   --json                  print the helper's events as they are
   --helper PATH           another helper than the one of this build
+  --helper-argument TEXT  an argument for the helper; may be repeated
   --help                  print this
 
 Ends with status 0 when all went right, 1 when something did not, 2 for bad usage.

@@ -18,6 +18,7 @@ struct HostArguments {
   std::string remote;               // path of a sound file
   std::optional<std::string> self;  // path of a sound file
   std::optional<std::string> helper;
+  std::vector<std::string> helperArguments;
   std::string locale = "en-US";
   std::vector<std::string> vocabulary;
   double speed = 1;  // audio seconds a second

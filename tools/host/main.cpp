@@ -88,6 +88,8 @@ bool runSession(const HostArguments& arguments, HostObserver& observer) {
   auto self = arguments.self ? std::make_unique<SoundFileSource>(*arguments.self) : nullptr;
   HostConfiguration configuration;
   configuration.helper = {arguments.helper.value_or(PALAVER_HELPER)};
+  configuration.helper.insert(configuration.helper.end(), arguments.helperArguments.begin(),
+                              arguments.helperArguments.end());
   configuration.locale = arguments.locale;
   configuration.vocabulary = arguments.vocabulary;
   configuration.speed = arguments.speed;

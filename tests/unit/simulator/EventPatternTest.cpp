@@ -49,8 +49,18 @@ TEST(EventPattern, KnowsOperators) {
   EXPECT_FALSE(matches({{"$contains", "1"}}, 1));
   EXPECT_TRUE(matches({{"$near", 1}, {"within", 0.5}}, 1.5));
   EXPECT_FALSE(matches({{"$near", 1}, {"within", 0.5}}, 1.6));
+  EXPECT_TRUE(matches({{"$matches", "a[0-9]+"}}, "a12"));
+  EXPECT_FALSE(matches({{"$matches", "a[0-9]+"}}, "a12b"));
+  EXPECT_FALSE(matches({{"$matches", "1"}}, 1));
   EXPECT_TRUE(matches("$$x", "$x"));
   EXPECT_FALSE(matches("$$x", "y"));
+}
+
+TEST(EventPattern, AnExpressionCanBindAVariable) {
+  const JSON idOfA{{"$matches", "a-.*"}, {"is", "$u"}};
+  EXPECT_TRUE(matches({{"first", idOfA}, {"second", idOfA}}, {{"first", "a-1"}, {"second", "a-1"}}));
+  EXPECT_FALSE(matches({{"first", idOfA}, {"second", idOfA}}, {{"first", "a-1"}, {"second", "a-2"}}));
+  EXPECT_FALSE(matches({{"first", idOfA}, {"second", "$u"}}, {{"first", "b-1"}, {"second", "b-1"}}));
 }
 
 TEST(EventPattern, FillsInTimes) {

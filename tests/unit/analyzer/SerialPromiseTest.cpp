@@ -1,0 +1,165 @@
+#include "analyzer/SerialPromise.h"
+
+#include <gtest/gtest.h>
+
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <asio/io_context.hpp>
+#include <asio/strand.hpp>
+#include <asio/thread_pool.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "analyzer/Spawn.h"
+
+namespace palaver {
+
+namespace {
+
+// A coroutine's local that tells when it goes.
+struct Witness {
+  explicit Witness(int& count) : count_(count) {}
+  ~Witness() { ++count_; }
+  Witness(const Witness&) = delete;
+  Witness& operator=(const Witness&) = delete;
+  int& count_;
+};
+
+class SerialPromiseTest : public testing::Test {
+ protected:
+  asio::awaitable<void> await(std::string name) {
+    const Witness witness(gone);
+    try {
+      log.push_back(name + " has " + std::to_string(co_await promise.value()));
+    } catch (const std::exception& error) {
+      log.push_back(name + " failed: " + error.what());
+    }
+  }
+  // Runs what can go on; those who wait keep the context busy.
+  void run() {
+    context.poll();
+    context.restart();
+  }
+
+  asio::io_context context;
+  SerialPromise<int> promise;
+  std::vector<std::string> log;
+  int gone = 0;
+};
+
+using Log = std::vector<std::string>;
+
+TEST_F(SerialPromiseTest, ThoseWhoWaitGoOnInOrderInsideResolve) {
+  for (const auto* const name : {"a", "b", "c"}) spawn(context.get_executor(), await(name));
+  run();
+  EXPECT_EQ(log, Log());
+  promise.resolve(7);
+  EXPECT_EQ(log, (Log{"a has 7", "b has 7", "c has 7"}));
+}
+
+TEST_F(SerialPromiseTest, WhoComesLaterHasTheValueAtOnce) {
+  promise.resolve(7);
+  spawn(context.get_executor(), await("a"));
+  spawn(context.get_executor(), await("b"));
+  run();
+  EXPECT_EQ(log, (Log{"a has 7", "b has 7"}));
+}
+
+TEST_F(SerialPromiseTest, AnErrorIsThrownToAll) {
+  spawn(context.get_executor(), await("a"));
+  run();
+  promise.reject(std::make_exception_ptr(std::runtime_error("no")));
+  spawn(context.get_executor(), await("b"));
+  run();
+  EXPECT_EQ(log, (Log{"a failed: no", "b failed: no"}));
+}
+
+TEST_F(SerialPromiseTest, AbandoningDestroysThoseWhoWait) {
+  spawn(context.get_executor(), await("a"));
+  spawn(context.get_executor(), await("b"));
+  run();
+  promise.abandon();
+  run();  // coroutines are destroyed through their executor
+  EXPECT_EQ(gone, 2);
+  EXPECT_EQ(log, Log());
+}
+
+TEST_F(SerialPromiseTest, AKeeperAbandonsWhenItsCoroutineEndsWithoutAValue) {
+  spawn(context.get_executor(), await("a"));
+  run();
+  { const SerialPromise<int>::Keeper keeper(promise); }
+  run();
+  EXPECT_EQ(gone, 1);
+}
+
+TEST_F(SerialPromiseTest, AKeeperChangesNothingOnceTheValueIsThere) {
+  spawn(context.get_executor(), await("a"));
+  run();
+  {
+    const SerialPromise<int>::Keeper keeper(promise);
+    promise.resolve(3);
+  }
+  spawn(context.get_executor(), await("b"));
+  run();
+  EXPECT_EQ(log, (Log{"a has 3", "b has 3"}));
+}
+
+TEST_F(SerialPromiseTest, AWaiterMayWaitAgainAndStartOthers) {
+  const auto twice = [this]() -> asio::awaitable<void> {
+    const int first = co_await promise.value();
+    spawn(context.get_executor(), await("other"));
+    log.push_back("sum " + std::to_string(first + co_await promise.value()));
+  };
+  spawn(context.get_executor(), twice());
+  run();
+  promise.resolve(2);
+  run();
+  EXPECT_EQ(log, (Log{"sum 4", "other has 2"}));
+}
+
+// A cycle of a promise and one who waits for it and keeps it alive is broken by abandoning; the address
+// sanitizer would find it otherwise.
+TEST(SerialPromise, WhoKeepsThePromiseAliveIsLetGo) {
+  struct Owner {
+    explicit Owner(int& count) : witness(count) {}
+    Witness witness;
+    SerialPromise<int> promise;
+  };
+  int gone = 0;
+  asio::io_context context;
+  auto owner = std::make_shared<Owner>(gone);
+  const auto wait = [](std::shared_ptr<Owner> self) -> asio::awaitable<void> {
+    co_await self->promise.value();
+    ADD_FAILURE() << "there is no value";
+  };
+  spawn(context.get_executor(), wait(owner));
+  context.poll();
+  context.restart();
+  owner->promise.abandon();
+  owner.reset();
+  context.poll();
+  EXPECT_EQ(gone, 1);
+}
+
+TEST(SerialPromise, WaitersOnAStrandOfAPoolGoOnInOrder) {
+  constexpr int count = 1000;
+  SerialPromise<int> promise;
+  std::vector<int> order;
+  asio::thread_pool pool(4);
+  const auto strand = asio::make_strand(pool);
+  const auto wait = [&](int number) -> asio::awaitable<void> {
+    co_await promise.value();
+    order.push_back(number);
+  };
+  for (int i = 0; i < count; ++i) {
+    if (i == count / 2) asio::post(strand, [&] { promise.resolve(1); });
+    spawn(strand, wait(i));
+  }
+  pool.join();
+  ASSERT_EQ(order.size(), std::size_t{count});
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+}  // namespace
+}  // namespace palaver
