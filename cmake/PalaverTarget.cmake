@@ -15,6 +15,10 @@ function(palaver_options target)
       target_compile_definitions(${target} PRIVATE __cpp_impl_coroutine=201902L)
     endif()
   endif()
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    # Falsely raised for a literal in front of a string when optimising (GCC bug 105651).
+    target_compile_options(${target} PRIVATE -Wno-restrict)
+  endif()
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND PALAVER_SANITIZE)
     # GCC's flow warnings are unreliable in instrumented code.
     target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized)
