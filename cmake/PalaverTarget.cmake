@@ -19,6 +19,9 @@ function(palaver_options target)
     # Falsely raised for a literal in front of a string when optimising (GCC bug 105651).
     target_compile_options(${target} PRIVATE -Wno-restrict)
   endif()
+  # Asio would take its memory in one of two ways, depending on which header a source includes first, and give
+  # back in one way what it took in the other.
+  target_compile_definitions(${target} PRIVATE ASIO_DISABLE_STD_ALIGNED_ALLOC)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND PALAVER_SANITIZE)
     # GCC's flow warnings are unreliable in instrumented code.
     target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized)
