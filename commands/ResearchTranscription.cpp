@@ -31,8 +31,12 @@ PlatformError researchError(long code, const std::string& text) {
 std::vector<std::string> readVocabulary(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw std::system_error(errno, std::generic_category(), "cannot open the vocabulary file");
-  const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  if (file.bad()) throw std::system_error(errno, std::generic_category(), "cannot read the vocabulary file");
+  std::string text;
+  try {
+    text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  } catch (const std::ios_base::failure& error) {
+    throw std::system_error(error.code(), "cannot read the vocabulary file");
+  }
   const auto vocabulary = nlohmann::json::parse(text, nullptr, false);
   const auto isText = [](const auto& entry) { return entry.is_string(); };
   if (!vocabulary.is_array() || !std::all_of(vocabulary.begin(), vocabulary.end(), isText))
