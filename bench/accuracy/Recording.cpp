@@ -41,9 +41,11 @@ std::vector<Speaker> readRecordings(const std::filesystem::path& directory) {
   // The digits are in its name, z for zero as the list beside it has it (tidigits.lsn).
   speakers.push_back(
       {{"tidigits/dhd.2934z", directory / "tidigits/dhd.2934z.raw", splitWords("two nine three four zero")}});
-  // Nothing beside these says what is spoken.
-  speakers.push_back({{"something", directory / "something.raw", {}}});
-  speakers.push_back({{"numbers", directory / "numbers.raw", {}}});
+  // Nothing beside these two says what is spoken. In the first, every setting of the recognizer that was
+  // tried agrees on the words.
+  speakers.push_back(
+      {{"something", directory / "something.raw", splitWords("go somewhere and do something"), false}});
+  speakers.push_back({{"numbers", directory / "numbers.raw", {}, false}});
   for (const auto& speaker : speakers)
     for (const auto& recording : speaker)
       if (!std::filesystem::exists(recording.path)) throw std::runtime_error("there is no " + recording.path);

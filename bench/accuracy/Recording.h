@@ -11,6 +11,7 @@ struct Recording {
   std::string name;
   std::string path;
   std::vector<std::string> words;  // what is said; empty when that is not known
+  bool isDocumented = true;        // someone wrote the words down
 };
 
 // What one person says: in a meeting, one source of audio.

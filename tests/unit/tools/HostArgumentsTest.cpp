@@ -37,6 +37,11 @@ TEST(HostArgumentsTest, OptionsAndFilesComeInAnyOrder) {
   EXPECT_EQ(arguments.helper, "x");
 }
 
+TEST(HostArgumentsTest, TheHelperMayHaveArguments) {
+  EXPECT_THAT(parse({"a", "--helper-argument", "b", "--helper-argument=--c=d"}).helperArguments,
+              ElementsAre("b", "--c=d"));
+}
+
 TEST(HostArgumentsTest, TheDefaultsAreEnglishInRealTime) {
   const auto arguments = parse({"a.wav"});
   EXPECT_EQ(arguments.locale, "en-US");
