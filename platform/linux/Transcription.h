@@ -26,21 +26,21 @@ class Transcription {
   // Loudness (RMS, full scale 1) below which audio is quiet; speech that anybody could follow is well above.
   static constexpr double quietLevel = 0.003;
   // Samples of quiet after which an utterance without a word is given up.
-  static constexpr std::int64_t patience = 2 * modelSampleRate;
+  static constexpr std::int64_t patience = std::int64_t{2} * modelSampleRate;
   // Samples after which an utterance without a word is started again.
-  static constexpr std::int64_t quietLimit = 10 * modelSampleRate;
+  static constexpr std::int64_t quietLimit = std::int64_t{10} * modelSampleRate;
   // Samples of it that are heard again, as a word may have begun in them.
   static constexpr std::int64_t quietOverlap = modelSampleRate;
   // Samples from which an utterance with words ends in the next pause...
-  static constexpr std::int64_t pauseLimit = 30 * modelSampleRate;
+  static constexpr std::int64_t pauseLimit = std::int64_t{30} * modelSampleRate;
   // ...of at least this many samples...
-  static constexpr std::int64_t pauseLength = 3 * modelSampleRate / 10;
+  static constexpr std::int64_t pauseLength = std::int64_t{3} * modelSampleRate / 10;
   // ...and from which it ends between two words.
-  static constexpr std::int64_t hardLimit = 60 * modelSampleRate;
+  static constexpr std::int64_t hardLimit = std::int64_t{60} * modelSampleRate;
   // Audio kept to be given again.
-  static constexpr std::int64_t keptSamples = 5 * modelSampleRate;
+  static constexpr std::int64_t keptSamples = std::int64_t{5} * modelSampleRate;
   // Longer words are noise that was taken for one, and left out.
-  static constexpr std::int64_t maxWordLength = 3 * modelSampleRate / 2;
+  static constexpr std::int64_t maxWordLength = std::int64_t{3} * modelSampleRate / 2;
 
   // The decoder must not be in an utterance.
   explicit Transcription(Decoder& decoder);
