@@ -107,8 +107,9 @@ std::shared_ptr<LegacyRecognitionChannel> LegacySpeechBackend::makeChannel(
     const ChannelKey& key, const SessionConfiguration& session) {
   return LegacyRecognitionChannel::make(platform_, key.sessionId, key.source, session.locale,
                                         session.vocabulary, writer_, [weakSelf = std::weak_ptr(self_), key] {
+                                          // A copy: this callback may go with its channel.
                                           if (const auto self = weakSelf.lock())
-                                            (*self)->handleDictationDisabled(key);
+                                            (*self)->handleDictationDisabled(ChannelKey(key));
                                         });
 }
 
@@ -118,8 +119,7 @@ void LegacySpeechBackend::reportDictationDisabled(const ChannelKey& key) {
   emitStatus();
 }
 
-// By value: the key of the caller goes with the channel.
-void LegacySpeechBackend::handleDictationDisabled(ChannelKey key) {
+void LegacySpeechBackend::handleDictationDisabled(const ChannelKey& key) {
   dictation_.recordDisabled();
   channels_.erase(key);  // dropped, not finished
   reportDictationDisabled(key);

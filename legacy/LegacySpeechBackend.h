@@ -58,7 +58,7 @@ class LegacySpeechBackend final : public SpeechBackend {
 
   bool isAvailable(std::string_view locale);
   void reportDictationDisabled(const ChannelKey& key);
-  void handleDictationDisabled(ChannelKey key);
+  void handleDictationDisabled(const ChannelKey& key);
   std::shared_ptr<LegacyRecognitionChannel> makeChannel(const ChannelKey& key,
                                                         const SessionConfiguration& session);
 

@@ -45,6 +45,7 @@ CommandLineHandle makeConfiguration(const SpeechModelFiles& files) {
       // Bounds the work for one frame.
       "-maxhmmpf", "3000"};
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size());
   for (auto& argument : arguments) pointers.push_back(argument.data());
   CommandLineHandle configuration(
       cmd_ln_parse_r(nullptr, ps_args(), static_cast<std::int32_t>(pointers.size()), pointers.data(), TRUE));

@@ -421,6 +421,7 @@ void checkLanguageModel(const std::filesystem::path& file, const Words& dictiona
   const auto order = reader.number<std::uint8_t>();
   reader.require(order == 2 || order == 3, "its order cannot be right");
   std::vector<std::uint64_t> counts;
+  counts.reserve(order);
   for (int i = 0; i < order; ++i) counts.push_back(reader.count(1, maxEntries, "its number of entries"));
   reader.require(reader.number<std::uint32_t>() == 1, "its quantization is unknown");
 
@@ -457,7 +458,7 @@ void checkLanguageModel(const std::filesystem::path& file, const Words& dictiona
     previous = 0;
     for (std::uint64_t i = 0; i <= pairsUsed; ++i) {
       if (i < pairsUsed) requireWord(pairs, i * pairBits);
-      const auto next = bitsAt(pairs, i * pairBits + wordBits + 2 * quantizedBits, nextBits);
+      const auto next = bitsAt(pairs, i * pairBits + wordBits + std::uint64_t{2} * quantizedBits, nextBits);
       reader.require(next >= previous && next <= counts[2], "its order is broken");
       previous = next;
     }

@@ -287,7 +287,7 @@ void RecognitionEngine::endAudio(std::shared_ptr<RecognitionJob> job) {
   });
 }
 
-void RecognitionEngine::cancel(std::shared_ptr<RecognitionJob> job) {
+void RecognitionEngine::cancel(const std::shared_ptr<RecognitionJob>& job) {
   job->isCancelled = true;
   worker_->post([&worker = *worker_] { worker.wake(); });
 }

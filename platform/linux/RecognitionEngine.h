@@ -49,7 +49,7 @@ class RecognitionEngine {
   void append(std::shared_ptr<RecognitionJob> job, std::shared_ptr<const PCMBuffer> buffer);
   void endAudio(std::shared_ptr<RecognitionJob> job);
   // Drops what is left of the task's audio.
-  void cancel(std::shared_ptr<RecognitionJob> job);
+  void cancel(const std::shared_ptr<RecognitionJob>& job);
 
   // Channels opened and not closed.
   std::size_t channelCount() const { return channelCount_; }

@@ -11,11 +11,16 @@ constexpr double seconds(std::int64_t samples) {
   return static_cast<double>(samples) / modelSampleRate;
 }
 
+bool isQuiet(std::span<const std::int16_t> samples) {
+  constexpr double level = Transcription::quietLevel * 32768;
+  double energy = 0;
+  for (const double sample : samples) energy += sample * sample;
+  return energy < level * level * static_cast<double>(samples.size());
+}
+
 }  // namespace
 
-Transcription::Transcription(Decoder& decoder) : decoder_(decoder) {
-  decoder_.startUtterance();
-}
+Transcription::Transcription(Decoder& decoder) : decoder_(decoder) {}
 
 Transcription::~Transcription() {
   try {
@@ -26,15 +31,33 @@ Transcription::~Transcription() {
 }
 
 void Transcription::process(std::span<const std::int16_t> samples) {
-  decoder_.process(samples);
-  received_ += static_cast<std::int64_t>(samples.size());
+  received_ += std::ssize(samples);
   newest_.insert(newest_.end(), samples.begin(), samples.end());
   if (std::ssize(newest_) > keptSamples) newest_.erase(newest_.begin(), newest_.end() - keptSamples);
+  quiet_ = isQuiet(samples) ? quiet_ + std::ssize(samples) : 0;
+  if (inUtterance_) {
+    decoder_.process(samples);
+  } else if (quiet_ == 0) {
+    startUtterance(std::max(settledUntil_, received_ - std::ssize(samples) - quietOverlap));
+  } else {
+    return;
+  }
   listen();
   cutIfLong();
 }
 
+// Gives the decoder the audio from that sample on, which must be kept still.
+void Transcription::startUtterance(std::int64_t sample) {
+  utteranceStart_ = sample;
+  decoder_.startUtterance();
+  inUtterance_ = true;
+  const std::vector<std::int16_t> again(newest_.end() - (received_ - sample), newest_.end());
+  decoder_.process(again);
+}
+
 void Transcription::finish() {
+  if (!inUtterance_) return;
+  inUtterance_ = false;
   decoder_.endUtterance();
   listen();
 }
@@ -53,7 +76,13 @@ void Transcription::listen() {
 void Transcription::cutIfLong() {
   const std::int64_t length = utteranceLength();
   if (current_.empty()) {
-    if (length >= quietLimit) cut(received_ - quietOverlap);
+    if (quiet_ >= patience) {
+      decoder_.endUtterance();
+      inUtterance_ = false;
+      settledUntil_ = received_ - quietOverlap;
+    } else if (length >= quietLimit) {
+      cut(received_ - quietOverlap);
+    }
   } else if (length >= hardLimit || (length >= pauseLimit && pause_ >= pauseLength)) {
     cut(placeToCut());
   }
@@ -81,10 +110,7 @@ void Transcription::cut(std::int64_t sample) {
   decoder_.endUtterance();
   for (auto& word : current_)
     if (word.endSample <= sample) settled_.push_back(std::move(word));
-  utteranceStart_ = sample;
-  decoder_.startUtterance();
-  const std::vector<std::int16_t> again(newest_.end() - (received_ - sample), newest_.end());
-  decoder_.process(again);
+  startUtterance(sample);
   listen();
 }
 

@@ -15,25 +15,34 @@ namespace palaver {
 // The decoder keeps every frame of an utterance, so a request that stays open for hours is cut into several
 // utterances of the decoder: where nothing was said, in a pause, or else between two words. The newest audio
 // is kept and given again to the next one, so that no word is lost at a cut, and times always count from the
-// request's first sample. Lives on the decoder's thread, one at a time per decoder.
+// request's first sample.
+//
+// Quiet audio before a word is not decoded at all, as that takes more work than speech does: a source may be
+// silent for most of a meeting. When it grows louder, the decoder begins with the second before.
+//
+// Lives on the decoder's thread, one at a time per decoder.
 class Transcription {
  public:
+  // Loudness (RMS, full scale 1) below which audio is quiet; speech that anybody could follow is well above.
+  static constexpr double quietLevel = 0.003;
+  // Samples of quiet after which an utterance without a word is given up.
+  static constexpr std::int64_t patience = std::int64_t{2} * modelSampleRate;
   // Samples after which an utterance without a word is started again.
-  static constexpr std::int64_t quietLimit = 10 * modelSampleRate;
+  static constexpr std::int64_t quietLimit = std::int64_t{10} * modelSampleRate;
   // Samples of it that are heard again, as a word may have begun in them.
   static constexpr std::int64_t quietOverlap = modelSampleRate;
   // Samples from which an utterance with words ends in the next pause...
-  static constexpr std::int64_t pauseLimit = 30 * modelSampleRate;
+  static constexpr std::int64_t pauseLimit = std::int64_t{30} * modelSampleRate;
   // ...of at least this many samples...
-  static constexpr std::int64_t pauseLength = 3 * modelSampleRate / 10;
+  static constexpr std::int64_t pauseLength = std::int64_t{3} * modelSampleRate / 10;
   // ...and from which it ends between two words.
-  static constexpr std::int64_t hardLimit = 60 * modelSampleRate;
+  static constexpr std::int64_t hardLimit = std::int64_t{60} * modelSampleRate;
   // Audio kept to be given again.
-  static constexpr std::int64_t keptSamples = 5 * modelSampleRate;
+  static constexpr std::int64_t keptSamples = std::int64_t{5} * modelSampleRate;
   // Longer words are noise that was taken for one, and left out.
-  static constexpr std::int64_t maxWordLength = 3 * modelSampleRate / 2;
+  static constexpr std::int64_t maxWordLength = std::int64_t{3} * modelSampleRate / 2;
 
-  // Begins at the first sample; the decoder must not be in an utterance.
+  // The decoder must not be in an utterance.
   explicit Transcription(Decoder& decoder);
   ~Transcription();
   Transcription(const Transcription&) = delete;
@@ -56,6 +65,7 @@ class Transcription {
     std::int64_t endSample;
   };
 
+  void startUtterance(std::int64_t sample);
   void listen();
   void cutIfLong();
   void cut(std::int64_t sample);
@@ -64,7 +74,10 @@ class Transcription {
 
   Decoder& decoder_;
   std::int64_t received_ = 0;        // samples of the request
+  std::int64_t quiet_ = 0;           // samples of quiet at the end of what was received
+  bool inUtterance_ = false;         // whether the decoder takes the audio
   std::int64_t utteranceStart_ = 0;  // of the decoder's utterance, from the request's first sample
+  std::int64_t settledUntil_ = 0;    // sample up to which the audio has had its turn
   std::deque<std::int16_t> newest_;  // the last keptSamples, or fewer
   std::vector<Word> settled_;        // words of the utterances before
   std::vector<Word> current_;        // words of the decoder's utterance

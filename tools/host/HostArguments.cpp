@@ -72,7 +72,7 @@ class Reader {
   std::string value() {
     if (value_) return *std::exchange(value_, std::nullopt);
     if (left_.empty()) throw UsageError(option_ + " needs a value");
-    const auto value = left_.front();
+    auto value = left_.front();
     left_ = left_.subspan(1);
     return value;
   }

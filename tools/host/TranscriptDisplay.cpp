@@ -187,11 +187,15 @@ void TranscriptDisplay::printWrapped(std::string_view label, std::string_view te
 void TranscriptDisplay::print(const std::vector<std::string>& lines) {
   auto bytes = eraseLive();
   for (const auto& line : lines) bytes += line + "\n";
-  output_(bytes + liveLines());
+  bytes += liveLines();
+  output_(bytes);
 }
 
 void TranscriptDisplay::draw() {
-  if (style_.terminal) output_(eraseLive() + liveLines());
+  if (!style_.terminal) return;
+  auto bytes = eraseLive();
+  bytes += liveLines();
+  output_(bytes);
 }
 
 // Moves to the first live line and erases from there on.

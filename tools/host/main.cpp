@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -22,12 +23,12 @@ namespace {
 
 using namespace palaver::host;
 
-HostSession* runningSession = nullptr;  // for the signal handler
+std::atomic<HostSession*> runningSession = nullptr;  // for the signal handler
 
 // The first signal ends the session in order, a second one the program at once.
 void interruptSession(int) {
   const int error = errno;
-  if (runningSession) runningSession->interrupt();
+  if (auto* const session = runningSession.load()) session->interrupt();
   errno = error;
 }
 
@@ -58,7 +59,8 @@ bool writeOutput(std::string_view bytes) {
 }
 
 void output(std::string_view bytes) {
-  if (!writeOutput(bytes) && runningSession) std::exchange(runningSession, nullptr)->interrupt();
+  if (writeOutput(bytes)) return;
+  if (auto* const session = runningSession.load()) session->interrupt();
 }
 
 std::size_t terminalColumns() {

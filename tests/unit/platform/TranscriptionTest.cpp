@@ -54,10 +54,16 @@ TEST_F(TranscriptionTest, NothingIsHeardInSilence) {
 
 TEST_F(TranscriptionTest, WordsAfterALongSilenceAreWholeAndTheirTimesCountFromTheFirstSample) {
   const auto speech = readRecording(testData / "goforward.raw");
-  // Silences that let the decoder's utterance begin anew at different places in and before the speech.
-  for (const double seconds : {9.7, 10.1}) {
+  struct Silence {
+    double seconds;
+    double amplitude;  // of 32768
+  };
+  // Silences that are not decoded, and noise that is, which let the decoder's utterance begin anew at
+  // different places in and before the speech.
+  for (const auto [seconds, amplitude] :
+       {Silence{0.05, 20}, {1.0, 20}, {31.0, 20}, {600.0, 20}, {9.7, 110}, {10.1, 110}}) {
     Transcription transcription(decoder_);
-    process(transcription, quiet(seconds));
+    process(transcription, quiet(seconds, amplitude));
     EXPECT_EQ(transcription.text(), "");
     process(transcription, speech);
     transcription.finish();
@@ -65,6 +71,18 @@ TEST_F(TranscriptionTest, WordsAfterALongSilenceAreWholeAndTheirTimesCountFromTh
     ASSERT_FALSE(transcription.segments().empty());
     EXPECT_NEAR(transcription.segments().front().timestamp, seconds + 0.46, 0.1) << seconds;
   }
+}
+
+TEST_F(TranscriptionTest, QuietBehindASoundThatWasNoWordLosesNothing) {
+  const auto speech = readRecording(testData / "goforward.raw");
+  Transcription transcription(decoder_);
+  process(transcription, quiet(0.3, 150));
+  process(transcription, quiet(5));
+  process(transcription, speech);
+  transcription.finish();
+  EXPECT_EQ(transcription.text(), "go forward ten meters");
+  ASSERT_FALSE(transcription.segments().empty());
+  EXPECT_NEAR(transcription.segments().front().timestamp, 5.3 + 0.46, 0.1);
 }
 
 TEST_F(TranscriptionTest, TheDecoderBeginsAnewWithinOneRequestWithoutATrace) {

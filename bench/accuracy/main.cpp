@@ -1,0 +1,200 @@
+// palaver_accuracy: the word errors of the whole helper on recordings of human speech, streamed in real time
+// as a host does.
+#include <algorithm>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bench/accuracy/Alignment.h"
+#include "bench/accuracy/Recording.h"
+#include "bench/accuracy/SoundSequence.h"
+#include "tools/host/HostSession.h"
+#include "tools/host/TextLayout.h"
+
+namespace {
+
+using namespace palaver;
+using namespace palaver::accuracy;
+
+constexpr std::int64_t pause = host::sampleRate * 2;  // between recordings, frames
+
+struct Final {
+  AudioSource source;
+  std::string text;
+  std::string reason;
+  double start = 0;    // ms of the stream
+  double end = 0;      // ms of the stream
+  double latency = 0;  // ms
+};
+
+class Finals final : public host::HostObserver {
+ public:
+  std::vector<Final> finals;
+  std::string problems;
+
+  void onEvent(std::string_view, const nlohmann::json& event) override {
+    const auto type = event.value("type", "");
+    if (type == "helper.error") onProblem(event.value("message", ""));
+    if (type != "transcript.final") return;
+    const auto source = audioSource(event.value("source", ""));
+    if (!source) return;
+    finals.push_back({*source, event.value("text", ""), event.at("endpointing").value("reason", ""),
+                      event.at("startedAt").get<double>() - startedAt_,
+                      event.at("speechEndedAt").get<double>() - startedAt_,
+                      event.at("latencyMs").get<double>()});
+  }
+  void onDiagnostic(std::string_view) override {}
+  void onProblem(std::string_view message) override { problems.append(message).append("; "); }
+  void onStreamStart(double startedAt) override { startedAt_ = startedAt; }
+  void onProgress(double, double) override {}
+
+ private:
+  double startedAt_ = 0;
+};
+
+struct Understanding {
+  Recording recording;
+  std::vector<Final> finals;
+};
+
+std::unique_ptr<SoundSequence> sequenceOf(const Speaker& speaker) {
+  std::vector<std::string> paths;
+  for (const auto& recording : speaker) paths.push_back(recording.path);
+  return speaker.empty() ? nullptr : std::make_unique<SoundSequence>(paths, pause);
+}
+
+// The recording that a final belongs to: the one that plays in the middle of its speech.
+std::size_t recordingOf(const Final& final, const SoundSequence& sequence) {
+  const auto middle = (final.start + final.end) / 2 * host::sampleRate / 1000;
+  std::size_t index = 0;
+  while (index + 2 < sequence.starts().size() && middle >= static_cast<double>(sequence.starts()[index + 1]))
+    ++index;
+  return index;
+}
+
+void collect(const Speaker& speaker, const SoundSequence& sequence, AudioSource source,
+             const std::vector<Final>& finals, std::vector<Understanding>& results) {
+  const auto first = results.size();
+  for (const auto& recording : speaker) results.push_back({recording, {}});
+  for (auto final : finals) {
+    if (final.source != source) continue;
+    const auto index = recordingOf(final, sequence);
+    const auto start = static_cast<double>(sequence.starts()[index]) * 1000 / host::sampleRate;
+    final.start -= start;
+    final.end -= start;
+    results[first + index].finals.push_back(final);
+  }
+}
+
+// Streams two speakers (the second may have nothing to say) through one helper.
+std::vector<Understanding> stream(const Speaker& remote, const Speaker& self) {
+  host::HostConfiguration configuration;
+  configuration.helper = {PALAVER_HELPER};
+  auto remoteSound = sequenceOf(remote);
+  auto selfSound = sequenceOf(self);
+  // The session owns the sounds; where their recordings begin is asked for afterwards.
+  const auto& remoteSequence = *remoteSound;
+  const auto* const selfSequence = selfSound.get();
+  Finals finals;
+  host::HostSession session(configuration, std::move(remoteSound), std::move(selfSound), finals);
+  if (!session.run()) throw std::runtime_error("the session went wrong: " + finals.problems);
+  std::vector<Understanding> results;
+  collect(remote, remoteSequence, AudioSource::remote, finals.finals, results);
+  if (selfSequence) collect(self, *selfSequence, AudioSource::selfAudio, finals.finals, results);
+  return results;
+}
+
+// Each pair of neighbours in a session of its own, one session after another.
+std::vector<Understanding> streamPairs(const std::vector<Speaker>& speakers) {
+  std::vector<Understanding> results;
+  for (std::size_t at = 0; at < speakers.size(); at += 2) {
+    auto pair = stream(speakers[at], at + 1 < speakers.size() ? speakers[at + 1] : Speaker{});
+    results.insert(results.end(), pair.begin(), pair.end());
+  }
+  return results;
+}
+
+void printRow(const char* name, const ErrorCount& count) {
+  std::printf("%-50s%5zu%5zu%5zu%5zu%7.1f\n", name, count.words, count.substitutions, count.insertions,
+              count.deletions, count.rate() * 100);
+}
+
+std::string describeUtterances(const std::vector<Final>& finals) {
+  std::string text;
+  for (const auto& final : finals)
+    text += (text.empty() ? "" : ", ") + host::position(final.start) + " - " + host::position(final.end) +
+            " (" + final.reason + ", latency " + std::to_string(std::lround(final.latency)) + " ms)";
+  return text.empty() ? "no utterance" : text;
+}
+
+// Prints the table and the alignments, and returns the errors of all recordings.
+ErrorCount report(const char* title, const std::vector<Understanding>& results) {
+  std::printf("\n%s\n\n%-50s%5s%5s%5s%5s%7s\n", title, "recording", "words", "sub", "ins", "del", "%");
+  ErrorCount total;
+  ErrorCount documented;
+  double latency = 0;
+  std::string details;
+  for (const auto& [recording, finals] : results) {
+    Utterances utterances;
+    for (const auto& final : finals) {
+      utterances.push_back(splitWords(final.text));
+      latency = std::max(latency, final.latency);
+    }
+    const auto alignment = align(recording.words, utterances);
+    details += recording.name + "\n";
+    for (const auto& line : host::wrap(describe(alignment), 76)) details += "    " + line + "\n";
+    details += "    " + describeUtterances(finals) + "\n";
+    if (recording.words.empty()) continue;
+    const auto count = countErrors(alignment);
+    total += count;
+    if (recording.isDocumented) documented += count;
+    printRow(recording.name.c_str(), count);
+  }
+  printRow("all", total);
+  printRow("those whose words are written down", documented);
+  std::printf("errors at the start of an utterance %zu, at its end %zu, within %zu\n\n%s", total.atStart,
+              total.atEnd, total.errors() - total.atStart - total.atEnd, details.c_str());
+  // 900 ms of silence, a chunk, and the recognizer's own time.
+  if (latency > 2000)
+    std::printf(
+        "The machine was busy: a final came %.1f s after its last word, and words may be lost to that.\n",
+        latency / 1000);
+  return total;
+}
+
+void run(const std::filesystem::path& directory) {
+  const auto speakers = readRecordings(directory);
+  std::vector<Speaker> alone;
+  for (const auto& speaker : speakers)
+    for (const auto& recording : speaker) alone.push_back({recording});
+
+  // One session after another: a helper that is short of processor time would lose words.
+  const auto bySpeaker = streamPairs(speakers);
+  const auto byRecording = streamPairs(alone);
+
+  std::printf(
+      "Alignment: [said>understood] [-lost] [+added]; | between utterances; ! at an utterance's edge.\n");
+  const auto total = report("One channel for each speaker, as in a meeting:", bySpeaker);
+  report("A new session for every recording:", byRecording);
+  std::printf(
+      "\nOne channel for each speaker: %zu errors of %zu words, %.1f %% (to reach: 20.0 %% or less)\n",
+      total.errors(), total.words, total.rate() * 100);
+}
+
+}  // namespace
+
+int main(int argumentCount, char** arguments) {
+  std::signal(SIGPIPE, SIG_IGN);  // a helper that dies is an error, not a signal
+  try {
+    run(argumentCount > 1 ? arguments[1] : "/usr/share/pocketsphinx/test/data");
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "palaver_accuracy: %s\n", error.what());
+    return 1;
+  }
+}
