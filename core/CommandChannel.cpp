@@ -63,8 +63,13 @@ class CommandChannel::BlockPool : public std::enable_shared_from_this<BlockPool>
   std::vector<std::unique_ptr<Block>> spares_;
 };
 
-CommandChannel::CommandChannel(MainQueue& mainQueue, JSONLineWriter& writer, CommandHandler& handler)
-    : mainQueue_(mainQueue), writer_(writer), handler_(handler), pool_(std::make_shared<BlockPool>()) {}
+CommandChannel::CommandChannel(MainQueue& mainQueue, JSONLineWriter& writer, CommandHandler& handler,
+                               std::size_t longestLine)
+    : mainQueue_(mainQueue),
+      writer_(writer),
+      handler_(handler),
+      longestLine_(longestLine),
+      pool_(std::make_shared<BlockPool>()) {}
 
 CommandChannel::~CommandChannel() = default;
 
@@ -90,28 +95,43 @@ void CommandChannel::received(std::size_t count) {
   filled_ += count;
   while (const void* lineFeed = std::memchr(block_->bytes() + searched, '\n', filled_ - searched)) {
     const auto end = static_cast<std::size_t>(static_cast<const char*>(lineFeed) - block_->bytes());
-    decodeLine(end, commands);
+    endLine(end, commands);
     searched = end + 1;
   }
+  if (!skipping_ && filled_ - lineStart_ > longestLine_) {
+    reportTooLongLine();
+    skipping_ = true;
+  }
+  if (skipping_) lineStart_ = filled_;
   handOver(std::move(commands));
 }
 
 void CommandChannel::ended() {
   if (filled_ > lineStart_) {  // the last line may lack its line feed
     Commands commands;
-    decodeLine(filled_, commands);
+    endLine(filled_, commands);
     handOver(std::move(commands));
   }
   block_.reset();
   mainQueue_.async([&handler = handler_] { handler.shutDown(); });
 }
 
-// Decodes the line that starts at lineStart_ and goes to `end`, and moves lineStart_ behind it and its line
+// The line that starts at lineStart_ goes to `end`: decodes it, and moves lineStart_ behind it and its line
 // feed.
-void CommandChannel::decodeLine(std::size_t end, Commands& commands) {
+void CommandChannel::endLine(std::size_t end, Commands& commands) {
   char* const line = block_->bytes() + lineStart_;
   const std::size_t length = end - lineStart_;
   lineStart_ = std::min(end + 1, filled_);
+  if (std::exchange(skipping_, false)) return;
+  if (length > longestLine_) return reportTooLongLine();
+  decodeLine(line, length, commands);
+}
+
+void CommandChannel::reportTooLongLine() {
+  writer_.error("Invalid JSON command: the line is longer than " + std::to_string(longestLine_) + " bytes");
+}
+
+void CommandChannel::decodeLine(char* line, std::size_t length, Commands& commands) {
   // The trimmed text serves this test only; the line is decoded as it came. Almost every line begins with a
   // brace.
   if ((length == 0 || line[0] != '{') && trimWhitespaceAndNewlines({line, length}).empty()) return;

@@ -19,11 +19,14 @@ using ::testing::IsEmpty;
 
 // A channel with its handler, fed by the test in reads of its choice.
 struct Conversation {
+  explicit Conversation(std::size_t longestLine = CommandChannel::usualLongestLine)
+      : channel(fake.mainQueue, writer, handler, longestLine) {}
+
   FakePlatform fake;
   JSONLineWriter writer{fake.clock, fake.standardOutput, fake.standardError};
   RecordingBackend backend;
   CommandHandler handler{fake.platform, writer, backend};
-  CommandChannel channel{fake.mainQueue, writer, handler};
+  CommandChannel channel;
 
   // One read, or as many as the room given makes of it.
   void receive(std::string_view bytes) {
@@ -231,6 +234,47 @@ TEST(CommandChannelTest, AHugeLineArrivesWholeAndItsMemoryGoesWithIt) {
   host.fake.mainQueue.runAll();
   EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('after')"));
   EXPECT_LT(allocatedBytes(), std::size_t{8} << 20) << "the block of the huge line is still held";
+}
+
+TEST(CommandChannelTest, ALineBeyondTheLimitIsReportedOnceAndTheNextIsHandled) {
+  constexpr std::size_t limit = 300'000;
+  Conversation host(limit);
+  host.receiveInReadsOf(7'000, stop("a") + "\n" + std::string(3 * limit, 'x') + "\n" + stop("b") + "\n");
+  EXPECT_EQ(host.end(), 0);
+  EXPECT_THAT(host.messages(), ElementsAre("Invalid JSON command: the line is longer than 300000 bytes"));
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopSession('b')", "stopAll"));
+}
+
+TEST(CommandChannelTest, ALineOfTheLimitIsDecodedAndOneByteMoreIsNotWhateverTheReads) {
+  const std::string line = stop(std::string(400'000, 'a'));
+  for (const std::size_t read : {std::size_t{7'000}, std::size_t{1'000'000}}) {
+    Conversation exact(line.size());
+    exact.receiveInReadsOf(read, line + "\n");
+    exact.end();
+    EXPECT_THAT(exact.messages(), IsEmpty());
+    EXPECT_THAT(exact.backend.calls, ::testing::SizeIs(2));
+
+    Conversation oneLess(line.size() - 1);
+    oneLess.receiveInReadsOf(read, line + "\n");
+    oneLess.end();
+    EXPECT_THAT(oneLess.messages(), ::testing::SizeIs(1));
+    EXPECT_THAT(oneLess.backend.calls, ElementsAre("stopAll"));
+  }
+}
+
+TEST(CommandChannelTest, ALineWithoutEndTakesNoMemoryBeyondTheLimit) {
+  constexpr std::size_t limit = 1'000'000;
+  Conversation host(limit);
+  const std::string piece(100'000, 'x');
+  const std::size_t before = allocatedBytes();
+  std::size_t most = 0;
+  for (int i = 0; i < 200; ++i) {
+    host.receive(piece);
+    most = std::max(most, allocatedBytes() - before);
+  }
+  EXPECT_LT(most, 4 * limit);
+  EXPECT_EQ(host.end(), 0);
+  EXPECT_THAT(host.messages(), ::testing::SizeIs(1));
 }
 
 TEST(CommandChannelTest, ASteadyStreamTouchesNoNewBlocks) {
