@@ -1,26 +1,33 @@
 # Runs the benchmarks of bench/: reports, never tests.
 
-benchmark_program() {  # name
+benchmark_target() {  # name
   case $1 in
-    path) echo build/release/bench/palaver_bench ;;
-    kernels) echo build/release/bench/palaver_kernels ;;
-    accuracy) echo build/release/bench/accuracy/palaver_accuracy ;;
-    *) fail_usage "there is no benchmark '$1'; there are path, kernels and accuracy" ;;
+    path | throughput | latency | startup | memory) echo palaver_bench ;;
+    kernels | accuracy) echo "palaver_$1" ;;
+    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup and memory, kernels, and accuracy" ;;
+  esac
+}
+
+benchmark_program() {  # target
+  case $1 in
+    palaver_accuracy) echo build/release/bench/accuracy/palaver_accuracy ;;
+    *) echo "build/release/bench/$1" ;;
   esac
 }
 
 run_benchmarks() {  # names...
-  local name program
+  local name targets="" program
+  [ "$(uname -s)" = Linux ] || fail "the benchmarks need Linux: they use its pipes and /proc"
   [ $# -gt 0 ] || set -- path kernels accuracy
-  for name in "$@"; do benchmark_program "$name" >/dev/null; done
-  build release
+  for name in "$@"; do targets="$targets $(benchmark_target "$name")"; done
+  # shellcheck disable=SC2086 # one word per target
+  build release $targets
   for name in "$@"; do
-    program=$(benchmark_program "$name")
-    if [ ! -x "$program" ]; then
-      note_skipped "the benchmark $name; it is not built on this machine"
-      continue
-    fi
+    program=$(benchmark_program "$(benchmark_target "$name")")
     say "benchmark $name"
-    "$program"
+    case $name in
+      throughput | latency | startup | memory) "$program" "$name" ;;
+      *) "$program" ;;
+    esac
   done
 }
