@@ -1,5 +1,5 @@
-// AVFAudio, as far as the sources of this project use it: declarations written here after Apple's documentation
-// (developer.apple.com/documentation/avfaudio). On a Mac the SDK's own header is used instead.
+// AVFAudio, as far as the sources of this project use it: declarations written here after Apple's
+// documentation (developer.apple.com/documentation/avfaudio). On a Mac the SDK's own header is used instead.
 #pragma once
 
 #import <Foundation/Foundation.h>
@@ -93,8 +93,7 @@ API_AVAILABLE(macos(10.11))
 - (nullable instancetype)initFromFormat:(AVAudioFormat *)from toFormat:(AVAudioFormat *)to;
 - (AVAudioConverterOutputStatus)convertToBuffer:(AVAudioBuffer *)output
                                           error:(NSError *_Nullable *_Nullable)error
-                             withInputFromBlock:
-                                 (AVAudioConverterInputBlock __attribute__((noescape)))block;
+                             withInputFromBlock:(AVAudioConverterInputBlock __attribute__((noescape)))block;
 @end
 
 API_AVAILABLE(macos(10.10))

@@ -1,5 +1,5 @@
-// Foundation, as far as the sources of this project use it: declarations written here, so that the sources for
-// macOS compile where its SDK is not. Names, types and nullability are those that Apple documents
+// Foundation, as far as the sources of this project use it: declarations written here, so that the sources
+// for macOS compile where its SDK is not. Names, types and nullability are those that Apple documents
 // (developer.apple.com/documentation/foundation). On a Mac the SDK's own header is used instead.
 #pragma once
 
@@ -11,7 +11,7 @@
 #define NS_ASSUME_NONNULL_BEGIN _Pragma("clang assume_nonnull begin")
 #define NS_ASSUME_NONNULL_END _Pragma("clang assume_nonnull end")
 #ifndef NS_ENUM
-#define NS_ENUM(type, name)                                \
+#define NS_ENUM(type, name)                                        \
   enum __attribute__((enum_extensibility(open))) name : type name; \
   enum name : type
 #endif
@@ -58,7 +58,7 @@ enum : NSUInteger { NSUTF8StringEncoding = 4, NSISOLatin1StringEncoding = 5 };
 - (BOOL)isEqualToString:(NSString *)other;
 @end
 
-@interface NSArray <__covariant ObjectType> : NSObject <NSCopying, NSFastEnumeration>
+@interface NSArray<__covariant ObjectType> : NSObject <NSCopying, NSFastEnumeration>
 @property(readonly) NSUInteger count;
 - (ObjectType)objectAtIndex:(NSUInteger)index;
 - (ObjectType)objectAtIndexedSubscript:(NSUInteger)index;
@@ -70,7 +70,7 @@ enum : NSUInteger { NSUTF8StringEncoding = 4, NSISOLatin1StringEncoding = 5 };
 - (void)addObject:(ObjectType)object;
 @end
 
-@interface NSDictionary <__covariant KeyType, __covariant ObjectType> : NSObject <NSCopying>
+@interface NSDictionary<__covariant KeyType, __covariant ObjectType> : NSObject <NSCopying>
 @property(readonly) NSUInteger count;
 - (nullable ObjectType)objectForKeyedSubscript:(KeyType)key;
 + (instancetype)dictionaryWithObjects:(const ObjectType _Nonnull[_Nullable])objects
@@ -95,7 +95,8 @@ typedef NSString *NSExceptionName;
 extern NSExceptionName const NSInternalInconsistencyException;
 extern NSExceptionName const NSInvalidArgumentException;
 
-__attribute__((objc_exception)) @interface NSException : NSObject <NSCopying>
+__attribute__((objc_exception))
+@interface NSException : NSObject<NSCopying>
 @property(readonly, copy) NSExceptionName name;
 @property(nullable, readonly, copy) NSString *reason;
 + (NSException *)exceptionWithName:(NSExceptionName)name

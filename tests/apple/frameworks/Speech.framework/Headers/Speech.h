@@ -1,5 +1,6 @@
-// Speech, as far as the sources of this project use it from Objective-C++: declarations written here after Apple's
-// documentation (developer.apple.com/documentation/speech). On a Mac the SDK's own header is used instead.
+// Speech, as far as the sources of this project use it from Objective-C++: declarations written here after
+// Apple's documentation (developer.apple.com/documentation/speech). On a Mac the SDK's own header is used
+// instead.
 #pragma once
 
 #import <AVFAudio/AVFAudio.h>

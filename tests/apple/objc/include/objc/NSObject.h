@@ -11,11 +11,12 @@
 - (BOOL)respondsToSelector:(SEL)selector;
 @end
 
-__attribute__((objc_root_class)) @interface NSObject <NSObject> {
+__attribute__((objc_root_class))
+@interface NSObject<NSObject> {
   Class isa;
 }
 + (instancetype)alloc;
-+ (instancetype) new;
++ (instancetype)new;
 + (Class)class;
 - (instancetype)init;
 - (void)dealloc;
