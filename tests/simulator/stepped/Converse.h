@@ -1,0 +1,23 @@
+// Plays scenarios against a helper in another process, on its real streams and threads.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/simulator/Scenario.h"
+
+namespace palaver {
+
+// What came of a scenario.
+struct ConversationOutcome {
+  std::optional<std::string> skipped;  // why it could not be played
+  std::optional<std::string> report;   // what went otherwise than expected, as text for the reader
+};
+
+// Plays a scenario once, seeds aside: what holds for several of them holds for any order. `command`: a
+// program that serves the control channel, and its own arguments; the scenario's follow. SIGPIPE must be
+// ignored. Throws std::system_error when the program cannot be started.
+ConversationOutcome converse(const Scenario& scenario, std::vector<std::string> command);
+
+}  // namespace palaver
