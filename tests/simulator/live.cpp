@@ -25,10 +25,9 @@ namespace {
 struct LivePlatform {
   LivePlatform(std::optional<OperatingSystemVersion> macOS, std::span<char*> arguments,
                SpeechRecognition& speechRecognition, SpeechAnalysis& speechAnalysis)
-      : process(arguments, macOS), platform{clock,           process,           mainQueue,
-                                                         standardInput,   standardOutput,    standardError,
-                                                         audioBuffers,    speechRecognition, speechAnalysis,
-                                                         audioConverters, audioFiles,        tasks} {}
+      : process(arguments, macOS), platform{clock,          process,         mainQueue,    standardInput,
+                                            standardOutput, standardError,   audioBuffers, speechRecognition,
+                                            speechAnalysis, audioConverters, audioFiles,   tasks} {}
 
   SystemClock clock;
   ClaimedProcess process;

@@ -66,7 +66,11 @@ int converseWith(std::span<char*> arguments) {
     const auto command = arguments.subspan(2);
     const auto outcome = converse(readScenario(path), {command.begin(), command.end()});
     const auto& failure = outcome.report;
-    std::printf("%s %s\n%s", outcome.skipped ? "skipped" : failure ? "FAILED" : "passed", name.c_str(),
+    std::printf("%s %s\n%s",
+                outcome.skipped ? "skipped"
+                : failure       ? "FAILED"
+                                : "passed",
+                name.c_str(),
                 outcome.skipped ? ("  " + *outcome.skipped + "\n").c_str() : failure.value_or("").c_str());
     if (outcome.skipped) return skippedStatus;
     return failure ? 1 : 0;

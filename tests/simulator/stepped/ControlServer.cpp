@@ -114,9 +114,8 @@ JSON ControlServer::perform(const JSON& request) {
   }
   if (const auto time = request.find("advanceTo"); time != request.end()) {
     const bool isIncluded = request.at("end") == "included";
-    const bool ran =
-        timeline_->runNext(time->get<double>(),
-                           isIncluded ? SteppedTimeline::End::included : SteppedTimeline::End::excluded);
+    const bool ran = timeline_->runNext(
+        time->get<double>(), isIncluded ? SteppedTimeline::End::included : SteppedTimeline::End::excluded);
     return {{"ran", ran}, {"now", timeline_->now()}};
   }
   if (request.contains("report")) return report();

@@ -7,7 +7,8 @@
 //   {"machine": {...}, "startsAt": ms}     first: the state of the machine (system, platform) and its clock;
 //                                          {} or {"refused": "why"}
 //   {"step": {"key", "value", "where"}}    performs a step of the machine; {}, or {"complaint": "why"}
-//   {"advanceTo": ms, "end": "excluded"}   runs what falls due next before that time, or moves the time there;
+//   {"advanceTo": ms, "end": "excluded"}   runs what falls due next before that time, or moves the time
+//   there;
 //                                          {"ran": true, "now": ms}. "included": also what falls due then
 //   {"report": true}                       what reached the services, as receivedBy() gives it
 //
@@ -38,8 +39,8 @@ class ControlServer {
   // process ends.
   ControlServer();
 
-  // Waits for the first request. Every failure below ends the process with status 70, after a line on standard
-  // error: there is nobody else to tell.
+  // Waits for the first request. Every failure below ends the process with status 70, after a line on
+  // standard error: there is nobody else to tell.
   Setup receiveSetup();
 
   // Answers the first request: this helper cannot be on such a machine. The process ends with status 0.

@@ -44,15 +44,17 @@ void play(const Scenario& scenario, SteppedProcess& helper) {
 
 }  // namespace
 
-ConversationOutcome converse(const Scenario& scenario, std::vector<std::string> command) {
+ConversationOutcome converse(const Scenario& scenario, std::vector<std::string> command,
+                             std::chrono::milliseconds bound) {
   if (auto reason = reasonToSkip(scenario)) return {std::move(reason), std::nullopt};
   const ScenarioDirectory directory(scenario.files);
   for (const auto& argument : scenario.settings.arguments) command.push_back(directory.located(argument));
-  SteppedProcess helper(command, {scenario.settings.environment.begin(), scenario.settings.environment.end()});
-  if (auto reason = helper.start(scenario.machine, scenario.settings.startsAt))
-    return {std::move(reason), std::nullopt};
+  SteppedProcess helper(command, {scenario.settings.environment.begin(), scenario.settings.environment.end()},
+                        bound);
   std::optional<std::string> failure;
   try {
+    if (auto reason = helper.start(scenario.machine, scenario.settings.startsAt))
+      return {std::move(reason), std::nullopt};
     play(scenario, helper);
     helper.askWhatWasReceived();
   } catch (const ConversationError& error) {

@@ -62,7 +62,7 @@ class SteppedMainQueue final : public MainQueue {
   std::mutex lock_;
   std::condition_variable changed_;
   std::deque<Job> callbacks_;
-  std::uint64_t slices_ = 0;        // begun
+  std::uint64_t slices_ = 0;         // begun
   std::uint64_t timedOutSlice_ = 0;  // the last one that has timed out
   bool isServing_ = false;
   bool slicesDeliverInsideJobs_ = true;

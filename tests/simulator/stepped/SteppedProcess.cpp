@@ -21,15 +21,14 @@ namespace {
 
 using RealTime = std::chrono::steady_clock;
 
-// How long the helper may take to come to rest before it counts as hanging.
-constexpr std::chrono::seconds restBound{20};
-constexpr int looksAtOnce = 50;          // before looking costs others too much
+constexpr int looksAtOnce = 50;           // before looking costs others too much
 constexpr int millisecondsPerLook = 100;  // at most, for what ends by itself when there is anything to see
 // What may fall due on the way to the next step before the helper counts as running in a circle.
 constexpr int mostJobs = 20'000;
 
 host::ChildProcess makeChild(const std::vector<std::string>& command,
-                             std::map<std::string, std::string> environment, const host::Descriptor& control) {
+                             std::map<std::string, std::string> environment,
+                             const host::Descriptor& control) {
   environment[controlVariable] = "3";
   return host::ChildProcess(command, {std::move(environment), control.get()});
 }
@@ -52,12 +51,16 @@ struct SteppedProcess::Channel {
 };
 
 SteppedProcess::SteppedProcess(const std::vector<std::string>& command,
-                               std::map<std::string, std::string> environment)
-    : SteppedProcess(Channel::make(), command, std::move(environment)) {}
+                               std::map<std::string, std::string> environment,
+                               std::chrono::milliseconds bound)
+    : SteppedProcess(Channel::make(), command, std::move(environment), bound) {}
 
 SteppedProcess::SteppedProcess(Channel channel, const std::vector<std::string>& command,
-                               std::map<std::string, std::string> environment)
-    : control_(std::move(channel.ours)), child_(makeChild(command, std::move(environment), channel.childs)) {}
+                               std::map<std::string, std::string> environment,
+                               std::chrono::milliseconds bound)
+    : bound_(bound),
+      control_(std::move(channel.ours)),
+      child_(makeChild(command, std::move(environment), channel.childs)) {}
 
 std::optional<std::string> SteppedProcess::start(const JSON& machine, double startsAt) {
   const auto answer = ask({{"machine", machine}, {"startsAt", startsAt}});
@@ -85,8 +88,7 @@ void SteppedProcess::perform(const MachineStep& step) {
 void SteppedProcess::advance(double time, End end) {
   for (int jobs = 0; !hasEnded(); ++jobs) {
     if (jobs > mostJobs) throw ConversationError("there is no end of what falls due");
-    const auto answer =
-        ask({{"advanceTo", time}, {"end", end == End::included ? "included" : "excluded"}});
+    const auto answer = ask({{"advanceTo", time}, {"end", end == End::included ? "included" : "excluded"}});
     if (answer.is_null()) return;
     now_ = answer.at("now").get<double>();
     settle();
@@ -106,7 +108,7 @@ JSON SteppedProcess::ask(const JSON& request) {
   const auto count = ::send(control_.get(), line.data(), line.size(), MSG_NOSIGNAL);
   if (count < 0 && errno != EPIPE && errno != ECONNRESET)
     throw std::system_error(errno, std::generic_category(), "send");
-  const auto deadline = RealTime::now() + restBound;
+  const auto deadline = RealTime::now() + bound_;
   for (;;) {
     drain();
     if (auto answer = nextMessage()) return std::move(*answer);
@@ -116,9 +118,8 @@ JSON SteppedProcess::ask(const JSON& request) {
       return nullptr;
     }
     if (RealTime::now() > deadline) throw ConversationError("the helper does not answer: " + request.dump());
-    std::array<pollfd, 3> waiting{{{control_.get(), POLLIN, 0},
-                                   {child_.output(), POLLIN, 0},
-                                   {child_.diagnostics(), POLLIN, 0}}};
+    std::array<pollfd, 3> waiting{
+        {{control_.get(), POLLIN, 0}, {child_.output(), POLLIN, 0}, {child_.diagnostics(), POLLIN, 0}}};
     ::poll(waiting.data(), waiting.size(), millisecondsPerLook);
   }
 }
@@ -145,7 +146,7 @@ void SteppedProcess::settle() {
 }
 
 void SteppedProcess::awaitRest() {
-  const auto deadline = RealTime::now() + restBound;
+  const auto deadline = RealTime::now() + bound_;
   std::optional<ThreadActivity> before;
   for (int looks = 0; !hasEnded(); ++looks) {
     child_.flush();
@@ -204,7 +205,8 @@ bool SteppedProcess::drainControl() {
 // Gives the time to the lines that have been read.
 void SteppedProcess::stampLines() {
   for (auto* const stream : {&record_.output, &record_.errorOutput})
-    for (std::size_t end; (end = stream->rest.find('\n')) != std::string::npos; stream->rest.erase(0, end + 1))
+    for (std::size_t end; (end = stream->rest.find('\n')) != std::string::npos;
+         stream->rest.erase(0, end + 1))
       stream->lines.push_back({now_, stream->rest.substr(0, end)});
 }
 

@@ -1,6 +1,7 @@
 // A helper in another process, whose time and machine are in the hands of this one.
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -25,9 +26,11 @@ class ConversationError : public std::runtime_error {
 // (real time). Used by one thread; SIGPIPE must be ignored.
 class SteppedProcess {
  public:
-  // `command`: the program's path and its arguments. `environment`: added to this process's own. Throws
-  // std::system_error when it cannot be started.
-  SteppedProcess(const std::vector<std::string>& command, std::map<std::string, std::string> environment);
+  // `command`: the program's path and its arguments. `environment`: added to this process's own. `bound`: how
+  // long it may take to come to rest before it counts as hanging. Throws std::system_error when it cannot be
+  // started.
+  SteppedProcess(const std::vector<std::string>& command, std::map<std::string, std::string> environment,
+                 std::chrono::milliseconds bound);
 
   // Says which machine the helper is on, as readMachineState() wants it, and lets it start. `startsAt`: what
   // its clock reads at time 0, ms since the Unix epoch. Returns why it cannot be on such a machine, or none.
@@ -58,7 +61,7 @@ class SteppedProcess {
   struct Channel;
 
   SteppedProcess(Channel channel, const std::vector<std::string>& command,
-                 std::map<std::string, std::string> environment);
+                 std::map<std::string, std::string> environment, std::chrono::milliseconds bound);
 
   JSON ask(const JSON& request);
   std::optional<JSON> nextMessage();
@@ -68,6 +71,7 @@ class SteppedProcess {
   bool drainControl();
   void stampLines();
 
+  const std::chrono::milliseconds bound_;
   host::Descriptor control_;
   host::ChildProcess child_;
   std::string controlText_;  // received, not yet read

@@ -19,6 +19,11 @@ void SteppedTimeline::insert(double delay, Rank rank, Job job) {
   jobs_.emplace(Key{now_ + delay, rank, sequence_++}, std::move(job));
 }
 
+std::optional<double> SteppedTimeline::nextDue() const {
+  const std::lock_guard guard(lock_);
+  return jobs_.empty() ? std::nullopt : std::optional(jobs_.begin()->first.time);
+}
+
 std::optional<SteppedTimeline::Job> SteppedTimeline::takeNext(double time, End end) {
   const std::lock_guard guard(lock_);
   const auto next = jobs_.begin();

@@ -30,6 +30,9 @@ class SteppedTimeline final : public Timeline {
   // The end of a wait: runs `delay` ms from now, behind all that falls due at that time. Any thread.
   void scheduleTimeout(double delay, Job job);
 
+  // When the next job falls due (ms), or none. Any thread.
+  std::optional<double> nextDue() const;
+
   // Whether what falls due at the very end of a step counts as well.
   enum class End { excluded, included };
 
@@ -51,7 +54,7 @@ class SteppedTimeline final : public Timeline {
 
   CallbackDelivery deliver_;
   std::atomic<double> now_{0};  // ms; changed with the lock held
-  std::mutex lock_;
+  mutable std::mutex lock_;
   std::map<Key, Job> jobs_;
   std::uint64_t sequence_ = 0;
 };
@@ -59,8 +62,7 @@ class SteppedTimeline final : public Timeline {
 // Shows stepped time as a wall clock that read `startsAt` (ms since the Unix epoch) at its beginning.
 class SteppedClock final : public Clock {
  public:
-  SteppedClock(const SteppedTimeline& timeline, double startsAt)
-      : timeline_(timeline), startsAt_(startsAt) {}
+  SteppedClock(const SteppedTimeline& timeline, double startsAt) : timeline_(timeline), startsAt_(startsAt) {}
 
   double nowMilliseconds() const override { return startsAt_ + timeline_.now() + shift_; }
 

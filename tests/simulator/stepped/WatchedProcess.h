@@ -19,9 +19,7 @@ class WatchedProcess final : public Process {
   std::optional<std::string> environmentVariable(std::string_view name) const override {
     return real_.environmentVariable(name);
   }
-  bool isMacOSAtLeast(OperatingSystemVersion version) const override {
-    return real_.isMacOSAtLeast(version);
-  }
+  bool isMacOSAtLeast(OperatingSystemVersion version) const override { return real_.isMacOSAtLeast(version); }
 
  private:
   void terminate(int status) override {
