@@ -31,7 +31,8 @@ ScenarioRecord::Stream streamOf(const RecordingOutput& output) {
   return {output.lines(), output.rest()};
 }
 
-std::optional<std::string> playOnce(const Scenario& scenario, const std::optional<std::uint64_t>& seed) {
+std::optional<std::string> playOnce(const Scenario& scenario, const std::optional<std::uint64_t>& seed,
+                                    const ScenarioProgram& program) {
   SimulatedSettings settings = scenario.settings;
   settings.seed = seed;
   const ScenarioDirectory directory(scenario.files);
@@ -52,7 +53,7 @@ std::optional<std::string> playOnce(const Scenario& scenario, const std::optiona
   for (const auto& action : scenario.actions)
     platform.scheduler.schedule(action.time, Timeline::Context::background, &scenario,
                                 [&] { perform(action); });
-  record.exitStatus = platform.run(runHelper, scenario.until);
+  record.exitStatus = platform.run([&](Platform& parts) { program(platform, parts); }, scenario.until);
   record.output = streamOf(platform.standardOutput);
   record.errorOutput = streamOf(platform.standardError);
   record.received = receivedBy(platform.speechRecognition, platform.speechAnalysis);
@@ -65,8 +66,12 @@ std::optional<std::string> playOnce(const Scenario& scenario, const std::optiona
 }  // namespace
 
 std::optional<std::string> play(const Scenario& scenario) {
+  return play(scenario, [](SimulatedPlatform&, Platform& platform) { runHelper(platform); });
+}
+
+std::optional<std::string> play(const Scenario& scenario, const ScenarioProgram& program) {
   for (const auto& seed : scenario.seeds)
-    if (auto report = playOnce(scenario, seed)) return report;
+    if (auto report = playOnce(scenario, seed, program)) return report;
   return std::nullopt;
 }
 

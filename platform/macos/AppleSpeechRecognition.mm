@@ -1,0 +1,242 @@
+#include "platform/macos/AppleSpeechRecognition.h"
+
+#import <Speech/Speech.h>
+#include <dispatch/dispatch.h>
+
+#include <mutex>
+#include <utility>
+
+#import "platform/macos/AudioValues.h"
+#include "platform/macos/AutoreleasePool.h"
+#import "platform/macos/FoundationValues.h"
+
+namespace palaver {
+
+namespace {
+
+RecognitionResult toRecognitionResult(SFSpeechRecognitionResult* result) {
+  SFTranscription* const transcription = result.bestTranscription;
+  RecognitionResult converted{.formattedString = toString(transcription.formattedString),
+                              .segments = {},
+                              .isFinal = result.isFinal != NO};
+  for (SFTranscriptionSegment* segment in transcription.segments)
+    converted.segments.push_back({toString(segment.substring), segment.timestamp, segment.duration});
+  return converted;
+}
+
+// One request with its task: shared by the handles of both and by the block that hears the results. Keeps the
+// recognizer and the task alive until the task has ended or been cancelled. Any thread.
+class Recognition : public std::enable_shared_from_this<Recognition> {
+ public:
+  // Nil when the task could not be started; the handler hears why.
+  SFSpeechRecognitionTask* begin(SFSpeechRecognizer* recognizer,
+                                 SFSpeechAudioBufferRecognitionRequest* request, ResultHandler handler) {
+    std::optional<PlatformError> failure;
+    {
+      const std::lock_guard guard(lock_);
+      handler_ = std::move(handler);
+      hasBegun_ = true;
+      failure = failure_;
+    }
+    SFSpeechRecognitionTask* task = nil;
+    if (!failure) {
+      const auto self = shared_from_this();
+      @try {
+        task = [recognizer recognitionTaskWithRequest:request
+                                        resultHandler:^(SFSpeechRecognitionResult* result, NSError* error) {
+                                          const AutoreleasePool pool;
+                                          self->hear(result, error);
+                                        }];
+      } @catch (NSException* exception) {
+        failure = toPlatformError(exception);
+      }
+    }
+    if (failure) {
+      answerLater(*failure);
+      return nil;
+    }
+    const std::lock_guard guard(lock_);
+    if (!hasEnded_) {
+      recognizer_ = recognizer;
+      task_ = task;
+    }
+    return task;
+  }
+
+  // The recognition cannot go on: its handler hears why, and nothing after it.
+  void fail(const PlatformError& error) {
+    {
+      const std::lock_guard guard(lock_);
+      if (failure_ || hasEnded_) return;
+      failure_ = error;
+      if (!hasBegun_) return;
+    }
+    answerLater(error);
+  }
+
+  // The task has ended or been cancelled. It may still call its handler.
+  SFSpeechRecognitionTask* letGo() {
+    const std::lock_guard guard(lock_);
+    hasEnded_ = true;
+    recognizer_ = nil;
+    return std::exchange(task_, nil);
+  }
+
+ private:
+  void hear(SFSpeechRecognitionResult* result, NSError* error) {
+    {
+      const std::lock_guard guard(lock_);
+      if (failure_) return;
+    }
+    std::optional<RecognitionResult> heard;
+    std::optional<PlatformError> failure;
+    if (result) heard = toRecognitionResult(result);
+    if (error) failure = toPlatformError(error);
+    if (failure || (heard && heard->isFinal)) letGo();
+    handler_(std::move(heard), std::move(failure));
+  }
+
+  // An error of our own, in the way in which the system gives its own. The task, if there is one, is given
+  // up.
+  void answerLater(const PlatformError& error) {
+    {
+      const std::lock_guard guard(lock_);
+      failure_ = error;
+    }
+    const auto self = shared_from_this();
+    dispatch_async(dispatch_get_main_queue(), ^{
+      const AutoreleasePool pool;
+      [self->letGo() cancel];
+      self->handler_(std::nullopt, error);
+    });
+  }
+
+  std::mutex lock_;
+  ResultHandler handler_;  // constant once begun
+  SFSpeechRecognizer* recognizer_ = nil;
+  SFSpeechRecognitionTask* task_ = nil;
+  std::optional<PlatformError> failure_;
+  bool hasBegun_ = false;
+  bool hasEnded_ = false;
+};
+
+class AppleRecognitionRequest final : public RecognitionRequest {
+ public:
+  explicit AppleRecognitionRequest(SFSpeechAudioBufferRecognitionRequest* request) : request_(request) {}
+
+  void append(std::shared_ptr<const PCMBuffer> buffer) override {
+    if (hasEndedAudio_ || buffer->frameLength() == 0) return;
+    const AutoreleasePool pool;
+    std::optional<PlatformError> failure;
+    @try {
+      AVAudioFormat* const format = toAVAudioFormat(buffer->format());
+      AVAudioPCMBuffer* const wrapped = wrap(std::move(buffer), format);
+      if (wrapped)
+        [request_ appendAudioPCMBuffer:wrapped];
+      else
+        failure = {"PalaverSTT", -1, "The system cannot make an audio buffer for the recognizer"};
+    } @catch (NSException* exception) {
+      failure = toPlatformError(exception);
+    }
+    if (failure) recognition_->fail(*failure);
+  }
+
+  void endAudio() override {
+    if (std::exchange(hasEndedAudio_, true)) return;
+    const AutoreleasePool pool;
+    [request_ endAudio];
+  }
+
+  // None when the request has had its task: a second one would raise an exception.
+  std::shared_ptr<Recognition> takeRecognition() {
+    return std::exchange(hasTask_, true) ? nullptr : recognition_;
+  }
+  SFSpeechAudioBufferRecognitionRequest* request() const { return request_; }
+
+ private:
+  SFSpeechAudioBufferRecognitionRequest* const request_;
+  const std::shared_ptr<Recognition> recognition_ = std::make_shared<Recognition>();
+  bool hasTask_ = false;
+  bool hasEndedAudio_ = false;
+};
+
+class AppleRecognitionTask final : public RecognitionTask {
+ public:
+  // The task may be nil.
+  AppleRecognitionTask(SFSpeechRecognitionTask* task, std::shared_ptr<Recognition> recognition)
+      : task_(task), recognition_(std::move(recognition)) {}
+
+  void cancel() override {
+    const AutoreleasePool pool;
+    recognition_->letGo();
+    [task_ cancel];
+  }
+
+ private:
+  SFSpeechRecognitionTask* const task_;
+  const std::shared_ptr<Recognition> recognition_;
+};
+
+class AppleSpeechRecognizer final : public SpeechRecognizer {
+ public:
+  explicit AppleSpeechRecognizer(SFSpeechRecognizer* recognizer) : recognizer_(recognizer) {}
+
+  bool supportsOnDeviceRecognition() const override {
+    const AutoreleasePool pool;
+    return recognizer_.supportsOnDeviceRecognition != NO;
+  }
+
+  std::shared_ptr<RecognitionRequest> makeRequest(RecognitionOptions options) override {
+    const AutoreleasePool pool;
+    auto* const request = [[SFSpeechAudioBufferRecognitionRequest alloc] init];
+    request.shouldReportPartialResults = options.shouldReportPartialResults;
+    request.requiresOnDeviceRecognition = options.requiresOnDeviceRecognition;
+    request.taskHint = static_cast<SFSpeechRecognitionTaskHint>(options.taskHint);
+    NSMutableArray<NSString*>* const phrases =
+        [NSMutableArray arrayWithCapacity:options.contextualStrings.size()];
+    for (const auto& phrase : options.contextualStrings) [phrases addObject:toNSString(phrase)];
+    request.contextualStrings = phrases;
+    return std::make_shared<AppleRecognitionRequest>(request);
+  }
+
+  std::unique_ptr<RecognitionTask> recognitionTask(const std::shared_ptr<RecognitionRequest>& request,
+                                                   ResultHandler handler) override {
+    const AutoreleasePool pool;
+    auto& ours = static_cast<AppleRecognitionRequest&>(*request);
+    auto recognition = ours.takeRecognition();
+    if (!recognition) {
+      recognition = std::make_shared<Recognition>();
+      recognition->fail({"PalaverSTT", -1, "A recognition request serves one task only"});
+    }
+    SFSpeechRecognitionTask* const task = recognition->begin(recognizer_, ours.request(), std::move(handler));
+    return std::make_unique<AppleRecognitionTask>(task, std::move(recognition));
+  }
+
+ private:
+  SFSpeechRecognizer* const recognizer_;
+};
+
+}  // namespace
+
+AuthorizationStatus AppleSpeechRecognition::authorizationStatus() const {
+  const AutoreleasePool pool;
+  return static_cast<AuthorizationStatus>(SFSpeechRecognizer.authorizationStatus);
+}
+
+void AppleSpeechRecognition::requestAuthorization(std::function<void(AuthorizationStatus)> handler) {
+  const AutoreleasePool pool;
+  [SFSpeechRecognizer requestAuthorization:^(SFSpeechRecognizerAuthorizationStatus status) {
+    const AutoreleasePool pool_;
+    handler(static_cast<AuthorizationStatus>(status));
+  }];
+}
+
+std::unique_ptr<SpeechRecognizer> AppleSpeechRecognition::makeRecognizer(std::string_view localeIdentifier) {
+  const AutoreleasePool pool;
+  NSLocale* const locale = [[NSLocale alloc] initWithLocaleIdentifier:toNSString(localeIdentifier)];
+  SFSpeechRecognizer* const recognizer = [[SFSpeechRecognizer alloc] initWithLocale:locale];
+  if (!recognizer) return nullptr;
+  return std::make_unique<AppleSpeechRecognizer>(recognizer);
+}
+
+}  // namespace palaver
