@@ -5,8 +5,10 @@
 
 namespace palaver {
 
+ThreadPoolTasks::ThreadPoolTasks() : ThreadPoolTasks(std::max(2u, std::thread::hardware_concurrency())) {}
+
 asio::any_io_executor ThreadPoolTasks::executor() {
-  std::call_once(made_, [this] { pool_.emplace(std::max(2u, std::thread::hardware_concurrency())); });
+  std::call_once(made_, [this] { pool_.emplace(threads_); });
   return pool_->executor();
 }
 

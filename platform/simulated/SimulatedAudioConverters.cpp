@@ -6,7 +6,7 @@ namespace palaver {
 
 class SimulatedAudioConverters::FaultyConverter final : public AudioConverter {
  public:
-  FaultyConverter(const Fault& fault, std::unique_ptr<AudioConverter> working)
+  FaultyConverter(const std::atomic<Fault>& fault, std::unique_ptr<AudioConverter> working)
       : fault_(fault), working_(std::move(working)) {}
 
   const AudioFormat& inputFormat() const override { return working_->inputFormat(); }
@@ -21,7 +21,7 @@ class SimulatedAudioConverters::FaultyConverter final : public AudioConverter {
   }
 
  private:
-  const Fault& fault_;
+  const std::atomic<Fault>& fault_;
   const std::unique_ptr<AudioConverter> working_;
 };
 

@@ -1,12 +1,14 @@
 // Converters that work, or that fail in one of the ways in which a platform's converters fail.
 #pragma once
 
+#include <atomic>
+
 #include "platform/AudioConverter.h"
 #include "platform/linux/SpeexAudioConverter.h"
 
 namespace palaver {
 
-// Lives on the thread that uses its converters; the fault holds for those made before, too.
+// Any thread, as far as the contract allows; a fault holds for converters made before, too.
 class SimulatedAudioConverters final : public AudioConverters {
  public:
   enum class Fault {
@@ -23,7 +25,7 @@ class SimulatedAudioConverters final : public AudioConverters {
   class FaultyConverter;
 
   SpeexAudioConverters working_;
-  Fault fault_ = Fault::none;
+  std::atomic<Fault> fault_ = Fault::none;
 };
 
 }  // namespace palaver

@@ -1,7 +1,8 @@
 // The simulated machine but for speech: clock, process, main queue, standard streams, audio buffers. All of
-// it lives on the scheduler's one thread.
+// it but the buffers lives on the scheduler's one thread.
 #pragma once
 
+#include <atomic>
 #include <deque>
 #include <map>
 #include <memory>
@@ -136,10 +137,11 @@ class SimulatedAudioBuffers final : public AudioBuffers {
                                         bool interleaved) override;
   std::shared_ptr<PCMBuffer> makeBuffer(const AudioFormat& format, std::uint32_t frameCapacity) override;
 
+  // Any thread.
   void setFault(Fault fault) { fault_ = fault; }
 
  private:
-  Fault fault_ = Fault::none;
+  std::atomic<Fault> fault_ = Fault::none;
 };
 
 }  // namespace palaver

@@ -5,7 +5,7 @@
 #include <limits>
 #include <utility>
 
-#include "tests/simulator/Scenario.h"
+#include "tests/simulator/PlatformState.h"
 
 namespace palaver {
 
@@ -109,28 +109,6 @@ JSON toJSON(const std::optional<double>& time) {
   return time ? JSON(*time) : JSON(nullptr);
 }
 
-JSON toJSON(const RecordedAnalysis& analysis) {
-  JSON value{{"locale", analysis.locale},
-             {"contextualStrings", analysis.contextualStrings},
-             {"preparedFor", analysis.preparedFor ? toJSON(*analysis.preparedFor) : JSON(nullptr)},
-             {"buffers", analysis.buffers.size()},
-             {"frames", JSON::array()},
-             {"firstSamples", JSON::array()},
-             {"formats", JSON::array()},
-             {"droppedBuffers", analysis.droppedBuffers},
-             {"inputFinishedAt", toJSON(analysis.inputFinishedAt)},
-             {"finalizedAt", toJSON(analysis.finalizedAt)},
-             {"cancelledAt", toJSON(analysis.cancelledAt)}};
-  for (const auto& buffer : analysis.buffers) {
-    value["frames"].push_back(buffer.frames);
-    value["firstSamples"].push_back(buffer.firstSample);
-    const JSON format = toJSON(buffer.format);
-    auto& formats = value["formats"];
-    if (std::find(formats.begin(), formats.end(), format) == formats.end()) formats.push_back(format);
-  }
-  return value;
-}
-
 }  // namespace
 
 void readAnalysisState(const JSON& value, const std::string& where, AnalysisState& state) {
@@ -162,7 +140,7 @@ void readAnalysisState(const JSON& value, const std::string& where, AnalysisStat
   reader.finish();
 }
 
-std::function<void(Stage&)> readAnalyzerStep(const JSON& value, const std::string& where) {
+AnalyzerEmission readAnalyzerEmission(const JSON& value, const std::string& where) {
   ObjectReader reader(value, where);
   const double number = reader.number("number").value_or(0);
   const auto partial = reader.text("partial");
@@ -181,10 +159,29 @@ std::function<void(Stage&)> readAnalyzerStep(const JSON& value, const std::strin
   if (partial || final) result = TranscriptionResult{partial ? *partial : *final, start, end, !partial};
   if (error) result = readPlatformError(*error, reader.where("error"));
   if (isCancelled) result = ResultsCancelled{};
-  return [number = static_cast<std::size_t>(number), result, after, where](Stage& stage) {
-    if (!stage.platform.speechAnalysis.emit(number, result, after))
-      stage.complaints.push_back(where + ": there is no such analyzer yet");
-  };
+  return {static_cast<std::size_t>(number), std::move(result), after};
+}
+
+JSON toJSON(const RecordedAnalysis& analysis) {
+  JSON value{{"locale", analysis.locale},
+             {"contextualStrings", analysis.contextualStrings},
+             {"preparedFor", analysis.preparedFor ? toJSON(*analysis.preparedFor) : JSON(nullptr)},
+             {"buffers", analysis.buffers.size()},
+             {"frames", JSON::array()},
+             {"firstSamples", JSON::array()},
+             {"formats", JSON::array()},
+             {"droppedBuffers", analysis.droppedBuffers},
+             {"inputFinishedAt", toJSON(analysis.inputFinishedAt)},
+             {"finalizedAt", toJSON(analysis.finalizedAt)},
+             {"cancelledAt", toJSON(analysis.cancelledAt)}};
+  for (const auto& buffer : analysis.buffers) {
+    value["frames"].push_back(buffer.frames);
+    value["firstSamples"].push_back(buffer.firstSample);
+    const JSON format = toJSON(buffer.format);
+    auto& formats = value["formats"];
+    if (std::find(formats.begin(), formats.end(), format) == formats.end()) formats.push_back(format);
+  }
+  return value;
 }
 
 std::vector<JSON> readAnalyzerPatterns(const JSON& values, const std::string& where) {
@@ -197,24 +194,6 @@ std::vector<JSON> readAnalyzerPatterns(const JSON& values, const std::string& wh
     patterns.push_back(value);
   }
   return patterns;
-}
-
-std::optional<std::string> compareAnalyzers(const std::vector<JSON>& expected,
-                                            const std::vector<RecordedAnalysis>& actual,
-                                            Variables& variables) {
-  std::string report;
-  if (expected.size() != actual.size())
-    report += "  " + std::to_string(actual.size()) + " analyzers were made instead of " +
-              std::to_string(expected.size()) + "\n";
-  for (std::size_t i = 0; i < std::min(expected.size(), actual.size()); ++i) {
-    JSON value = toJSON(actual[i]);
-    for (auto member = value.begin(); member != value.end();)
-      member = expected[i].contains(member.key()) ? std::next(member) : value.erase(member);
-    if (const auto why = difference(expected[i], value, variables))
-      report += "  analyzer " + std::to_string(i + 1) + ": " + *why + "\n";
-  }
-  if (report.empty()) return std::nullopt;
-  return report;
 }
 
 }  // namespace palaver

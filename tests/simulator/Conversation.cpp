@@ -4,7 +4,6 @@
 #include <map>
 #include <utility>
 
-#include "tests/simulator/AnalysisSteps.h"
 #include "tests/simulator/EventPattern.h"
 #include "tests/support/TestAudio.h"
 
@@ -20,19 +19,14 @@ class ConversationReader {
   void readStep(const JSON& value, const std::string& where);
 
  private:
-  void act(double time, std::function<void(Stage&)> perform) {
-    scenario_.actions.push_back({time, std::move(perform)});
-  }
   void send(double time, std::string bytes) {
-    act(time, [bytes = std::move(bytes)](Stage& stage) { stage.platform.standardInput.arrive(bytes); });
+    scenario_.actions.push_back({time, HostBytes{std::move(bytes)}});
   }
   JSON expanded(const JSON& value, double time, const std::string& where) const;
 
   void readHost(const JSON& value, const std::string& where);
   void readBytes(const std::string& digits, const std::string& where);
   void readAudio(const JSON& value, const std::string& where);
-  void readRecognizer(const JSON& value, const std::string& where);
-  void readPlatform(const JSON& value, const std::string& where);
 
   const JSON& templates_;
   Scenario& scenario_;
@@ -129,30 +123,6 @@ void ConversationReader::readAudio(const JSON& value, const std::string& where) 
   }
 }
 
-void ConversationReader::readRecognizer(const JSON& value, const std::string& where) {
-  ObjectReader reader(value, where);
-  const double task = reader.number("task").value_or(0);
-  const auto answer = readRecognitionAnswer(reader);
-  reader.finish();
-  if (!answer.result && !answer.error) reader.fail("has none of partial, final, error");
-  if (!(task >= 0) || task != std::floor(task)) reader.fail("task must be a number from 1");
-  act(time_, [task = static_cast<std::size_t>(task), answer, where](Stage& stage) {
-    if (!stage.platform.speechRecognition.answer(task, answer))
-      stage.complaints.push_back(where + ": there is no such task yet");
-  });
-}
-
-void ConversationReader::readPlatform(const JSON& value, const std::string& where) {
-  PlatformState unused;
-  readPlatformState(value, where, unused);  // complains now, not in the middle of the run
-  act(time_, [value, where](Stage& stage) {
-    stage.state.recognition = stage.platform.speechRecognition.state();
-    stage.state.analysis = stage.platform.speechAnalysis.state();
-    readPlatformState(value, where, stage.state);
-    apply(stage.state, stage.platform);
-  });
-}
-
 void ConversationReader::readStep(const JSON& value, const std::string& where) {
   ObjectReader reader(value, where);
   const auto at = reader.number("at");
@@ -176,13 +146,11 @@ void ConversationReader::readStep(const JSON& value, const std::string& where) {
   if (const auto* const audio = has("audio")) readAudio(*audio, reader.where("audio"));
   if (has("closeInput")) {
     if (!*reader.boolean("closeInput")) reader.fail("closeInput must be true");
-    act(time_, [](Stage& stage) { stage.platform.standardInput.end(); });
+    scenario_.actions.push_back({time_, EndOfInput{}});
   }
-  if (const auto* const recognizer = has("recognizer"))
-    readRecognizer(*recognizer, reader.where("recognizer"));
-  if (const auto* const analyzer = has("analyzer"))
-    act(time_, readAnalyzerStep(*analyzer, reader.where("analyzer")));
-  if (const auto* const platform = has("platform")) readPlatform(*platform, reader.where("platform"));
+  for (const auto* const key : {"recognizer", "analyzer", "platform"})
+    if (const auto* const step = has(key))
+      scenario_.actions.push_back({time_, readMachineStep(key, *step, reader.where(key))});
   if (const auto* const out = has("out"))
     scenario_.output.push_back({time_, expanded(*out, time_, reader.where("out")), ""});
   if (has("outLine")) scenario_.output.push_back({time_, nullptr, textOf("outLine")});

@@ -120,13 +120,13 @@ void readPlatformState(const JSON& value, const std::string& where, PlatformStat
   reader.finish();
 }
 
-void apply(const PlatformState& state, SimulatedPlatform& platform) {
-  platform.speechRecognition.setState(state.recognition);
-  platform.speechAnalysis.setState(state.analysis);
-  platform.audioBuffers.setFault(state.audioBuffers);
-  platform.audioConverters.setFault(state.audioConverters);
-  platform.clock.setShift(state.clockShift);
-  platform.scheduler.setSlicesDeliverInsideJobs(state.slicesDeliverInsideJobs);
+void apply(const PlatformState& state, ControlledMachine& machine) {
+  machine.speechRecognition().setState(state.recognition);
+  machine.speechAnalysis().setState(state.analysis);
+  machine.setFault(state.audioBuffers);
+  machine.setFault(state.audioConverters);
+  machine.setClockShift(state.clockShift);
+  machine.setSlicesDeliverInsideJobs(state.slicesDeliverInsideJobs);
 }
 
 std::optional<OperatingSystemVersion> readSystem(const std::string& text, const std::string& where) {

@@ -30,8 +30,26 @@ MachineState readMachineState(const JSON& value, const std::string& where);
 // Changes in `state` what the object names and leaves the rest. Throws FileError.
 void readPlatformState(const JSON& value, const std::string& where, PlatformState& state);
 
-// Puts the machine into that state. Its recognition counts too, also when the machine was made with it.
-void apply(const PlatformState& state, SimulatedPlatform& platform);
+// What a state is about: a machine whose services follow scripts and whose faults can be switched.
+class ControlledMachine {
+ public:
+  virtual ~ControlledMachine() = default;
+
+  virtual SimulatedSpeechRecognition& speechRecognition() = 0;
+  virtual SimulatedSpeechAnalysis& speechAnalysis() = 0;
+  virtual void setFault(SimulatedAudioBuffers::Fault fault) = 0;
+  virtual void setFault(SimulatedAudioConverters::Fault fault) = 0;
+  virtual void setClockShift(double milliseconds) = 0;
+  virtual void setSlicesDeliverInsideJobs(bool deliver) = 0;
+
+ protected:
+  ControlledMachine() = default;
+  ControlledMachine(const ControlledMachine&) = default;
+  ControlledMachine& operator=(const ControlledMachine&) = default;
+};
+
+// Puts the machine into that state. Its services count too, also when the machine was made with them.
+void apply(const PlatformState& state, ControlledMachine& machine);
 
 // The system of a text such as "macOS 15.4"; none for "Linux". Throws FileError.
 std::optional<OperatingSystemVersion> readSystem(const std::string& text, const std::string& where);

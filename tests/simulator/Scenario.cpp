@@ -46,6 +46,8 @@ std::vector<JSON> readRequestPatterns(const JSON& values, const std::string& whe
 
 void readSettings(ObjectReader& reader, Scenario& scenario) {
   auto& settings = scenario.settings;
+  for (const auto* const key : {"system", "platform"})
+    if (const auto* const value = reader.find(key)) scenario.machine[key] = *value;
   if (const auto system = reader.text("system")) settings.macOS = readSystem(*system, reader.where("system"));
   if (const auto startsAt = reader.number("startsAt")) settings.startsAt = *startsAt;
   if (const auto* const arguments = reader.array("arguments"))

@@ -3,29 +3,29 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "platform/simulated/SimulatedPlatform.h"
+#include "tests/simulator/MachineSteps.h"
 #include "tests/simulator/ObjectReader.h"
 #include "tests/simulator/PlatformState.h"
 #include "tests/simulator/ScenarioFiles.h"
 
 namespace palaver {
 
-// What an action of a scenario works on.
-struct Stage {
-  SimulatedPlatform& platform;
-  PlatformState state;
-  std::vector<std::string> complaints;  // what an action could not do
+// The host sends bytes, or closes the helper's input.
+struct HostBytes {
+  std::string bytes;
 };
+struct EndOfInput {};
 
-// Something that happens at a time of its own, in the background.
+// Something that the host or the machine does, as data that every runner can perform in its own way.
 struct ScenarioAction {
   double time;  // ms since the start
-  std::function<void(Stage&)> perform;
+  std::variant<HostBytes, EndOfInput, MachineStep> what;
 };
 
 // A line that must come out.
@@ -39,6 +39,7 @@ struct Scenario {
   std::string title;
   SimulatedSettings settings;  // without the seed
   PlatformState state;
+  JSON machine = JSON::object();  // system and platform as the file has them, for readMachineState()
   std::vector<std::optional<std::uint64_t>> seeds{std::nullopt};  // one run for each
   double until = 24 * 60 * 60 * 1000;  // ms since the start; time at which a helper that still runs is left
   std::optional<int> exitStatus;       // none: it still runs in the end

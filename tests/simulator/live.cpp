@@ -8,11 +8,11 @@
 #include "platform/linux/LinuxSpeechRecognition.h"
 #include "platform/linux/SndfileAudioFile.h"
 #include "platform/linux/SpeexAudioConverter.h"
-#include "platform/posix/POSIXProcess.h"
 #include "platform/posix/POSIXStreams.h"
 #include "platform/posix/SystemClock.h"
 #include "platform/posix/ThreadPoolTasks.h"
 #include "platform/posix/ThreadedMainQueue.h"
+#include "tests/simulator/ClaimedProcess.h"
 #include "tests/simulator/PlatformState.h"
 #include "tests/simulator/RecognizedSpeechAnalysis.h"
 #include "tests/simulator/WallTimeline.h"
@@ -21,38 +21,16 @@ namespace palaver {
 
 namespace {
 
-// This process, on a system that it only claims to be on.
-class LiveProcess final : public Process {
- public:
-  LiveProcess(std::vector<char*> arguments, std::optional<OperatingSystemVersion> macOS)
-      : process_(static_cast<int>(arguments.size()), arguments.data()), macOS_(macOS) {}
-
-  const std::vector<std::string>& arguments() const override { return process_.arguments(); }
-  std::optional<std::string> environmentVariable(std::string_view name) const override {
-    return process_.environmentVariable(name);
-  }
-  bool isMacOSAtLeast(OperatingSystemVersion version) const override {
-    return macOS_ && isAtLeast(*macOS_, version);
-  }
-
- private:
-  void terminate(int status) override { process_.exit(status); }
-
-  POSIXProcess process_;
-  const std::optional<OperatingSystemVersion> macOS_;
-};
-
 // The machine but for its speech services.
 struct LivePlatform {
   LivePlatform(std::optional<OperatingSystemVersion> macOS, std::span<char*> arguments,
                SpeechRecognition& speechRecognition, SpeechAnalysis& speechAnalysis)
-      : process(withProgram(arguments), macOS), platform{clock,           process,           mainQueue,
-                                                         standardInput,   standardOutput,    standardError,
-                                                         audioBuffers,    speechRecognition, speechAnalysis,
-                                                         audioConverters, audioFiles,        tasks} {}
+      : process(arguments, macOS), platform{clock,          process,         mainQueue,    standardInput,
+                                            standardOutput, standardError,   audioBuffers, speechRecognition,
+                                            speechAnalysis, audioConverters, audioFiles,   tasks} {}
 
   SystemClock clock;
-  LiveProcess process;
+  ClaimedProcess process;
   ThreadedMainQueue mainQueue;
   DescriptorInput standardInput{STDIN_FILENO};
   DescriptorOutput standardOutput{STDOUT_FILENO};
@@ -62,14 +40,6 @@ struct LivePlatform {
   SndfileAudioFiles audioFiles;
   ThreadPoolTasks tasks;
   Platform platform;
-
- private:
-  static std::vector<char*> withProgram(std::span<char*> arguments) {
-    static char program[] = "PalaverSTTHelper";
-    std::vector<char*> all(arguments.begin(), arguments.end());
-    all.insert(all.begin(), program);
-    return all;
-  }
 };
 
 }  // namespace

@@ -35,8 +35,8 @@ class SpawnActions {
   SpawnActions(const SpawnActions&) = delete;
   SpawnActions& operator=(const SpawnActions&) = delete;
 
-  void duplicate(const Descriptor& from, int to) {
-    check(::posix_spawn_file_actions_adddup2(&actions_, from.get(), to), "posix_spawn_file_actions_adddup2");
+  void duplicate(int from, int to) {
+    check(::posix_spawn_file_actions_adddup2(&actions_, from, to), "posix_spawn_file_actions_adddup2");
   }
   const posix_spawn_file_actions_t* get() const { return &actions_; }
 
@@ -69,6 +69,25 @@ class SpawnAttributes {
   posix_spawnattr_t attributes_;
 };
 
+// This process's environment with further variables, of the form "name=value".
+std::vector<std::string> environmentWith(const std::map<std::string, std::string>& further) {
+  std::vector<std::string> all;
+  for (char** variable = environ; *variable; ++variable) {
+    const std::string_view text(*variable);
+    if (!further.contains(std::string(text.substr(0, text.find('='))))) all.emplace_back(text);
+  }
+  for (const auto& [name, value] : further) all.push_back(name + "=" + value);
+  return all;
+}
+
+std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
+  for (const auto& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
 }  // namespace
 
 Descriptor::Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
@@ -99,7 +118,7 @@ std::string ExitStatus::description() const {
   return "exit status " + std::to_string(code);
 }
 
-ChildProcess::ChildProcess(const std::vector<std::string>& command) {
+ChildProcess::ChildProcess(const std::vector<std::string>& command, const Inheritance& inheritance) {
   if (command.empty()) check(EINVAL, "no program");
   // One at a time: a child started meanwhile by another thread would inherit a pipe not yet marked to be
   // closed.
@@ -109,16 +128,14 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command) {
   auto output = makePipe(PipeEnd::read);
   auto diagnostics = makePipe(PipeEnd::read);
   SpawnActions actions;
-  actions.duplicate(input.readEnd, STDIN_FILENO);
-  actions.duplicate(output.writeEnd, STDOUT_FILENO);
-  actions.duplicate(diagnostics.writeEnd, STDERR_FILENO);
+  actions.duplicate(input.readEnd.get(), STDIN_FILENO);
+  actions.duplicate(output.writeEnd.get(), STDOUT_FILENO);
+  actions.duplicate(diagnostics.writeEnd.get(), STDERR_FILENO);
+  if (inheritance.descriptor >= 0) actions.duplicate(inheritance.descriptor, STDERR_FILENO + 1);
   const SpawnAttributes attributes;
-  std::vector<char*> arguments;
-  arguments.reserve(command.size() + 1);
-  for (const auto& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
-  arguments.push_back(nullptr);
-  check(::posix_spawnp(&process_, command.front().c_str(), actions.get(), attributes.get(), arguments.data(),
-                       environ),
+  const auto environment = environmentWith(inheritance.environment);
+  check(::posix_spawnp(&process_, command.front().c_str(), actions.get(), attributes.get(),
+                       pointersTo(command).data(), pointersTo(environment).data()),
         command.front().c_str());
   input_ = std::move(input.writeEnd);
   output_ = std::move(output.readEnd);

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -45,6 +46,12 @@ struct ExitStatus {
   std::string description() const;  // "exit status 3", "signal 9 (Killed)"
 };
 
+// What a child gets beside its standard streams.
+struct Inheritance {
+  std::map<std::string, std::string> environment;  // added to this process's own
+  int descriptor = -1;                             // this one becomes the child's number 3; -1 for none
+};
+
 // What a read from the child gave.
 enum class ReadOutcome { data, nothingNow, end };
 
@@ -54,12 +61,14 @@ enum class ReadOutcome { data, nothingNow, end };
 class ChildProcess {
  public:
   // Starts `command`: the program's path and its arguments. Throws std::system_error when it cannot be run.
-  explicit ChildProcess(const std::vector<std::string>& command);
+  explicit ChildProcess(const std::vector<std::string>& command, const Inheritance& inheritance = {});
 
   // Ends a child that still runs (SIGKILL) and waits for it.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
+
+  pid_t id() const { return process_; }
 
   // For poll(); -1 when closed.
   int input() const { return input_.get(); }
