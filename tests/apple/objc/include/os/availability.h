@@ -1,0 +1,4 @@
+// Availability concerns Apple's systems only.
+#pragma once
+
+#define API_AVAILABLE(...)
