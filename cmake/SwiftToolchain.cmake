@@ -32,7 +32,8 @@ if(NOT TARGET SwiftToolchain::CoreFoundation)
   add_library(SwiftToolchain::CoreFoundation INTERFACE IMPORTED)
   target_include_directories(SwiftToolchain::CoreFoundation SYSTEM INTERFACE ${swift_headers} ${swift_headers}/Block)
   # CoreFoundation's own header calls major(), which glibc declares elsewhere.
-  target_compile_options(SwiftToolchain::CoreFoundation INTERFACE -fblocks "SHELL:-include sys/sysmacros.h")
+  target_compile_options(SwiftToolchain::CoreFoundation INTERFACE -fblocks
+    $<$<COMPILE_LANGUAGE:CXX,OBJCXX>:-includesys/sysmacros.h>)
   target_link_directories(SwiftToolchain::CoreFoundation INTERFACE ${swift_libraries})
   target_link_options(SwiftToolchain::CoreFoundation INTERFACE "LINKER:-rpath,${swift_libraries}")
   target_link_libraries(SwiftToolchain::CoreFoundation INTERFACE Foundation dispatch BlocksRuntime Threads::Threads)

@@ -1,11 +1,11 @@
-// A process of a POSIX system that is not macOS.
+// A process of a POSIX system. Not of macOS, unless a subclass says so.
 #pragma once
 
 #include "platform/Process.h"
 
 namespace palaver {
 
-class POSIXProcess final : public Process {
+class POSIXProcess : public Process {
  public:
   POSIXProcess(int argumentCount, char** arguments) : arguments_(arguments, arguments + argumentCount) {}
 

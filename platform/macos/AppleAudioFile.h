@@ -1,0 +1,14 @@
+// AVAudioFile.
+#pragma once
+
+#include "platform/AudioFile.h"
+
+namespace palaver {
+
+// The system chooses the format by the extension of the file's name.
+class AppleAudioFiles final : public AudioFiles {
+ public:
+  std::unique_ptr<AudioFile> openForReading(const std::string& path) override;
+};
+
+}  // namespace palaver
