@@ -2,10 +2,11 @@
 
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 #include "core/Helper.h"
-#include "platform/linux/LinuxSpeechRecognition.h"
 #include "platform/linux/SndfileAudioFile.h"
 #include "platform/linux/SpeexAudioConverter.h"
 #include "platform/posix/POSIXProcess.h"
@@ -16,6 +17,9 @@
 #include "tests/simulator/PlatformState.h"
 #include "tests/simulator/RecognizedSpeechAnalysis.h"
 #include "tests/simulator/WallTimeline.h"
+#ifdef PALAVER_RECOGNIZER
+#include "platform/linux/LinuxSpeechRecognition.h"
+#endif
 
 namespace palaver {
 
@@ -89,6 +93,7 @@ void runLive(const std::filesystem::path& stateFile, std::span<char*> arguments)
   runHelper(live.platform);
 }
 
+#ifdef PALAVER_RECOGNIZER
 void runLiveAnalyzer(std::span<char*> arguments) {
   constexpr OperatingSystemVersion system{26, 0, 0};
   prepareStandardStreams();
@@ -98,5 +103,11 @@ void runLiveAnalyzer(std::span<char*> arguments) {
   auto& live = *new LivePlatform(system, arguments, recognition, analysis);
   runHelper(live.platform);
 }
+#else
+void runLiveAnalyzer(std::span<char*> /*arguments*/) {
+  std::fputs("This simulator was built without the recognizer of Linux\n", stderr);
+  std::exit(2);
+}
+#endif
 
 }  // namespace palaver
