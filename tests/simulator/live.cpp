@@ -15,10 +15,10 @@
 #include "platform/posix/ThreadPoolTasks.h"
 #include "platform/posix/ThreadedMainQueue.h"
 #include "tests/simulator/PlatformState.h"
-#include "tests/simulator/RecognizedSpeechAnalysis.h"
 #include "tests/simulator/WallTimeline.h"
 #ifdef PALAVER_RECOGNIZER
 #include "platform/linux/LinuxSpeechRecognition.h"
+#include "tests/simulator/RecognizedSpeechAnalysis.h"
 #endif
 
 namespace palaver {

@@ -1,0 +1,58 @@
+// Completions that wait while an operation is under way in the system's own world, where only a plain pointer
+// can be sent along.
+#pragma once
+
+#include <any>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <unordered_set>
+#include <utility>
+
+namespace palaver {
+
+// Any thread. Completions are destroyed without a lock held, as that may do anything.
+class PendingAnswers : public std::enable_shared_from_this<PendingAnswers> {
+ public:
+  // Keeps a completion. What is returned goes along with the operation, and comes back by take().
+  template <typename... Values>
+  void* keep(std::function<void(Values...)> completion) {
+    return add(std::move(completion));
+  }
+
+  // The completion of a pointer that keep() gave, of the same type: exactly once for each, also when the
+  // operation answers later than all else has gone. Empty when it has been abandoned.
+  template <typename... Values>
+  static std::function<void(Values...)> take(void* context) {
+    auto completion = remove(context);
+    if (!completion.has_value()) return nullptr;
+    return std::any_cast<std::function<void(Values...)>>(std::move(completion));
+  }
+
+  // Calls the completion of a pointer that keep() gave, unless it has been abandoned.
+  template <typename... Values>
+  static void answer(void* context, Values... values) {
+    if (const auto completion = take<Values...>(context)) completion(std::move(values)...);
+  }
+
+  // Destroys all completions, now and in future.
+  void abandon();
+
+ private:
+  // Deleted by remove(), which comes for each of them, or never: then the operation still has the pointer.
+  struct Operation {
+    // Guards what follows. The pointer crosses threads through code that orders nothing for us.
+    std::mutex lock;
+    std::shared_ptr<PendingAnswers> owner;
+    std::any completion;
+  };
+
+  void* add(std::any completion);
+  static std::any remove(void* context);
+
+  std::mutex lock_;
+  std::unordered_set<Operation*> operations_;
+  bool isAbandoned_ = false;
+};
+
+}  // namespace palaver

@@ -1,0 +1,154 @@
+// What the C++ of this platform calls of SpeechAnalyzer and its companions, which exist in Swift only: C
+// functions, each of which translates one call of the framework. Written in SpeechAnalyzerBridge.swift.
+//
+// Only for macOS 26 or later, save speechBridgeIsTranscriberAvailable(), which says so itself.
+//
+// Handles are objects of the framework. Functions named "make" and "read", and the callback of
+// speechBridgeAssetInstallationRequest(), give a handle that the receiver owns and releases once by
+// speechBridgeRelease(); a handle passed to a function is only borrowed.
+//
+// Threads: every function may be called on any thread and returns without waiting for anything. Callbacks are
+// called on a thread of Swift, perhaps before the function returns; they must not block. An operation calls
+// its callback exactly once, unless the framework never answers; `context` is handed through untouched, and
+// what it points to belongs to the callback from then on. What pointers and strings point to is valid during
+// the call only.
+#pragma once
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma clang assume_nonnull begin
+
+typedef struct SpeechBridgeTranscriber SpeechBridgeTranscriber;    // SpeechTranscriber
+typedef struct SpeechBridgeResults SpeechBridgeResults;            // the reading of its results
+typedef struct SpeechBridgeInput SpeechBridgeInput;                // AsyncStream<AnalyzerInput>
+typedef struct SpeechBridgeAnalyzer SpeechBridgeAnalyzer;          // SpeechAnalyzer
+typedef struct SpeechBridgeInstallation SpeechBridgeInstallation;  // AssetInstallationRequest
+
+// UTF-8, not terminated; may contain NUL.
+typedef struct {
+  const char* _Nullable bytes;  // null only when empty
+  size_t length;
+} SpeechBridgeString;
+
+// An error as NSError shows it.
+typedef struct {
+  SpeechBridgeString domain;
+  int64_t code;
+  SpeechBridgeString localizedDescription;
+} SpeechBridgeError;
+
+typedef struct {
+  uint32_t commonFormat;  // as AVAudioCommonFormat
+  double sampleRate;      // Hz
+  uint32_t channelCount;
+  bool interleaved;
+} SpeechBridgeAudioFormat;
+
+typedef struct {
+  SpeechBridgeAudioFormat format;  // 16-bit integers or 32-bit floats
+  uint32_t frameLength;
+  const void* samples;     // in the machine's byte order
+  uint32_t channelStride;  // samples from one channel's first to the next one's; not used when interleaved
+} SpeechBridgeAudioBuffer;
+
+typedef struct {
+  SpeechBridgeString text;  // plain characters
+  double rangeStart;        // seconds from the first sample; may be NaN or infinite
+  double rangeEnd;
+  bool isFinal;
+} SpeechBridgeResult;
+
+typedef enum {
+  SpeechBridgeAssetStatusUnsupported = 0,
+  SpeechBridgeAssetStatusSupported = 1,
+  SpeechBridgeAssetStatusDownloading = 2,
+  SpeechBridgeAssetStatusInstalled = 3
+} SpeechBridgeAssetStatus;
+
+// How the results ended: the sequence came to its end, was cancelled, or failed.
+typedef enum {
+  SpeechBridgeResultsEnded = 0,
+  SpeechBridgeResultsCancelled = 1,
+  SpeechBridgeResultsFailed = 2
+} SpeechBridgeResultsOutcome;
+
+typedef void (*SpeechBridgeCompletion)(void* context);
+typedef void (*SpeechBridgeFallibleCompletion)(void* context, const SpeechBridgeError* _Nullable error);
+typedef void (*SpeechBridgeLocaleCompletion)(void* context, const SpeechBridgeString* _Nullable identifier);
+typedef void (*SpeechBridgeFormatCompletion)(void* context, const SpeechBridgeAudioFormat* _Nullable format);
+typedef void (*SpeechBridgeStatusCompletion)(void* context, SpeechBridgeAssetStatus status);
+// Neither an installation nor an error: there is nothing to install.
+typedef void (*SpeechBridgeInstallationCompletion)(void* context,
+                                                   SpeechBridgeInstallation* _Nullable installation,
+                                                   const SpeechBridgeError* _Nullable error);
+typedef void (*SpeechBridgeResultCallback)(void* context, const SpeechBridgeResult* result);
+// `error`: with SpeechBridgeResultsFailed only.
+typedef void (*SpeechBridgeResultsEndCallback)(void* context, SpeechBridgeResultsOutcome outcome,
+                                               const SpeechBridgeError* _Nullable error);
+
+// Lets go of a handle of any kind.
+void speechBridgeRelease(const void* handle);
+
+// SpeechTranscriber.isAvailable; false before macOS 26.
+bool speechBridgeIsTranscriberAvailable(void);
+
+// SpeechTranscriber.supportedLocale(equivalentTo:); identifiers as Locale has them.
+void speechBridgeSupportedLocale(SpeechBridgeString equivalentTo, SpeechBridgeLocaleCompletion completion,
+                                 void* context);
+
+// With the preset progressiveTranscription.
+SpeechBridgeTranscriber* speechBridgeMakeTranscriber(SpeechBridgeString locale);
+
+// Iterates over SpeechTranscriber.results: `onResult` for each, one after the other, then `onEnd` once, as
+// the last call. The iterator is there when the function returns. At most once for a transcriber.
+SpeechBridgeResults* speechBridgeReadResults(SpeechBridgeTranscriber* transcriber,
+                                             SpeechBridgeResultCallback onResult,
+                                             SpeechBridgeResultsEndCallback onEnd, void* context);
+
+// Cancels the task that iterates.
+void speechBridgeCancelResults(SpeechBridgeResults* results);
+
+// SpeechAnalyzer.bestAvailableAudioFormat(compatibleWith:).
+void speechBridgeBestAvailableAudioFormat(SpeechBridgeTranscriber* transcriber,
+                                          SpeechBridgeFormatCompletion completion, void* context);
+
+// A stream of unbounded length, for one analyzer.
+SpeechBridgeInput* speechBridgeMakeInput(void);
+
+// Adds a copy of the audio; dropped after speechBridgeFinishInput(). The framework ends the process when the
+// samples are of another type than the analyzer wants. Returns false when the system makes no buffer for it.
+bool speechBridgeYield(SpeechBridgeInput* input, const SpeechBridgeAudioBuffer* buffer);
+void speechBridgeFinishInput(SpeechBridgeInput* input);
+
+// An analyzer of one module, with an AnalysisContext of `count` contextual strings.
+SpeechBridgeAnalyzer* speechBridgeMakeAnalyzer(SpeechBridgeTranscriber* transcriber, SpeechBridgeInput* input,
+                                               const SpeechBridgeString* _Nullable contextualStrings,
+                                               size_t count);
+
+// prepareToAnalyze(in:), finalizeAndFinishThroughEndOfInput(), cancelAndFinishNow().
+void speechBridgePrepareToAnalyze(SpeechBridgeAnalyzer* analyzer, const SpeechBridgeAudioFormat* format,
+                                  SpeechBridgeFallibleCompletion completion, void* context);
+void speechBridgeFinalizeAndFinishThroughEndOfInput(SpeechBridgeAnalyzer* analyzer,
+                                                    SpeechBridgeFallibleCompletion completion, void* context);
+void speechBridgeCancelAndFinishNow(SpeechBridgeAnalyzer* analyzer, SpeechBridgeCompletion completion,
+                                    void* context);
+
+// AssetInventory.status(forModules:) and assetInstallationRequest(supporting:) of one module.
+void speechBridgeAssetStatus(SpeechBridgeTranscriber* transcriber, SpeechBridgeStatusCompletion completion,
+                             void* context);
+void speechBridgeAssetInstallationRequest(SpeechBridgeTranscriber* transcriber,
+                                          SpeechBridgeInstallationCompletion completion, void* context);
+void speechBridgeDownloadAndInstall(SpeechBridgeInstallation* installation,
+                                    SpeechBridgeFallibleCompletion completion, void* context);
+
+#pragma clang assume_nonnull end
+
+#ifdef __cplusplus
+}
+#endif

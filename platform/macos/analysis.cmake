@@ -1,0 +1,44 @@
+# palaver_apple_analysis: speech analysis by the frameworks of macOS 26, for which the SDK of macOS 26 is needed. Without
+# it there is no such target, and the platform has the absent service of platform/posix. Whether there is one:
+# PALAVER_HAS_SPEECH_ANALYZER.
+#
+# On Linux the tests set PALAVER_SPEECH_MODULES to a target that stands in for the frameworks; its INTERFACE directories
+# hold their modules.
+
+if(PALAVER_SPEECH_MODULES)
+  set(PALAVER_HAS_SPEECH_ANALYZER ON)
+elseif(APPLE AND NOT CMAKE_CROSSCOMPILING)
+  execute_process(COMMAND xcrun --sdk macosx --show-sdk-version
+    OUTPUT_VARIABLE sdk_version OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE sdk_missing ERROR_QUIET)
+  if(NOT sdk_missing AND sdk_version VERSION_GREATER_EQUAL 26)
+    set(PALAVER_HAS_SPEECH_ANALYZER ON)
+  else()
+    set(PALAVER_HAS_SPEECH_ANALYZER OFF)
+    message(STATUS "No SpeechAnalyzer in this build: it needs the SDK of macOS 26.")
+  endif()
+else()
+  set(PALAVER_HAS_SPEECH_ANALYZER OFF)
+endif()
+
+if(PALAVER_HAS_SPEECH_ANALYZER)
+  include(${PROJECT_SOURCE_DIR}/cmake/SwiftObject.cmake)
+  set(bridge_source ${PROJECT_SOURCE_DIR}/platform/macos/SpeechAnalyzerBridge.swift)
+  set(bridge_header ${PROJECT_SOURCE_DIR}/platform/macos/SpeechAnalyzerBridge.h)
+  set(bridge_flags -import-objc-header ${bridge_header})
+  if(PALAVER_SPEECH_MODULES)
+    get_target_property(module_directories ${PALAVER_SPEECH_MODULES} INTERFACE_INCLUDE_DIRECTORIES)
+    list(TRANSFORM module_directories PREPEND -I OUTPUT_VARIABLE module_flags)
+    list(APPEND bridge_flags ${module_flags})
+  endif()
+  set(bridge_object ${CMAKE_CURRENT_BINARY_DIR}/SpeechAnalyzerBridge.o)
+  palaver_swift_object(${bridge_object} SOURCE ${bridge_source} MODULE SpeechAnalyzerBridge
+    FLAGS ${bridge_flags} DEPENDS ${bridge_header} ${PALAVER_SPEECH_MODULES})
+
+  palaver_library(palaver_apple_analysis
+    ${PROJECT_SOURCE_DIR}/platform/macos/AppleSpeechAnalysis.cpp
+    ${PROJECT_SOURCE_DIR}/platform/macos/PendingAnswers.cpp
+    ${PROJECT_SOURCE_DIR}/platform/macos/ResultQueue.cpp
+    ${bridge_object}
+  )
+  target_link_libraries(palaver_apple_analysis PUBLIC palaver ${PALAVER_SPEECH_MODULES} PalaverSwift::Runtime)
+endif()

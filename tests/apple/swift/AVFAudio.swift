@@ -1,0 +1,77 @@
+// Stand-in for AVFAudio: formats and buffers of PCM audio in memory. Not Sendable, as they may not be on a Mac.
+
+import Foundation
+
+public typealias AVAudioFrameCount = UInt32
+public typealias AVAudioChannelCount = UInt32
+
+public enum AVAudioCommonFormat: UInt, Sendable {
+    case otherFormat = 0
+    case pcmFormatFloat32 = 1
+    case pcmFormatFloat64 = 2
+    case pcmFormatInt16 = 3
+    case pcmFormatInt32 = 4
+}
+
+open class AVAudioFormat: NSObject {
+    public let commonFormat: AVAudioCommonFormat
+    public let sampleRate: Double
+    public let channelCount: AVAudioChannelCount
+    public let isInterleaved: Bool
+
+    /// None above two channels (Apple's header).
+    public init?(
+        commonFormat: AVAudioCommonFormat, sampleRate: Double, channels: AVAudioChannelCount,
+        interleaved: Bool
+    ) {
+        guard commonFormat != .otherFormat, sampleRate > 0, (1...2).contains(channels) else { return nil }
+        self.commonFormat = commonFormat
+        self.sampleRate = sampleRate
+        channelCount = channels
+        isInterleaved = interleaved
+    }
+}
+
+open class AVAudioPCMBuffer: NSObject {
+    public let format: AVAudioFormat
+    public let frameCapacity: AVAudioFrameCount
+    public var frameLength: AVAudioFrameCount = 0
+
+    public let int16ChannelData: UnsafePointer<UnsafeMutablePointer<Int16>>?
+    public let floatChannelData: UnsafePointer<UnsafeMutablePointer<Float>>?
+
+    public init?(pcmFormat: AVAudioFormat, frameCapacity: AVAudioFrameCount) {
+        format = pcmFormat
+        self.frameCapacity = frameCapacity
+        int16ChannelData = pcmFormat.commonFormat == .pcmFormatInt16 ? channelData(pcmFormat, frameCapacity) : nil
+        floatChannelData =
+            pcmFormat.commonFormat == .pcmFormatFloat32 ? channelData(pcmFormat, frameCapacity) : nil
+    }
+
+    deinit {
+        free(int16ChannelData)
+        free(floatChannelData)
+    }
+
+    private func free<Sample>(_ channels: UnsafePointer<UnsafeMutablePointer<Sample>>?) {
+        guard let channels else { return }
+        for run in 0..<runs(of: format) { channels[run].deallocate() }
+        channels.deallocate()
+    }
+}
+
+private func runs(of format: AVAudioFormat) -> Int { format.isInterleaved ? 1 : Int(format.channelCount) }
+
+/// Zeros, one run of samples for each channel, or one for all when interleaved.
+private func channelData<Sample: Numeric>(_ format: AVAudioFormat, _ frames: AVAudioFrameCount)
+    -> UnsafePointer<UnsafeMutablePointer<Sample>>
+{
+    let count = Int(frames) * (format.isInterleaved ? Int(format.channelCount) : 1)
+    let channels = UnsafeMutablePointer<UnsafeMutablePointer<Sample>>.allocate(capacity: runs(of: format))
+    for run in 0..<runs(of: format) {
+        let samples = UnsafeMutablePointer<Sample>.allocate(capacity: max(count, 1))
+        samples.initialize(repeating: 0, count: max(count, 1))
+        channels[run] = samples
+    }
+    return UnsafePointer(channels)
+}

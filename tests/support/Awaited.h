@@ -1,0 +1,78 @@
+// An answer that a test waits for.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+namespace palaver {
+
+// Longer than any slow machine needs: the bound at which a test fails.
+inline constexpr auto awaitedDeadline = std::chrono::seconds(60);
+
+// Gives a completion away and waits for its call, on whatever thread it comes. A second call fails the test.
+// The completion may be called, or destroyed, later than this.
+template <typename Value>
+class Awaited {
+ public:
+  std::function<void(Value)> completion() {
+    const auto state = state_;
+    const auto held = std::make_shared<Held>(state);
+    return [state, held](Value value) {
+      const std::lock_guard guard(state->lock);
+      if (state->value) ADD_FAILURE() << "the completion is called twice";
+      state->value = std::move(value);
+      state->changed.notify_all();
+    };
+  }
+
+  // The answer, or none when it has not come in time, or cannot come any more.
+  std::optional<Value> wait() {
+    std::unique_lock lock(state_->lock);
+    state_->changed.wait_for(lock, awaitedDeadline, [this] { return state_->value || !state_->isHeld; });
+    return state_->value;
+  }
+
+  // Whether the completion has been destroyed, or is before the deadline.
+  bool waitUntilLetGo() {
+    std::unique_lock lock(state_->lock);
+    return state_->changed.wait_for(lock, awaitedDeadline, [this] { return !state_->isHeld; });
+  }
+
+  bool hasAnswer() const {
+    const std::lock_guard guard(state_->lock);
+    return state_->value.has_value();
+  }
+
+ private:
+  struct State {
+    std::mutex lock;
+    std::condition_variable changed;
+    std::optional<Value> value;
+    bool isHeld = false;
+  };
+  struct Held {
+    explicit Held(std::shared_ptr<State> of) : state(std::move(of)) {
+      const std::lock_guard guard(state->lock);
+      state->isHeld = true;
+    }
+    ~Held() {
+      const std::lock_guard guard(state->lock);
+      state->isHeld = false;
+      state->changed.notify_all();
+    }
+    Held(const Held&) = delete;
+    Held& operator=(const Held&) = delete;
+    const std::shared_ptr<State> state;
+  };
+
+  const std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
+}  // namespace palaver

@@ -1,0 +1,59 @@
+// The analyses that can be had anywhere, as subjects of the contract.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/linux/LinuxSpeechRecognition.h"
+#include "platform/simulated/SimulatedSpeechAnalysis.h"
+#include "tests/simulator/RecognizedSpeechAnalysis.h"
+#include "tests/support/AnalysisSession.h"
+#include "tests/support/TestAudio.h"
+#include "tests/support/ThreadedTimeline.h"
+#include "tests/support/WaveFile.h"
+
+namespace palaver {
+
+// What the simulated analysis hears in a second of anything.
+inline SimulatedAnalysisUtterance tenMeters() {
+  return {.partials = {{200, "go"}, {500, "go forward"}, {900, "go forward ten meters"}},
+          .finalText = "",
+          .finalAfter = std::nullopt,
+          .start = 0.125,
+          .end = 0.875};
+}
+
+class SimulatedAnalysisSubject final : public SpeechAnalysisContractSubject {
+ public:
+  SimulatedAnalysisSubject() {
+    AnalysisState state;
+    state.utterances = {tenMeters()};
+    for (auto* const operation : {&state.prepare, &state.finalize, &state.cancel}) operation->takes = 1;
+    analysis_.setState(state);
+  }
+
+  SpeechAnalysis& analysis() override { return analysis_; }
+  std::string locale() override { return "ja-JP"; }
+  std::vector<std::int16_t> speech() override { return samplesOfLoudness(0.1, 16000); }
+
+ private:
+  ThreadedTimeline timeline_{2};
+  SimulatedSpeechAnalysis analysis_{timeline_, {}};
+};
+
+// A real recognizer with a real model, and a person who says "go forward ten meters".
+class RecognizedAnalysisSubject final : public SpeechAnalysisContractSubject {
+ public:
+  SpeechAnalysis& analysis() override { return analysis_; }
+  std::string locale() override { return "en-US"; }
+  std::vector<std::int16_t> speech() override {
+    return readRecording("/usr/share/pocketsphinx/test/data/goforward.raw");
+  }
+
+ private:
+  LinuxSpeechRecognition recognition_;
+  RecognizedSpeechAnalysis analysis_{recognition_, {}};
+};
+
+}  // namespace palaver
