@@ -24,89 +24,91 @@ RecognitionResult toRecognitionResult(SFSpeechRecognitionResult* result) {
   return converted;
 }
 
-// One request with its task: shared by the handles of both and by the block that hears the results. Until the
-// task has ended or been cancelled it keeps the recognizer and the task alive. Any thread.
+// One request with its task: shared by the handles of both and by the block that hears the results. Keeps the
+// recognizer and the task alive until the task has ended or been cancelled. Any thread.
 class Recognition : public std::enable_shared_from_this<Recognition> {
  public:
-  void begin(SFSpeechRecognizer* recognizer, SFSpeechAudioBufferRecognitionRequest* request,
-             ResultHandler handler) {
-    handler_ = std::move(handler);
+  // Nil when the task could not be started; the handler hears why.
+  SFSpeechRecognitionTask* begin(SFSpeechRecognizer* recognizer,
+                                 SFSpeechAudioBufferRecognitionRequest* request, ResultHandler handler) {
     std::optional<PlatformError> failure;
     {
       const std::lock_guard guard(lock_);
-      failure = failure_;
-      recognizer_ = recognizer;
+      handler_ = std::move(handler);
       hasBegun_ = true;
+      failure = failure_;
     }
-    if (failure) return answerLater(*failure);
-    const auto self = shared_from_this();
     SFSpeechRecognitionTask* task = nil;
-    @try {
-      task = [recognizer recognitionTaskWithRequest:request
-                                      resultHandler:^(SFSpeechRecognitionResult* result, NSError* error) {
-                                        const AutoreleasePool pool;
-                                        self->hear(result, error);
-                                      }];
-    } @catch (NSException* exception) {
-      failure = toPlatformError(exception);
+    if (!failure) {
+      const auto self = shared_from_this();
+      @try {
+        task = [recognizer recognitionTaskWithRequest:request
+                                        resultHandler:^(SFSpeechRecognitionResult* result, NSError* error) {
+                                          const AutoreleasePool pool;
+                                          self->hear(result, error);
+                                        }];
+      } @catch (NSException* exception) {
+        failure = toPlatformError(exception);
+      }
     }
-    if (failure) return answerLater(*failure);
+    if (failure) {
+      answerLater(*failure);
+      return nil;
+    }
     const std::lock_guard guard(lock_);
-    if (!hasEnded_) task_ = task;
+    if (!hasEnded_) {
+      recognizer_ = recognizer;
+      task_ = task;
+    }
+    return task;
   }
 
-  // The task cannot go on: its handler hears why, and nothing after it.
+  // The recognition cannot go on: its handler hears why, and nothing after it.
   void fail(const PlatformError& error) {
     {
       const std::lock_guard guard(lock_);
-      if (failure_) return;
+      if (failure_ || hasEnded_) return;
       failure_ = error;
       if (!hasBegun_) return;
     }
     answerLater(error);
   }
 
-  void cancel() {
-    SFSpeechRecognitionTask* const task = letGo();
-    [task cancel];
+  // The task has ended or been cancelled. It may still call its handler.
+  SFSpeechRecognitionTask* letGo() {
+    const std::lock_guard guard(lock_);
+    hasEnded_ = true;
+    recognizer_ = nil;
+    return std::exchange(task_, nil);
   }
 
  private:
   void hear(SFSpeechRecognitionResult* result, NSError* error) {
+    {
+      const std::lock_guard guard(lock_);
+      if (failure_) return;
+    }
     std::optional<RecognitionResult> heard;
     std::optional<PlatformError> failure;
     if (result) heard = toRecognitionResult(result);
     if (error) failure = toPlatformError(error);
-    answer(std::move(heard), std::move(failure));
-  }
-
-  // The contract knows of no answer after the one that ends the task.
-  void answer(std::optional<RecognitionResult> result, std::optional<PlatformError> error) {
-    const bool ends = error || (result && result->isFinal);
-    {
-      const std::lock_guard guard(lock_);
-      if (hasEnded_) return;
-      hasEnded_ = ends;
-    }
-    if (ends) letGo();
-    handler_(std::move(result), std::move(error));
+    if (failure || (heard && heard->isFinal)) letGo();
+    handler_(std::move(heard), std::move(failure));
   }
 
   // An error of our own, in the way in which the system gives its own. The task, if there is one, is given
   // up.
   void answerLater(const PlatformError& error) {
+    {
+      const std::lock_guard guard(lock_);
+      failure_ = error;
+    }
     const auto self = shared_from_this();
     dispatch_async(dispatch_get_main_queue(), ^{
       const AutoreleasePool pool;
-      self->cancel();
-      self->answer(std::nullopt, error);
+      [self->letGo() cancel];
+      self->handler_(std::nullopt, error);
     });
-  }
-
-  SFSpeechRecognitionTask* letGo() {
-    const std::lock_guard guard(lock_);
-    recognizer_ = nil;
-    return std::exchange(task_, nil);
   }
 
   std::mutex lock_;
@@ -160,15 +162,18 @@ class AppleRecognitionRequest final : public RecognitionRequest {
 
 class AppleRecognitionTask final : public RecognitionTask {
  public:
-  explicit AppleRecognitionTask(std::shared_ptr<Recognition> recognition)
-      : recognition_(std::move(recognition)) {}
+  // The task may be nil.
+  AppleRecognitionTask(SFSpeechRecognitionTask* task, std::shared_ptr<Recognition> recognition)
+      : task_(task), recognition_(std::move(recognition)) {}
 
   void cancel() override {
     const AutoreleasePool pool;
-    recognition_->cancel();
+    recognition_->letGo();
+    [task_ cancel];
   }
 
  private:
+  SFSpeechRecognitionTask* const task_;
   const std::shared_ptr<Recognition> recognition_;
 };
 
@@ -203,8 +208,8 @@ class AppleSpeechRecognizer final : public SpeechRecognizer {
       recognition = std::make_shared<Recognition>();
       recognition->fail({"PalaverSTT", -1, "A recognition request serves one task only"});
     }
-    recognition->begin(recognizer_, ours.request(), std::move(handler));
-    return std::make_unique<AppleRecognitionTask>(std::move(recognition));
+    SFSpeechRecognitionTask* const task = recognition->begin(recognizer_, ours.request(), std::move(handler));
+    return std::make_unique<AppleRecognitionTask>(task, std::move(recognition));
   }
 
  private:

@@ -141,7 +141,8 @@ std::string nameOf(const std::optional<int>& status) {
   return status ? "exits with status " + std::to_string(*status) : "still runs";
 }
 
-std::optional<std::string> playOnce(const Scenario& scenario, const std::optional<std::uint64_t>& seed) {
+std::optional<std::string> playOnce(const Scenario& scenario, const std::optional<std::uint64_t>& seed,
+                                    const ScenarioProgram& program) {
   SimulatedSettings settings = scenario.settings;
   settings.seed = seed;
   const ScenarioDirectory directory(scenario.files);
@@ -152,7 +153,7 @@ std::optional<std::string> playOnce(const Scenario& scenario, const std::optiona
   for (const auto& action : scenario.actions)
     platform.scheduler.schedule(action.time, Timeline::Context::background, &scenario,
                                 [&] { action.perform(stage); });
-  const auto status = platform.run(runHelper, scenario.until);
+  const auto status = platform.run([&](Platform& parts) { program(platform, parts); }, scenario.until);
 
   std::string report;
   const auto add = [&report](const std::optional<std::string>& part) { report += part.value_or(""); };
@@ -177,8 +178,12 @@ std::optional<std::string> playOnce(const Scenario& scenario, const std::optiona
 }  // namespace
 
 std::optional<std::string> play(const Scenario& scenario) {
+  return play(scenario, [](SimulatedPlatform&, Platform& platform) { runHelper(platform); });
+}
+
+std::optional<std::string> play(const Scenario& scenario, const ScenarioProgram& program) {
   for (const auto& seed : scenario.seeds)
-    if (auto report = playOnce(scenario, seed)) return report;
+    if (auto report = playOnce(scenario, seed, program)) return report;
   return std::nullopt;
 }
 

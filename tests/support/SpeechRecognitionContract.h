@@ -40,6 +40,9 @@ class SpeechRecognitionContractSubject {
 
   // Lets what is under way arrive. Nothing to do where results come by themselves, on another thread.
   virtual void deliver() {}
+
+  // The same, until the condition holds or a time has passed that no slow machine needs.
+  virtual void deliverUntil(const std::function<bool()>& /*condition*/) { deliver(); }
 };
 
 // What a task answered, in order. Safe to use from the thread of the handler and from the test's.
@@ -71,6 +74,11 @@ class RecordedAnswers {
   std::vector<Answer> all() const {
     const std::lock_guard guard(lock_);
     return answers_;
+  }
+
+  bool hasLast() const {
+    const std::lock_guard guard(lock_);
+    return !answers_.empty() && answers_.back().isLast();
   }
 
   // Waits for an answer that ends the task. None when it does not come within a time that no slow machine
@@ -146,7 +154,7 @@ class SpeechRecognitionContract : public testing::TestWithParam<SpeechRecognitio
   }
 
   std::optional<RecordedAnswers::Answer> last(const RecordedAnswers& answers) {
-    subject_->deliver();
+    subject_->deliverUntil([&answers] { return answers.hasLast(); });
     return answers.waitForLast();
   }
 

@@ -88,13 +88,14 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
       for (auto &segment : result->segments) segment.timestamp = segment.duration = 0;
     if (result && result->isFinal && quirks.finalIsEmpty)
       result = RecognitionResult{.formattedString = "", .segments = {{"", 0, 0}}, .isFinal = true};
-    call(result, error);
-    if (isEnd && quirks.errorAfterEnd) call(std::nullopt, quirks.errorAfterEnd);
+    call(result, error, false);
+    if (isEnd && quirks.errorAfterEnd) call(std::nullopt, quirks.errorAfterEnd, false);
   }
 
   void cancelled() {
     leave();
-    if (const auto error = FrameworkBehaviour::current().quirks.errorAfterCancel) call(std::nullopt, error);
+    if (const auto error = FrameworkBehaviour::current().quirks.errorAfterCancel)
+      call(std::nullopt, error, true);
   }
 
   // Audio comes: whichever task gets some first is the one that is served.
@@ -113,7 +114,8 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
     if (served == this) served = nullptr;
   }
 
-  void call(const std::optional<RecognitionResult> &result, const std::optional<PlatformError> &error) {
+  void call(const std::optional<RecognitionResult> &result, const std::optional<PlatformError> &error,
+            bool insideCall) {
     @autoreleasepool {
       SFSpeechRecognitionResult *const given =
           result ? [[SFSpeechRecognitionResult alloc] initWithResult:*result] : nil;
@@ -122,6 +124,7 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
       dispatch_async(dispatch_get_main_queue(), ^{
         handler(given, failure);
       });
+      FrameworkBehaviour::current().onDelivery(insideCall);
     }
   }
 
@@ -140,7 +143,7 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
 - (instancetype)init {
   if ((self = [super init])) {
     shouldReportPartialResults_ = YES;
-    contextualStrings_ = @[];
+    contextualStrings_ = [[NSArray alloc] init];
   }
   return self;
 }

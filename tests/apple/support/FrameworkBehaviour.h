@@ -6,6 +6,7 @@
 // belief comes from.
 #pragma once
 
+#include <functional>
 #include <optional>
 
 #include "platform/AudioConverter.h"
@@ -86,6 +87,9 @@ class FrameworkBehaviour {
   // As NSProcessInfo tells it.
   OperatingSystemVersion systemVersion;
   Quirks quirks;
+  // Called when something has been put on the main dispatch queue, on the same thread: from inside one of the
+  // program's calls, or not. For a main thread that lives in virtual time and has to be told.
+  std::function<void(bool insideCall)> onDelivery = [](bool) {};
 };
 
 }  // namespace palaver

@@ -1,0 +1,62 @@
+// Every scenario, with the adapters for macOS between the helper and the simulated machine.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "core/Helper.h"
+#include "tests/apple/support/AppleSimulation.h"
+#include "tests/simulator/Scenario.h"
+#include "tests/simulator/ScenarioRunner.h"
+
+namespace palaver {
+namespace {
+
+std::vector<std::filesystem::path> scenarios() {
+  std::vector<std::filesystem::path> files;
+  for (const auto& entry : std::filesystem::directory_iterator(
+           std::filesystem::path(PALAVER_SOURCE_DIRECTORY) / "tests" / "scenarios"))
+    if (entry.path().extension() == ".json") files.push_back(entry.path());
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+// Where the frameworks make a difference, and which.
+const std::map<std::string, std::string> differences{
+    // A buffer without frames never reaches the recognizer: what the system makes of one is not known.
+    {"an-empty-payload-is-an-empty-buffer", "buffers is 0 instead of 1"},
+    // There are no results in the background; the probe hears its answer in the first slice of the run loop.
+    {"callbacks-in-the-background-change-nothing",
+     "standard output, line 1: it came at 20 ms instead of 0 ms"},
+};
+
+class AppleScenario : public testing::TestWithParam<std::filesystem::path> {};
+
+TEST_P(AppleScenario, GoesAsWithoutTheFrameworks) {
+  const auto report = play(readScenario(GetParam()), [](SimulatedPlatform& machine, Platform& platform) {
+    AppleSimulation apple(machine);
+    Platform overApple = apple.over(platform);
+    runHelper(overApple);
+  });
+  const auto known = differences.find(GetParam().stem().string());
+  if (known == differences.end()) {
+    EXPECT_FALSE(report) << *report;
+  } else {
+    EXPECT_THAT(report.value_or(""), testing::HasSubstr(known->second));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, AppleScenario, testing::ValuesIn(scenarios()), [](const auto& scenario) {
+  auto name = scenario.param.stem().string();
+  std::replace_if(
+      name.begin(), name.end(), [](unsigned char c) { return !std::isalnum(c); }, '_');
+  return name;
+});
+
+}  // namespace
+}  // namespace palaver
