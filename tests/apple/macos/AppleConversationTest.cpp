@@ -100,8 +100,8 @@ TEST_F(AppleConversation, WhereOnlyOneTaskIsServedTheOtherSourceIsSilent) {
 TEST_F(AppleConversation, ARecognitionThatCannotStartIsReportedAndTheNextVoiceTriesAgain) {
   audio(1000);
   audio(2000);
-  // The adapter's own errors are on the main dispatch queue too.
-  for (const double time : {1050, 2050})
+  // The adapter's own errors are on the main dispatch queue too. The first answers the probe for Dictation.
+  for (const double time : {10, 1050, 2050})
     machine().scheduler.schedule(time, Timeline::Context::mainThreadCallback, this, drainMainQueue);
   play({.taskRaises = "the service is not there"});
   const auto errors = texts("helper.error");
