@@ -17,11 +17,11 @@ namespace {
 std::atomic<std::size_t> held{0};
 std::atomic<std::size_t> large{0};
 
-std::size_t usableSize(const void* memory) {
+std::size_t usableSize(void* memory) {
 #ifdef __APPLE__
   return malloc_size(memory);
 #else
-  return malloc_usable_size(const_cast<void*>(memory));
+  return malloc_usable_size(memory);
 #endif
 }
 

@@ -268,7 +268,7 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
   void yield(std::int64_t number, std::shared_ptr<const PCMBuffer> buffer) {
     const auto analyzer = find(analyzers_, number);
     if (!analyzer) return;
-    {
+    if (buffer->frameLength() > 0) {
       const std::lock_guard guard(lock_);
       fed_.insert(number);
     }

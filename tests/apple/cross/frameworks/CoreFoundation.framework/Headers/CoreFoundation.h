@@ -1,6 +1,7 @@
-// CoreFoundation, as far as the sources of this project use it, for the cross build alone: declarations written here.
-// Types and signatures are those that Apple documents (developer.apple.com/documentation/corefoundation). On a Mac the
-// SDK's own header is used, and in the tests on Linux the one of the library itself, which is open.
+// CoreFoundation, as far as the sources of this project use it, for the cross build alone: declarations
+// written here. Types and signatures are those that Apple documents
+// (developer.apple.com/documentation/corefoundation). On a Mac the SDK's own header is used, and in the tests
+// on Linux the one of the library itself, which is open.
 #pragma once
 
 #include <stddef.h>
@@ -60,17 +61,20 @@ CFStringRef CFStringCreateWithCString(CFAllocatorRef allocator, const char *text
 
 CFBundleRef CFBundleGetMainBundle(void);
 CFURLRef CFBundleCopyExecutableURL(CFBundleRef bundle);
-Boolean CFURLGetFileSystemRepresentation(CFURLRef url, Boolean resolveAgainstBase, UInt8 *buffer, CFIndex size);
+Boolean CFURLGetFileSystemRepresentation(CFURLRef url, Boolean resolveAgainstBase, UInt8 *buffer,
+                                         CFIndex size);
 
 CFRunLoopRef CFRunLoopGetCurrent(void);
 CFRunLoopRef CFRunLoopGetMain(void);
 void CFRunLoopAddCommonMode(CFRunLoopRef loop, CFRunLoopMode mode);
 void CFRunLoopPerformBlock(CFRunLoopRef loop, CFTypeRef mode, void (^block)(void));
-CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds, Boolean returnAfterSourceHandled);
+CFRunLoopRunResult CFRunLoopRunInMode(CFRunLoopMode mode, CFTimeInterval seconds,
+                                      Boolean returnAfterSourceHandled);
 void CFRunLoopStop(CFRunLoopRef loop);
 void CFRunLoopWakeUp(CFRunLoopRef loop);
 
-CFRunLoopSourceRef CFRunLoopSourceCreate(CFAllocatorRef allocator, CFIndex order, CFRunLoopSourceContext *context);
+CFRunLoopSourceRef CFRunLoopSourceCreate(CFAllocatorRef allocator, CFIndex order,
+                                         CFRunLoopSourceContext *context);
 void CFRunLoopAddSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopMode mode);
 void CFRunLoopSourceInvalidate(CFRunLoopSourceRef source);
 void CFRunLoopSourceSignal(CFRunLoopSourceRef source);
