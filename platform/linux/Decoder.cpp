@@ -10,7 +10,6 @@
 #include <string_view>
 #include <utility>
 
-#include <sphinxbase/cmn.h>
 #include <sphinxbase/err.h>
 #include <sphinxbase/feat.h>
 
@@ -26,6 +25,8 @@ namespace {
 constexpr double logBase = 1.0001;
 // The share of the contextual phrases in the interpolated model; measured to hardly matter.
 constexpr float contextualWeight = 0.1F;
+// Audio after which the mean follows. After each second instead, every tenth error more.
+constexpr std::size_t samplesPerMean = modelSampleRate / 10;
 
 PlatformError engineFailure(const std::string& what) {
   return recognizerError(RecognizerErrorCode::engineFailed, "The speech engine could not " + what);
@@ -110,7 +111,8 @@ Decoder::Decoder(std::shared_ptr<const BaseLanguageModel> language)
     : language_(std::move(language)), decoder_(ps_init(makeConfiguration(language_->files()).get())) {
   if (!decoder_) throw engineFailure("load its acoustic model");
   useLanguageModel(language_->get());
-  meanOfSpeech_ = cepstralMean();
+  const cmn_t& state = meanInUse();
+  mean_ = CepstralMean({state.cmn_mean, static_cast<std::size_t>(state.veclen)});
 }
 
 Decoder::~Decoder() {
@@ -165,41 +167,65 @@ void Decoder::startUtterance() {
 }
 
 void Decoder::process(std::span<const std::int16_t> samples) {
-  if (!inUtterance_ || samples.empty()) return;
-  if (ps_process_raw(decoder_.get(), samples.data(), samples.size(), FALSE, FALSE) < 0)
-    throw engineFailure("process the audio");
-  samplesSinceMeanUpdate_ += static_cast<int>(samples.size());
-  if (samplesSinceMeanUpdate_ >= modelSampleRate) updateCepstralMean();
+  if (inUtterance_) decode(samples, Learning::yes);
+}
+
+void Decoder::decode(std::span<const std::int16_t> samples, Learning learning) {
+  while (!samples.empty()) {
+    const auto step = samples.first(std::min(samples.size(), samplesPerMean));
+    samples = samples.subspan(step.size());
+    if (ps_process_raw(decoder_.get(), step.data(), step.size(), FALSE, FALSE) < 0)
+      throw engineFailure("process the audio");
+    takeSums(learning);
+    if (learning == Learning::yes) learnMean();
+  }
 }
 
 void Decoder::endUtterance() {
   if (!inUtterance_) return;
   inUtterance_ = false;
   const int status = ps_end_utt(decoder_.get());
-  // The library does not always do so itself at the end.
-  updateCepstralMean();
+  takeSums(Learning::yes);
+  learnMean();
+  mean_.discard();
   if (status < 0) throw engineFailure("end the utterance");
 }
 
-Decoder::CepstralMean Decoder::cepstralMean() const {
-  const cmn_t& state = *ps_get_feat(decoder_.get())->cmn_struct;
-  return {
-      {state.cmn_mean, state.cmn_mean + state.veclen}, {state.sum, state.sum + state.veclen}, state.nframe};
+bool Decoder::shouldHearAgain() const {
+  return speechToHearAgain_ <= lastSpeechToHearAgain && mean_.speechFrames() >= speechToHearAgain_;
 }
 
-// The mean follows speech only. After a long silence it would be that of the silence, and the first words
-// after it would be misheard.
-void Decoder::updateCepstralMean() {
-  samplesSinceMeanUpdate_ = 0;
-  cmn_t& state = *ps_get_feat(decoder_.get())->cmn_struct;
-  if (std::ranges::any_of(segments(), [](const DecodedSegment& segment) { return !segment.word.empty(); })) {
-    cmn_live_update(&state);
-    meanOfSpeech_ = cepstralMean();
-  } else {
-    std::ranges::copy(meanOfSpeech_.mean, state.cmn_mean);
-    std::ranges::copy(meanOfSpeech_.sum, state.sum);
-    state.nframe = meanOfSpeech_.frames;
-  }
+void Decoder::hearAgain(std::span<const std::int16_t> utterance) {
+  if (!inUtterance_) return;
+  while (speechToHearAgain_ <= mean_.speechFrames()) speechToHearAgain_ *= 2;
+  inUtterance_ = false;
+  const int status = ps_end_utt(decoder_.get());
+  takeSums(Learning::no);
+  learnMean();
+  if (status < 0) throw engineFailure("begin the utterance anew");
+  startUtterance();
+  // This audio has had its part in the mean.
+  decode(utterance, Learning::no);
+}
+
+cmn_t& Decoder::meanInUse() const {
+  return *ps_get_feat(decoder_.get())->cmn_struct;
+}
+
+// Takes over what the library has summed up; it would make a mean of it by itself, of silence too.
+void Decoder::takeSums(Learning learning) {
+  cmn_t& state = meanInUse();
+  const std::span<mfcc_t> sum(state.sum, static_cast<std::size_t>(state.veclen));
+  if (learning == Learning::yes) mean_.add(sum, state.nframe);
+  std::ranges::fill(sum, mfcc_t{0});
+  state.nframe = 0;
+}
+
+// Lets the decoder go on with the newest mean.
+void Decoder::learnMean() {
+  if (std::ranges::any_of(segments(), [](const DecodedSegment& segment) { return !segment.word.empty(); }))
+    mean_.confirm();
+  std::ranges::copy(mean_.mean(), meanInUse().cmn_mean);
 }
 
 std::vector<DecodedSegment> Decoder::segments() const {

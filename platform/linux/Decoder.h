@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include <sphinxbase/fe.h>
-
+#include "platform/linux/CepstralMean.h"
 #include "platform/linux/PocketSphinxHandles.h"
 #include "platform/linux/SpeechModelFiles.h"
 
@@ -69,27 +68,34 @@ class Decoder {
   void process(std::span<const std::int16_t> samples);
   void endUtterance();
 
+  // Whether the speaker has become so much better known since the utterance began that it may be understood
+  // otherwise when it is heard again: true once there have been firstSpeechToHearAgain frames of speech, and
+  // again whenever there have been twice as many, up to lastSpeechToHearAgain.
+  bool shouldHearAgain() const;
+  // Begins the utterance anew with all of its audio so far. Takes as long as process() for it.
+  void hearAgain(std::span<const std::int16_t> utterance);
+
+  static constexpr std::int64_t firstSpeechToHearAgain = 100;
+  static constexpr std::int64_t lastSpeechToHearAgain = 400;
+
   // What the decoder believes it has heard in the utterance so far or, after its end, at last.
   std::vector<DecodedSegment> segments() const;
 
  private:
   void useLanguageModel(ngram_model_t* model);
-  // The running mean of the audio's spectrum, which the decoder subtracts from it.
-  struct CepstralMean {
-    std::vector<mfcc_t> mean;
-    std::vector<mfcc_t> sum;
-    std::int32_t frames = 0;
-  };
-  CepstralMean cepstralMean() const;
-  void updateCepstralMean();
+  enum class Learning { yes, no };
+  void decode(std::span<const std::int16_t> samples, Learning learning);
+  void takeSums(Learning learning);
+  void learnMean();
+  cmn_t& meanInUse() const;
 
   std::shared_ptr<const BaseLanguageModel> language_;
   DecoderHandle decoder_;
   std::vector<std::string> contextualStrings_;
   std::string searchName_;
   bool inUtterance_ = false;
-  int samplesSinceMeanUpdate_ = 0;
-  CepstralMean meanOfSpeech_;  // after the newest second of speech
+  CepstralMean mean_;
+  std::int64_t speechToHearAgain_ = firstSpeechToHearAgain;  // frames
 };
 
 }  // namespace palaver

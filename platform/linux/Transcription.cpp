@@ -43,6 +43,7 @@ void Transcription::process(std::span<const std::int16_t> samples) {
     return;
   }
   listen();
+  hearAgainIfBetterKnown();
   cutIfLong();
 }
 
@@ -51,8 +52,19 @@ void Transcription::startUtterance(std::int64_t sample) {
   utteranceStart_ = sample;
   decoder_.startUtterance();
   inUtterance_ = true;
-  const std::vector<std::int16_t> again(newest_.end() - (received_ - sample), newest_.end());
-  decoder_.process(again);
+  decoder_.process(audioFrom(sample));
+}
+
+// What was received from that sample on, which must be kept still.
+std::vector<std::int16_t> Transcription::audioFrom(std::int64_t sample) const {
+  return {newest_.end() - (received_ - sample), newest_.end()};
+}
+
+void Transcription::hearAgainIfBetterKnown() {
+  const bool isKept = utteranceLength() <= std::ssize(newest_);
+  if (current_.empty() || !isKept || !decoder_.shouldHearAgain()) return;
+  decoder_.hearAgain(audioFrom(utteranceStart_));
+  listen();
 }
 
 void Transcription::finish() {

@@ -20,6 +20,9 @@ namespace palaver {
 // Quiet audio before a word is not decoded at all, as that takes more work than speech does: a source may be
 // silent for most of a meeting. When it grows louder, the decoder begins with the second before.
 //
+// A speaker who is not known yet is misunderstood more often. The first seconds are therefore heard again
+// when there have been a few of them, and what they have been taken for changes.
+//
 // Lives on the decoder's thread, one at a time per decoder.
 class Transcription {
  public:
@@ -66,6 +69,8 @@ class Transcription {
   };
 
   void startUtterance(std::int64_t sample);
+  std::vector<std::int16_t> audioFrom(std::int64_t sample) const;
+  void hearAgainIfBetterKnown();
   void listen();
   void cutIfLong();
   void cut(std::int64_t sample);
