@@ -4,8 +4,9 @@
 // The channel is a stream socket whose descriptor the environment names. Both sides write JSON objects, one
 // per line; each request is answered by one object, and the next comes behind that:
 //
-//   {"machine": {...}, "startsAt": ms}     first: the state of the machine (system, platform) and its clock;
-//                                          {} or {"refused": "why"}
+//   {"machine": {...}, "startsAt": ms,     first: the state of the machine (system, platform), its clock, and
+//    "services": "simulated"}              what recognises: the "simulated" services, or the "recognizer" of
+//                                          Linux; {} or {"refused": "why"}
 //   {"step": {"key", "value", "where"}}    performs a step of the machine; {}, or {"complaint": "why"}
 //   {"advanceTo": ms, "end": "excluded"}   runs what falls due next before that time, or moves the time
 //   there;
@@ -30,14 +31,16 @@ inline constexpr const char* controlVariable = "PALAVER_STT_CONTROL";
 
 class ControlServer {
  public:
+  enum class Services { simulated, recognizer };
   struct Setup {
     MachineState machine;
     double startsAt = 0;  // ms since the Unix epoch
+    Services services = Services::simulated;
   };
 
-  // Takes the channel from the environment. Throws std::runtime_error when there is none. Lives until the
-  // process ends.
-  ControlServer();
+  // Takes the channel from the environment. It serves until the process ends, which it does at once, with a
+  // line on standard error and status 2, when there is no channel. Main thread, once.
+  static ControlServer& connect();
 
   // Waits for the first request. Every failure below ends the process with status 70, after a line on
   // standard error: there is nobody else to tell.
@@ -54,6 +57,8 @@ class ControlServer {
   void tellEnd(int status);
 
  private:
+  explicit ControlServer(int descriptor) : descriptor_(descriptor) {}
+
   std::optional<std::string> readLine();
   JSON readRequest();
   void answer(const JSON& value);
@@ -61,7 +66,7 @@ class ControlServer {
   JSON report();
   [[noreturn]] void fail(const std::string& why);
 
-  int descriptor_ = -1;
+  const int descriptor_;
   std::string unread_;
   std::mutex writing_;
   ControlledMachine* machine_ = nullptr;
