@@ -11,10 +11,11 @@ namespace palaver {
 
 // A file of them: an object of "reasons", texts by name, and of "scenarios", by name:
 //
-//   {"because": "REASON", "changes": {"analyzers": {"1": {"cancelledAt": 300}}, "conversation": {"8": "$remove"}}}
+//   {"because": "REASON", "changes": {"analyzers": {"1": {"cancelledAt": 300}}, "conversation": {"8":
+//   "$remove"}}}
 //
-// `changes` are those to the scenario's file. An object changes members of an object, or elements of a list by
-// their number from 0; "$remove" takes one away; anything else replaces.
+// `changes` are those to the scenario's file. An object changes members of an object, or elements of a list
+// by their number from 0; "$remove" takes one away; anything else replaces.
 class ScenarioDifferences {
  public:
   // None.

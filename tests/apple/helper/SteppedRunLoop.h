@@ -24,7 +24,7 @@ class SteppedRunLoop final : public MainQueue {
 
   MainQueue& real_;
   SteppedTimeline& timeline_;
-  std::uint64_t slices_ = 0;              // begun
+  std::uint64_t slices_ = 0;               // begun
   std::atomic<std::uint64_t> running_{0};  // the slice that is being run, by number, or 0
 };
 

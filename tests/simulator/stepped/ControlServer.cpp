@@ -80,10 +80,7 @@ void ControlServer::answer(const JSON& value) {
 ControlServer::Setup ControlServer::receiveSetup() {
   const auto request = readRequest();
   try {
-    constexpr std::pair<const char*, Services> choices[]{{"simulated", Services::simulated},
-                                                         {"recognizer", Services::recognizer}};
-    return {readMachineState(request.at("machine"), "machine"), request.at("startsAt").get<double>(),
-            oneOf(choices, request.at("services").get<std::string>(), "services")};
+    return {readMachineState(request.at("machine"), "machine"), request.at("startsAt").get<double>()};
   } catch (const std::exception& error) {
     fail(error.what());
   }

@@ -4,9 +4,8 @@
 // The channel is a stream socket whose descriptor the environment names. Both sides write JSON objects, one
 // per line; each request is answered by one object, and the next comes behind that:
 //
-//   {"machine": {...}, "startsAt": ms,     first: the state of the machine (system, platform), its clock, and
-//    "services": "simulated"}              what recognises: the "simulated" services, or the "recognizer" of
-//                                          Linux; {} or {"refused": "why"}
+//   {"machine": {...}, "startsAt": ms}     first: the state of the machine (system, platform) and its clock;
+//                                          {} or {"refused": "why"}
 //   {"step": {"key", "value", "where"}}    performs a step of the machine; {}, or {"complaint": "why"}
 //   {"advanceTo": ms, "end": "excluded"}   runs what falls due next before that time, or moves the time
 //   there;
@@ -31,11 +30,9 @@ inline constexpr const char* controlVariable = "PALAVER_STT_CONTROL";
 
 class ControlServer {
  public:
-  enum class Services { simulated, recognizer };
   struct Setup {
     MachineState machine;
     double startsAt = 0;  // ms since the Unix epoch
-    Services services = Services::simulated;
   };
 
   // Takes the channel from the environment. It serves until the process ends, which it does at once, with a

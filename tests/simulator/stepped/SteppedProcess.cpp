@@ -62,9 +62,8 @@ SteppedProcess::SteppedProcess(Channel channel, const std::vector<std::string>& 
       control_(std::move(channel.ours)),
       child_(makeChild(command, std::move(environment), channel.childs)) {}
 
-std::optional<std::string> SteppedProcess::start(const JSON& machine, double startsAt,
-                                                 const std::string& services) {
-  const auto answer = ask({{"machine", machine}, {"startsAt", startsAt}, {"services", services}});
+std::optional<std::string> SteppedProcess::start(const JSON& machine, double startsAt) {
+  const auto answer = ask({{"machine", machine}, {"startsAt", startsAt}});
   if (answer.contains("refused")) return answer.at("refused").get<std::string>();
   settle();
   return std::nullopt;

@@ -33,10 +33,8 @@ class SteppedProcess {
                  std::chrono::milliseconds bound);
 
   // Says which machine the helper is on, as readMachineState() wants it, and lets it start. `startsAt`: what
-  // its clock reads at time 0, ms since the Unix epoch. `services`: as the control channel names them.
-  // Returns why it cannot be on such a machine, or none.
-  std::optional<std::string> start(const JSON& machine, double startsAt,
-                                   const std::string& services = "simulated");
+  // its clock reads at time 0, ms since the Unix epoch. Returns why it cannot be on such a machine, or none.
+  std::optional<std::string> start(const JSON& machine, double startsAt);
 
   // Bytes on standard input, or its end.
   void send(const std::string& bytes);

@@ -3,12 +3,10 @@
 #include <unistd.h>
 
 #include "core/Helper.h"
-#include "platform/linux/LinuxSpeechRecognition.h"
 #include "platform/posix/POSIXStreams.h"
 #include "platform/posix/ThreadPoolTasks.h"
 #include "platform/posix/ThreadedMainQueue.h"
 #include "tests/simulator/ClaimedProcess.h"
-#include "tests/simulator/RecognizedSpeechAnalysis.h"
 #include "tests/simulator/stepped/ControlServer.h"
 #include "tests/simulator/stepped/SteppedMachine.h"
 #include "tests/simulator/stepped/SteppedMainQueue.h"
@@ -26,10 +24,7 @@ class POSIXMachine final : public SteppedMachine {
         claimedProcess_(arguments, setup.machine.macOS),
         process_(claimedProcess_, [&control](int status) { control.tellEnd(status); }) {}
 
-  Platform platform(SpeechRecognition& speechRecognition, SpeechAnalysis& speechAnalysis) {
-    return {clock,        process_,          mainQueue_,     standardInput_,  standardOutput_, standardError_,
-            audioBuffers, speechRecognition, speechAnalysis, audioConverters, audioFiles,      tasks_};
-  }
+  Platform& platform() { return platform_; }
 
   void setSlicesDeliverInsideJobs(bool deliver) override { mainQueue_.setSlicesDeliverInsideJobs(deliver); }
 
@@ -43,6 +38,8 @@ class POSIXMachine final : public SteppedMachine {
   DescriptorOutput standardError_{STDERR_FILENO};
   // Of one thread, so that two sources do the same things in the same order in every run.
   ThreadPoolTasks tasks_{1};
+  Platform platform_{clock,        process_,    mainQueue_, standardInput_,  standardOutput_, standardError_,
+                     audioBuffers, recognition, analysis,   audioConverters, audioFiles,      tasks_};
 };
 
 }  // namespace
@@ -54,14 +51,7 @@ void runStepped(std::span<char*> arguments) {
   prepareStandardStreams();
   auto& machine = *new POSIXMachine(setup, arguments, control);
   control.serve(machine, setup.machine.platform, machine.timeline);
-  if (setup.services == ControlServer::Services::simulated) {
-    auto& platform = *new Platform(machine.platform(machine.recognition, machine.analysis));
-    runHelper(platform);
-  }
-  auto& recognition = *new LinuxSpeechRecognition;
-  auto& analysis = *new RecognizedSpeechAnalysis(recognition, {});
-  auto& platform = *new Platform(machine.platform(recognition, analysis));
-  runHelper(platform);
+  runHelper(machine.platform());
 }
 
 }  // namespace palaver
