@@ -1,5 +1,9 @@
 # Objective-C++ with ARC: on macOS as it comes; on Linux with clang, which writes what Apple's runtime reads, for the
 # runtime and the frameworks of tests/apple.
+if(NOT APPLE)
+  # CMake does not look for this one on the PATH.
+  set(CMAKE_OBJCXX_COMPILER "${CMAKE_CXX_COMPILER}" CACHE FILEPATH "The Objective-C++ compiler" FORCE)
+endif()
 enable_language(OBJCXX)
 
 # The options of a target, already made by palaver_options, that has sources in Objective-C++.

@@ -3,7 +3,8 @@
 #import <Speech/Speech.h>
 #include <dispatch/dispatch.h>
 
-#include <mutex>
+#include <memory>
+#include <optional>
 #include <utility>
 
 #import "platform/macos/AudioValues.h"
@@ -24,22 +25,16 @@ RecognitionResult toRecognitionResult(SFSpeechRecognitionResult* result) {
   return converted;
 }
 
-// One request with its task: shared by the handles of both and by the block that hears the results. Keeps the
-// recognizer and the task alive until the task has ended or been cancelled. Any thread.
+// One request with its task: shared by the handles of both and by the block that hears the results. The
+// system itself keeps a task and its recognizer until the task has ended. Main thread.
 class Recognition : public std::enable_shared_from_this<Recognition> {
  public:
   // Nil when the task could not be started; the handler hears why.
   SFSpeechRecognitionTask* begin(SFSpeechRecognizer* recognizer,
                                  SFSpeechAudioBufferRecognitionRequest* request, ResultHandler handler) {
-    std::optional<PlatformError> failure;
-    {
-      const std::lock_guard guard(lock_);
-      handler_ = std::move(handler);
-      hasBegun_ = true;
-      failure = failure_;
-    }
+    handler_ = std::move(handler);
     SFSpeechRecognitionTask* task = nil;
-    if (!failure) {
+    if (!failure_) {
       const auto self = shared_from_this();
       @try {
         task = [recognizer recognitionTaskWithRequest:request
@@ -48,76 +43,49 @@ class Recognition : public std::enable_shared_from_this<Recognition> {
                                           self->hear(result, error);
                                         }];
       } @catch (NSException* exception) {
-        failure = toPlatformError(exception);
+        failure_ = toPlatformError(exception);
       }
     }
-    if (failure) {
-      answerLater(*failure);
-      return nil;
-    }
-    const std::lock_guard guard(lock_);
-    if (!hasEnded_) {
-      recognizer_ = recognizer;
-      task_ = task;
-    }
+    task_ = task;
+    if (failure_) answerFailure();
     return task;
   }
 
   // The recognition cannot go on: its handler hears why, and nothing after it.
   void fail(const PlatformError& error) {
-    {
-      const std::lock_guard guard(lock_);
-      if (failure_ || hasEnded_) return;
-      failure_ = error;
-      if (!hasBegun_) return;
-    }
-    answerLater(error);
+    if (failure_ || hasEnded_) return;
+    failure_ = error;
+    if (handler_) answerFailure();
   }
 
-  // The task has ended or been cancelled. It may still call its handler.
-  SFSpeechRecognitionTask* letGo() {
-    const std::lock_guard guard(lock_);
-    hasEnded_ = true;
-    recognizer_ = nil;
-    return std::exchange(task_, nil);
-  }
+  // From now on a failure interests nobody.
+  void end() { hasEnded_ = true; }
 
  private:
   void hear(SFSpeechRecognitionResult* result, NSError* error) {
-    {
-      const std::lock_guard guard(lock_);
-      if (failure_) return;
-    }
+    if (failure_) return;
     std::optional<RecognitionResult> heard;
     std::optional<PlatformError> failure;
     if (result) heard = toRecognitionResult(result);
     if (error) failure = toPlatformError(error);
-    if (failure || (heard && heard->isFinal)) letGo();
+    if (failure || (heard && heard->isFinal)) end();
     handler_(std::move(heard), std::move(failure));
   }
 
-  // An error of our own, in the way in which the system gives its own. The task, if there is one, is given
-  // up.
-  void answerLater(const PlatformError& error) {
-    {
-      const std::lock_guard guard(lock_);
-      failure_ = error;
-    }
+  // In the way in which the system gives its own errors. The task, if there is one, is given up.
+  void answerFailure() {
     const auto self = shared_from_this();
     dispatch_async(dispatch_get_main_queue(), ^{
       const AutoreleasePool pool;
-      [self->letGo() cancel];
-      self->handler_(std::nullopt, error);
+      [self->task_ cancel];
+      self->handler_(std::nullopt, self->failure_);
     });
   }
 
-  std::mutex lock_;
-  ResultHandler handler_;  // constant once begun
-  SFSpeechRecognizer* recognizer_ = nil;
-  SFSpeechRecognitionTask* task_ = nil;
+  ResultHandler handler_;
+  __weak SFSpeechRecognitionTask* task_ = nil;
   std::optional<PlatformError> failure_;
-  bool hasBegun_ = false;
-  bool hasEnded_ = false;
+  bool hasEnded_ = false;  // or has been cancelled
 };
 
 class AppleRecognitionRequest final : public RecognitionRequest {
@@ -168,7 +136,7 @@ class AppleRecognitionTask final : public RecognitionTask {
 
   void cancel() override {
     const AutoreleasePool pool;
-    recognition_->letGo();
+    recognition_->end();
     [task_ cancel];
   }
 

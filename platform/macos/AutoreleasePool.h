@@ -1,19 +1,25 @@
-// A pool for the objects that Apple's frameworks hand out. Threads of our own have none, and objects would
-// leak there; on the main thread they would pile up until it next waits.
+// An autorelease pool for plain C++.
 #pragma once
 
-// Source: clang's documentation of Automatic Reference Counting, "Runtime support".
-extern "C" void* objc_autoreleasePoolPush();
-extern "C" void objc_autoreleasePoolPop(void* pool);
+extern "C" {
+
+// Of the Objective-C runtime (https://clang.llvm.org/docs/AutomaticReferenceCounting.html#runtime-support).
+// Weak, for programs without one.
+[[gnu::weak]] void* objc_autoreleasePoolPush();
+[[gnu::weak]] void objc_autoreleasePoolPop(void* pool);
+}
 
 namespace palaver {
 
-// Around each unit of work. Unlike a statement of Objective-C, it also ends when a C++ exception passes.
-// Nests; begins and ends on one thread.
+// What Objective-C code autoreleases on this thread while a pool lives is released at the pool's end; without
+// one it would be kept for as long as the thread lives. Pools of a thread end in the reverse order of their
+// making.
 class AutoreleasePool {
  public:
-  AutoreleasePool() : pool_(objc_autoreleasePoolPush()) {}
-  ~AutoreleasePool() { objc_autoreleasePoolPop(pool_); }
+  AutoreleasePool() : pool_(objc_autoreleasePoolPush ? objc_autoreleasePoolPush() : nullptr) {}
+  ~AutoreleasePool() {
+    if (objc_autoreleasePoolPop) objc_autoreleasePoolPop(pool_);
+  }
   AutoreleasePool(const AutoreleasePool&) = delete;
   AutoreleasePool& operator=(const AutoreleasePool&) = delete;
 

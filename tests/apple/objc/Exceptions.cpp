@@ -49,7 +49,7 @@ CaughtType& thrownType() {
 }
 
 __attribute__((constructor(102))) void prepare() {
-  constexpr std::size_t words = 9;  // offset to the top, type, and type_info's seven virtual functions
+  constexpr std::size_t words = 8;  // offset to the top, type, and type_info's six virtual functions
   void** const functions = *reinterpret_cast<void***>(&thrownType());
   std::memcpy(static_cast<void*>(objc_ehtype_vtable), static_cast<void*>(functions - 2),
               words * sizeof(void*));

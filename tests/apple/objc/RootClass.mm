@@ -3,8 +3,6 @@
 
 #include <Block.h>
 
-#include <initializer_list>
-
 #include "tests/apple/objc/Runtime.h"
 
 // What ARC keeps for itself.
@@ -101,6 +99,21 @@ palaver::objc::Class *classOf(Class which) { return reinterpret_cast<palaver::ob
 }
 @end
 
+// A block on the stack lives as long as its function, whoever retains it; only a copy outlives that.
+@interface PalaverStackBlock : PalaverBlock
+@end
+
+@implementation PalaverStackBlock
+- (instancetype)retain {
+  return self;
+}
+- (oneway void)release {
+}
+- (id)copy {
+  return static_cast<id>(Block_copy(reinterpret_cast<const void *>(self)));
+}
+@end
+
 extern "C" {
 
 // The Blocks runtime's: classes of its three kinds of blocks, and what it calls for the objects that blocks
@@ -124,8 +137,9 @@ palaver::objc::Object *objc_retainBlock(palaver::objc::Object *block) {
 
 // After the classes have been loaded.
 __attribute__((constructor(103))) static void makeBlocksObjects() {
-  for (auto *const kind : {_NSConcreteStackBlock, _NSConcreteMallocBlock, _NSConcreteGlobalBlock})
-    palaver::objc::impersonate(kind, classOf([PalaverBlock class]));
+  palaver::objc::impersonate(_NSConcreteStackBlock, classOf([PalaverStackBlock class]));
+  palaver::objc::impersonate(_NSConcreteMallocBlock, classOf([PalaverBlock class]));
+  palaver::objc::impersonate(_NSConcreteGlobalBlock, classOf([PalaverBlock class]));
   static const Block_callbacks_RR callbacks{
       sizeof callbacks,
       [](const void *held) { objc_retain(static_cast<palaver::objc::Object *>(const_cast<void *>(held))); },

@@ -238,6 +238,24 @@ TEST_F(ObjectiveC, ABlockKeepsWhatItUsesUntilItGoes) {
   EXPECT_EQ(calls, 16);
 }
 
+int callTwice(int (^block)()) {
+  int (^const kept)() = [block copy];
+  return block() + kept();
+}
+
+TEST_F(ObjectiveC, ABlockOnTheStackGoesWithItsFunction) {
+  const auto tracker = std::make_shared<Tracker>();
+  const std::weak_ptr<Tracker> watch = tracker;
+  RTAnimal *const captured = [[RTAnimal alloc] init];
+  {
+    const int sum = callTwice(^{
+      return captured->legs_ + static_cast<int>(tracker->text.size());
+    });
+    EXPECT_EQ(sum, 16);
+  }
+  EXPECT_EQ(watch.use_count(), 1);
+}
+
 TEST_F(ObjectiveC, ABlockWithAWeakReferenceKeepsNothing) {
   int (^block)() = nil;
   {

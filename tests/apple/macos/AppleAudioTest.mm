@@ -1,0 +1,403 @@
+// The adapters for AVFAudio, over the resampler and the sound files of Linux, and what AVFAudio is believed
+// to do beyond its documentation.
+#import <AVFAudio/AVFAudio.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "analyzer/BufferConverter.h"
+#include "platform/linux/SndfileAudioFile.h"
+#include "platform/linux/SpeexAudioConverter.h"
+#include "platform/macos/AppleAudioBuffers.h"
+#include "platform/macos/AppleAudioConverter.h"
+#include "platform/macos/AppleAudioFile.h"
+#import "platform/macos/AudioValues.h"
+#include "platform/macos/AutoreleasePool.h"
+#include "platform/posix/ThreadPoolTasks.h"
+#include "platform/simulated/Scheduler.h"
+#include "platform/simulated/SimulatedSpeechRecognition.h"
+#include "tests/apple/objc/Runtime.h"
+#include "tests/apple/support/FrameworkBehaviour.h"
+#include "tests/support/SoundFile.h"
+
+namespace palaver {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+AudioFormat mono(CommonFormat commonFormat, double sampleRate, bool interleaved = false) {
+  return {commonFormat, sampleRate, 1, interleaved};
+}
+
+// A rising ramp.
+std::shared_ptr<PCMBuffer> ramp(const AudioFormat& format, std::uint32_t frames, int from = 0) {
+  auto buffer = std::make_shared<PCMBuffer>(format, frames);
+  buffer->setFrameLength(frames);
+  for (std::uint32_t channel = 0; channel < (format.interleaved ? 1 : format.channelCount); ++channel)
+    for (std::uint32_t i = 0; i < frames * (format.interleaved ? format.channelCount : 1); ++i) {
+      const auto value =
+          static_cast<std::int16_t>(from + static_cast<int>(i) + 1000 * static_cast<int>(channel));
+      if (auto* const whole = buffer->int16ChannelData(channel)) whole[i] = value;
+      if (auto* const real = buffer->floatChannelData(channel)) real[i] = static_cast<float>(value) / 32768;
+    }
+  return buffer;
+}
+
+std::size_t alive(Class of) { return objc::liveObjects((__bridge objc::Class*)of); }
+
+class AppleAudio : public testing::Test {
+ protected:
+  AppleAudio() { std::filesystem::create_directories(directory_); }
+  ~AppleAudio() override {
+    std::filesystem::remove_all(directory_);
+    EXPECT_EQ(alive([NSObject class]), 0U);
+  }
+
+  Quirks& quirks() { return behaviour_.quirks; }
+  std::string write(const SoundFileDescription& description, const std::string& name = "ton 音.wav") const {
+    writeSoundFile(directory_ / name, description);
+    return directory_ / name;
+  }
+  // The message of the error that opening or reading gives.
+  static std::string failure(const std::function<void()>& attempt) {
+    try {
+      attempt();
+    } catch (const PlatformError& error) {
+      return error.domain() + ": " + error.what();
+    }
+    return "";
+  }
+
+  const std::filesystem::path directory_ = std::filesystem::path(testing::TempDir()) /
+                                           testing::UnitTest::GetInstance()->current_test_info()->name();
+  Scheduler scheduler_;
+  SimulatedSpeechRecognition recognition_{scheduler_, {}};
+  SpeexAudioConverters speexConverters_;
+  SndfileAudioFiles sndfiles_;
+  FrameworkBehaviour behaviour_{recognition_, speexConverters_, sndfiles_, {15, 0, 0}};
+  AppleAudioBuffers buffers_;
+  AppleAudioConverters converters_;
+  AppleAudioFiles files_;
+};
+
+// --- Formats and buffers ---
+
+TEST_F(AppleAudio, FormatsAreThoseOfTheSystem) {
+  EXPECT_EQ(buffers_.makeFormat(CommonFormat::int16, 16000, 1, false), mono(CommonFormat::int16, 16000));
+  const auto stereo = buffers_.makeFormat(CommonFormat::float32, 48000, 2, true);
+  ASSERT_TRUE(stereo);
+  EXPECT_TRUE(stereo->interleaved);
+  EXPECT_EQ(stereo->channelCount, 2U);
+  EXPECT_FALSE(buffers_.makeFormat(CommonFormat::int16, 16000, 3, false)) << "that needs a layout";
+  EXPECT_FALSE(buffers_.makeFormat(CommonFormat::other, 16000, 1, false));
+  EXPECT_FALSE(buffers_.makeFormat(CommonFormat::int16, 0, 1, false));
+  EXPECT_FALSE(buffers_.makeFormat(CommonFormat::int16, std::numeric_limits<double>::quiet_NaN(), 1, false));
+  EXPECT_FALSE(buffers_.makeFormat(CommonFormat::int16, 16000, 0, false));
+}
+
+TEST_F(AppleAudio, BuffersAreEmptyAndOfTheSizeAskedFor) {
+  const auto buffer = buffers_.makeBuffer(mono(CommonFormat::int16, 16000), 1600);
+  ASSERT_TRUE(buffer);
+  EXPECT_EQ(buffer->frameCapacity(), 1600U);
+  EXPECT_EQ(buffer->frameLength(), 0U);
+  EXPECT_TRUE(buffers_.makeBuffer(mono(CommonFormat::int16, 16000), 0));
+  EXPECT_FALSE(buffers_.makeBuffer(mono(CommonFormat::int16, 16000), 0x80000000)) << "4 GiB";
+}
+
+TEST_F(AppleAudio, SamplesAreSharedAndNotCopied) {
+  const AutoreleasePool pool;
+  for (const bool interleaved : {false, true})
+    for (const auto type : {CommonFormat::int16, CommonFormat::float32})
+      for (const std::uint32_t channels : {1U, 2U}) {
+        const AudioFormat format{type, 16000, channels, interleaved};
+        const auto buffer = ramp(format, 100);
+        AVAudioPCMBuffer* const wrapped = wrap(buffer, toAVAudioFormat(format));
+        ASSERT_NE(wrapped, nil);
+        EXPECT_EQ(wrapped.frameLength, 100U);
+        EXPECT_EQ(wrapped.frameCapacity, 100U);
+        for (std::uint32_t channel = 0; channel < (interleaved ? 1 : channels); ++channel) {
+          if (type == CommonFormat::int16)
+            EXPECT_EQ(wrapped.int16ChannelData[channel], buffer->int16ChannelData(channel));
+          else
+            EXPECT_EQ(wrapped.floatChannelData[channel], buffer->floatChannelData(channel));
+        }
+      }
+}
+
+TEST_F(AppleAudio, OnlyTheFramesInUseAreShown) {
+  const AutoreleasePool pool;
+  const auto buffer = ramp(mono(CommonFormat::int16, 16000), 100);
+  buffer->setFrameLength(40);
+  EXPECT_EQ(wrap(buffer, toAVAudioFormat(buffer->format())).frameLength, 40U);
+}
+
+TEST_F(AppleAudio, ABufferIsKeptAsLongAsTheSystemsIsThere) {
+  auto buffer = ramp(mono(CommonFormat::int16, 16000), 100);
+  const std::weak_ptr<PCMBuffer> watch = buffer;
+  AVAudioPCMBuffer* wrapped = nil;
+  {
+    const AutoreleasePool pool;
+    AVAudioFormat* const format = toAVAudioFormat(buffer->format());
+    wrapped = wrap(std::move(buffer), format);
+  }
+  EXPECT_FALSE(watch.expired());
+  EXPECT_EQ(wrapped.int16ChannelData[0][99], 99);
+  wrapped = nil;
+  EXPECT_TRUE(watch.expired());
+}
+
+TEST_F(AppleAudio, ABufferThatCannotBeWrappedIsLetGo) {
+  const AutoreleasePool pool;
+  auto buffer = ramp(mono(CommonFormat::int16, 16000), 100);
+  const std::weak_ptr<PCMBuffer> watch = buffer;
+  AVAudioFormat* const format = toAVAudioFormat(buffer->format());
+  quirks().refusesForeignMemory = true;
+  EXPECT_EQ(wrap(std::move(buffer), format), nil);
+  EXPECT_TRUE(watch.expired());
+  EXPECT_EQ(wrap(ramp(mono(CommonFormat::int16, 16000), 0), format), nil) << "no room";
+  EXPECT_EQ(wrap(std::make_shared<PCMBuffer>(mono(CommonFormat::float64, 16000), 10), format), nil);
+}
+
+// --- The converter ---
+
+// Converts a stream of one-hundred-frame chunks; the statuses, and the frames of each.
+struct Converted {
+  std::vector<ConverterOutputStatus> statuses;
+  std::vector<std::int16_t> samples;
+};
+
+Converted convertChunks(AudioConverter& converter, const std::vector<std::shared_ptr<PCMBuffer>>& chunks) {
+  Converted converted;
+  for (const auto& chunk : chunks) {
+    PCMBuffer output(converter.outputFormat(), 1000);
+    std::optional<PlatformError> error;
+    bool given = false;
+    converted.statuses.push_back(converter.convert(output, error, [&](ConverterInputStatus& status) {
+      status = given ? ConverterInputStatus::noDataNow : ConverterInputStatus::haveData;
+      return std::exchange(given, true) ? nullptr : chunk;
+    }));
+    EXPECT_FALSE(error);
+    for (std::uint32_t i = 0; i < output.frameLength(); ++i)
+      converted.samples.push_back(output.int16ChannelData()[i]);
+  }
+  return converted;
+}
+
+TEST_F(AppleAudio, AStreamIsConvertedAsWithoutTheFrameworks) {
+  const auto from = mono(CommonFormat::int16, 48000), to = mono(CommonFormat::int16, 16000);
+  std::vector<std::shared_ptr<PCMBuffer>> chunks;
+  for (int i = 0; i < 30; ++i) chunks.push_back(ramp(from, 100, i * 100));
+  const auto direct = convertChunks(*speexConverters_.makeConverter(from, to), chunks);
+  const auto apple = converters_.makeConverter(from, to);
+  ASSERT_TRUE(apple);
+  EXPECT_EQ(apple->inputFormat(), from);
+  EXPECT_EQ(apple->outputFormat(), to);
+  apple->setPrimeMethod(ConverterPrimeMethod::none);
+  const auto converted = convertChunks(*apple, chunks);
+  EXPECT_EQ(converted.samples, direct.samples);
+  EXPECT_GT(converted.samples.size(), 900U);
+  // Running dry is how a call ends that was given its one buffer.
+  for (const auto status : converted.statuses) EXPECT_EQ(status, ConverterOutputStatus::inputRanDry);
+}
+
+TEST_F(AppleAudio, ABufferWithoutFramesDoesNotEndTheStream) {
+  const auto from = mono(CommonFormat::int16, 16000), to = mono(CommonFormat::int16, 16000);
+  const auto converter = converters_.makeConverter(from, to);
+  const auto converted =
+      convertChunks(*converter, {ramp(from, 3, 1), std::make_shared<PCMBuffer>(from, 0), ramp(from, 3, 4)});
+  EXPECT_THAT(converted.samples, ElementsAre(1, 2, 3, 4, 5, 6));
+}
+
+TEST_F(AppleAudio, TheEndOfTheStreamIsPassedOn) {
+  const auto format = mono(CommonFormat::int16, 16000);
+  const auto converter = converters_.makeConverter(format, format);
+  PCMBuffer output(format, 10);
+  std::optional<PlatformError> error;
+  EXPECT_EQ(converter->convert(output, error,
+                               [](ConverterInputStatus& status) {
+                                 status = ConverterInputStatus::endOfStream;
+                                 return nullptr;
+                               }),
+            ConverterOutputStatus::endOfStream);
+}
+
+TEST_F(AppleAudio, InterleavingOfOneChannelDoesNotCount) {
+  const auto converter = converters_.makeConverter(mono(CommonFormat::int16, 16000, false),
+                                                   mono(CommonFormat::int16, 16000, true));
+  const auto converted = convertChunks(*converter, {ramp(mono(CommonFormat::int16, 16000, true), 3)});
+  EXPECT_THAT(converted.samples, ElementsAre(0, 1, 2));
+  // The analyzer's own format, as Macs report it, needs no conversion at all.
+  EXPECT_EQ(mono(CommonFormat::int16, 16000, true), mono(CommonFormat::int16, 16000, false));
+}
+
+TEST_F(AppleAudio, WhatDoesNotFitWaitsForTheNextCall) {
+  const auto format = mono(CommonFormat::int16, 16000);
+  const auto converter = converters_.makeConverter(format, format);
+  int asked = 0;
+  const auto once = [&](ConverterInputStatus& status) -> std::shared_ptr<const PCMBuffer> {
+    status = asked == 0 ? ConverterInputStatus::haveData : ConverterInputStatus::noDataNow;
+    return asked++ == 0 ? ramp(format, 100) : nullptr;
+  };
+  PCMBuffer small(format, 60);
+  std::optional<PlatformError> error;
+  EXPECT_EQ(converter->convert(small, error, once), ConverterOutputStatus::haveData);
+  EXPECT_EQ(small.frameLength(), 60U);
+  EXPECT_EQ(converter->convert(small, error, once), ConverterOutputStatus::inputRanDry);
+  EXPECT_EQ(small.frameLength(), 40U);
+  EXPECT_EQ(small.int16ChannelData()[0], 60);
+}
+
+TEST_F(AppleAudio, WhatTheSystemRaisesIsAnErrorOfTheConversion) {
+  const auto format = mono(CommonFormat::int16, 16000);
+  const auto converter = converters_.makeConverter(format, mono(CommonFormat::float32, 48000));
+  PCMBuffer output(converter->outputFormat(), 300);
+  std::optional<PlatformError> error;
+  const auto wrongInput = [](ConverterInputStatus& status) {
+    status = ConverterInputStatus::haveData;
+    return ramp(mono(CommonFormat::float32, 16000), 10);
+  };
+  EXPECT_EQ(converter->convert(output, error, wrongInput), ConverterOutputStatus::error);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), "com.apple.coreaudio.avfaudio");
+  EXPECT_THAT(error->localizedDescription(), HasSubstr("_inputFormat"));
+  EXPECT_EQ(output.frameLength(), 0U);
+
+  quirks().convertRaises = "required condition is false: something";
+  EXPECT_EQ(converter->convert(output, error, wrongInput), ConverterOutputStatus::error);
+  EXPECT_EQ(error->localizedDescription(), "required condition is false: something");
+}
+
+TEST_F(AppleAudio, ABufferThatTheSystemRefusesIsAnErrorOfTheConversion) {
+  const auto format = mono(CommonFormat::int16, 16000);
+  const auto converter = converters_.makeConverter(format, format);
+  quirks().refusesForeignMemory = true;
+  PCMBuffer output(format, 10);
+  std::optional<PlatformError> error;
+  EXPECT_EQ(converter->convert(output, error, [](ConverterInputStatus&) { return nullptr; }),
+            ConverterOutputStatus::error);
+  EXPECT_TRUE(error);
+}
+
+TEST_F(AppleAudio, AnExceptionOfTheInputPassesAroundTheSystem) {
+  const auto format = mono(CommonFormat::int16, 16000);
+  const auto converter = converters_.makeConverter(format, format);
+  PCMBuffer output(format, 10);
+  std::optional<PlatformError> error;
+  EXPECT_THROW(converter->convert(
+                   output, error,
+                   [](ConverterInputStatus&) -> std::shared_ptr<const PCMBuffer> { throw std::bad_alloc(); }),
+               std::bad_alloc);
+  EXPECT_THAT(convertChunks(*converter, {ramp(format, 3)}).samples, ElementsAre(0, 1, 2)) << "and it goes on";
+}
+
+TEST_F(AppleAudio, APairOfFormatsThatCannotBeConvertedHasNoConverter) {
+  const auto format = mono(CommonFormat::int16, 16000);
+  EXPECT_FALSE(converters_.makeConverter(format, {CommonFormat::int16, 16000, 2, false}));
+  EXPECT_FALSE(converters_.makeConverter({CommonFormat::int16, 16000, 6, false}, format));
+}
+
+// The converter of a channel, on threads that have no pool of their own.
+TEST_F(AppleAudio, ChannelsConvertOnThreadsOfOurOwn) {
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 3; ++thread)
+    threads.emplace_back([this] {
+      BufferConverter converter(buffers_, converters_);
+      std::uint64_t frames = 0;
+      for (int i = 0; i < 50; ++i)
+        frames +=
+            converter.convert(ramp(mono(CommonFormat::int16, 16000), 1600), mono(CommonFormat::int16, 48000))
+                ->frameLength();
+      EXPECT_GT(frames, 50U * 4800 - 1000);
+      EXPECT_LE(frames, 50U * 4800);
+    });
+  for (auto& thread : threads) thread.join();
+}
+
+// --- Sound files ---
+
+TEST_F(AppleAudio, AFileIsReadToItsEnd) {
+  for (const int channels : {1, 2, 6}) {
+    const auto file = files_.openForReading(write({"wav", "int16", 44100, channels, 10000, 0.25}));
+    EXPECT_EQ(file->processingFormat(),
+              (AudioFormat{CommonFormat::float32, 44100, static_cast<std::uint32_t>(channels), false}));
+    EXPECT_EQ(file->length(), 10000);
+    const auto direct = sndfiles_.openForReading(directory_ / "ton 音.wav");
+    std::vector<std::uint32_t> lengths;
+    while (file->framePosition() < file->length()) {
+      PCMBuffer buffer(file->processingFormat(), 4000), expected(file->processingFormat(), 4000);
+      file->read(buffer);
+      direct->read(expected);
+      lengths.push_back(buffer.frameLength());
+      for (std::uint32_t channel = 0; channel < static_cast<std::uint32_t>(channels); ++channel)
+        for (std::uint32_t i = 0; i < buffer.frameLength(); ++i)
+          ASSERT_EQ(buffer.floatChannelData(channel)[i], expected.floatChannelData(channel)[i]);
+    }
+    EXPECT_THAT(lengths, ElementsAre(4000, 4000, 2000));
+    EXPECT_EQ(file->framePosition(), 10000);
+  }
+}
+
+// The system would fail there, and not say why.
+TEST_F(AppleAudio, ReadingAtTheEndGivesNothing) {
+  const auto file = files_.openForReading(write({"wav", "int16", 16000, 1, 5, 0}));
+  PCMBuffer buffer(file->processingFormat(), 10);
+  file->read(buffer);
+  EXPECT_EQ(buffer.frameLength(), 5U);
+  file->read(buffer);
+  EXPECT_EQ(buffer.frameLength(), 0U);
+  PCMBuffer none(file->processingFormat(), 0);
+  file->read(none);
+  const auto empty = files_.openForReading(write({"wav", "int16", 16000, 1, 0, 0}));
+  buffer.setFrameLength(10);
+  empty->read(buffer);
+  EXPECT_EQ(buffer.frameLength(), 0U);
+}
+
+TEST_F(AppleAudio, AFailureWithoutAnErrorHasAClearText) {
+  quirks().overstatedLength = 100;
+  const auto file = files_.openForReading(write({"wav", "int16", 16000, 1, 5, 0}));
+  PCMBuffer buffer(file->processingFormat(), 10);
+  file->read(buffer);
+  EXPECT_EQ(buffer.frameLength(), 5U);
+  EXPECT_EQ(failure([&] { file->read(buffer); }),
+            "PalaverSTT: The sound file cannot be read any further; the system gives no reason");
+  EXPECT_EQ(buffer.frameLength(), 0U);
+  quirks().opensNothingWithoutError = true;
+  EXPECT_EQ(failure([&] { files_.openForReading("anything"); }),
+            "PalaverSTT: The sound file cannot be opened; the system gives no reason");
+}
+
+TEST_F(AppleAudio, WhatIsNoSoundFileIsRefusedAsTheSystemPutsIt) {
+  std::ofstream(directory_ / "text") << "this is no sound";
+  for (const auto* const name : {"text", "missing", ""}) {
+    const auto path = directory_ / name;
+    const auto expected = failure([&] { sndfiles_.openForReading(path); });
+    EXPECT_FALSE(expected.empty());
+    EXPECT_EQ(failure([&] { files_.openForReading(path); }), expected) << name;
+  }
+}
+
+TEST_F(AppleAudio, ABufferOfAnotherFormatThanTheFileIsRefused) {
+  const auto file = files_.openForReading(write({"wav", "int16", 16000, 1, 5, 0}));
+  PCMBuffer buffer(mono(CommonFormat::int16, 16000), 10);
+  EXPECT_THAT(failure([&] { file->read(buffer); }), HasSubstr("another format"));
+}
+
+TEST_F(AppleAudio, ABufferThatTheSystemRefusesIsAnErrorOfTheReading) {
+  const auto file = files_.openForReading(write({"wav", "int16", 16000, 1, 5, 0}));
+  PCMBuffer buffer(file->processingFormat(), 10);
+  quirks().refusesForeignMemory = true;
+  EXPECT_THAT(failure([&] { file->read(buffer); }), HasSubstr("cannot make an audio buffer"));
+}
+
+}  // namespace
+}  // namespace palaver
