@@ -268,7 +268,7 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
   void yield(std::int64_t number, std::shared_ptr<const PCMBuffer> buffer) {
     const auto analyzer = find(analyzers_, number);
     if (!analyzer) return;
-    {
+    if (buffer->frameLength() > 0) {
       const std::lock_guard guard(lock_);
       fed_.insert(number);
     }
@@ -400,6 +400,8 @@ using palaver::AnalysisSeam;
 
 namespace {
 
+std::mutex samplesLock;
+
 palaver::QuestionPointer ask(AnalysisSeamCompletion completion, void* context) {
   return std::make_shared<palaver::Question>(completion, context);
 }
@@ -481,8 +483,11 @@ void analysisSeamYield(int64_t analyzer, const AnalysisSeamFormat* format, const
   const auto buffer = std::make_shared<palaver::PCMBuffer>(palaver::toFormat(*format), frames);
   const std::size_t runs = format->interleaved ? 1 : format->channelCount;
   const std::size_t samples = frames * (format->interleaved ? format->channelCount : std::size_t{1});
-  for (std::uint32_t run = 0; run < runs; ++run)
-    std::memcpy(buffer->int16ChannelData(run), channels[run], samples * sizeof(std::int16_t));
+  {
+    const std::lock_guard guard(samplesLock);
+    for (std::uint32_t run = 0; run < runs; ++run)
+      std::memcpy(buffer->int16ChannelData(run), channels[run], samples * sizeof(std::int16_t));
+  }
   buffer->setFrameLength(frames);
   AnalysisSeam::with([&](auto& seam) { seam.yield(analyzer, buffer); });
 }
@@ -499,6 +504,15 @@ void analysisSeamFinish(int64_t analyzer, AnalysisSeamCompletion completion, voi
 void analysisSeamCancel(int64_t analyzer, AnalysisSeamCompletion completion, void* context) {
   const auto question = ask(completion, context);
   AnalysisSeam::with([&](auto& seam) { seam.cancel(analyzer, question); });
+}
+
+void* analysisSeamAllocateSamples(size_t bytes) {
+  return std::calloc(bytes, 1);
+}
+
+void analysisSeamFreeSamples(void* samples) {
+  const std::lock_guard guard(samplesLock);
+  std::free(samples);
 }
 
 void analysisSeamForget(int64_t handle) {
