@@ -87,6 +87,7 @@ void RecordingOutput::write(std::string_view bytes) {
 std::optional<AudioFormat> SimulatedAudioBuffers::makeFormat(CommonFormat commonFormat, double sampleRate,
                                                              std::uint32_t channels, bool interleaved) {
   if (fault_ == Fault::noFormat) return std::nullopt;
+  if (working_) return working_->makeFormat(commonFormat, sampleRate, channels, interleaved);
   return AudioFormat{commonFormat, sampleRate, channels, interleaved};
 }
 
@@ -97,6 +98,7 @@ std::shared_ptr<PCMBuffer> SimulatedAudioBuffers::makeBuffer(const AudioFormat& 
     return nullptr;
   AudioFormat made = format;
   if (fault_ == Fault::noSamples) made.commonFormat = CommonFormat::float32;
+  if (working_) return working_->makeBuffer(made, frameCapacity);
   return std::make_shared<PCMBuffer>(made, frameCapacity);
 }
 

@@ -121,7 +121,7 @@ class RecordingOutput final : public OutputStream {
   std::string rest_;
 };
 
-// Buffers in memory, refused in one of several ways.
+// Buffers, refused in one of several ways.
 class SimulatedAudioBuffers final : public AudioBuffers {
  public:
   enum class Fault {
@@ -133,6 +133,11 @@ class SimulatedAudioBuffers final : public AudioBuffers {
     noOtherFormat,  // no buffer can be allocated but in the format of decoded payloads
   };
 
+  // Those of memory, when they are not refused.
+  SimulatedAudioBuffers() = default;
+  // Those of another platform, which must outlive this.
+  explicit SimulatedAudioBuffers(AudioBuffers& working) : working_(&working) {}
+
   std::optional<AudioFormat> makeFormat(CommonFormat commonFormat, double sampleRate, std::uint32_t channels,
                                         bool interleaved) override;
   std::shared_ptr<PCMBuffer> makeBuffer(const AudioFormat& format, std::uint32_t frameCapacity) override;
@@ -141,6 +146,7 @@ class SimulatedAudioBuffers final : public AudioBuffers {
   void setFault(Fault fault) { fault_ = fault; }
 
  private:
+  AudioBuffers* const working_ = nullptr;
   std::atomic<Fault> fault_ = Fault::none;
 };
 

@@ -4,6 +4,7 @@
 
 #include "tests/simulator/AnalysisSteps.h"
 #include "tests/simulator/Conversation.h"
+#include "tests/simulator/ScenarioDifferences.h"
 
 namespace palaver {
 
@@ -67,8 +68,8 @@ void readSettings(ObjectReader& reader, Scenario& scenario) {
 
 }  // namespace
 
-Scenario readScenario(const std::filesystem::path& path) {
-  const JSON file = readJSONFile(path);
+Scenario readScenario(const std::filesystem::path& path, const JSON& changes) {
+  const JSON file = changed(readJSONFile(path), changes, path.filename().string());
   ObjectReader reader(file, path.filename().string());
   Scenario scenario;
   if (const auto title = reader.text("title")) {

@@ -52,7 +52,7 @@ struct Scenario {
   std::vector<ScenarioFile> files;
 };
 
-// Reads and validates a scenario. Throws FileError.
-Scenario readScenario(const std::filesystem::path& path);
+// Reads and validates a scenario, with changes as those of ScenarioDifferences. Throws FileError.
+Scenario readScenario(const std::filesystem::path& path, const JSON& changes = JSON::object());
 
 }  // namespace palaver

@@ -1,4 +1,5 @@
 // PalaverSTTSimulator: the helper on a simulated machine, for tests.
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -6,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "tests/simulator/ScenarioDifferences.h"
 #include "tests/simulator/ScenarioRunner.h"
 #include "tests/simulator/live.h"
 #include "tests/simulator/stepped/Converse.h"
@@ -18,9 +20,9 @@ namespace {
 constexpr const char* usage =
     "Usage: PalaverSTTSimulator run FILE...\n"
     "         plays scenarios in virtual time; exit status 1 when one fails\n"
-    "       PalaverSTTSimulator converse FILE -- PROGRAM [ARGUMENT...]\n"
+    "       PalaverSTTSimulator converse FILE [DIFFERENCES] -- PROGRAM [ARGUMENT...]\n"
     "         plays a scenario against a program in stepped time; exit status 1 when it fails, 77 when it\n"
-    "         cannot be played so\n"
+    "         cannot be played so. DIFFERENCES says where the program is meant to do otherwise\n"
     "       PalaverSTTSimulator stepped [HELPER ARGUMENT...]\n"
     "         is such a program: the helper on this machine's threads and streams, the rest simulated\n"
     "       PalaverSTTSimulator live STATE [HELPER ARGUMENT...]\n"
@@ -57,24 +59,24 @@ int run(std::span<char*> paths) {
   return failures == 0 ? 0 : 1;
 }
 
-int converseWith(std::span<char*> arguments) {
+// `files`: the scenario, and the differences if there are any.
+int converseWith(std::span<char*> files, std::span<char*> command) {
   constexpr int skippedStatus = 77;  // as test drivers know it
   std::signal(SIGPIPE, SIG_IGN);
-  const std::filesystem::path path(arguments.front());
+  const std::filesystem::path path(files.front());
   const auto name = path.stem().string();
   try {
-    const auto command = arguments.subspan(2);
-    const auto outcome = converse(readScenario(path), {command.begin(), command.end()});
-    const auto& failure = outcome.report;
-    std::printf("%s %s\n%s",
-                outcome.skipped ? "skipped"
-                : failure       ? "FAILED"
-                                : "passed",
-                name.c_str(),
-                outcome.skipped ? ("  " + *outcome.skipped + "\n").c_str() : failure.value_or("").c_str());
-    if (outcome.skipped) return skippedStatus;
+    const auto differences = files.size() > 1 ? ScenarioDifferences(files[1]) : ScenarioDifferences();
+    const auto difference = differences.of(name);
+    const auto scenario = readScenario(path, difference ? difference->changes : JSON::object());
+    const auto [skipped, failure] = converse(scenario, {command.begin(), command.end()});
+    std::printf("%s %s\n", skipped ? "skipped" : failure ? "FAILED" : "passed", name.c_str());
+    if (difference) std::printf("  with a difference: %s\n", difference->reason.c_str());
+    if (skipped) std::printf("  %s\n", skipped->c_str());
+    if (failure) std::printf("%s", failure->c_str());
+    if (skipped) return skippedStatus;
     return failure ? 1 : 0;
-  } catch (const std::exception& error) {  // of the file, or of starting the program
+  } catch (const std::exception& error) {  // of the files, or of starting the program
     std::printf("FAILED %s\n  %s\n", name.c_str(), error.what());
     return 1;
   }
@@ -88,8 +90,13 @@ int main(int argumentCount, char** arguments) {
   const std::span all(arguments, static_cast<std::size_t>(argumentCount));
   const std::string_view mode = all.size() > 1 ? all[1] : "";
   if (mode == "run" && all.size() > 2) return palaver::run(all.subspan(2));
-  if (mode == "converse" && all.size() > 4 && std::string_view(all[3]) == "--")
-    return palaver::converseWith(all.subspan(2));
+  if (mode == "converse") {
+    const auto words = all.subspan(2);
+    const auto separator = std::find(words.begin(), words.end(), std::string_view("--"));
+    const auto files = words.first(static_cast<std::size_t>(separator - words.begin()));
+    if ((files.size() == 1 || files.size() == 2) && words.end() - separator > 1)
+      return palaver::converseWith(files, {separator + 1, words.end()});
+  }
   if (mode == "stepped") palaver::runStepped(all.subspan(2));
   if (mode == "live" && all.size() > 2) return palaver::live(all.subspan(2));
   if (mode == "analyzer") palaver::runLiveAnalyzer(all.subspan(2));

@@ -21,14 +21,16 @@ constexpr int internalError = 70;  // EX_SOFTWARE of sysexits.h
 
 }  // namespace
 
-ControlServer::ControlServer() {
+ControlServer& ControlServer::connect() {
   const char* const number = std::getenv(controlVariable);
   char* end = nullptr;
   const long descriptor = number ? std::strtol(number, &end, 10) : -1;
-  if (!number || *number == '\0' || *end != '\0' || ::fcntl(static_cast<int>(descriptor), F_GETFD) < 0)
-    throw std::runtime_error(std::string(controlVariable) + " must hold the number of an open descriptor");
-  descriptor_ = static_cast<int>(descriptor);
-  ::fcntl(descriptor_, F_SETFD, FD_CLOEXEC);
+  if (!number || *number == '\0' || *end != '\0' || ::fcntl(static_cast<int>(descriptor), F_GETFD) < 0) {
+    std::fprintf(stderr, "%s must hold the number of an open descriptor.\n", controlVariable);
+    std::exit(2);
+  }
+  ::fcntl(static_cast<int>(descriptor), F_SETFD, FD_CLOEXEC);
+  return *new ControlServer(static_cast<int>(descriptor));  // its thread uses it until the process ends
 }
 
 void ControlServer::fail(const std::string& why) {

@@ -35,9 +35,9 @@ class ControlServer {
     double startsAt = 0;  // ms since the Unix epoch
   };
 
-  // Takes the channel from the environment. Throws std::runtime_error when there is none. Lives until the
-  // process ends.
-  ControlServer();
+  // Takes the channel from the environment. It serves until the process ends, which it does at once, with a
+  // line on standard error and status 2, when there is no channel. Main thread, once.
+  static ControlServer& connect();
 
   // Waits for the first request. Every failure below ends the process with status 70, after a line on
   // standard error: there is nobody else to tell.
@@ -54,6 +54,8 @@ class ControlServer {
   void tellEnd(int status);
 
  private:
+  explicit ControlServer(int descriptor) : descriptor_(descriptor) {}
+
   std::optional<std::string> readLine();
   JSON readRequest();
   void answer(const JSON& value);
@@ -61,7 +63,7 @@ class ControlServer {
   JSON report();
   [[noreturn]] void fail(const std::string& why);
 
-  int descriptor_ = -1;
+  const int descriptor_;
   std::string unread_;
   std::mutex writing_;
   ControlledMachine* machine_ = nullptr;
