@@ -186,10 +186,11 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
   }
 
   bool waitForPreparedAnalyzers(std::size_t count) const {
-    return waitFor([&] { return prepared_.size() == count; });
+    return waitFor(std::chrono::seconds(60), [&] { return prepared_.size() == count; });
   }
-  bool waitForObjects(std::size_t count) const {
-    return waitFor([&] { return transcribers_.size() + analyzers_.size() + installations_.size() == count; });
+  bool waitForObjects(std::size_t count, std::chrono::milliseconds deadline) const {
+    return waitFor(deadline,
+                   [&] { return transcribers_.size() + analyzers_.size() + installations_.size() == count; });
   }
   bool losesUnreadResults() const { return quirks_.unreadResultsAreLost; }
   SpeechAnalysis& analysis() { return analysis_; }
@@ -323,8 +324,7 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
   }
 
   template <typename Condition>
-  static bool waitFor(Condition condition) {
-    constexpr auto deadline = std::chrono::seconds(60);
+  static bool waitFor(std::chrono::milliseconds deadline, Condition condition) {
     std::unique_lock lock(lock_);
     return changed_.wait_for(lock, deadline, condition);
   }
@@ -388,8 +388,8 @@ bool AnalysisBehaviour::waitForPreparedAnalyzers(std::size_t count) const {
   return seam_->waitForPreparedAnalyzers(count);
 }
 
-bool AnalysisBehaviour::waitForObjects(std::size_t count) const {
-  return seam_->waitForObjects(count);
+bool AnalysisBehaviour::waitForObjects(std::size_t count, std::chrono::milliseconds deadline) const {
+  return seam_->waitForObjects(count, deadline);
 }
 
 }  // namespace palaver
