@@ -80,6 +80,8 @@ class HostSessionTest : public ::testing::Test {
     configuration.helper = {PALAVER_FAKE_HELPER, manner};
     configuration.speed = 20;
     configuration.limits.settle = 100;
+    // How fast the machine is does not matter here.
+    configuration.limits.finals = configuration.limits.stopped = configuration.limits.stall = 120'000;
     return configuration;
   }
 
