@@ -48,4 +48,9 @@ Platform& makePlatform(int argumentCount, char** arguments) {
   return linuxPlatform.platform;
 }
 
+const Responsibility& machineResponsibility() {
+  static const AbsentResponsibility responsibility;
+  return responsibility;
+}
+
 }  // namespace palaver

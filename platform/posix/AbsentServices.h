@@ -1,9 +1,10 @@
 // What this system does not have: stream-based speech analysis, and with it the reading of sound files for
-// it.
+// it; and the attribution of what a process does to the app that started it.
 #pragma once
 
 #include "platform/AudioConverter.h"
 #include "platform/AudioFile.h"
+#include "platform/Responsibility.h"
 #include "platform/SpeechAnalysis.h"
 
 namespace palaver {
@@ -51,6 +52,12 @@ class AbsentAudioFiles final : public AudioFiles {
   std::unique_ptr<AudioFile> openForReading(const std::string&) override {
     throw PlatformError("PalaverSTT", -1, "Sound files cannot be read on this system");
   }
+};
+
+class AbsentResponsibility final : public Responsibility {
+ public:
+  SetDisclaim findSetDisclaim() const override { return nullptr; }
+  std::optional<std::string> executablePath() const override { return std::nullopt; }
 };
 
 }  // namespace palaver

@@ -1,38 +1,11 @@
 #include "platform/posix/ThreadedMainQueue.h"
 
 #include <cassert>
-#include <chrono>
 #include <utility>
 
+#include "platform/posix/ThreadSemaphore.h"
+
 namespace palaver {
-
-namespace {
-
-class ThreadSemaphore final : public Semaphore {
- public:
-  void signal() override {
-    {
-      const std::lock_guard guard(lock_);
-      ++count_;
-    }
-    signalled_.notify_one();
-  }
-
-  bool wait(double timeoutMilliseconds) override {
-    std::unique_lock guard(lock_);
-    const auto timeout = std::chrono::duration<double, std::milli>(timeoutMilliseconds);
-    if (!signalled_.wait_for(guard, timeout, [this] { return count_ > 0; })) return false;
-    --count_;
-    return true;
-  }
-
- private:
-  std::mutex lock_;
-  std::condition_variable signalled_;
-  int count_ = 0;
-};
-
-}  // namespace
 
 void ThreadedMainQueue::async(Job job) {
   bool wasIdle;

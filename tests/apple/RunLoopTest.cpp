@@ -28,9 +28,14 @@ class RunLoopTest : public testing::Test {
     CFRelease(mode_);
   }
 
-  // Another thread's answer on the dispatch main queue, as a recognizer gives it; it has been queued on return.
+  // Another thread's answer on the dispatch main queue, as a recognizer gives it; it has been queued on
+  // return.
   void answer() {
-    std::thread([this] { dispatch_async(dispatch_get_main_queue(), ^{ answered_ = true; }); }).join();
+    std::thread([this] {
+      dispatch_async(dispatch_get_main_queue(), ^{
+        answered_ = true;
+      });
+    }).join();
   }
   // Runs the default mode until the answer is heard, or it has shown that it handles nothing.
   bool hearInSlices() {
@@ -38,9 +43,7 @@ class RunLoopTest : public testing::Test {
       CFRunLoopRunInMode(kCFRunLoopDefaultMode, 0.02, true);
     return answered_;
   }
-  void runUntilStopped() {
-    EXPECT_EQ(CFRunLoopRunInMode(mode_, secondsAtMost, false), kCFRunLoopRunStopped);
-  }
+  void runUntilStopped() { EXPECT_EQ(CFRunLoopRunInMode(mode_, secondsAtMost, false), kCFRunLoopRunStopped); }
 
   CFRunLoopRef loop_ = CFRunLoopGetMain();
   CFStringRef mode_ = CFStringCreateWithCString(nullptr, "RunLoopTest", kCFStringEncodingUTF8);

@@ -112,8 +112,9 @@ HelperProcess::HelperProcess(const Options& options) {
   std::vector<std::string> arguments{options.argument0};
   arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
   std::vector<std::string> environment = options.environment;
-  const int failure = ::posix_spawn(&pid_, PALAVER_HELPER_PATH, &actions, &attributes,
-                                    pointers(arguments).data(), pointers(environment).data());
+  const char* const program = options.program.empty() ? PALAVER_HELPER_PATH : options.program.c_str();
+  const int failure = ::posix_spawn(&pid_, program, &actions, &attributes, pointers(arguments).data(),
+                                    pointers(environment).data());
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   for (int descriptor : childEnds) closeOnce(descriptor);

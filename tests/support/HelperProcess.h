@@ -30,7 +30,8 @@ class HelperProcess {
   struct Options {
     std::vector<std::string> arguments = {};  // behind argument 0
     std::string argument0 = "PalaverSTTHelper";
-    std::vector<std::string> environment = {};  // "name=value"
+    std::string program = {};                   // path of another program than the helper
+    std::vector<std::string> environment = {};  // "name=value", and nothing else
     Stream input = {}, output = {}, error = {};
   };
   // How the child ended: by itself with a status, or by a signal.

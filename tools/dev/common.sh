@@ -10,14 +10,17 @@ is_debian() { command -v apt-get >/dev/null && command -v dpkg-query >/dev/null;
 
 processors() { getconf _NPROCESSORS_ONLN 2>/dev/null || echo 2; }
 
-# The thread sanitizer of GCC 12 needs its shadow memory free of mappings, which kernels with much address
+# The thread sanitizers of GCC 12 and clang 14 need their shadow memory free of mappings, which kernels with much address
 # randomization do not grant.
 with_fixed_addresses() {  # preset, command...
   local preset=$1
   shift
-  if [ "$preset" = thread ] && command -v setarch >/dev/null && setarch "$(uname -m)" -R true 2>/dev/null; then
-    setarch "$(uname -m)" -R "$@"
-  else
-    "$@"
-  fi
+  case $preset in
+    thread | apple-thread)
+      if command -v setarch >/dev/null && setarch "$(uname -m)" -R true 2>/dev/null; then
+        set -- setarch "$(uname -m)" -R "$@"
+      fi
+      ;;
+  esac
+  "$@"
 }

@@ -5,7 +5,7 @@
 //   double now();                               milliseconds of the time in which the queue waits
 //   void inBackground(std::function<void()>);   runs the work once beside the main thread, from any thread
 //   void serve();                               serves the queue until stop()
-//   [[noreturn]] void stop();                   from inside a job, the last of the test
+//   void stop();                                from inside a job, the last of the test; need not return
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,0 +1,85 @@
+#include "platform/macos/RunLoopMainQueue.h"
+
+#include <algorithm>
+#include <cassert>
+#include <utility>
+
+#include "platform/macos/AutoreleasePool.h"
+#include "platform/posix/ThreadSemaphore.h"
+
+namespace palaver {
+
+namespace {
+
+// As good as for ever: 30 years.
+constexpr CFTimeInterval longTime = 1e9;
+
+CFRunLoopSourceRef makeIdleSource() {
+  CFRunLoopSourceContext context{};
+  context.perform = [](void*) {};
+  return CFRunLoopSourceCreate(nullptr, 0, &context);
+}
+
+}  // namespace
+
+RunLoopMainQueue::RunLoopMainQueue()
+    : mode_(CFStringCreateWithCString(nullptr, "PalaverSTTHelper.jobs", kCFStringEncodingUTF8)),
+      idleSource_(makeIdleSource()) {
+  assert(CFRunLoopGetCurrent() == loop_);
+  // The dispatch main queue is served in common modes only.
+  CFRunLoopAddCommonMode(loop_, mode_.get());
+  // A mode in which nothing can ever happen is left at once. With this, every mode waits.
+  CFRunLoopAddSource(loop_, idleSource_.get(), kCFRunLoopCommonModes);
+}
+
+RunLoopMainQueue::~RunLoopMainQueue() {
+  CFRunLoopSourceInvalidate(idleSource_.get());
+}
+
+void RunLoopMainQueue::async(Job job) {
+  // Moved, not copied into the block: the sender is not to be left with anything that the job holds.
+  auto* const held = new Job(std::move(job));
+  const CFRunLoopRef loop = loop_;
+  CFRunLoopPerformBlock(loop, mode_.get(), ^{
+    {
+      const AutoreleasePool pool;
+      const std::unique_ptr<Job> mine(held);
+      (*mine)();
+    }
+    // A slice inside the job may have taken the wake-up of jobs queued meanwhile; without another the run
+    // loop would go to sleep in front of them.
+    CFRunLoopWakeUp(loop);
+  });
+  CFRunLoopWakeUp(loop_);
+}
+
+void RunLoopMainQueue::runSlice(double milliseconds) {
+  assert(isCurrent());
+  const AutoreleasePool pool;
+  // Returns when something has been delivered, so that whoever waits for it need not wait for the rest.
+  CFRunLoopRunInMode(kCFRunLoopDefaultMode, std::max(milliseconds, 0.0) / 1000, true);
+}
+
+void RunLoopMainQueue::serveUntilStopped() {
+  assert(isCurrent());
+  for (isStopped_ = false; !isStopped_;) {
+    const AutoreleasePool pool;  // of one delivery; jobs have their own
+    CFRunLoopRunInMode(mode_.get(), longTime, true);
+  }
+}
+
+void RunLoopMainQueue::stop() {
+  assert(isCurrent());
+  isStopped_ = true;
+  CFRunLoopStop(loop_);
+}
+
+void RunLoopMainQueue::serve() {
+  for (;;) serveUntilStopped();
+}
+
+std::unique_ptr<Semaphore> RunLoopMainQueue::makeSemaphore() {
+  return std::make_unique<ThreadSemaphore>();
+}
+
+}  // namespace palaver

@@ -1,0 +1,416 @@
+// The helper started once more by itself: what the second process gets, and how the first one stands in for
+// it. Played by reexec/program.cpp, whose head says what it writes and obeys.
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "tests/support/HelperProcess.h"
+
+namespace palaver {
+namespace {
+
+using nlohmann::json;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using Strings = std::vector<std::string>;
+
+constexpr std::array forwardedSignals{SIGTERM, SIGINT, SIGHUP};
+
+class Reexec : public HelperProcess {
+ public:
+  explicit Reexec(const Strings& settings = {}, const Strings& arguments = {},
+                  const std::string& argument0 = "PalaverSTTHelper")
+      : HelperProcess(Options{.arguments = arguments,
+                              .argument0 = argument0,
+                              .program = PALAVER_REEXEC_PROGRAM,
+                              .environment = environment(settings)}) {}
+
+  // Reads until one of the processes waits for commands, or to the end of all.
+  void readUntilReady() {
+    while (readOne() && !isReady_) {
+    }
+  }
+  // The next event, kept too; none at the end of all processes.
+  std::optional<json> readOne() {
+    const auto line = readLine();
+    if (!line) return std::nullopt;
+    const auto event = json::parse(*line, nullptr, false);
+    EXPECT_TRUE(event.is_object()) << *line;
+    if (event.contains("call")) calls_.push_back(event["call"]);
+    if (event.value("when", "") == "before") before_.push_back(event);
+    if (event.value("when", "") == "after") after_.push_back(event);
+    if (event.value("when", "") == "ready") isReady_ = true;
+    return event;
+  }
+  // The next event with this key; a discarded value at the end.
+  json readKey(const std::string& key) {
+    while (const auto event = readOne())
+      if (event->contains(key)) return *event;
+    return json(json::value_t::discarded);
+  }
+  json ask(const std::string& command, const std::string& key) {
+    EXPECT_TRUE(sendLine(command));
+    return readKey(key);
+  }
+  std::optional<End> tellAndWait(const std::string& command) {
+    EXPECT_TRUE(sendLine(command));
+    while (readOne()) {
+    }
+    return wait();
+  }
+
+  bool isReady() const { return isReady_; }
+  // What each process saw before the call and after it, in the order in which they came there.
+  const std::vector<json>& before() const { return before_; }
+  const std::vector<json>& after() const { return after_; }
+  const Strings& calls() const { return calls_; }
+
+ private:
+  // A system that can disclaim, unless the settings say otherwise: the first entry of a name counts.
+  static Strings environment(Strings settings) {
+    settings.insert(settings.end(),
+                    {"REEXEC_DISCLAIM=0", std::string("REEXEC_EXECUTABLE=") + PALAVER_REEXEC_PROGRAM});
+    return settings;
+  }
+
+  std::vector<json> before_, after_;
+  Strings calls_;
+  bool isReady_ = false;
+};
+
+// Another process does the work, as a child of the first.
+void expectStartedAgain(const Reexec& helper) {
+  ASSERT_TRUE(helper.isReady());
+  ASSERT_EQ(helper.before().size(), 2U);
+  ASSERT_EQ(helper.after().size(), 1U);
+  EXPECT_EQ(helper.before()[0]["pid"], helper.pid());
+  EXPECT_NE(helper.before()[1]["pid"], helper.pid());
+  EXPECT_EQ(helper.after()[0]["pid"], helper.before()[1]["pid"]);
+}
+
+// The first process does the work, just as it was started.
+void expectCarriedOn(const Reexec& helper) {
+  ASSERT_TRUE(helper.isReady());
+  ASSERT_EQ(helper.before().size(), 1U);
+  ASSERT_EQ(helper.after().size(), 1U);
+  EXPECT_EQ(helper.before()[0]["pid"], helper.pid());
+  auto after = helper.after()[0];
+  after["when"] = "before";
+  EXPECT_EQ(after, helper.before()[0]);
+}
+
+TEST(ReexecTest, TheChildGetsTheSameOfEverythingAndTheMarkerLast) {
+  Strings environment;
+  for (int i = 0; i < 500; ++i)
+    environment.push_back("VARIABLE_" + std::to_string(i * 7919 % 500) + "=" + std::string(100, 'v') +
+                          std::to_string(i));
+  environment.insert(environment.end(), {"EMPTY=", "SPACES= a  b ", "日本語=会議の音声", "LINES=a\nb",
+                                         "EQUAL==a=b", "TWICE=1", "TWICE=2", "no variable"});
+  const Strings arguments{"--locale",
+                          "two words",
+                          " ",
+                          "",
+                          "日本語の引数 です",
+                          "quote\"d '$HOME' \\ *",
+                          "a\nb",
+                          std::string(100000, 'x')};
+  Reexec helper(environment, arguments, "a name of its own");
+  helper.readUntilReady();
+  expectStartedAgain(helper);
+
+  auto expected = helper.before()[0];
+  Strings expectedArguments{"a name of its own"};
+  expectedArguments.insert(expectedArguments.end(), arguments.begin(), arguments.end());
+  EXPECT_EQ(expected["arguments"], expectedArguments);
+  EXPECT_GE(expected["environment"].size(), environment.size());
+  expected["environment"].push_back("PALAVER_DISCLAIMED=1");
+  expected["pid"] = helper.before()[1]["pid"];
+  EXPECT_EQ(helper.before()[1], expected);
+  expected["when"] = "after";
+  EXPECT_EQ(helper.after()[0], expected);
+  EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
+  EXPECT_EQ(helper.errorText(), "");
+}
+
+TEST(ReexecTest, TheResponsibilityIsDisclaimedOnTheAttributesThatTheChildIsStartedWith) {
+  Reexec helper;
+  const auto disclaim = [&] {
+    while (const auto event = helper.readOne())
+      if (event->value("call", "") == "disclaim") return *event;
+    return json();
+  }();
+  EXPECT_EQ(disclaim["disclaim"], 1);
+  EXPECT_EQ(disclaim["attributes"], true);
+  const auto spawn = helper.readKey("call");
+  EXPECT_EQ(spawn["call"], "spawn");
+  EXPECT_EQ(spawn["path"], PALAVER_REEXEC_PROGRAM);
+  EXPECT_EQ(spawn["actions"], false);
+  EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
+  EXPECT_THAT(helper.calls(), ElementsAre("init", "disclaim", "spawn", "destroy"));
+}
+
+TEST(ReexecTest, TheChildMayUseEveryDescriptor) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::pipe(ends.data()), 0);
+  Reexec helper;
+  ::close(ends[1]);
+  helper.readUntilReady();
+  expectStartedAgain(helper);
+  const std::string text = "heard";
+  const auto answer = helper.ask("write " + std::to_string(ends[1]) + " " + text, "written");
+  EXPECT_EQ(answer["written"], text.size());
+  std::array<char, 16> bytes{};
+  ASSERT_EQ(::read(ends[0], bytes.data(), bytes.size()), static_cast<ssize_t>(text.size()));
+  EXPECT_EQ(bytes.data(), text);
+  EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
+  EXPECT_EQ(::read(ends[0], bytes.data(), bytes.size()), 0);  // both processes have gone
+  ::close(ends[0]);
+}
+
+TEST(ReexecTest, TheChildKeepsIgnoredAndBlockedSignals) {
+  for (const int signal : forwardedSignals) {
+    const auto number = std::to_string(signal);
+    Reexec ignoring({"REEXEC_IGNORE=" + number});
+    ignoring.readUntilReady();
+    expectStartedAgain(ignoring);
+    EXPECT_THAT(ignoring.before()[1]["ignored"], Contains(signal));
+    EXPECT_EQ(ignoring.before()[1]["ignored"], ignoring.before()[0]["ignored"]);
+    EXPECT_EQ(ignoring.tellAndWait("exit 0"), exited(0));
+
+    Reexec blocking({"REEXEC_BLOCK=" + number});
+    blocking.readUntilReady();
+    expectStartedAgain(blocking);
+    EXPECT_EQ(blocking.before()[1]["blocked"], json({signal}));
+    EXPECT_EQ(blocking.tellAndWait("exit 0"), exited(0));
+  }
+}
+
+TEST(ReexecTest, TheFirstProcessEndsWithTheStatusOfTheChild) {
+  for (const int status : {0, 1, 3, 127, 255}) {
+    Reexec helper;
+    EXPECT_EQ(helper.tellAndWait("exit " + std::to_string(status)), exited(status));
+    expectStartedAgain(helper);
+    EXPECT_EQ(helper.errorText(), "");
+  }
+}
+
+TEST(ReexecTest, TheFirstProcessEndsWithStatus1WhenASignalEndedTheChild) {
+  for (const int signal : {SIGKILL, SIGTERM, SIGUSR1}) {
+    Reexec helper;
+    EXPECT_EQ(helper.tellAndWait("die " + std::to_string(signal)), exited(1));
+    expectStartedAgain(helper);
+    EXPECT_EQ(helper.errorText(), "");
+  }
+}
+
+TEST(ReexecTest, TheEndOfTheInputReachesTheChild) {
+  Reexec helper;
+  helper.closeInput();
+  while (helper.readOne()) {
+  }
+  EXPECT_EQ(helper.wait(), exited(99));
+}
+
+TEST(ReexecTest, ASignalReachesTheChildAndTheFirstProcessOutlivesIt) {
+  for (const int signal : forwardedSignals) {
+    Reexec helper;
+    helper.readUntilReady();
+    expectStartedAgain(helper);
+    helper.signal(signal);
+    EXPECT_EQ(helper.readKey("signal")["signal"], signal);
+    // However long the child takes to end.
+    EXPECT_EQ(helper.ask("parent", "parent")["parent"], helper.pid());
+    EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
+  }
+}
+
+TEST(ReexecTest, EachOfManySignalsReachesTheChild) {
+  Reexec helper;
+  helper.readUntilReady();
+  for (int i = 0; i < 300; ++i) {
+    const int signal = forwardedSignals[static_cast<std::size_t>(i) % 3];
+    helper.signal(signal);
+    ASSERT_EQ(helper.readKey("signal")["signal"], signal) << i;
+  }
+  EXPECT_EQ(helper.ask("parent", "parent")["parent"], helper.pid());
+  EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
+}
+
+TEST(ReexecTest, ABurstOfSignalsEndsNeitherProcess) {
+  Reexec helper;
+  helper.readUntilReady();
+  for (int i = 0; i < 1000; ++i)
+    for (const int signal : forwardedSignals) helper.signal(signal);
+  // Of signals that are still waiting the system keeps one of each kind.
+  std::set<int> seen;
+  while (seen.size() < forwardedSignals.size()) {
+    const auto event = helper.readKey("signal");
+    ASSERT_TRUE(event.is_object());
+    seen.insert(event["signal"].get<int>());
+  }
+  EXPECT_EQ(helper.ask("parent", "parent")["parent"], helper.pid());
+  EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
+}
+
+// Reads on until the child says that it has heard the signal and ends it then, or until the signal has ended
+// all processes.
+std::optional<HelperProcess::End> endAfterSignal(Reexec& helper) {
+  const auto heard = helper.readKey("signal");
+  if (heard.is_object()) return helper.tellAndWait("exit 5");
+  return helper.wait();
+}
+
+TEST(ReexecTest, ASignalRightAfterTheStartReachesTheChild) {
+  for (const int signal : forwardedSignals) {
+    Reexec helper({"REEXEC_RAISE=" + std::to_string(signal)});
+    const auto end = endAfterSignal(helper);
+    // 1: the child did not handle it yet. The first process alone would have been ended by the signal.
+    EXPECT_TRUE(end == exited(1) || end == exited(5));
+    EXPECT_THAT(helper.calls(), Contains("spawn"));
+  }
+}
+
+TEST(ReexecTest, ASignalAtAnyMomentOfTheStartLeavesNoProcessBehind) {
+  for (int i = 0; i < 90; ++i) {
+    const int signal = forwardedSignals[static_cast<std::size_t>(i) % 3];
+    Reexec helper;
+    for (int lines = i / 3 % 9; lines > 0 && !helper.isReady(); --lines) helper.readOne();
+    helper.signal(signal);
+    const auto end = endAfterSignal(helper);
+    ASSERT_TRUE(end);  // all have gone, although nobody told the child to end
+    // A signal that ends the first process has come before there was a second.
+    if (end == killedBy(signal)) {
+      EXPECT_EQ(helper.before().size(), helper.before().empty() ? 0U : 1U);
+    } else {
+      EXPECT_TRUE(end == exited(1) || end == exited(5));
+    }
+  }
+}
+
+TEST(ReexecTest, AMarkedProcessStartsNoOther) {
+  for (const Strings& environment :
+       {Strings{"PALAVER_DISCLAIMED=1"}, {"PALAVER_DISCLAIMED=0", "PALAVER_DISCLAIMED=1"}}) {
+    Reexec helper(environment);
+    helper.readUntilReady();
+    expectCarriedOn(helper);
+    EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
+    EXPECT_THAT(helper.calls(), IsEmpty());
+  }
+}
+
+TEST(ReexecTest, AnyOtherValueIsNoMarkerAndStaysInTheEnvironment) {
+  for (const std::string entry :
+       {"PALAVER_DISCLAIMED=0", "PALAVER_DISCLAIMED=", "PALAVER_DISCLAIMED=11", "PALAVER_DISCLAIMED= 1",
+        "PALAVER_DISCLAIMED=true", "PALAVER_DISCLAIMED", "PALAVER_DISCLAIMED2=1", "palaver_disclaimed=1"}) {
+    Reexec helper({entry});
+    helper.readUntilReady();
+    expectStartedAgain(helper);
+    const auto& environment = helper.after()[0]["environment"];
+    EXPECT_EQ(environment.front(), entry);
+    EXPECT_EQ(environment.back(), "PALAVER_DISCLAIMED=1");
+    EXPECT_EQ(environment.size(), helper.before()[0]["environment"].size() + 1);
+    EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
+    EXPECT_THAT(helper.calls(), ElementsAre("init", "disclaim", "spawn", "destroy"));  // of one process alone
+  }
+}
+
+TEST(ReexecTest, TheFirstProcessCarriesOnSilentlyWhereItCannotBeStartedAgain) {
+  struct Case {
+    const char* description;
+    Strings settings, calls;
+  };
+  for (const auto& [description, settings, calls] : {
+           Case{"no function to disclaim with", {"REEXEC_DISCLAIM=missing"}, {}},
+           Case{"no attributes", {"REEXEC_INIT=12"}, {"init"}},
+           Case{"disclaiming fails", {"REEXEC_DISCLAIM=-1"}, {"init", "disclaim", "destroy"}},
+           Case{"disclaiming fails otherwise", {"REEXEC_DISCLAIM=22"}, {"init", "disclaim", "destroy"}},
+           Case{"starting fails", {"REEXEC_SPAWN=35"}, {"init", "disclaim", "spawn", "destroy"}},
+           Case{"no such executable",
+                {"REEXEC_EXECUTABLE=/nowhere/PalaverSTTHelper"},
+                {"init", "disclaim", "spawn", "destroy"}},
+           Case{"no path and no program called so",
+                {"REEXEC_EXECUTABLE=none"},
+                {"init", "disclaim", "spawn", "destroy"}},
+       }) {
+    SCOPED_TRACE(description);
+    Reexec helper(settings);
+    helper.readUntilReady();
+    expectCarriedOn(helper);
+    for (const int signal : forwardedSignals) {
+      helper.signal(signal);
+      EXPECT_EQ(helper.readKey("signal")["signal"], signal);
+    }
+    EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
+    EXPECT_EQ(helper.calls(), calls);
+    EXPECT_EQ(helper.errorText(), "");
+  }
+}
+
+TEST(ReexecTest, TheProgramsOwnNameIsStartedWhereThereIsNoPath) {
+  Reexec helper({"REEXEC_EXECUTABLE=none"}, {"argument"}, PALAVER_REEXEC_PROGRAM);
+  helper.readUntilReady();
+  expectStartedAgain(helper);
+  EXPECT_EQ(helper.after()[0]["executable"], helper.before()[0]["executable"]);
+  EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
+}
+
+TEST(ReexecTest, AnInterruptedWaitGoesOn) {
+  Reexec helper({"REEXEC_WAIT=" + std::to_string(EINTR)});
+  EXPECT_EQ(helper.tellAndWait("exit 6"), exited(6));
+}
+
+TEST(ReexecTest, AWaitThatFailsEndsTheFirstProcessWithStatus0) {
+  Reexec helper({"REEXEC_WAIT=" + std::to_string(ECHILD)});
+  EXPECT_EQ(helper.tellAndWait("exit 6"), exited(0));
+  // The system forgets how children ended whose parent ignores that.
+  Reexec ignoring({"REEXEC_IGNORE=" + std::to_string(SIGCHLD)});
+  EXPECT_EQ(ignoring.tellAndWait("exit 6"), exited(0));
+}
+
+#ifdef __linux__
+// Empty where there is no such file any more.
+std::string contents(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream all;
+  all << file.rdbuf();
+  return all.str();
+}
+
+bool hasChild(pid_t parent) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const auto process = entry.path().filename().string();
+    if (process.find_first_not_of("0123456789") != std::string::npos) continue;
+    const auto status = contents(entry.path() / "stat");
+    const auto name = status.rfind(')');  // "pid (name) state parent ..."
+    if (name != std::string::npos && std::stol(status.substr(name + 4)) == parent) return true;
+  }
+  return false;
+}
+
+TEST(ReexecTest, TheHelperStartsNoSecondProcessHere) {
+  ASSERT_TRUE(hasChild(::getppid()));  // this test itself is found
+  for (const auto& [environment, expected] :
+       {std::pair<Strings, std::string>{{"A=b"}, std::string("A=b\0", 4)},
+        {{"PALAVER_DISCLAIMED=0"}, std::string("PALAVER_DISCLAIMED=0\0", 21)}}) {
+    HelperProcess helper(HelperProcess::Options{.environment = environment});
+    EXPECT_EQ(helper.readEvent()["type"], "helper.status");
+    EXPECT_TRUE(helper.sendLine(R"({"type":"ping","sentAt":7})"));
+    EXPECT_EQ(helper.readEvent()["sentAt"], 7);
+    EXPECT_FALSE(hasChild(helper.pid()));
+    EXPECT_EQ(contents("/proc/" + std::to_string(helper.pid()) + "/environ"), expected);
+    helper.closeInput();
+    EXPECT_EQ(helper.wait(), exited(0));
+  }
+}
+#endif
+
+}  // namespace
+}  // namespace palaver

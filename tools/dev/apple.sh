@@ -1,0 +1,27 @@
+# The macOS sources on Linux: they run on the CoreFoundation and libdispatch of a Swift toolchain, which no package brings.
+
+# The reason why they cannot be run here; nothing where they can. Looks where cmake/SwiftToolchain.cmake does.
+why_no_apple_tests() {
+  local place
+  if is_mac; then echo "a Mac runs them as what they are"; return; fi
+  if [ "$(uname -m)" != x86_64 ]; then echo "they run on x86-64 only"; return; fi
+  for place in "$(command -v swiftc || true)" /opt/swift/usr/bin/swiftc /opt/swift/bin/swiftc /usr/libexec/swift/bin/swiftc; do
+    if [ -n "$place" ] && [ -x "$place" ]; then
+      set_up apple
+      command -v clang++-14 >/dev/null || echo "clang++-14 is missing (packages/debian-apple.txt)"
+      return
+    fi
+  done
+  echo "there is no Swift toolchain (swiftc) on the PATH"
+}
+
+# preset, then ctest's options
+run_apple_tests() {
+  local reason
+  reason=$(why_no_apple_tests)
+  if [ -n "$reason" ]; then
+    note_skipped "the macOS sources on Linux ($1): neither compiled nor run, since $reason"
+    return 0
+  fi
+  run_tests "$@"
+}
