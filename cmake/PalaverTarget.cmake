@@ -45,7 +45,8 @@ function(palaver_options target)
     target_compile_options(${target} PRIVATE -fno-sanitize=pointer-overflow,function)
   endif()
   if(PALAVER_FUZZERS)
-    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)  # coverage
+    # Coverage for the fuzzers.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
   endif()
 endfunction()
 

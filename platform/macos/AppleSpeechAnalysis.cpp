@@ -315,7 +315,7 @@ void AppleSpeechAnalysis::assetInstallationRequest(const std::shared_ptr<SpeechT
   // The request is made where the completion is known, since it needs this object's pending answers.
   std::function<void(SpeechBridgeInstallation*, std::optional<PlatformError>)> wrap =
       [pending = pending_, completion = std::move(completion)](auto* installation, auto error) {
-        if (error) return completion(*error);
+        if (error) return completion(std::move(*error));
         completion(installation ? std::make_shared<Installation>(installation, pending) : nullptr);
       };
   speechBridgeAssetInstallationRequest(

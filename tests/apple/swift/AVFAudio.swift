@@ -1,5 +1,6 @@
 // Stand-in for AVFAudio: formats and buffers of PCM audio in memory. Not Sendable, as they may not be on a Mac.
 
+internal import AnalysisSeam
 import Foundation
 
 public typealias AVAudioFrameCount = UInt32
@@ -55,7 +56,7 @@ open class AVAudioPCMBuffer: NSObject {
 
     private func free<Sample>(_ channels: UnsafePointer<UnsafeMutablePointer<Sample>>?) {
         guard let channels else { return }
-        for run in 0..<runs(of: format) { channels[run].deallocate() }
+        for run in 0..<runs(of: format) { analysisSeamFreeSamples(channels[run]) }
         channels.deallocate()
     }
 }
@@ -63,15 +64,14 @@ open class AVAudioPCMBuffer: NSObject {
 private func runs(of format: AVAudioFormat) -> Int { format.isInterleaved ? 1 : Int(format.channelCount) }
 
 /// Zeros, one run of samples for each channel, or one for all when interleaved.
-private func channelData<Sample: Numeric>(_ format: AVAudioFormat, _ frames: AVAudioFrameCount)
+private func channelData<Sample>(_ format: AVAudioFormat, _ frames: AVAudioFrameCount)
     -> UnsafePointer<UnsafeMutablePointer<Sample>>
 {
     let count = Int(frames) * (format.isInterleaved ? Int(format.channelCount) : 1)
     let channels = UnsafeMutablePointer<UnsafeMutablePointer<Sample>>.allocate(capacity: runs(of: format))
     for run in 0..<runs(of: format) {
-        let samples = UnsafeMutablePointer<Sample>.allocate(capacity: max(count, 1))
-        samples.initialize(repeating: 0, count: max(count, 1))
-        channels[run] = samples
+        let samples = analysisSeamAllocateSamples(max(count, 1) * MemoryLayout<Sample>.stride)!
+        channels[run] = samples.assumingMemoryBound(to: Sample.self)
     }
     return UnsafePointer(channels)
 }

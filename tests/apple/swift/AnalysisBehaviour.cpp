@@ -183,13 +183,15 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     installations.swap(installations_);
     unanswered.swap(unanswered_);
     lock.unlock();
+    for (const auto& [number, module] : transcribers) endReading(module);
   }
 
   bool waitForPreparedAnalyzers(std::size_t count) const {
-    return waitFor([&] { return prepared_.size() == count; });
+    return waitFor(std::chrono::seconds(60), [&] { return prepared_.size() == count; });
   }
-  bool waitForObjects(std::size_t count) const {
-    return waitFor([&] { return transcribers_.size() + analyzers_.size() + installations_.size() == count; });
+  bool waitForObjects(std::size_t count, std::chrono::milliseconds deadline) const {
+    return waitFor(deadline,
+                   [&] { return transcribers_.size() + analyzers_.size() + installations_.size() == count; });
   }
   bool losesUnreadResults() const { return quirks_.unreadResultsAreLost; }
   SpeechAnalysis& analysis() { return analysis_; }
@@ -307,10 +309,12 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     Transcriber transcriber;
     Analyzer analyzer;
     std::shared_ptr<AssetInstallationRequest> installation;
-    const std::lock_guard guard(lock_);
+    std::unique_lock lock(lock_);
     if (const auto node = transcribers_.extract(number)) transcriber = node.mapped();
     if (const auto node = analyzers_.extract(number)) analyzer = node.mapped();
     if (const auto node = installations_.extract(number)) installation = node.mapped();
+    lock.unlock();
+    endReading(transcriber);
   }
 
  private:
@@ -322,9 +326,13 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     return found->second;
   }
 
+  // Nobody is left who could read. A reader that waits for ever would keep what it reads from.
+  static void endReading(const Transcriber& module) {
+    if (module.transcriber) module.transcriber->cancelResults();
+  }
+
   template <typename Condition>
-  static bool waitFor(Condition condition) {
-    constexpr auto deadline = std::chrono::seconds(60);
+  static bool waitFor(std::chrono::milliseconds deadline, Condition condition) {
     std::unique_lock lock(lock_);
     return changed_.wait_for(lock, deadline, condition);
   }
@@ -388,8 +396,8 @@ bool AnalysisBehaviour::waitForPreparedAnalyzers(std::size_t count) const {
   return seam_->waitForPreparedAnalyzers(count);
 }
 
-bool AnalysisBehaviour::waitForObjects(std::size_t count) const {
-  return seam_->waitForObjects(count);
+bool AnalysisBehaviour::waitForObjects(std::size_t count, std::chrono::milliseconds deadline) const {
+  return seam_->waitForObjects(count, deadline);
 }
 
 }  // namespace palaver
@@ -399,6 +407,8 @@ bool AnalysisBehaviour::waitForObjects(std::size_t count) const {
 using palaver::AnalysisSeam;
 
 namespace {
+
+std::mutex samplesLock;
 
 palaver::QuestionPointer ask(AnalysisSeamCompletion completion, void* context) {
   return std::make_shared<palaver::Question>(completion, context);
@@ -481,8 +491,11 @@ void analysisSeamYield(int64_t analyzer, const AnalysisSeamFormat* format, const
   const auto buffer = std::make_shared<palaver::PCMBuffer>(palaver::toFormat(*format), frames);
   const std::size_t runs = format->interleaved ? 1 : format->channelCount;
   const std::size_t samples = frames * (format->interleaved ? format->channelCount : std::size_t{1});
-  for (std::uint32_t run = 0; run < runs; ++run)
-    std::memcpy(buffer->int16ChannelData(run), channels[run], samples * sizeof(std::int16_t));
+  {
+    const std::lock_guard guard(samplesLock);
+    for (std::uint32_t run = 0; run < runs; ++run)
+      std::memcpy(buffer->int16ChannelData(run), channels[run], samples * sizeof(std::int16_t));
+  }
   buffer->setFrameLength(frames);
   AnalysisSeam::with([&](auto& seam) { seam.yield(analyzer, buffer); });
 }
@@ -499,6 +512,15 @@ void analysisSeamFinish(int64_t analyzer, AnalysisSeamCompletion completion, voi
 void analysisSeamCancel(int64_t analyzer, AnalysisSeamCompletion completion, void* context) {
   const auto question = ask(completion, context);
   AnalysisSeam::with([&](auto& seam) { seam.cancel(analyzer, question); });
+}
+
+void* analysisSeamAllocateSamples(size_t bytes) {
+  return std::calloc(bytes, 1);
+}
+
+void analysisSeamFreeSamples(void* samples) {
+  const std::lock_guard guard(samplesLock);
+  std::free(samples);
 }
 
 void analysisSeamForget(int64_t handle) {

@@ -72,6 +72,13 @@ class EventLog final : public OutputStream {
   std::string text_;
 };
 
+// A pool that stays, as the helper's own does: a thread of Swift may still be on its way out of a completion
+// when the last task has ended.
+ThreadPoolTasks& makeTasks() {
+  static auto& all = *new std::vector<std::unique_ptr<ThreadPoolTasks>>;
+  return *all.emplace_back(std::make_unique<ThreadPoolTasks>());
+}
+
 // A host and its helper, without what lies between them.
 template <typename Subject>
 class Conversation {
@@ -113,7 +120,7 @@ class Conversation {
   SndfileAudioFiles audioFiles_;
 
  public:
-  ThreadPoolTasks tasks;
+  ThreadPoolTasks& tasks = makeTasks();
 
  private:
   Platform platform_{clock_,        process_,     mainQueue_, input_,           log,         errors_,

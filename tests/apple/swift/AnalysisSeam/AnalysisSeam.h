@@ -72,6 +72,11 @@ void analysisSeamFinishInput(int64_t analyzer);
 void analysisSeamFinish(int64_t analyzer, AnalysisSeamCompletion completion, void* context);
 void analysisSeamCancel(int64_t analyzer, AnalysisSeamCompletion completion, void* context);
 
+// Memory for samples, zeroed. That they are let go on another thread than they were read on is only known to
+// the Swift runtime: a lock here shows it to the thread sanitizer.
+void* analysisSeamAllocateSamples(size_t bytes);
+void analysisSeamFreeSamples(void* samples);
+
 // The framework object is gone.
 void analysisSeamForget(int64_t handle);
 
