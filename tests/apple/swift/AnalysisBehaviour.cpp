@@ -183,6 +183,7 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     installations.swap(installations_);
     unanswered.swap(unanswered_);
     lock.unlock();
+    for (const auto& [number, module] : transcribers) endReading(module);
   }
 
   bool waitForPreparedAnalyzers(std::size_t count) const {
@@ -308,10 +309,12 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     Transcriber transcriber;
     Analyzer analyzer;
     std::shared_ptr<AssetInstallationRequest> installation;
-    const std::lock_guard guard(lock_);
+    std::unique_lock lock(lock_);
     if (const auto node = transcribers_.extract(number)) transcriber = node.mapped();
     if (const auto node = analyzers_.extract(number)) analyzer = node.mapped();
     if (const auto node = installations_.extract(number)) installation = node.mapped();
+    lock.unlock();
+    endReading(transcriber);
   }
 
  private:
@@ -321,6 +324,11 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     const auto found = objects.find(number);
     if (found == objects.end()) return std::nullopt;
     return found->second;
+  }
+
+  // Nobody is left who could read. A reader that waits for ever would keep what it reads from.
+  static void endReading(const Transcriber& module) {
+    if (module.transcriber) module.transcriber->cancelResults();
   }
 
   template <typename Condition>

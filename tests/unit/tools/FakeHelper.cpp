@@ -9,7 +9,7 @@
 //   silent          reports no status
 //   never-ready     reports its status, then reads and says nothing
 //   unavailable     reports that the session is not available, and why
-//   floods          serves well, and writes 1 MB of other events, far more than a pipe holds, for every audio chunk of the first ten
+//   floods          serves well, and writes 1 MB of other events for every audio chunk of the first ten
 //   slow            serves well, but reads a few kilobytes at a time and pauses in between
 //   reads-nothing   serves until the session is ready, then stops reading
 //   reports-error   serves well, with an error event in between
