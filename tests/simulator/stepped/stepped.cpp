@@ -29,6 +29,8 @@ class POSIXMachine final : public SteppedMachine {
   void setSlicesDeliverInsideJobs(bool deliver) override { mainQueue_.setSlicesDeliverInsideJobs(deliver); }
 
  private:
+  SimulatedAudioBuffers& audioBuffers() override { return audioBuffers_; }
+
   ClaimedProcess claimedProcess_;
   WatchedProcess process_;
   ThreadedMainQueue threadedMainQueue_;
@@ -38,8 +40,9 @@ class POSIXMachine final : public SteppedMachine {
   DescriptorOutput standardError_{STDERR_FILENO};
   // Of one thread, so that two sources do the same things in the same order in every run.
   ThreadPoolTasks tasks_{1};
-  Platform platform_{clock,        process_,    mainQueue_, standardInput_,  standardOutput_, standardError_,
-                     audioBuffers, recognition, analysis,   audioConverters, audioFiles,      tasks_};
+  SimulatedAudioBuffers audioBuffers_;
+  Platform platform_{clock,         process_,    mainQueue_, standardInput_,  standardOutput_, standardError_,
+                     audioBuffers_, recognition, analysis,   audioConverters, audioFiles,      tasks_};
 };
 
 }  // namespace
