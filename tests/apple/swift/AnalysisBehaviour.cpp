@@ -89,16 +89,18 @@ AudioFormat toFormat(const AnalysisSeamFormat& format) {
 // Hands all results of one transcriber to Swift, one after the other.
 class Pump : public std::enable_shared_from_this<Pump> {
  public:
-  Pump(std::shared_ptr<SpeechTranscriber> transcriber, AnalysisSeamResultHandler handler, void* context)
-      : transcriber_(std::move(transcriber)), handler_(handler), context_(context) {}
+  Pump(const std::shared_ptr<SpeechTranscriber>& transcriber, AnalysisSeamResultHandler handler,
+       void* context)
+      : transcriber_(transcriber), handler_(handler), context_(context) {}
   ~Pump() { end(PlatformError("CancellationError", 1, "")); }
   Pump(const Pump&) = delete;
   Pump& operator=(const Pump&) = delete;
 
   // Without a transcriber the results have been cancelled.
   void next() {
-    if (!transcriber_) return;
-    transcriber_->nextResult([self = shared_from_this()](NextResult next) {
+    const auto transcriber = transcriber_.lock();
+    if (!transcriber) return;
+    transcriber->nextResult([self = shared_from_this()](NextResult next) {
       if (const auto* const result = std::get_if<TranscriptionResult>(&next)) {
         const AnalysisSeamResult seamResult{result->text.data(), result->text.size(), result->rangeStart,
                                             result->rangeEnd, result->isFinal};
@@ -124,7 +126,7 @@ class Pump : public std::enable_shared_from_this<Pump> {
     handler_(context_, nullptr, &answer);
   }
 
-  const std::shared_ptr<SpeechTranscriber> transcriber_;
+  const std::weak_ptr<SpeechTranscriber> transcriber_;  // which keeps the pump while it waits
   const AnalysisSeamResultHandler handler_;
   void* const context_;
   bool hasEnded_ = false;
