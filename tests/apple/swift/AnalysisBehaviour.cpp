@@ -219,14 +219,14 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     return module ? module->transcriber : nullptr;
   }
 
-  void bestFormat(std::int64_t number, QuestionPointer question) {
+  void bestFormat(std::int64_t number, const QuestionPointer& question) {
     const auto module = find(transcribers_, number);
     if (!module) return;
     analysis_.bestAvailableAudioFormat(module->transcriber,
                                        [question](auto format) { question->answerFormat(format); });
   }
 
-  void status(std::int64_t number, QuestionPointer question) {
+  void status(std::int64_t number, const QuestionPointer& question) {
     const auto module = find(transcribers_, number);
     if (!module) return;
     analysis_.assetInventory().status(
@@ -235,7 +235,7 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
         });
   }
 
-  void installationRequest(std::int64_t number, QuestionPointer question) {
+  void installationRequest(std::int64_t number, const QuestionPointer& question) {
     const auto module = find(transcribers_, number);
     if (!module) return;
     if (quirks_.maxReservedLocales) {
@@ -256,12 +256,13 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
         });
   }
 
-  void download(std::int64_t number, QuestionPointer question) {
+  void download(std::int64_t number, const QuestionPointer& question) {
     const auto request = find(installations_, number);
     if (request) (*request)->downloadAndInstall([question](auto error) { question->answer(error); });
   }
 
-  void prepare(std::int64_t number, const std::optional<AudioFormat>& format, QuestionPointer question) {
+  void prepare(std::int64_t number, const std::optional<AudioFormat>& format,
+               const QuestionPointer& question) {
     const auto analyzer = find(analyzers_, number);
     if (!analyzer) return;
     if (const auto refusal = take(number, analyzer->locale)) return question->answer(refusal);
@@ -298,7 +299,7 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
         });
   }
 
-  void cancel(std::int64_t number, QuestionPointer question) {
+  void cancel(std::int64_t number, const QuestionPointer& question) {
     const auto analyzer = find(analyzers_, number);
     if (!analyzer) return;
     analyzer->parts.analyzer->cancelAndFinishNow([self = weak_from_this(), number, question] {
