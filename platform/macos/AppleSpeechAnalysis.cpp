@@ -291,6 +291,7 @@ SpeechAnalysis::AnalyzerWithInput AppleSpeechAnalysis::makeAnalyzer(
   auto& module = static_cast<Transcriber&>(*transcriber);
   module.read();
   std::vector<SpeechBridgeString> phrases;
+  phrases.reserve(contextualStrings.size());
   for (const auto& phrase : contextualStrings) phrases.push_back(bridged(phrase));
   Handle<SpeechBridgeInput> input(speechBridgeMakeInput());
   Handle<SpeechBridgeAnalyzer> analyzer(

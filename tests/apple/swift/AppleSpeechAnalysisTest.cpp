@@ -2,9 +2,9 @@
 // of every answer.
 #include "platform/macos/AppleSpeechAnalysis.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
 
@@ -18,8 +18,6 @@
 
 namespace palaver {
 namespace {
-
-using testing::ElementsAre;
 
 constexpr const char* speechErrorDomain = "SFSpeechErrorDomain";
 
@@ -93,8 +91,7 @@ TEST_F(AppleSpeechAnalysisTest, AnAnalyzerThatWasFedIsFinalized) {
 
 TEST_F(AppleSpeechAnalysisTest, AnAnalyzerTooManyIsRefusedAndDoesNotCount) {
   start({}, {.maxPreparedAnalyzers = 3});
-  std::vector<AnalysisSession> sessions;
-  for (int i = 0; i < 3; ++i) sessions.push_back(open());
+  const std::array sessions{open(), open(), open()};
   const auto tooMany = open(false);
   expectError(tooMany.prepare(), speechErrorDomain, 16, "Too many simultaneous requests");
   EXPECT_TRUE(behaviour->waitForPreparedAnalyzers(3));
