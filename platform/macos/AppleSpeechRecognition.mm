@@ -157,8 +157,8 @@ class AppleSpeechRecognizer final : public SpeechRecognizer {
   std::shared_ptr<RecognitionRequest> makeRequest(RecognitionOptions options) override {
     const AutoreleasePool pool;
     auto* const request = [[SFSpeechAudioBufferRecognitionRequest alloc] init];
-    request.shouldReportPartialResults = options.shouldReportPartialResults;
-    request.requiresOnDeviceRecognition = options.requiresOnDeviceRecognition;
+    request.shouldReportPartialResults = options.shouldReportPartialResults ? YES : NO;
+    request.requiresOnDeviceRecognition = options.requiresOnDeviceRecognition ? YES : NO;
     request.taskHint = static_cast<SFSpeechRecognitionTaskHint>(options.taskHint);
     NSMutableArray<NSString*>* const phrases =
         [NSMutableArray arrayWithCapacity:options.contextualStrings.size()];

@@ -19,7 +19,7 @@ class WrappedSamples {
     list()->mNumberBuffers = buffers;
     for (std::uint32_t i = 0; i < buffers; ++i)
       list()->mBuffers[i] = {channels,
-                             static_cast<std::uint32_t>(buffer_->frameCapacity() * channels *
+                             static_cast<std::uint32_t>(std::size_t{buffer_->frameCapacity()} * channels *
                                                         bytesPerSample(format.commonFormat)),
                              samples(i)};
   }
@@ -44,7 +44,7 @@ AVAudioFormat* toAVAudioFormat(const AudioFormat& format) {
   return [[AVAudioFormat alloc] initWithCommonFormat:static_cast<AVAudioCommonFormat>(format.commonFormat)
                                           sampleRate:format.sampleRate
                                             channels:format.channelCount
-                                         interleaved:format.interleaved];
+                                         interleaved:format.interleaved ? YES : NO];
 }
 
 AudioFormat toAudioFormat(AVAudioFormat* format) {

@@ -26,6 +26,12 @@ check_tidy() {
     --extra-arg=-Wno-unknown-warning-option 2>build/logs/clang-tidy-noise.log
 }
 
+# The sources of macOS, as the preset apple compiles them on Linux.
+check_tidy_macos() {
+  find platform/macos -name '*.cpp' -o -name '*.mm' | sort | tr '\n' '\0' | xargs -0 -n 2 -P "$(processors)" \
+    clang-tidy-14 -p build/apple --quiet --header-filter="^$root/(analyzer|core|platform)/" 2>build/logs/clang-tidy-macos-noise.log
+}
+
 run_check() {  # description, function
   local started=$SECONDS
   if "$2"; then
@@ -51,6 +57,15 @@ run_lint() {
     say "configuring (dev)"
     cmake --preset dev >build/logs/dev-configure.log 2>&1 || show_failure "configuring (dev)" build/logs/dev-configure.log
     run_check "clang-tidy" check_tidy
+    local reason
+    reason=$(why_no_apple_tests)
+    if [ -n "$reason" ]; then
+      note_skipped "clang-tidy over the sources of macOS, since $reason"
+    else
+      say "configuring (apple)"
+      cmake --preset apple >build/logs/apple-configure.log 2>&1 || show_failure "configuring (apple)" build/logs/apple-configure.log
+      run_check "clang-tidy over the sources of macOS" check_tidy_macos
+    fi
   fi
   return "$lint_status"
 }
