@@ -29,18 +29,19 @@ function(palaver_options target)
   if(PALAVER_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${PALAVER_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     target_link_options(${target} PRIVATE -fsanitize=${PALAVER_SANITIZE})
-    if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-      # RapidJSON adds to the null pointer of its empty stack, which only clang reports; and clang 14 cannot check the
-      # calls of coroutines.
-      target_compile_options(${target} PRIVATE -fno-sanitize=pointer-overflow,function)
-    endif()
   endif()
   if(PALAVER_SANITIZE MATCHES "thread")
     # The sanitizer does not know fences, and GCC refuses them; the queues' mutexes order everything anyway.
     target_compile_definitions(${target} PRIVATE ASIO_DISABLE_FENCED_BLOCK)
   endif()
+  if(PALAVER_SANITIZE MATCHES "undefined" AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    # RapidJSON adds to the null pointer of its empty stack, which only clang reports; and clang 14 cannot check the
+    # calls of coroutines.
+    target_compile_options(${target} PRIVATE -fno-sanitize=pointer-overflow,function)
+  endif()
   if(PALAVER_FUZZERS)
-    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)  # coverage
+    # Coverage for the fuzzers.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
   endif()
 endfunction()
 

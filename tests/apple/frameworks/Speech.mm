@@ -3,7 +3,8 @@
 #import <Speech/Speech.h>
 #include <dispatch/dispatch.h>
 
-#include <atomic>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -76,26 +77,24 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
 
   // The contract's answer, on whatever thread.
   void hear(std::optional<RecognitionResult> result, std::optional<PlatformError> error) {
-    const auto quirks = FrameworkBehaviour::current().quirks;
     const bool isEnd = error || (result && result->isFinal);
-    if (quirks.onlyFirstTaskIsServed && !isServed()) {
+    if (quirks_.onlyFirstTaskIsServed && !isServed()) {
       if (!isEnd) return;
       result.reset();
       error = PlatformError("kAFAssistantErrorDomain", 1110, "No speech detected");
     }
     if (isEnd) leave();
-    if (result && !result->isFinal && quirks.partialsHaveNoTimes)
+    if (result && !result->isFinal && quirks_.partialsHaveNoTimes)
       for (auto &segment : result->segments) segment.timestamp = segment.duration = 0;
-    if (result && result->isFinal && quirks.finalIsEmpty)
+    if (result && result->isFinal && quirks_.finalIsEmpty)
       result = RecognitionResult{.formattedString = "", .segments = {{"", 0, 0}}, .isFinal = true};
     call(result, error, false);
-    if (isEnd && quirks.errorAfterEnd) call(std::nullopt, quirks.errorAfterEnd, false);
+    if (isEnd && quirks_.errorAfterEnd) call(std::nullopt, quirks_.errorAfterEnd, false);
   }
 
   void cancelled() {
     leave();
-    if (const auto error = FrameworkBehaviour::current().quirks.errorAfterCancel)
-      call(std::nullopt, error, true);
+    if (quirks_.errorAfterCancel) call(std::nullopt, quirks_.errorAfterCancel, true);
   }
 
   // Audio comes: whichever task gets some first is the one that is served.
@@ -124,13 +123,16 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
       dispatch_async(dispatch_get_main_queue(), ^{
         handler(given, failure);
       });
-      FrameworkBehaviour::current().onDelivery(insideCall);
+      onDelivery_(insideCall);
     }
   }
 
   static inline std::mutex servedLock;
   static inline const Conversation *served = nullptr;
 
+  // As they were when the task began: an abandoned task may answer when all else has gone.
+  const palaver::Quirks quirks_ = FrameworkBehaviour::current().quirks;
+  const std::function<void(bool)> onDelivery_ = FrameworkBehaviour::current().onDelivery;
   ResultBlock const handler_;
 };
 

@@ -92,8 +92,14 @@ class ThreadedAppleSubject final : public AppleSubject {
  private:
   struct World {
     ThreadedTimeline timeline{2};
-    SimulatedSpeechRecognition recognition{timeline, answering()};
+    SimulatedSpeechRecognition recognition{timeline, permitting()};
   };
+  // Permission is answered from inside the call: later, the test that asks for it may have gone.
+  static RecognitionState permitting() {
+    auto state = answering();
+    state.authorizationAnswer = {.status = AuthorizationStatus::authorized, .after = std::nullopt};
+    return state;
+  }
   World& world() {
     world_ = std::make_unique<World>();
     return *world_;

@@ -69,7 +69,7 @@ struct Quirks {
 };
 
 // Make one before the first use of the frameworks; it goes after the last. One at a time. The quirks are set
-// on the main thread, before what they concern.
+// on the main thread, before what they concern; a task keeps those that it began with.
 class FrameworkBehaviour {
  public:
   FrameworkBehaviour(SpeechRecognition& speechRecognition, AudioConverters& audioConverters,
