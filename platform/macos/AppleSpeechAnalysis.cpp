@@ -291,6 +291,7 @@ SpeechAnalysis::AnalyzerWithInput AppleSpeechAnalysis::makeAnalyzer(
   auto& module = static_cast<Transcriber&>(*transcriber);
   module.read();
   std::vector<SpeechBridgeString> phrases;
+  phrases.reserve(contextualStrings.size());
   for (const auto& phrase : contextualStrings) phrases.push_back(bridged(phrase));
   Handle<SpeechBridgeInput> input(speechBridgeMakeInput());
   Handle<SpeechBridgeAnalyzer> analyzer(
@@ -315,7 +316,7 @@ void AppleSpeechAnalysis::assetInstallationRequest(const std::shared_ptr<SpeechT
   // The request is made where the completion is known, since it needs this object's pending answers.
   std::function<void(SpeechBridgeInstallation*, std::optional<PlatformError>)> wrap =
       [pending = pending_, completion = std::move(completion)](auto* installation, auto error) {
-        if (error) return completion(*error);
+        if (error) return completion(std::move(*error));
         completion(installation ? std::make_shared<Installation>(installation, pending) : nullptr);
       };
   speechBridgeAssetInstallationRequest(

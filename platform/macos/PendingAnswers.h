@@ -35,6 +35,9 @@ class PendingAnswers : public std::enable_shared_from_this<PendingAnswers> {
     if (const auto completion = take<Values...>(context)) completion(std::move(values)...);
   }
 
+  // Destroys the completion of a pointer that keep() gave, in place of take().
+  static void drop(void* context) { remove(context); }
+
   // Destroys all completions, now and in future.
   void abandon();
 

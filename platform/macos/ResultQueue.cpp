@@ -6,7 +6,7 @@
 namespace palaver {
 
 ResultQueue::~ResultQueue() {
-  if (reader_) PendingAnswers::take<NextResult>(reader_);
+  if (reader_) PendingAnswers::drop(reader_);
 }
 
 void ResultQueue::next(std::function<void(NextResult)> completion) {

@@ -26,17 +26,17 @@ class Awaited {
     const auto held = std::make_shared<Held>(state);
     return [state, held](Value value) {
       const std::lock_guard guard(state->lock);
-      if (state->value) ADD_FAILURE() << "the completion is called twice";
+      if (std::exchange(state->isAnswered, true)) ADD_FAILURE() << "the completion is called twice";
       state->value = std::move(value);
       state->changed.notify_all();
     };
   }
 
-  // The answer, or none when it has not come in time, or cannot come any more.
+  // The answer, once; or none when it has not come in time, or cannot come any more.
   std::optional<Value> wait() {
     std::unique_lock lock(state_->lock);
-    state_->changed.wait_for(lock, awaitedDeadline, [this] { return state_->value || !state_->isHeld; });
-    return state_->value;
+    state_->changed.wait_for(lock, awaitedDeadline, [this] { return state_->isAnswered || !state_->isHeld; });
+    return std::exchange(state_->value, std::nullopt);
   }
 
   // Whether the completion has been destroyed, or is before the deadline.
@@ -47,7 +47,7 @@ class Awaited {
 
   bool hasAnswer() const {
     const std::lock_guard guard(state_->lock);
-    return state_->value.has_value();
+    return state_->isAnswered;
   }
 
  private:
@@ -55,6 +55,7 @@ class Awaited {
     std::mutex lock;
     std::condition_variable changed;
     std::optional<Value> value;
+    bool isAnswered = false;
     bool isHeld = false;
   };
   struct Held {

@@ -89,16 +89,18 @@ AudioFormat toFormat(const AnalysisSeamFormat& format) {
 // Hands all results of one transcriber to Swift, one after the other.
 class Pump : public std::enable_shared_from_this<Pump> {
  public:
-  Pump(std::shared_ptr<SpeechTranscriber> transcriber, AnalysisSeamResultHandler handler, void* context)
-      : transcriber_(std::move(transcriber)), handler_(handler), context_(context) {}
+  Pump(const std::shared_ptr<SpeechTranscriber>& transcriber, AnalysisSeamResultHandler handler,
+       void* context)
+      : transcriber_(transcriber), handler_(handler), context_(context) {}
   ~Pump() { end(PlatformError("CancellationError", 1, "")); }
   Pump(const Pump&) = delete;
   Pump& operator=(const Pump&) = delete;
 
   // Without a transcriber the results have been cancelled.
   void next() {
-    if (!transcriber_) return;
-    transcriber_->nextResult([self = shared_from_this()](NextResult next) {
+    const auto transcriber = transcriber_.lock();
+    if (!transcriber) return;
+    transcriber->nextResult([self = shared_from_this()](NextResult next) {
       if (const auto* const result = std::get_if<TranscriptionResult>(&next)) {
         const AnalysisSeamResult seamResult{result->text.data(), result->text.size(), result->rangeStart,
                                             result->rangeEnd, result->isFinal};
@@ -124,7 +126,7 @@ class Pump : public std::enable_shared_from_this<Pump> {
     handler_(context_, nullptr, &answer);
   }
 
-  const std::shared_ptr<SpeechTranscriber> transcriber_;
+  const std::weak_ptr<SpeechTranscriber> transcriber_;  // which keeps the pump while it waits
   const AnalysisSeamResultHandler handler_;
   void* const context_;
   bool hasEnded_ = false;
@@ -183,13 +185,15 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     installations.swap(installations_);
     unanswered.swap(unanswered_);
     lock.unlock();
+    for (const auto& [number, module] : transcribers) endReading(module);
   }
 
   bool waitForPreparedAnalyzers(std::size_t count) const {
-    return waitFor([&] { return prepared_.size() == count; });
+    return waitFor(std::chrono::seconds(60), [&] { return prepared_.size() == count; });
   }
-  bool waitForObjects(std::size_t count) const {
-    return waitFor([&] { return transcribers_.size() + analyzers_.size() + installations_.size() == count; });
+  bool waitForObjects(std::size_t count, std::chrono::milliseconds deadline) const {
+    return waitFor(deadline,
+                   [&] { return transcribers_.size() + analyzers_.size() + installations_.size() == count; });
   }
   bool losesUnreadResults() const { return quirks_.unreadResultsAreLost; }
   SpeechAnalysis& analysis() { return analysis_; }
@@ -215,14 +219,14 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     return module ? module->transcriber : nullptr;
   }
 
-  void bestFormat(std::int64_t number, QuestionPointer question) {
+  void bestFormat(std::int64_t number, const QuestionPointer& question) {
     const auto module = find(transcribers_, number);
     if (!module) return;
     analysis_.bestAvailableAudioFormat(module->transcriber,
                                        [question](auto format) { question->answerFormat(format); });
   }
 
-  void status(std::int64_t number, QuestionPointer question) {
+  void status(std::int64_t number, const QuestionPointer& question) {
     const auto module = find(transcribers_, number);
     if (!module) return;
     analysis_.assetInventory().status(
@@ -231,7 +235,7 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
         });
   }
 
-  void installationRequest(std::int64_t number, QuestionPointer question) {
+  void installationRequest(std::int64_t number, const QuestionPointer& question) {
     const auto module = find(transcribers_, number);
     if (!module) return;
     if (quirks_.maxReservedLocales) {
@@ -252,12 +256,13 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
         });
   }
 
-  void download(std::int64_t number, QuestionPointer question) {
+  void download(std::int64_t number, const QuestionPointer& question) {
     const auto request = find(installations_, number);
     if (request) (*request)->downloadAndInstall([question](auto error) { question->answer(error); });
   }
 
-  void prepare(std::int64_t number, const std::optional<AudioFormat>& format, QuestionPointer question) {
+  void prepare(std::int64_t number, const std::optional<AudioFormat>& format,
+               const QuestionPointer& question) {
     const auto analyzer = find(analyzers_, number);
     if (!analyzer) return;
     if (const auto refusal = take(number, analyzer->locale)) return question->answer(refusal);
@@ -294,7 +299,7 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
         });
   }
 
-  void cancel(std::int64_t number, QuestionPointer question) {
+  void cancel(std::int64_t number, const QuestionPointer& question) {
     const auto analyzer = find(analyzers_, number);
     if (!analyzer) return;
     analyzer->parts.analyzer->cancelAndFinishNow([self = weak_from_this(), number, question] {
@@ -307,10 +312,12 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     Transcriber transcriber;
     Analyzer analyzer;
     std::shared_ptr<AssetInstallationRequest> installation;
-    const std::lock_guard guard(lock_);
+    std::unique_lock lock(lock_);
     if (const auto node = transcribers_.extract(number)) transcriber = node.mapped();
     if (const auto node = analyzers_.extract(number)) analyzer = node.mapped();
     if (const auto node = installations_.extract(number)) installation = node.mapped();
+    lock.unlock();
+    endReading(transcriber);
   }
 
  private:
@@ -322,9 +329,13 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     return found->second;
   }
 
+  // Nobody is left who could read. A reader that waits for ever would keep what it reads from.
+  static void endReading(const Transcriber& module) {
+    if (module.transcriber) module.transcriber->cancelResults();
+  }
+
   template <typename Condition>
-  static bool waitFor(Condition condition) {
-    constexpr auto deadline = std::chrono::seconds(60);
+  static bool waitFor(std::chrono::milliseconds deadline, Condition condition) {
     std::unique_lock lock(lock_);
     return changed_.wait_for(lock, deadline, condition);
   }
@@ -388,8 +399,8 @@ bool AnalysisBehaviour::waitForPreparedAnalyzers(std::size_t count) const {
   return seam_->waitForPreparedAnalyzers(count);
 }
 
-bool AnalysisBehaviour::waitForObjects(std::size_t count) const {
-  return seam_->waitForObjects(count);
+bool AnalysisBehaviour::waitForObjects(std::size_t count, std::chrono::milliseconds deadline) const {
+  return seam_->waitForObjects(count, deadline);
 }
 
 }  // namespace palaver

@@ -2,6 +2,7 @@
 // reported of the real one only.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -49,8 +50,9 @@ class AnalysisBehaviour {
   // within a time that no slow machine needs.
   bool waitForPreparedAnalyzers(std::size_t count) const;
 
-  // Waits until the framework has so many objects: transcribers, analyzers and installation requests.
-  bool waitForObjects(std::size_t count) const;
+  // Waits until the framework has so many objects: transcribers, analyzers and installation requests. False
+  // when that does not come about before the deadline.
+  bool waitForObjects(std::size_t count, std::chrono::milliseconds deadline = std::chrono::seconds(60)) const;
 
  private:
   const std::shared_ptr<class AnalysisSeam> seam_;

@@ -1,5 +1,4 @@
 // The whole analyzer backend on the macOS analysis: conversations of a host, on real threads.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -30,8 +29,6 @@ namespace palaver {
 namespace {
 
 using nlohmann::json;
-using testing::Contains;
-using testing::HasSubstr;
 
 // What was written, event by event.
 class EventLog final : public OutputStream {
