@@ -16,7 +16,7 @@ import wave
 MACOS, LINUX, SIMULATOR = sys.argv[1:4]
 DATA = "/usr/share/pocketsphinx/test/data/"
 SENTENCE = DATA + "librivox/sense_and_sensibility_01_austen_64kb-%s.wav"
-RECORDINGS = [SENTENCE % number for number in ("0870", "0880", "0890", "0930")]
+RECORDINGS = [SENTENCE % number for number in ("0880", "0890", "0930")]
 RATE = 16000  # Hz
 CHUNK = 1600  # frames, 100 ms
 SILENCE_MS = 900  # of the wall clock, after which an utterance with text ends
@@ -131,7 +131,7 @@ class RecordingsTest(unittest.TestCase):
 
     def test_macos_26_hears_the_words_of_a_meeting_that_the_same_backend_hears_on_linux(self):
         pause = b"\0\0" * (2 * RATE)
-        audio = samples(RECORDINGS[1]) + pause + samples(RECORDINGS[3])
+        audio = samples(RECORDINGS[0]) + pause + samples(RECORDINGS[2])
         there = finals_of_session(Helper(self, [SIMULATOR, "analyzer"]), audio)
         here = finals_of_session(Helper(self, [MACOS], PALAVER_STT_SYSTEM="macOS 26"), audio)
         self.assert_same_finals(here, there)
