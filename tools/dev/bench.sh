@@ -4,13 +4,15 @@ benchmark_target() {  # name
   case $1 in
     path | throughput | latency | startup | memory) echo palaver_bench ;;
     kernels | accuracy) echo "palaver_$1" ;;
-    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup and memory, kernels, and accuracy" ;;
+    channels) echo PalaverSTTHelper ;;
+    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup and memory, kernels, accuracy, and channels" ;;
   esac
 }
 
 benchmark_program() {  # target
   case $1 in
     palaver_accuracy) echo build/release/bench/accuracy/palaver_accuracy ;;
+    PalaverSTTHelper) echo build/release/PalaverSTTHelper ;;
     *) echo "build/release/bench/$1" ;;
   esac
 }
@@ -18,7 +20,7 @@ benchmark_program() {  # target
 run_benchmarks() {  # names...
   local name targets="" program
   [ "$(uname -s)" = Linux ] || fail "the benchmarks need Linux: they use its pipes and /proc"
-  [ $# -gt 0 ] || set -- path kernels accuracy
+  [ $# -gt 0 ] || set -- path kernels accuracy channels
   for name in "$@"; do targets="$targets $(benchmark_target "$name")"; done
   # shellcheck disable=SC2086 # one word per target
   build release $targets
@@ -27,6 +29,7 @@ run_benchmarks() {  # names...
     say "benchmark $name"
     case $name in
       throughput | latency | startup | memory) "$program" "$name" ;;
+      channels) python3 bench/channels.py "$program" ;;
       *) "$program" ;;
     esac
   done

@@ -1,0 +1,98 @@
+"""Whether the helper keeps up with many people speaking at once, and what it takes: ten live channels, five sessions with two
+sources each, in real time on recordings of people.
+
+Usage: channels.py HELPER [CHANNELS [SECONDS]]
+
+A channel keeps up when its finals do not come later as time goes on. It takes as long as it says; the machine must have nothing
+else to do.
+"""
+
+import base64
+import json
+import os
+import pathlib
+import queue
+import statistics
+import subprocess
+import sys
+import threading
+import time
+import wave
+
+DATA = pathlib.Path("/usr/share/pocketsphinx/test/data/librivox")
+CHUNK = 1600  # frames, 100 ms at 16 kHz
+PAUSE = bytes(2 * CHUNK * 12)  # behind each recording; longer than the 900 ms that end an utterance
+
+
+def recordings():
+    audio = []
+    for path in sorted(DATA.glob("*.wav")):
+        with wave.open(str(path)) as file:
+            audio.append(file.readframes(file.getnframes()))
+    return audio
+
+
+def processor_seconds(pid):
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def resident_megabytes(pid):
+    status = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return int(status.split("VmRSS:")[1].split()[0]) / 1024
+
+
+def main():
+    helper_path, channels, seconds = sys.argv[1], 10, 120
+    if len(sys.argv) > 2:
+        channels = int(sys.argv[2])
+    if len(sys.argv) > 3:
+        seconds = int(sys.argv[3])
+    helper = subprocess.Popen([helper_path], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    events = queue.Queue()
+    threading.Thread(target=lambda: [events.put(json.loads(line)) for line in helper.stdout], daemon=True).start()
+
+    def send(**command):
+        helper.stdin.write(json.dumps(command).encode() + b"\n")
+
+    sources = [(f"s{channel // 2}", ("remote", "self")[channel % 2]) for channel in range(channels)]
+    for session in sorted({session for session, _ in sources}):
+        send(type="session.start", sessionId=session, locale="en-US")
+    helper.stdin.flush()
+
+    speech = recordings()
+    # Each channel begins with another recording, so that they do not all pause at once.
+    streams = [b"".join(part + PAUSE for part in speech[channel % len(speech):] + speech[:channel % len(speech)])
+               for channel in range(channels)]
+    begin, used, latencies, errors, memory = time.time(), None, [], [], []
+    for sequence in range(10 * seconds):
+        time.sleep(max(0, begin + (sequence + 1) / 10 - time.time()))
+        for (session, source), stream in zip(sources, streams):
+            at = 2 * CHUNK * sequence % len(stream)
+            send(type="audio", sessionId=session, source=source, sequence=sequence,
+                 capturedAt=(begin + sequence / 10) * 1000, pcmBase64=base64.b64encode(stream[at:at + 2 * CHUNK]).decode())
+        helper.stdin.flush()
+        if sequence == 100:
+            used = (time.time(), processor_seconds(helper.pid))  # everything is loaded
+        if sequence % 300 == 299:
+            memory.append(f"{resident_megabytes(helper.pid):.0f}")
+        while not events.empty():
+            event = events.get()
+            if event["type"] == "transcript.final":
+                latencies.append((time.time() - begin, event["latencyMs"]))
+            if event["type"] == "helper.error":
+                errors.append(event["message"])
+    load = (processor_seconds(helper.pid) - used[1]) / (time.time() - used[0])
+    helper.stdin.close()
+    helper.wait()
+
+    halves = [[latency for at, latency in latencies if (at < seconds / 2) == first] for first in (True, False)]
+    print(f"| {channels} channels, {seconds} s | first half | second half |\n|---|---|---|")
+    print("| finals |", " | ".join(str(len(half)) for half in halves), "|")
+    for name, figure in (("median latency", statistics.median), ("longest latency", max)):
+        print(f"| {name} |", " | ".join(f"{figure(half):.0f} ms" if half else "none" for half in halves), "|")
+    print(f"\n{load:.2f} processors of {os.cpu_count()}, {load / channels:.3f} a channel; resident after each half minute: "
+          f"{', '.join(memory)} MB; errors: {errors or 'none'}; exit status {helper.returncode}")
+
+
+main()
