@@ -1,8 +1,10 @@
 #include "tests/apple/helper/SwiftTasks.h"
 
-#include <dispatch/dispatch.h>
-
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <mutex>
+#include <thread>
 
 extern "C" {
 
@@ -23,18 +25,49 @@ namespace palaver {
 
 namespace {
 
-dispatch_queue_t tasks = nullptr;
+// Lives until the process ends.
+class TaskThread {
+ public:
+  TaskThread() {
+    std::thread([this] { serve(); }).detach();
+  }
+
+  void add(SwiftJob* job) {
+    {
+      const std::lock_guard guard(lock_);
+      jobs_.push_back(job);
+    }
+    added_.notify_one();
+  }
+
+ private:
+  [[noreturn]] void serve() {
+    std::unique_lock guard(lock_);
+    for (;;) {
+      added_.wait(guard, [this] { return !jobs_.empty(); });
+      auto* const job = jobs_.front();
+      jobs_.pop_front();
+      guard.unlock();
+      swift_job_run(job, {nullptr, 0});
+      guard.lock();
+    }
+  }
+
+  std::mutex lock_;
+  std::condition_variable added_;
+  std::deque<SwiftJob*> jobs_;
+};
+
+TaskThread* tasks = nullptr;
 
 __attribute__((swiftcall)) void enqueue(SwiftJob* job, SwiftEnqueue /*original*/) {
-  dispatch_async(tasks, ^{
-    swift_job_run(job, {nullptr, 0});
-  });
+  tasks->add(job);
 }
 
 }  // namespace
 
 void runSwiftTasksOneByOne() {
-  tasks = dispatch_queue_create("PalaverSTTHelper.swift-tasks", DISPATCH_QUEUE_SERIAL);
+  tasks = new TaskThread;
   swift_task_enqueueGlobal_hook = enqueue;
 }
 

@@ -62,6 +62,8 @@ ConversationOutcome converse(const Scenario& scenario, std::vector<std::string> 
   }
   auto report = compare(scenario, helper.record());
   if (failure) report = *failure + report.value_or("");
+  if (report)
+    if (const auto words = helper.lastWords(); !words.empty()) *report += "  its last words:\n" + words;
   return {std::nullopt, std::move(report)};
 }
 

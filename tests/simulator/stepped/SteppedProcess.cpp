@@ -100,6 +100,22 @@ void SteppedProcess::askWhatWasReceived() {
   if (auto received = ask({{"report", true}}); !received.is_null()) record_.received = std::move(received);
 }
 
+std::string SteppedProcess::lastWords() {
+  const auto deadline = RealTime::now() + bound_;
+  const auto linesBefore = record_.errorOutput.lines.size();
+  child_.closeInput();
+  while (!hasEnded_ && RealTime::now() < deadline) {
+    hasEnded_ = child_.exitStatus().has_value();
+    if (!drain()) ::poll(nullptr, 0, 1);
+  }
+  drain();
+  stampLines();
+  std::string words;
+  for (auto i = linesBefore; i < record_.errorOutput.lines.size(); ++i)
+    words += record_.errorOutput.lines[i].text + "\n";
+  return words + record_.errorOutput.rest;
+}
+
 // Sends a request and waits for its answer; null when the process has ended instead.
 JSON SteppedProcess::ask(const JSON& request) {
   if (hasEnded()) return nullptr;

@@ -54,6 +54,10 @@ class SteppedProcess {
   // Puts into the record what has reached the services. A process that ended by itself has told it then.
   void askWhatWasReceived();
 
+  // Closes standard input, waits for the end as long as the bound allows, and returns what is written to
+  // standard error meanwhile: a sanitizer's report may be on its way. Called last.
+  std::string lastWords();
+
   // What came of it so far.
   const ScenarioRecord& record() const { return record_; }
 

@@ -120,6 +120,11 @@ TEST_F(ConverseTest, FailsOnAProgramThatHangs) {
               HasSubstr("does not come to rest"));
 }
 
+TEST_F(ConverseTest, TellsTheLastWordsOfAProgramThatFails) {
+  EXPECT_THAT(reportOn("read x <&3; echo {} >&3; read x <&3; exec 3>&-; read x; echo farewell >&2; exit 1"),
+              AllOf(HasSubstr("closed the control channel"), HasSubstr("its last words:\nfarewell")));
+}
+
 TEST_F(ConverseTest, FailsOnAProgramThatMisusesTheChannel) {
   EXPECT_THAT(reportOn("read x <&3; echo hello >&3; read x"), HasSubstr("no JSON object"));
   EXPECT_THAT(reportOn("exec 3>&-; read x"), HasSubstr("closed the control channel"));
