@@ -102,6 +102,7 @@ void collect(const Speaker& speaker, const SoundSequence& sequence, AudioSource 
 std::vector<Understanding> stream(const Speaker& remote, const Speaker& self, std::int64_t offset) {
   host::HostConfiguration configuration;
   configuration.helper = {PALAVER_HELPER};
+  configuration.limits.finals = 120000;  // a busy machine makes words late, not wrong
   auto remoteSound = sequenceOf(remote, offset);
   auto selfSound = sequenceOf(self, offset);
   // The session owns the sounds; where their recordings begin is asked for afterwards.

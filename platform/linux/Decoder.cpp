@@ -25,7 +25,7 @@ namespace {
 constexpr double logBase = 1.0001;
 // The share of the contextual phrases in the interpolated model; measured to hardly matter.
 constexpr float contextualWeight = 0.1F;
-// Audio after which the mean follows. After each second instead, every tenth error more.
+// Audio after which the mean follows. After each second instead, there were a tenth more errors.
 constexpr std::size_t samplesPerMean = modelSampleRate / 10;
 
 PlatformError engineFailure(const std::string& what) {
@@ -160,6 +160,11 @@ void Decoder::setContextualStrings(std::span<const std::string> phrases) {
 }
 
 void Decoder::startUtterance() {
+  beginUtterance();
+  speechBeforeUtterance_ = mean_.speechFrames();
+}
+
+void Decoder::beginUtterance() {
   // Without a new stream frame numbers would run on from the utterance before.
   if (ps_start_stream(decoder_.get()) < 0 || ps_start_utt(decoder_.get()) < 0)
     throw engineFailure("start an utterance");
@@ -191,19 +196,14 @@ void Decoder::endUtterance() {
   if (status < 0) throw engineFailure("end the utterance");
 }
 
-bool Decoder::shouldHearAgain() const {
-  return speechToHearAgain_ <= lastSpeechToHearAgain && mean_.speechFrames() >= speechToHearAgain_;
-}
-
 void Decoder::hearAgain(std::span<const std::int16_t> utterance) {
   if (!inUtterance_) return;
-  while (speechToHearAgain_ <= mean_.speechFrames()) speechToHearAgain_ *= 2;
   inUtterance_ = false;
   const int status = ps_end_utt(decoder_.get());
   takeSums(Learning::no);
   learnMean();
   if (status < 0) throw engineFailure("begin the utterance anew");
-  startUtterance();
+  beginUtterance();
   // This audio has had its part in the mean.
   decode(utterance, Learning::no);
 }

@@ -68,21 +68,20 @@ class Decoder {
   void process(std::span<const std::int16_t> samples);
   void endUtterance();
 
-  // Whether the speaker has become so much better known since the utterance began that it may be understood
-  // otherwise when it is heard again: true once there have been firstSpeechToHearAgain frames of speech, and
-  // again whenever there have been twice as many, up to lastSpeechToHearAgain.
-  bool shouldHearAgain() const;
+  // Frames of speech (10 ms each) after which a voice is known, and the mean as good as it will be.
+  static constexpr std::int64_t framesToKnowVoice = 800;
+  // Whether the voice was known before the utterance began. If not, hearing the utterance again with what it
+  // has taught gives better words.
+  bool knowsVoice() const { return speechBeforeUtterance_ >= framesToKnowVoice; }
   // Begins the utterance anew with all of its audio so far. Takes as long as process() for it.
   void hearAgain(std::span<const std::int16_t> utterance);
-
-  static constexpr std::int64_t firstSpeechToHearAgain = 100;
-  static constexpr std::int64_t lastSpeechToHearAgain = 400;
 
   // What the decoder believes it has heard in the utterance so far or, after its end, at last.
   std::vector<DecodedSegment> segments() const;
 
  private:
   void useLanguageModel(ngram_model_t* model);
+  void beginUtterance();
   enum class Learning { yes, no };
   void decode(std::span<const std::int16_t> samples, Learning learning);
   void takeSums(Learning learning);
@@ -95,7 +94,7 @@ class Decoder {
   std::string searchName_;
   bool inUtterance_ = false;
   CepstralMean mean_;
-  std::int64_t speechToHearAgain_ = firstSpeechToHearAgain;  // frames
+  std::int64_t speechBeforeUtterance_ = 0;  // frames
 };
 
 }  // namespace palaver

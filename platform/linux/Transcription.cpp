@@ -43,7 +43,7 @@ void Transcription::process(std::span<const std::int16_t> samples) {
     return;
   }
   listen();
-  hearAgainIfBetterKnown();
+  hearAgainInPause();
   cutIfLong();
 }
 
@@ -60,9 +60,12 @@ std::vector<std::int16_t> Transcription::audioFrom(std::int64_t sample) const {
   return {newest_.end() - (received_ - sample), newest_.end()};
 }
 
-void Transcription::hearAgainIfBetterKnown() {
+void Transcription::hearAgainInPause() {
+  const bool isPause = !current_.empty() && pause_ >= hearingPause;
+  if (!isPause) isHeardAgain_ = false;
   const bool isKept = utteranceLength() <= std::ssize(newest_);
-  if (current_.empty() || !isKept || !decoder_.shouldHearAgain()) return;
+  if (!isPause || isHeardAgain_ || !isKept || decoder_.knowsVoice()) return;
+  isHeardAgain_ = true;
   decoder_.hearAgain(audioFrom(utteranceStart_));
   listen();
 }

@@ -40,8 +40,11 @@ class Transcription {
   static constexpr std::int64_t pauseLength = std::int64_t{3} * modelSampleRate / 10;
   // ...and from which it ends between two words.
   static constexpr std::int64_t hardLimit = std::int64_t{60} * modelSampleRate;
-  // Audio kept to be given again.
-  static constexpr std::int64_t keptSamples = std::int64_t{5} * modelSampleRate;
+  // Samples of pause after which an utterance of an unknown voice is heard again: well before a caller who
+  // waits for a pause of about a second ends the audio.
+  static constexpr std::int64_t hearingPause = std::int64_t{4} * modelSampleRate / 10;
+  // Audio kept to be given again; a longer utterance is not heard again.
+  static constexpr std::int64_t keptSamples = std::int64_t{10} * modelSampleRate;
   // Longer words are noise that was taken for one, and left out.
   static constexpr std::int64_t maxWordLength = std::int64_t{3} * modelSampleRate / 2;
 
@@ -70,7 +73,7 @@ class Transcription {
 
   void startUtterance(std::int64_t sample);
   std::vector<std::int16_t> audioFrom(std::int64_t sample) const;
-  void hearAgainIfBetterKnown();
+  void hearAgainInPause();
   void listen();
   void cutIfLong();
   void cut(std::int64_t sample);
@@ -86,6 +89,7 @@ class Transcription {
   std::deque<std::int16_t> newest_;  // the last keptSamples, or fewer
   std::vector<Word> settled_;        // words of the utterances before
   std::vector<Word> current_;        // words of the decoder's utterance
+  bool isHeardAgain_ = false;        // in the pause at its end
   std::int64_t pause_ = 0;           // samples of silence at its end
 };
 

@@ -55,7 +55,7 @@ class RecordedAnswers {
 
   // Waits for an answer that ends the task. None when it does not come within a time that no slow machine
   // needs.
-  std::optional<Answer> waitForLast(std::chrono::seconds deadline = std::chrono::seconds(60)) const {
+  std::optional<Answer> waitForLast(std::chrono::seconds deadline = std::chrono::seconds(240)) const {
     std::unique_lock guard(lock_);
     const auto hasLast = [this] { return !answers_.empty() && answers_.back().isLast(); };
     if (!answered_.wait_for(guard, deadline, hasLast)) return std::nullopt;
@@ -63,7 +63,7 @@ class RecordedAnswers {
   }
 
   // Waits for at least so many answers.
-  bool waitForCount(std::size_t count, std::chrono::seconds deadline = std::chrono::seconds(60)) const {
+  bool waitForCount(std::size_t count, std::chrono::seconds deadline = std::chrono::seconds(240)) const {
     std::unique_lock guard(lock_);
     return answered_.wait_for(guard, deadline, [&] { return answers_.size() >= count; });
   }
