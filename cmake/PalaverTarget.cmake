@@ -7,6 +7,11 @@ function(palaver_options target)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
   target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wshadow -Wconversion -Wsign-conversion)
+  if(APPLE)
+    target_include_directories(${target} SYSTEM PRIVATE ${PALAVER_HEADER_LIBRARIES})
+    # What a later macOS than the oldest supported one brought is used behind a check only.
+    target_compile_options(${target} PRIVATE -Werror=unguarded-availability)
+  endif()
   if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     # Asio looks for the coroutines of clang in their old place only.
     target_compile_definitions(${target} PRIVATE ASIO_HAS_CO_AWAIT ASIO_HAS_STD_COROUTINE)

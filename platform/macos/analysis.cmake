@@ -1,6 +1,6 @@
 # palaver_apple_analysis: speech analysis by the frameworks of macOS 26, for which the SDK of macOS 26 is needed. Without
-# it there is no such target, and the platform has the absent service of platform/posix. Whether there is one:
-# PALAVER_HAS_SPEECH_ANALYZER.
+# it PALAVER_HAS_SPEECH_ANALYZER is off, and the platform has the absent service of platform/posix; the part in C++ is
+# still compiled, so that the cross build, which has no Swift for macOS, shows that it compiles there.
 #
 # On Linux the tests set PALAVER_SPEECH_MODULES to a target that stands in for the frameworks; its INTERFACE directories
 # hold their modules.
@@ -34,11 +34,17 @@ if(PALAVER_HAS_SPEECH_ANALYZER)
   palaver_swift_object(${bridge_object} SOURCE ${bridge_source} MODULE SpeechAnalyzerBridge
     FLAGS ${bridge_flags} DEPENDS ${bridge_header} ${PALAVER_SPEECH_MODULES})
 
-  palaver_library(palaver_apple_analysis
-    ${PROJECT_SOURCE_DIR}/platform/macos/AppleSpeechAnalysis.cpp
-    ${PROJECT_SOURCE_DIR}/platform/macos/PendingAnswers.cpp
-    ${PROJECT_SOURCE_DIR}/platform/macos/ResultQueue.cpp
-    ${bridge_object}
-  )
-  target_link_libraries(palaver_apple_analysis PUBLIC palaver ${PALAVER_SPEECH_MODULES} PalaverSwift::Runtime)
+else()
+  set(bridge_object "")
+endif()
+
+palaver_library(palaver_apple_analysis
+  ${PROJECT_SOURCE_DIR}/platform/macos/AppleSpeechAnalysis.cpp
+  ${PROJECT_SOURCE_DIR}/platform/macos/PendingAnswers.cpp
+  ${PROJECT_SOURCE_DIR}/platform/macos/ResultQueue.cpp
+  ${bridge_object}
+)
+target_link_libraries(palaver_apple_analysis PUBLIC palaver)
+if(PALAVER_HAS_SPEECH_ANALYZER)
+  target_link_libraries(palaver_apple_analysis PUBLIC ${PALAVER_SPEECH_MODULES} PalaverSwift::Runtime)
 endif()

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <thread>
@@ -11,6 +12,9 @@
 namespace palaver {
 
 namespace {
+
+// In one call; macOS refuses more than INT_MAX bytes (read(2), write(2)), Linux does less by itself.
+constexpr std::size_t mostBytes = std::size_t{1} << 30;
 
 // After a failed call: whether it may be tried again, once the descriptor is ready if it was not.
 bool mayTryAgain(int descriptor, short events) {
@@ -26,7 +30,7 @@ void DescriptorInput::start(InputHandler& handler) {
   std::thread([descriptor = descriptor_, &handler] {
     for (;;) {
       const auto room = handler.prepare();
-      const ssize_t count = ::read(descriptor, room.data(), room.size());
+      const ssize_t count = ::read(descriptor, room.data(), std::min(room.size(), mostBytes));
       if (count > 0) {
         handler.received(static_cast<std::size_t>(count));
       } else if (count == 0 || !mayTryAgain(descriptor, POLLIN)) {
@@ -38,7 +42,7 @@ void DescriptorInput::start(InputHandler& handler) {
 
 void DescriptorOutput::write(std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t count = ::write(descriptor_, bytes.data(), bytes.size());
+    const ssize_t count = ::write(descriptor_, bytes.data(), std::min(bytes.size(), mostBytes));
     if (count >= 0) {
       bytes.remove_prefix(static_cast<std::size_t>(count));
     } else if (!mayTryAgain(descriptor_, POLLOUT)) {

@@ -2,10 +2,11 @@
 
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 #include "core/Helper.h"
-#include "platform/linux/LinuxSpeechRecognition.h"
 #include "platform/linux/SndfileAudioFile.h"
 #include "platform/linux/SpeexAudioConverter.h"
 #include "platform/posix/POSIXStreams.h"
@@ -14,8 +15,11 @@
 #include "platform/posix/ThreadedMainQueue.h"
 #include "tests/simulator/ClaimedProcess.h"
 #include "tests/simulator/PlatformState.h"
-#include "tests/simulator/RecognizedSpeechAnalysis.h"
 #include "tests/simulator/WallTimeline.h"
+#ifdef PALAVER_RECOGNIZER
+#include "platform/linux/LinuxSpeechRecognition.h"
+#include "tests/simulator/RecognizedSpeechAnalysis.h"
+#endif
 
 namespace palaver {
 
@@ -59,6 +63,7 @@ void runLive(const std::filesystem::path& stateFile, std::span<char*> arguments)
   runHelper(live.platform);
 }
 
+#ifdef PALAVER_RECOGNIZER
 void runLiveAnalyzer(std::span<char*> arguments) {
   constexpr OperatingSystemVersion system{26, 0, 0};
   prepareStandardStreams();
@@ -68,5 +73,11 @@ void runLiveAnalyzer(std::span<char*> arguments) {
   auto& live = *new LivePlatform(system, arguments, recognition, analysis);
   runHelper(live.platform);
 }
+#else
+void runLiveAnalyzer(std::span<char*> /*arguments*/) {
+  std::fputs("This simulator was built without the recognizer of Linux\n", stderr);
+  std::exit(2);
+}
+#endif
 
 }  // namespace palaver

@@ -12,7 +12,8 @@ namespace palaver {
 [[noreturn]] void runLive(const std::filesystem::path& stateFile, std::span<char*> arguments);
 
 // Runs the helper on the process's own streams and clock, with the analyzer backend of macOS 26 on top of the
-// recognizer of Linux. English serves where Japanese is asked for. Ends the process.
+// recognizer of Linux. English serves where Japanese is asked for. Ends the process, with status 2 where the
+// simulator was built without that recognizer.
 [[noreturn]] void runLiveAnalyzer(std::span<char*> arguments);
 
 }  // namespace palaver

@@ -1,6 +1,10 @@
 #include "tests/support/AllocationCount.h"
 
+#ifdef __APPLE__
+#include <malloc/malloc.h>
+#else
 #include <malloc.h>
+#endif
 
 #include <atomic>
 #include <cstdlib>
@@ -13,16 +17,24 @@ namespace {
 std::atomic<std::size_t> held{0};
 std::atomic<std::size_t> large{0};
 
+std::size_t usableSize(void* memory) {
+#ifdef __APPLE__
+  return malloc_size(memory);
+#else
+  return malloc_usable_size(memory);
+#endif
+}
+
 void* allocate(std::size_t size) {
   void* const memory = std::malloc(size ? size : 1);
   if (!memory) throw std::bad_alloc();
-  held += malloc_usable_size(memory);
+  held += usableSize(memory);
   if (size >= std::size_t{64} << 10) ++large;
   return memory;
 }
 
 void release(void* memory) {
-  if (memory) held -= malloc_usable_size(memory);
+  if (memory) held -= usableSize(memory);
   std::free(memory);
 }
 

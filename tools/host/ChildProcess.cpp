@@ -48,11 +48,12 @@ class SpawnAttributes {
  public:
   SpawnAttributes() {
     check(::posix_spawnattr_init(&attributes_), "posix_spawnattr_init");
+    // No :: in front: on macOS these are macros.
     sigset_t defaults;
-    ::sigemptyset(&defaults);
-    ::sigaddset(&defaults, SIGPIPE);  // which this process ignores
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);  // which this process ignores
     sigset_t none;
-    ::sigemptyset(&none);
+    sigemptyset(&none);
     ::posix_spawnattr_setsigdefault(&attributes_, &defaults);
     ::posix_spawnattr_setsigmask(&attributes_, &none);
     ::posix_spawnattr_setpgroup(&attributes_, 0);
