@@ -10,8 +10,10 @@
 #include "tests/simulator/ScenarioDifferences.h"
 #include "tests/simulator/ScenarioRunner.h"
 #include "tests/simulator/live.h"
+#ifdef PALAVER_CONVERSATIONS
 #include "tests/simulator/stepped/Converse.h"
 #include "tests/simulator/stepped/stepped.h"
+#endif
 
 namespace palaver {
 
@@ -22,7 +24,8 @@ constexpr const char* usage =
     "         plays scenarios in virtual time; exit status 1 when one fails\n"
     "       PalaverSTTSimulator converse FILE [DIFFERENCES] -- PROGRAM [ARGUMENT...]\n"
     "         plays a scenario against a program in stepped time; exit status 1 when it fails, 77 when it\n"
-    "         cannot be played so. DIFFERENCES says where the program is meant to do otherwise\n"
+    "         cannot be played so. DIFFERENCES says where the program is meant to do otherwise. On Linux "
+    "only\n"
     "       PalaverSTTSimulator stepped [HELPER ARGUMENT...]\n"
     "         is such a program: the helper on this machine's threads and streams, the rest simulated\n"
     "       PalaverSTTSimulator live STATE [HELPER ARGUMENT...]\n"
@@ -59,6 +62,8 @@ int run(std::span<char*> paths) {
   return failures == 0 ? 0 : 1;
 }
 
+#ifdef PALAVER_CONVERSATIONS
+
 // `files`: the scenario, and the differences if there are any.
 int converseWith(std::span<char*> files, std::span<char*> command) {
   constexpr int skippedStatus = 77;  // as test drivers know it
@@ -82,6 +87,8 @@ int converseWith(std::span<char*> files, std::span<char*> command) {
   }
 }
 
+#endif
+
 }  // namespace
 
 }  // namespace palaver
@@ -90,6 +97,7 @@ int main(int argumentCount, char** arguments) {
   const std::span all(arguments, static_cast<std::size_t>(argumentCount));
   const std::string_view mode = all.size() > 1 ? all[1] : "";
   if (mode == "run" && all.size() > 2) return palaver::run(all.subspan(2));
+#ifdef PALAVER_CONVERSATIONS
   if (mode == "converse") {
     const auto words = all.subspan(2);
     const auto separator = std::find(words.begin(), words.end(), std::string_view("--"));
@@ -98,6 +106,7 @@ int main(int argumentCount, char** arguments) {
       return palaver::converseWith(files, {separator + 1, words.end()});
   }
   if (mode == "stepped") palaver::runStepped(all.subspan(2));
+#endif
   if (mode == "live" && all.size() > 2) return palaver::live(all.subspan(2));
   if (mode == "analyzer") palaver::runLiveAnalyzer(all.subspan(2));
   std::fputs(palaver::usage, stderr);
