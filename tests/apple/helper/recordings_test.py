@@ -31,8 +31,10 @@ class Helper:
     """A helper as the child of a host."""
 
     def __init__(self, test, command, **environment):
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+        self.errors = tempfile.TemporaryFile()
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors,
                                         env={**os.environ, **environment})
+        test.addCleanup(self.errors.close)
         for end in (self.process.wait, self.process.kill, self.process.stdout.close, self.process.stdin.close):
             test.addCleanup(end)  # the last first
         self.test = test
@@ -70,6 +72,8 @@ class Helper:
         self.process.stdin.close()
         self.test.assertEqual(self.process.stdout.read(), b"")
         self.test.assertEqual(self.process.wait(), 0)
+        self.errors.seek(0)
+        self.test.assertEqual(self.errors.read().decode(), "")  # where sanitizers report
 
 
 def words_of_utterance(helper, audio):
@@ -104,7 +108,8 @@ def finals_of_research(test, command, recording, **environment):
         vocabulary.write("[]")
         vocabulary.flush()
         done = subprocess.run([*command, "--research-transcribe-file", recording, vocabulary.name],
-                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, env={**os.environ, **environment})
+                              stdin=subprocess.DEVNULL, capture_output=True, env={**os.environ, **environment})
+    test.assertEqual(done.stderr.decode(), "")
     test.assertEqual(done.returncode, 0)
     events = [json.loads(line) for line in done.stdout.splitlines()]
     test.assertEqual(events[-1]["type"], "research.complete")
