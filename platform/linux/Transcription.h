@@ -20,8 +20,8 @@ namespace palaver {
 // Quiet audio before a word is not decoded at all, as that takes more work than speech does: a source may be
 // silent for most of a meeting. When it grows louder, the decoder begins with the second before.
 //
-// A speaker who is not known yet is misunderstood more often. The first seconds are therefore heard again
-// when there have been a few of them, and what they have been taken for changes.
+// A speaker who is not known yet is misunderstood more often. Until the voice is known, an utterance is
+// therefore heard again in each of its pauses, and what it has been taken for may change.
 //
 // Lives on the decoder's thread, one at a time per decoder.
 class Transcription {

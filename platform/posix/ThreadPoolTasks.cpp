@@ -5,10 +5,12 @@
 
 namespace palaver {
 
-ThreadPoolTasks::ThreadPoolTasks() : ThreadPoolTasks(std::max(2u, std::thread::hardware_concurrency())) {}
-
 asio::any_io_executor ThreadPoolTasks::executor() {
-  std::call_once(made_, [this] { pool_.emplace(threads_); });
+  // The processors are counted here and not at start-up, as that takes system calls and the legacy backend
+  // needs no pool.
+  std::call_once(made_, [this] {
+    pool_.emplace(threads_ ? *threads_ : std::size_t{std::max(2u, std::thread::hardware_concurrency())});
+  });
   return pool_->executor();
 }
 
