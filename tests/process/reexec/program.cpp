@@ -18,6 +18,7 @@
 // whoever starts the wrapper. The last three and those of the functions matter to the wrapper only.
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -43,10 +44,22 @@ using nlohmann::json;
 
 constexpr std::array signals{SIGTERM, SIGINT, SIGHUP};
 
-// One write per line, so that a handler's lines do not fall between.
+// Waits until this process alone writes, with F_WRLCK, or lets the other one, with F_UNLCK.
+void lockOutput(short type) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  while (::fcntl(STDOUT_FILENO, F_SETLKW, &lock) < 0)
+    if (errno != EINTR) std::_Exit(95);
+}
+
+// One write per line, so that a handler's lines do not fall between. Wrapper and child write to the same
+// pipe, which takes a long line in pieces: they write in turn.
 void say(const json& object) {
   const std::string line = object.dump() + "\n";
+  lockOutput(F_WRLCK);
   if (::write(STDOUT_FILENO, line.data(), line.size()) != static_cast<ssize_t>(line.size())) std::_Exit(98);
+  lockOutput(F_UNLCK);
 }
 
 std::optional<std::string> setting(const char* name) {
