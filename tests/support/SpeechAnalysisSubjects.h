@@ -32,6 +32,7 @@ class SimulatedAnalysisSubject final : public SpeechAnalysisContractSubject {
     for (auto* const operation : {&state.prepare, &state.finalize, &state.cancel}) operation->takes = 1;
     analysis_.setState(state);
   }
+  ~SimulatedAnalysisSubject() override { timeline_.end(); }
 
   SpeechAnalysis& analysis() override { return analysis_; }
   std::string locale() override { return "ja-JP"; }

@@ -8,20 +8,28 @@ class ThreadedTimeline::Worker {
  public:
   explicit Worker(std::chrono::steady_clock::time_point start)
       : start_(start), thread_([this] { serve(); }) {}
-  ~Worker() {
+  ~Worker() { end(); }
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  void end() {
     {
       const std::lock_guard guard(lock_);
       stops_ = true;
     }
     changed_.notify_one();
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
+    decltype(jobs_) dropped;  // without the lock: a job may add one when it goes
+    {
+      const std::lock_guard guard(lock_);
+      dropped.swap(jobs_);
+    }
   }
-  Worker(const Worker&) = delete;
-  Worker& operator=(const Worker&) = delete;
 
   void add(double time, Job job) {
     {
       const std::lock_guard guard(lock_);
+      if (stops_) return;
       jobs_.emplace(std::pair(time, sequence_++), std::move(job));
     }
     changed_.notify_one();
@@ -62,7 +70,13 @@ ThreadedTimeline::ThreadedTimeline(std::size_t threads) {
   for (std::size_t i = 0; i < threads; ++i) workers_.push_back(std::make_unique<Worker>(start_));
 }
 
-ThreadedTimeline::~ThreadedTimeline() = default;
+ThreadedTimeline::~ThreadedTimeline() {
+  end();
+}
+
+void ThreadedTimeline::end() {
+  for (const auto& worker : workers_) worker->end();
+}
 
 double ThreadedTimeline::now() const {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_).count();

@@ -19,8 +19,11 @@ namespace palaver {
 class ThreadedTimeline final : public Timeline {
  public:
   explicit ThreadedTimeline(std::size_t threads);
-  // Drops what has not run.
   ~ThreadedTimeline() override;
+
+  // Waits for the jobs that run, drops those that have not, and runs none from then on. What jobs use, such
+  // as the executors of their completions, may go afterwards.
+  void end();
 
   double now() const override;
   void schedule(double delay, Context context, const void* stream, Job job) override;

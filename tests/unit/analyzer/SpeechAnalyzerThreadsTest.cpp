@@ -83,10 +83,12 @@ class BlockingSpeechAnalysis final : public SpeechAnalysis {
 
 class SpeechAnalyzerThreadsTest : public testing::Test {
  protected:
-  // Waits until no task is left; all channels must have been ended.
+  // Waits until no task is left, then until the platform's threads are out of their last completions; all
+  // channels must have been ended.
   void finish() {
     auto& context = asio::query(tasks.executor(), asio::execution::context);
     static_cast<asio::thread_pool&>(context).join();
+    timeline.end();
   }
 
   char program_[4] = "all";
