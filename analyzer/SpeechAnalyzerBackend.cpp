@@ -4,11 +4,11 @@
 #include <asio/awaitable.hpp>
 #include <utility>
 
+#include "analyzer/AnalyzerReadiness.h"
 #include "analyzer/Await.h"
 #include "analyzer/SerialPromise.h"
 #include "analyzer/Spawn.h"
 #include "analyzer/SpeechAnalyzerChannel.h"
-#include "analyzer/StatusReport.h"
 #include "core/JSONLineWriter.h"
 #include "core/PCMDecoding.h"
 #include "platform/Platform.h"

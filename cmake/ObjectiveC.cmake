@@ -1,5 +1,5 @@
 # Objective-C++ with ARC: on macOS as it comes; on Linux with clang, which writes what Apple's runtime reads, for the
-# runtime and the frameworks of tests/apple.
+# runtime and the frameworks of apple-stand-ins.
 if(NOT APPLE)
   # CMake does not look for this one on the PATH.
   set(CMAKE_OBJCXX_COMPILER "${CMAKE_CXX_COMPILER}" CACHE FILEPATH "The Objective-C++ compiler" FORCE)
@@ -13,7 +13,7 @@ function(palaver_objcxx target)
   if(NOT APPLE)
     target_compile_options(${target} PRIVATE -fblocks
       "$<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-runtime=macosx-14.0;-fobjc-exceptions>")
-    target_include_directories(${target} SYSTEM PRIVATE ${PROJECT_SOURCE_DIR}/tests/apple/objc/include)
-    target_compile_options(${target} PRIVATE "$<$<COMPILE_LANGUAGE:OBJCXX>:-F${PROJECT_SOURCE_DIR}/tests/apple/frameworks>")
+    target_include_directories(${target} SYSTEM PRIVATE ${PROJECT_SOURCE_DIR}/apple-stand-ins/objc/include)
+    target_compile_options(${target} PRIVATE "$<$<COMPILE_LANGUAGE:OBJCXX>:-F${PROJECT_SOURCE_DIR}/apple-stand-ins/frameworks>")
   endif()
 endfunction()

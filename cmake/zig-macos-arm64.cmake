@@ -1,7 +1,7 @@
 # Cross build for macOS on Apple silicon, on any system, by the compiler driver of Zig: it brings clang, libc++, the
 # C library's headers and a linker that signs, and needs no SDK of Apple's. Tried with Zig 0.17.
 #
-# The frameworks are stand-ins of ours: their headers, and lists of the symbols that they export (tests/apple).
+# The frameworks are stand-ins of ours: their headers, and lists of the symbols that they export (apple-stand-ins).
 #
 # PALAVER_ZIG, a variable or an environment variable: the path of the program zig.
 set(CMAKE_SYSTEM_NAME Darwin)
@@ -27,9 +27,9 @@ set(CMAKE_OSX_SYSROOT "" CACHE PATH "" FORCE)
 set(CMAKE_OSX_ARCHITECTURES "" CACHE STRING "" FORCE)
 set(CMAKE_OSX_DEPLOYMENT_TARGET "" CACHE STRING "" FORCE)
 
-get_filename_component(palaver_apple "${CMAKE_CURRENT_LIST_DIR}/../tests/apple" ABSOLUTE)
+get_filename_component(palaver_stand_ins "${CMAKE_CURRENT_LIST_DIR}/../apple-stand-ins" ABSOLUTE)
 # Clang keeps to the first directory that has a framework at all, so the one with the headers comes first.
-set(palaver_frameworks "-F${palaver_apple}/frameworks -F${palaver_apple}/cross/frameworks")
+set(palaver_frameworks "-F${palaver_stand_ins}/frameworks -F${palaver_stand_ins}/cross/frameworks")
 
 foreach(language C CXX OBJC OBJCXX ASM)
   if(language MATCHES "CXX")
@@ -51,7 +51,7 @@ foreach(language CXX OBJCXX)
   set(CMAKE_${language}_FLAGS_INIT "${palaver_frameworks} \
 -U_LIBCPP_HAS_VENDOR_AVAILABILITY_ANNOTATIONS -D_LIBCPP_HAS_VENDOR_AVAILABILITY_ANNOTATIONS=1")
 endforeach()
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-F${palaver_apple}/cross/frameworks -L${palaver_apple}/cross/lib")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-F${palaver_stand_ins}/cross/frameworks -L${palaver_stand_ins}/cross/lib")
 set(CMAKE_AR "${PALAVER_ZIG}" CACHE FILEPATH "")
 set(CMAKE_RANLIB "${PALAVER_ZIG}" CACHE FILEPATH "")
 # Never run, but CMake refuses to set Objective-C++ up without one.

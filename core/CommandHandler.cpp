@@ -4,16 +4,11 @@
 #include <string>
 
 #include "core/JSONLineWriter.h"
+#include "core/Protocol.h"
 #include "core/SpeechBackend.h"
 #include "platform/Platform.h"
 
 namespace palaver {
-
-namespace {
-
-constexpr std::string_view defaultLocale = "ja-JP";
-
-}  // namespace
 
 void CommandHandler::handle(const HelperCommand& command) {
   const auto& [type, sessionId, source, locale, vocabulary, sequence, capturedAt, pcmBase64, suppressed,

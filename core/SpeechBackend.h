@@ -1,18 +1,13 @@
-// What the command channel asks of speech recognition, and the choice of the engine behind it.
+// The operations that the command channel asks of speech recognition.
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string_view>
 
 #include "core/AudioSource.h"
 
 namespace palaver {
-
-class DictationProbe;
-class JSONLineWriter;
-struct Platform;
 
 // One instance serves the process. Every operation is called on the main thread, one at a time, in the order
 // in which the host's commands arrived: emitStatus() first, stopAll() last. None of them throws or returns a
@@ -49,9 +44,5 @@ class SpeechBackend {
   SpeechBackend(const SpeechBackend&) = default;
   SpeechBackend& operator=(const SpeechBackend&) = default;
 };
-
-// The backend for this operating system.
-std::unique_ptr<SpeechBackend> makeSpeechBackend(Platform& platform, JSONLineWriter& writer,
-                                                 DictationProbe& dictation);
 
 }  // namespace palaver

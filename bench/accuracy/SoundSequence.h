@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/host/SoundFileSource.h"
+#include "cli/SoundFileSource.h"
 
 namespace palaver::accuracy {
 

@@ -15,8 +15,8 @@
 #include "bench/accuracy/Alignment.h"
 #include "bench/accuracy/Recording.h"
 #include "bench/accuracy/SoundSequence.h"
-#include "tools/host/HostSession.h"
-#include "tools/host/TextLayout.h"
+#include "cli/HostSession.h"
+#include "cli/TextLayout.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include "platform/audio/SpeexAudioConverter.h"
 #include "platform/linux/LinuxSpeechRecognition.h"
-#include "platform/linux/SpeexAudioConverter.h"
 #include "platform/posix/AbsentServices.h"
 #include "platform/posix/MemoryAudioBuffers.h"
 #include "platform/posix/POSIXProcess.h"

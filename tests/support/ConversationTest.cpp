@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "core/Helper.h"
-#include "tests/support/TestAudio.h"
+#include "app/Helper.h"
+#include "simulator/scenario/SyntheticAudio.h"
 
 namespace palaver {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/simulated/SimulatedPlatform.h"
+#include "simulator/machine/SimulatedPlatform.h"
 
 namespace palaver {
 

@@ -6,11 +6,11 @@
 #include <vector>
 
 #include "platform/linux/LinuxSpeechRecognition.h"
-#include "platform/simulated/SimulatedSpeechAnalysis.h"
-#include "tests/simulator/RecognizedSpeechAnalysis.h"
+#include "simulator/RecognizedSpeechAnalysis.h"
+#include "simulator/ThreadedTimeline.h"
+#include "simulator/machine/SimulatedSpeechAnalysis.h"
+#include "simulator/scenario/SyntheticAudio.h"
 #include "tests/support/AnalysisSession.h"
-#include "tests/support/TestAudio.h"
-#include "tests/support/ThreadedTimeline.h"
 #include "tests/support/WaveFile.h"
 
 namespace palaver {

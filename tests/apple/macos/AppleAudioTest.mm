@@ -14,19 +14,19 @@
 #include <vector>
 
 #include "analyzer/BufferConverter.h"
-#include "platform/linux/SndfileAudioFile.h"
-#include "platform/linux/SpeexAudioConverter.h"
+#include "apple-stand-ins/frameworks/FrameworkBehaviour.h"
+#include "apple-stand-ins/objc/Runtime.h"
+#include "platform/audio/SndfileAudioFile.h"
+#include "platform/audio/SpeexAudioConverter.h"
 #include "platform/macos/AppleAudioBuffers.h"
 #include "platform/macos/AppleAudioConverter.h"
 #include "platform/macos/AppleAudioFile.h"
 #import "platform/macos/AudioValues.h"
 #include "platform/macos/AutoreleasePool.h"
 #include "platform/posix/ThreadPoolTasks.h"
-#include "platform/simulated/Scheduler.h"
-#include "platform/simulated/SimulatedSpeechRecognition.h"
-#include "tests/apple/objc/Runtime.h"
-#include "tests/apple/support/FrameworkBehaviour.h"
-#include "tests/support/SoundFile.h"
+#include "simulator/machine/Scheduler.h"
+#include "simulator/machine/SimulatedSpeechRecognition.h"
+#include "simulator/scenario/SoundFile.h"
 
 namespace palaver {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <optional>
 
-#include "core/Helper.h"
+#include "app/Helper.h"
 #include "tests/apple/support/AppleSimulation.h"
 #include "tests/apple/support/MainRunLoop.h"
 #include "tests/support/ConversationTest.h"

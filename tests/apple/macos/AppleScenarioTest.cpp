@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "core/Helper.h"
+#include "app/Helper.h"
+#include "simulator/scenario/Scenario.h"
+#include "simulator/scenario/ScenarioRunner.h"
 #include "tests/apple/support/AppleSimulation.h"
-#include "tests/simulator/Scenario.h"
-#include "tests/simulator/ScenarioRunner.h"
 
 namespace palaver {
 namespace {

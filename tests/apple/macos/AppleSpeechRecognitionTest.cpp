@@ -5,16 +5,16 @@
 
 #include <filesystem>
 
+#include "apple-stand-ins/frameworks/FrameworkBehaviour.h"
+#include "platform/audio/SndfileAudioFile.h"
+#include "platform/audio/SpeexAudioConverter.h"
 #include "platform/linux/LinuxSpeechRecognition.h"
-#include "platform/linux/SndfileAudioFile.h"
-#include "platform/linux/SpeexAudioConverter.h"
 #include "platform/macos/AppleSpeechRecognition.h"
-#include "platform/simulated/Scheduler.h"
-#include "platform/simulated/SimulatedSpeechRecognition.h"
-#include "tests/apple/support/FrameworkBehaviour.h"
+#include "simulator/ThreadedTimeline.h"
+#include "simulator/machine/Scheduler.h"
+#include "simulator/machine/SimulatedSpeechRecognition.h"
 #include "tests/apple/support/MainRunLoop.h"
 #include "tests/support/SpeechRecognitionContract.h"
-#include "tests/support/ThreadedTimeline.h"
 #include "tests/support/WaveFile.h"
 
 namespace palaver {

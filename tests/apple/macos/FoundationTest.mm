@@ -7,14 +7,14 @@
 #include <utility>
 #include <vector>
 
-#include "platform/linux/SndfileAudioFile.h"
-#include "platform/linux/SpeexAudioConverter.h"
+#include "apple-stand-ins/frameworks/FrameworkBehaviour.h"
+#include "platform/audio/SndfileAudioFile.h"
+#include "platform/audio/SpeexAudioConverter.h"
 #include "platform/macos/AutoreleasePool.h"
 #import "platform/macos/FoundationValues.h"
 #include "platform/macos/MacProcess.h"
-#include "platform/simulated/Scheduler.h"
-#include "platform/simulated/SimulatedSpeechRecognition.h"
-#include "tests/apple/support/FrameworkBehaviour.h"
+#include "simulator/machine/Scheduler.h"
+#include "simulator/machine/SimulatedSpeechRecognition.h"
 
 // A text that has no form in UTF-8.
 @interface HalfSurrogatePair : NSString

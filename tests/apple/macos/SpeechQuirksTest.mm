@@ -8,14 +8,14 @@
 #include <memory>
 #include <utility>
 
-#include "platform/linux/SndfileAudioFile.h"
-#include "platform/linux/SpeexAudioConverter.h"
+#include "apple-stand-ins/frameworks/FrameworkBehaviour.h"
+#include "apple-stand-ins/objc/Runtime.h"
+#include "platform/audio/SndfileAudioFile.h"
+#include "platform/audio/SpeexAudioConverter.h"
 #include "platform/macos/AppleSpeechRecognition.h"
 #include "platform/macos/AutoreleasePool.h"
-#include "platform/simulated/Scheduler.h"
-#include "platform/simulated/SimulatedSpeechRecognition.h"
-#include "tests/apple/objc/Runtime.h"
-#include "tests/apple/support/FrameworkBehaviour.h"
+#include "simulator/machine/Scheduler.h"
+#include "simulator/machine/SimulatedSpeechRecognition.h"
 #include "tests/apple/support/MainRunLoop.h"
 #include "tests/support/RecordedAnswers.h"
 

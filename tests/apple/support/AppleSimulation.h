@@ -2,12 +2,12 @@
 // adapters for macOS and the stand-ins to those of the simulation, in virtual time.
 #pragma once
 
+#include "apple-stand-ins/frameworks/FrameworkBehaviour.h"
 #include "platform/Platform.h"
 #include "platform/macos/AppleAudioConverter.h"
 #include "platform/macos/AppleAudioFile.h"
 #include "platform/macos/AppleSpeechRecognition.h"
-#include "platform/simulated/SimulatedPlatform.h"
-#include "tests/apple/support/FrameworkBehaviour.h"
+#include "simulator/machine/SimulatedPlatform.h"
 
 namespace palaver {
 

@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "apple-stand-ins/swift/AnalysisBehaviour.h"
 #include "platform/macos/AppleSpeechAnalysis.h"
-#include "tests/apple/swift/AnalysisBehaviour.h"
 #include "tests/support/AnalysisSession.h"
 
 namespace palaver {

@@ -8,13 +8,13 @@
 #include <cmath>
 #include <limits>
 
+#include "apple-stand-ins/swift/AnalysisBehaviour.h"
 #include "platform/macos/SpeechAnalyzerBridge.h"
-#include "platform/simulated/SimulatedSpeechAnalysis.h"
-#include "tests/apple/swift/AnalysisBehaviour.h"
+#include "simulator/ThreadedTimeline.h"
+#include "simulator/machine/SimulatedSpeechAnalysis.h"
+#include "simulator/scenario/SyntheticAudio.h"
 #include "tests/support/AnalysisSession.h"
 #include "tests/support/SpeechAnalysisSubjects.h"
-#include "tests/support/TestAudio.h"
-#include "tests/support/ThreadedTimeline.h"
 
 namespace palaver {
 namespace {

@@ -35,8 +35,8 @@
 #include <string_view>
 #include <vector>
 
-#include "core/DisclaimedReexec.h"
 #include "platform/Responsibility.h"
+#include "platform/posix/DisclaimedReexec.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "tests/support/TestAudio.h"
+#include "simulator/scenario/SyntheticAudio.h"
 
 namespace palaver {
 

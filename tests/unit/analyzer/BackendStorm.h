@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "core/SpeechBackend.h"
-#include "platform/simulated/SimulatedSpeechAnalysis.h"
+#include "simulator/machine/SimulatedSpeechAnalysis.h"
 
 namespace palaver {
 

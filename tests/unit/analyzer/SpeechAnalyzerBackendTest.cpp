@@ -8,8 +8,8 @@
 #include <set>
 
 #include "core/JSONLineWriter.h"
+#include "simulator/scenario/SyntheticAudio.h"
 #include "tests/support/ConversationTest.h"
-#include "tests/support/TestAudio.h"
 #include "tests/unit/analyzer/BackendStorm.h"
 
 namespace palaver {

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/simulated/SimulatedPlatform.h"
+#include "simulator/machine/SimulatedPlatform.h"
 
 namespace palaver {
 

@@ -6,8 +6,8 @@
 #include <cmath>
 #include <vector>
 
+#include "simulator/scenario/SyntheticAudio.h"
 #include "tests/support/ConversationTest.h"
-#include "tests/support/TestAudio.h"
 
 namespace palaver {
 

@@ -3,7 +3,7 @@
 
 #include "platform/posix/SystemClock.h"
 #include "platform/posix/ThreadedMainQueue.h"
-#include "platform/simulated/SimulatedMachine.h"
+#include "simulator/machine/SimulatedMachine.h"
 #include "tests/unit/platform/MainQueueContract.h"
 
 namespace palaver {

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tests/simulator/ScenarioRunner.h"
+#include "simulator/scenario/ScenarioRunner.h"
 
 namespace palaver {
 

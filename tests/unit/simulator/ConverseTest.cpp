@@ -1,5 +1,5 @@
 // Playing against another process: a check that cannot fail would check nothing.
-#include "tests/simulator/stepped/Converse.h"
+#include "simulator/stepped/Converse.h"
 
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tests/simulator/stepped/ThreadActivity.h"
+#include "simulator/stepped/ThreadActivity.h"
 
 namespace palaver {
 

@@ -1,4 +1,4 @@
-#include "tests/simulator/EventPattern.h"
+#include "simulator/scenario/EventPattern.h"
 
 #include <gtest/gtest.h>
 

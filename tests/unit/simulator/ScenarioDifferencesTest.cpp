@@ -1,4 +1,4 @@
-#include "tests/simulator/ScenarioDifferences.h"
+#include "simulator/scenario/ScenarioDifferences.h"
 
 #include <gtest/gtest.h>
 

@@ -1,12 +1,12 @@
 // The runner itself: a check that cannot fail would check nothing.
-#include "tests/simulator/Scenario.h"
+#include "simulator/scenario/Scenario.h"
 
 #include <gmock/gmock.h>
 
 #include <filesystem>
 #include <fstream>
 
-#include "tests/simulator/ScenarioRunner.h"
+#include "simulator/scenario/ScenarioRunner.h"
 
 namespace palaver {
 

@@ -9,9 +9,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "core/Helper.h"
-#include "platform/simulated/SimulatedPlatform.h"
-#include "tests/support/TestAudio.h"
+#include "app/Helper.h"
+#include "simulator/machine/SimulatedPlatform.h"
+#include "simulator/scenario/SyntheticAudio.h"
 
 namespace palaver {
 

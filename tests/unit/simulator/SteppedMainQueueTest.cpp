@@ -1,5 +1,5 @@
 // The test is the main thread; another thread moves the time.
-#include "tests/simulator/stepped/SteppedMainQueue.h"
+#include "simulator/stepped/SteppedMainQueue.h"
 
 #include <gtest/gtest.h>
 

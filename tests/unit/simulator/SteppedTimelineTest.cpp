@@ -1,4 +1,4 @@
-#include "tests/simulator/stepped/SteppedTimeline.h"
+#include "simulator/stepped/SteppedTimeline.h"
 
 #include <gtest/gtest.h>
 

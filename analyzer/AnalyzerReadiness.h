@@ -1,0 +1,25 @@
+// How the stream-based engine says whether it can serve Japanese on this machine.
+#pragma once
+
+#include <asio/awaitable.hpp>
+#include <optional>
+#include <string_view>
+
+#include "core/JSONLineWriter.h"
+#include "core/Protocol.h"
+#include "platform/SpeechAnalysis.h"
+
+namespace palaver {
+
+struct Platform;
+
+// The engine's name on the wire.
+inline constexpr std::string_view analyzerImplementationName = "speech-analyzer";
+
+// Where the Japanese model stands, or none when the engine does not support Japanese.
+asio::awaitable<std::optional<AssetStatus>> japaneseModel(Platform& platform);
+
+// The "helper.status" event for a model that stands there, without its "message".
+Event statusEvent(AssetStatus model);
+
+}  // namespace palaver

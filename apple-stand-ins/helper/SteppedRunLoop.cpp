@@ -1,0 +1,33 @@
+#include "apple-stand-ins/helper/SteppedRunLoop.h"
+
+#include <dispatch/dispatch.h>
+
+#include "simulator/stepped/SteppedMainQueue.h"
+
+namespace palaver {
+
+namespace {
+
+// Longer than any test: who waits so long is woken by the timeline.
+constexpr double forEver = 24 * 60 * 60 * 1000;  // ms
+
+}  // namespace
+
+std::unique_ptr<Semaphore> SteppedRunLoop::makeSemaphore() {
+  return std::make_unique<SteppedSemaphore>(real_.makeSemaphore(), timeline_);
+}
+
+void SteppedRunLoop::runSlice(double milliseconds) {
+  const auto number = ++slices_;
+  running_ = number;
+  // A slice ends when something has been delivered, be it nothing.
+  timeline_.scheduleTimeout(milliseconds, [this, number] {
+    if (running_ == number)
+      dispatch_async(dispatch_get_main_queue(), ^{
+                     });
+  });
+  real_.runSlice(forEver);
+  running_ = 0;
+}
+
+}  // namespace palaver

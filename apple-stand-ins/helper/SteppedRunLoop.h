@@ -1,0 +1,31 @@
+// The main thread's real run loop in stepped time: slices end when the timeline says so.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "platform/MainQueue.h"
+#include "simulator/stepped/SteppedTimeline.h"
+
+namespace palaver {
+
+// Lives until the process ends.
+class SteppedRunLoop final : public MainQueue {
+ public:
+  SteppedRunLoop(MainQueue& real, SteppedTimeline& timeline) : real_(real), timeline_(timeline) {}
+
+  void async(Job job) override { real_.async(std::move(job)); }
+  void runSlice(double milliseconds) override;
+  std::unique_ptr<Semaphore> makeSemaphore() override;
+  bool isCurrent() const override { return real_.isCurrent(); }
+
+ private:
+  void serve() override { real_.run(); }
+
+  MainQueue& real_;
+  SteppedTimeline& timeline_;
+  std::uint64_t slices_ = 0;               // begun
+  std::atomic<std::uint64_t> running_{0};  // the slice that is being run, by number, or 0
+};
+
+}  // namespace palaver

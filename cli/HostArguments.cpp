@@ -1,0 +1,149 @@
+#include "cli/HostArguments.h"
+
+#include <charconv>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+namespace palaver::host {
+
+namespace {
+
+constexpr double minSpeed = 0.1;
+constexpr double maxSpeed = 100;
+
+double parseSpeed(const std::string& text) {
+  double speed = 0;
+  const auto* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, speed);
+  if (error != std::errc() || rest != end || !(speed >= minSpeed && speed <= maxSpeed))
+    throw UsageError("--speed takes a number from 0.1 to 100, not '" + text + "'");
+  return speed;
+}
+
+std::vector<std::string> splitAtCommas(const std::string& text) {
+  std::vector<std::string> phrases;
+  for (std::size_t from = 0; from <= text.size();) {
+    const auto end = std::min(text.find(',', from), text.size());
+    if (end > from) phrases.push_back(text.substr(from, end - from));
+    from = end + 1;
+  }
+  return phrases;
+}
+
+std::vector<std::string> readVocabulary(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) throw UsageError("cannot read the vocabulary file " + path);
+  const auto json = nlohmann::json::parse(file, nullptr, false);
+  bool valid = json.is_array();
+  std::vector<std::string> phrases;
+  if (valid) {
+    for (const auto& phrase : json) {
+      valid = valid && phrase.is_string();
+      if (valid) phrases.push_back(phrase.get<std::string>());
+    }
+  }
+  if (!valid) throw UsageError("the vocabulary file " + path + " is not a JSON array of strings");
+  return phrases;
+}
+
+// The arguments one after another, with "--option=value" taken apart.
+class Reader {
+ public:
+  explicit Reader(std::span<const std::string> arguments) : left_(arguments) {}
+
+  bool atEnd() const { return left_.empty(); }
+
+  // The next option or file.
+  std::string next() {
+    auto argument = left_.front();
+    left_ = left_.subspan(1);
+    value_.reset();
+    const auto equals = argument.find('=');
+    if (argument.starts_with("--") && equals != std::string::npos) {
+      value_ = argument.substr(equals + 1);
+      argument.resize(equals);
+    }
+    option_ = argument;
+    return argument;
+  }
+
+  // The value of the option just read.
+  std::string value() {
+    if (value_) return *std::exchange(value_, std::nullopt);
+    if (left_.empty()) throw UsageError(option_ + " needs a value");
+    auto value = left_.front();
+    left_ = left_.subspan(1);
+    return value;
+  }
+
+  // Throws when a value was given to an option that takes none.
+  void expectNoValue() const {
+    if (value_) throw UsageError(option_ + " takes no value");
+  }
+
+ private:
+  std::span<const std::string> left_;
+  std::string option_;
+  std::optional<std::string> value_;
+};
+
+}  // namespace
+
+HostArguments parseHostArguments(std::span<const std::string> arguments) {
+  HostArguments parsed;
+  std::vector<std::string> files;
+  for (Reader reader(arguments); !reader.atEnd();) {
+    const auto argument = reader.next();
+    if (argument == "--helper") {
+      parsed.helper = reader.value();
+    } else if (argument == "--helper-argument") {
+      parsed.helperArguments.push_back(reader.value());
+    } else if (argument == "--locale") {
+      parsed.locale = reader.value();
+    } else if (argument == "--vocabulary") {
+      parsed.vocabulary = splitAtCommas(reader.value());
+    } else if (argument == "--vocabulary-file") {
+      parsed.vocabulary = readVocabulary(reader.value());
+    } else if (argument == "--speed") {
+      parsed.speed = parseSpeed(reader.value());
+    } else if (argument == "--json") {
+      parsed.json = true;
+    } else if (argument == "--help" || argument == "-h") {
+      parsed.help = true;
+    } else if (argument.starts_with("-") && argument != "-") {
+      throw UsageError("there is no option " + argument);
+    } else {
+      files.push_back(argument);
+    }
+    reader.expectNoValue();
+  }
+  if (parsed.help) return parsed;
+  if (files.empty()) throw UsageError("a sound file is needed");
+  if (files.size() > 2) throw UsageError("there are two sources at most, remote and self");
+  parsed.remote = files[0];
+  if (files.size() > 1) parsed.self = files[1];
+  return parsed;
+}
+
+const std::string_view hostUsage =
+    R"(usage: palaver-host [options] REMOTE [SELF]
+
+Streams sound files to the helper as a host does, in real time, and shows what it
+transcribes. REMOTE is the far side of the call, SELF the user's own microphone: any
+sound file, or headerless 16 kHz mono 16-bit audio in a file named *.raw.
+
+  --locale LOCALE         the language, such as ja-JP (en-US)
+  --vocabulary A,B,...    names and terms to listen for
+  --vocabulary-file FILE  the same, as a JSON array of strings
+  --speed FACTOR          faster than real time (1); the helper times silence by the
+                          clock, so utterances are then cut at other places
+  --json                  print the helper's events as they are
+  --helper PATH           another helper than the one of this build
+  --helper-argument TEXT  an argument for the helper; may be repeated
+  --help                  print this
+
+Ends with status 0 when all went right, 1 when something did not, 2 for bad usage.
+)";
+
+}  // namespace palaver::host

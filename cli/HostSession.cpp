@@ -1,0 +1,359 @@
+#include "cli/HostSession.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <csignal>
+#include <stdexcept>
+#include <utility>
+
+#include "cli/HostCommands.h"
+
+namespace palaver::host {
+
+namespace {
+
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+// Above this, no more audio is queued for a helper that is slow to read: 6 s of one source.
+constexpr std::size_t maxQueuedBytes = std::size_t{256} << 10;
+constexpr int maxReadsAtOnce = 16;   // of 64 KiB: a helper that floods must not hold up the audio
+constexpr int maxChunksAtOnce = 20;  // nor a late stream the reading
+constexpr double loudness = 0.008;  // root mean square, full scale 1, at which a helper takes audio for voice
+constexpr double quietAfterText = 700;  // ms: held-back audio may open another utterance right after a final
+constexpr double killAfter = 2000;      // ms between SIGTERM and SIGKILL
+
+std::string textOf(const nlohmann::json& event, const char* key) {
+  const auto member = event.find(key);
+  return member != event.end() && member->is_string() ? member->get<std::string>() : std::string();
+}
+
+std::string seconds(double milliseconds) {
+  const auto tenths = std::llround(milliseconds / 100);
+  return std::to_string(tenths / 10) + (tenths % 10 != 0 ? "." + std::to_string(tenths % 10) : "") + " s";
+}
+
+bool isLoud(std::span<const std::int16_t> frames) {
+  double sum = 0;
+  for (const auto frame : frames) sum += static_cast<double>(frame) * frame;
+  return !frames.empty() && std::sqrt(sum / static_cast<double>(frames.size())) / 32768 >= loudness;
+}
+
+}  // namespace
+
+HostSession::HostSession(HostConfiguration configuration, std::unique_ptr<SoundSource> remote,
+                         std::unique_ptr<SoundSource> self, HostObserver& observer)
+    : configuration_(std::move(configuration)), observer_(observer), interruption_(makePipe(PipeEnd::read)) {
+  if (!(configuration_.speed > 0)) throw std::invalid_argument("the speed must be above 0");
+  stream(AudioSource::remote).sound = std::move(remote);
+  stream(AudioSource::selfAudio).sound = std::move(self);
+  for (const auto& stream : streams_) {
+    if (!stream.sound) continue;
+    total_ = std::max(total_, static_cast<double>(stream.sound->length()) * 1000 / sampleRate);
+  }
+}
+
+void HostSession::interrupt() noexcept {
+  const char byte = 0;
+  [[maybe_unused]] const auto count = ::write(interruption_.writeEnd.get(), &byte, 1);
+}
+
+bool HostSession::run() {
+  helper_ = std::make_unique<ChildProcess>(configuration_.helper);
+  enter(Phase::awaitingStatus);
+  while (phase_ != Phase::done) {
+    waitForSomething();
+    readHelper();
+    advance();
+    helper_->flush();
+    if (phase_ != Phase::done && helper_->exitStatus()) handleExit();
+  }
+  return ok_;
+}
+
+void HostSession::waitForSomething() {
+  double timeout = 50;
+  if (isStreaming() && helper_->queuedBytes() < maxQueuedBytes)
+    timeout = std::clamp(Milliseconds(due() - SteadyClock::now()).count(), 0.0, timeout);
+  std::array<pollfd, 4> descriptors{{
+      {helper_->output(), POLLIN, 0},
+      {helper_->diagnostics(), POLLIN, 0},
+      {interruption_.readEnd.get(), POLLIN, 0},
+      {helper_->queuedBytes() > 0 ? helper_->input() : -1, POLLOUT, 0},
+  }};
+  // An interruption of poll() itself is as good as its end: the loop looks at everything in any case.
+  ::poll(descriptors.data(), descriptors.size(), static_cast<int>(std::ceil(timeout)));
+  if (descriptors[2].revents != 0) endEarly();
+}
+
+void HostSession::endEarly() {
+  char byte = 0;
+  while (::read(interruption_.readEnd.get(), &byte, 1) == 1) {
+  }
+  giveUp("interrupted");
+}
+
+void HostSession::readHelper() {
+  try {
+    readOutput();
+    readDiagnostics();
+  } catch (const std::length_error& error) {
+    giveUp(std::string("the helper's output makes no sense: ") + error.what());
+    helper_->signal(SIGTERM);
+  }
+}
+
+void HostSession::readOutput() {
+  std::string bytes;
+  const auto handler = [this](std::string_view line) { handleLine(line); };
+  for (int reads = 0; reads < maxReadsAtOnce; ++reads) {
+    if (helper_->readOutput(bytes) != ReadOutcome::data) break;
+    outputLines_.append(bytes, handler);
+  }
+}
+
+void HostSession::readDiagnostics() {
+  std::string bytes;
+  const auto handler = [this](std::string_view line) { observer_.onDiagnostic(line); };
+  for (int reads = 0; reads < maxReadsAtOnce; ++reads) {
+    if (helper_->readDiagnostics(bytes) != ReadOutcome::data) break;
+    diagnosticLines_.append(bytes, handler);
+  }
+}
+
+void HostSession::handleLine(std::string_view line) {
+  const auto event = nlohmann::json::parse(line, nullptr, false);
+  if (!event.is_object()) {
+    problem("the helper wrote a line that is no event: " + std::string(line.substr(0, 100)));
+    return;
+  }
+  observer_.onEvent(line, event);
+  handleEvent(event);
+}
+
+void HostSession::handleEvent(const nlohmann::json& event) {
+  const auto type = textOf(event, "type");
+  if (type == "helper.error") {
+    ok_ = false;
+  } else if (type == "helper.status") {
+    statusMessage_ = textOf(event, "message");
+    if (phase_ == Phase::awaitingStatus) {
+      helper_->write(
+          sessionStart(configuration_.sessionId, configuration_.locale, configuration_.vocabulary));
+      enter(Phase::awaitingReady);
+    } else if (phase_ == Phase::awaitingReason) {
+      giveUp("the session is not available: " + statusMessage_);
+    }
+  }
+  if (textOf(event, "sessionId") != configuration_.sessionId) return;
+  if (type == "session.ready") {
+    handleReady(event);
+  } else if (type == "session.stopped") {
+    if (phase_ == Phase::stopping) {
+      closeHelper();
+    } else if (phase_ != Phase::closing) {
+      giveUp("the helper stopped the session by itself");
+    }
+  } else if (type == "transcript.partial" || type == "transcript.final") {
+    handleTranscript(event, type == "transcript.final");
+  }
+}
+
+// One "session.ready" for the session, or one for each source, as the helper's backend has it.
+void HostSession::handleReady(const nlohmann::json& event) {
+  if (phase_ != Phase::awaitingReady) return;
+  const auto available = event.find("available");
+  if (available == event.end() || *available != true) {
+    enter(Phase::awaitingReason);
+    return;
+  }
+  const auto source = audioSource(textOf(event, "source"));
+  for (const auto each : allAudioSources)
+    if (!source || *source == each) stream(each).ready = true;
+  if (std::all_of(streams_.begin(), streams_.end(),
+                  [](const Stream& each) { return each.ready || !each.sound; }))
+    startStreaming();
+}
+
+void HostSession::handleTranscript(const nlohmann::json& event, bool isFinal) {
+  const auto source = audioSource(textOf(event, "source"));
+  if (!source) {
+    problem("the helper wrote a transcript of no source");
+    return;
+  }
+  auto& transcribed = stream(*source);
+  transcribed.gotText = true;
+  lastTranscript_ = SteadyClock::now();
+  const auto utterance = textOf(event, "utteranceId");
+  if (!isFinal) {
+    transcribed.openUtterance = utterance;
+  } else if (transcribed.openUtterance == utterance) {
+    transcribed.openUtterance.clear();
+  }
+}
+
+void HostSession::advance() {
+  const auto& limits = configuration_.limits;
+  switch (phase_) {
+    case Phase::awaitingStatus:
+      if (inPhase() >= limits.status)
+        giveUp("the helper has not reported its status within " + seconds(limits.status));
+      break;
+    case Phase::awaitingReady:
+      if (inPhase() >= limits.ready) giveUp("the session was not ready within " + seconds(limits.ready));
+      break;
+    case Phase::awaitingReason:
+      if (inPhase() >= limits.reason) giveUp("the session is not available: " + statusMessage_);
+      break;
+    case Phase::streaming:
+      sendDueChunks();
+      if (phase_ == Phase::streaming && std::all_of(streams_.begin(), streams_.end(), [](const Stream& each) {
+            return each.ended || !each.sound;
+          }))
+        enter(Phase::draining);
+      break;
+    case Phase::draining:
+      sendDueChunks();
+      if (phase_ != Phase::draining) break;
+      if (!finalsAreThere()) {
+        if (inPhase() < limits.finals) break;
+        problem("a final is missing after " + seconds(limits.finals) + " of silence");
+      }
+      helper_->write(sessionStop(configuration_.sessionId));
+      enter(Phase::stopping);
+      break;
+    case Phase::stopping:
+      if (inPhase() >= limits.stopped)
+        giveUp("the helper has not stopped the session within " + seconds(limits.stopped));
+      break;
+    case Phase::closing:
+      if (signalsSent_ == 0 && inPhase() >= limits.stopped) {
+        problem("the helper has not ended within " + seconds(limits.stopped) + " of the end of its input");
+        helper_->signal(SIGTERM);
+        signalsSent_ = 1;
+      } else if (signalsSent_ == 1 && inPhase() >= limits.stopped + killAfter) {
+        helper_->signal(SIGKILL);
+        signalsSent_ = 2;
+      }
+      break;
+    case Phase::done:
+      break;
+  }
+}
+
+void HostSession::sendDueChunks() {
+  const auto now = SteadyClock::now();
+  const auto queued = helper_->queuedBytes();
+  const bool hasRead = queued < lastQueued_;  // nothing is added to a full queue
+  lastQueued_ = queued;
+  if (queued < maxQueuedBytes || hasRead) {
+    lastProgress_ = now;
+  } else if (Milliseconds(now - lastProgress_).count() >= configuration_.limits.stall) {
+    giveUp("the helper has read nothing for " + seconds(configuration_.limits.stall));
+    helper_->signal(SIGTERM);
+    return;
+  }
+  for (int sent = 0; sent < maxChunksAtOnce && now >= due() && helper_->queuedBytes() < maxQueuedBytes;
+       ++sent) {
+    const auto position = static_cast<double>(chunks_) * chunkMilliseconds;
+    try {
+      for (const auto source : allAudioSources)
+        if (stream(source).sound) sendChunk(source, startedAt_ + position);
+    } catch (const std::runtime_error& error) {
+      giveUp(error.what());
+      return;
+    }
+    ++chunks_;
+    helper_->flush();
+    observer_.onProgress(position + chunkMilliseconds, total_);
+  }
+}
+
+// The next 100 ms of the source: silence from its end on, as a microphone goes on delivering.
+void HostSession::sendChunk(AudioSource source, double capturedAt) {
+  auto& sending = stream(source);
+  std::array<std::int16_t, chunkFrames> frames{};
+  if (!sending.ended) {
+    const auto count = sending.sound->read(frames);
+    sending.ended = count < frames.size();
+    sending.spoke = sending.spoke || isLoud(frames);
+  }
+  helper_->write(audio(configuration_.sessionId, source, sending.sequence++, capturedAt, frames));
+}
+
+bool HostSession::finalsAreThere() const {
+  const auto& limits = configuration_.limits;
+  if (inPhase() < limits.settle) return false;
+  if (Milliseconds(SteadyClock::now() - lastTranscript_).count() < quietAfterText) return false;
+  return std::all_of(streams_.begin(), streams_.end(), [&](const Stream& each) {
+    return each.openUtterance.empty() && (!each.spoke || each.gotText || inPhase() >= limits.firstText);
+  });
+}
+
+// The helper has ended, by itself or because its input did.
+void HostSession::handleExit() {
+  const auto status = helper_->exitStatus().value_or(ExitStatus{});
+  std::string bytes;
+  try {
+    // What it wrote last. Not to the end of the stream: a child of its own may hold that open.
+    while (helper_->readOutput(bytes) == ReadOutcome::data)
+      outputLines_.append(bytes, [this](std::string_view line) { handleLine(line); });
+    outputLines_.finish([this](std::string_view line) { handleLine(line); });
+    readDiagnostics();
+    diagnosticLines_.finish([this](std::string_view line) { observer_.onDiagnostic(line); });
+  } catch (const std::length_error& error) {
+    problem(std::string("the helper's output makes no sense: ") + error.what());
+  }
+  if (phase_ != Phase::closing) {
+    problem("the helper ended early, with " + status.description());
+  } else if (!status.isSuccess()) {
+    problem("the helper ended with " + status.description());
+  }
+  for (const auto source : allAudioSources)
+    if (!stream(source).openUtterance.empty())
+      problem("the last final of " + std::string(rawValue(source)) + " is missing");
+  enter(Phase::done);
+}
+
+void HostSession::enter(Phase phase) {
+  phase_ = phase;
+  phaseStart_ = SteadyClock::now();
+}
+
+void HostSession::startStreaming() {
+  enter(Phase::streaming);
+  streamStart_ = phaseStart_;
+  lastProgress_ = phaseStart_;
+  lastTranscript_ = phaseStart_;
+  startedAt_ = Milliseconds(std::chrono::system_clock::now().time_since_epoch()).count();
+  observer_.onStreamStart(startedAt_);
+}
+
+void HostSession::closeHelper() {
+  helper_->closeInput();
+  enter(Phase::closing);
+}
+
+void HostSession::problem(std::string_view message) {
+  ok_ = false;
+  observer_.onProblem(message);
+}
+
+void HostSession::giveUp(std::string_view message) {
+  if (phase_ == Phase::closing || phase_ == Phase::done) return;
+  problem(message);
+  closeHelper();
+}
+
+double HostSession::inPhase() const {
+  return Milliseconds(SteadyClock::now() - phaseStart_).count();
+}
+
+HostSession::SteadyClock::time_point HostSession::due() const {
+  const auto milliseconds = static_cast<double>(chunks_ + 1) * chunkMilliseconds / configuration_.speed;
+  return streamStart_ + std::chrono::duration_cast<SteadyClock::duration>(Milliseconds(milliseconds));
+}
+
+}  // namespace palaver::host

@@ -1,0 +1,14 @@
+// Chooses between the two backends.
+#pragma once
+
+#include "platform/Process.h"
+
+namespace palaver {
+
+// Whether the analyzer backend serves this system; otherwise the legacy backend does. Only the version
+// decides.
+inline bool hasSpeechAnalyzer(const Process& process) {
+  return process.isMacOSAtLeast({26, 0, 0});
+}
+
+}  // namespace palaver

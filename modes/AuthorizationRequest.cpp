@@ -1,0 +1,34 @@
+#include "modes/AuthorizationRequest.h"
+
+#include <memory>
+
+#include "core/BackendSelection.h"
+#include "core/JSONLineWriter.h"
+#include "platform/Platform.h"
+
+namespace palaver {
+
+namespace {
+
+constexpr double waitSliceMilliseconds = 50;
+
+}  // namespace
+
+void requestLegacyAuthorization(Platform& platform, JSONLineWriter& writer) {
+  if (hasSpeechAnalyzer(platform.process)) {
+    writer.write({{"type", "helper.authorization"}, {"status", "not-required"}, {"authorized", true}});
+    return;
+  }
+  // Shared with the handler, which may be called on any thread.
+  const std::shared_ptr<Semaphore> answered = platform.mainQueue.makeSemaphore();
+  platform.speechRecognition.requestAuthorization([answered, &writer](AuthorizationStatus status) {
+    writer.write({{"type", "helper.authorization"},
+                  {"status", authorizationLabel(status)},
+                  {"authorized", status == AuthorizationStatus::authorized}});
+    answered->signal();
+  });
+  // The prompt is served by the main run loop, so the wait is cut into slices of it.
+  while (!answered->wait(waitSliceMilliseconds)) platform.mainQueue.runSlice(waitSliceMilliseconds);
+}
+
+}  // namespace palaver

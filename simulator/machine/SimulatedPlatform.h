@@ -1,0 +1,64 @@
+// A whole simulated machine, ready to run the helper in virtual time.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Platform.h"
+#include "platform/audio/SndfileAudioFile.h"
+#include "simulator/machine/Scheduler.h"
+#include "simulator/machine/SimulatedAudioConverters.h"
+#include "simulator/machine/SimulatedMachine.h"
+#include "simulator/machine/SimulatedSpeechAnalysis.h"
+#include "simulator/machine/SimulatedSpeechRecognition.h"
+#include "simulator/machine/SimulatedTasks.h"
+
+namespace palaver {
+
+struct SimulatedSettings {
+  std::optional<OperatingSystemVersion> macOS = OperatingSystemVersion{15, 0, 0};  // none: another system
+  double startsAt = 1'700'000'000'000;                                             // ms since the Unix epoch
+  std::vector<std::string> arguments;  // without the program's path
+  std::map<std::string, std::string, std::less<>> environment;
+  std::optional<std::uint64_t> seed;
+  RecognitionState recognition;
+  AnalysisState analysis;
+};
+
+// Lives on one thread. Serves one run.
+class SimulatedPlatform {
+ public:
+  explicit SimulatedPlatform(SimulatedSettings settings = {});
+  ~SimulatedPlatform();
+  SimulatedPlatform(const SimulatedPlatform&) = delete;
+  SimulatedPlatform& operator=(const SimulatedPlatform&) = delete;
+
+  // Runs a program on this machine until it exits (its status), or until it waits for what will never come or
+  // would come later than `horizon` ms after the start (none).
+  std::optional<int> run(const std::function<void(Platform&)>& program, double horizon);
+
+  Scheduler scheduler;
+  SimulatedTasks tasks;  // outlives all that waits for something
+  SimulatedClock clock;
+  SimulatedProcess process;
+  SimulatedMainQueue mainQueue;
+  SimulatedInput standardInput;
+  RecordingOutput standardOutput;
+  RecordingOutput standardError;
+  SimulatedAudioBuffers audioBuffers;
+  SimulatedSpeechRecognition speechRecognition;
+  SimulatedSpeechAnalysis speechAnalysis;
+  SimulatedAudioConverters audioConverters;
+  SndfileAudioFiles audioFiles;
+
+ private:
+  void letGo();
+
+  Platform platform_;
+};
+
+}  // namespace palaver

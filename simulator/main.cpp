@@ -1,0 +1,114 @@
+// PalaverSTTSimulator: the helper on a simulated machine, for tests.
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "simulator/live.h"
+#include "simulator/scenario/ScenarioDifferences.h"
+#include "simulator/scenario/ScenarioRunner.h"
+#ifdef PALAVER_CONVERSATIONS
+#include "simulator/stepped/Converse.h"
+#include "simulator/stepped/stepped.h"
+#endif
+
+namespace palaver {
+
+namespace {
+
+constexpr const char* usage =
+    "Usage: PalaverSTTSimulator run FILE...\n"
+    "         plays scenarios in virtual time; exit status 1 when one fails\n"
+    "       PalaverSTTSimulator converse FILE [DIFFERENCES] -- PROGRAM [ARGUMENT...]\n"
+    "         plays a scenario against a program in stepped time; exit status 1 when it fails, 77 when it\n"
+    "         cannot be played so. DIFFERENCES says where the program is meant to do otherwise. On Linux "
+    "only\n"
+    "       PalaverSTTSimulator stepped [HELPER ARGUMENT...]\n"
+    "         is such a program: the helper on this machine's threads and streams, the rest simulated\n"
+    "       PalaverSTTSimulator live STATE [HELPER ARGUMENT...]\n"
+    "         is the helper on the machine that the file describes, in real time\n"
+    "       PalaverSTTSimulator analyzer [HELPER ARGUMENT...]\n"
+    "         is the helper of macOS 26 with the recognizer of Linux, in real time\n";
+
+bool playFile(const std::filesystem::path& path) {
+  const auto report = [&]() -> std::optional<std::string> {
+    try {
+      return play(readScenario(path));
+    } catch (const FileError& error) {
+      return "  " + std::string(error.what()) + "\n";
+    }
+  }();
+  std::printf("%s %s\n", report ? "FAILED" : "passed", path.stem().string().c_str());
+  if (report) std::printf("%s", report->c_str());
+  return !report;
+}
+
+int live(std::span<char*> arguments) {
+  try {
+    runLive(arguments.front(), arguments.subspan(1));
+  } catch (const FileError& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 2;
+  }
+}
+
+int run(std::span<char*> paths) {
+  int failures = 0;
+  for (const char* const path : paths) failures += playFile(path) ? 0 : 1;
+  if (paths.size() > 1) std::printf("%zu scenarios, %d failed\n", paths.size(), failures);
+  return failures == 0 ? 0 : 1;
+}
+
+#ifdef PALAVER_CONVERSATIONS
+
+// `files`: the scenario, and the differences if there are any.
+int converseWith(std::span<char*> files, std::span<char*> command) {
+  constexpr int skippedStatus = 77;  // as test drivers know it
+  std::signal(SIGPIPE, SIG_IGN);
+  const std::filesystem::path path(files.front());
+  const auto name = path.stem().string();
+  try {
+    const auto differences = files.size() > 1 ? ScenarioDifferences(files[1]) : ScenarioDifferences();
+    const auto difference = differences.of(name);
+    const auto scenario = readScenario(path, difference ? difference->changes : JSON::object());
+    const auto [skipped, failure] = converse(scenario, {command.begin(), command.end()});
+    std::printf("%s %s\n", skipped ? "skipped" : failure ? "FAILED" : "passed", name.c_str());
+    if (difference) std::printf("  with a difference: %s\n", difference->reason.c_str());
+    if (skipped) std::printf("  %s\n", skipped->c_str());
+    if (failure) std::printf("%s", failure->c_str());
+    if (skipped) return skippedStatus;
+    return failure ? 1 : 0;
+  } catch (const std::exception& error) {  // of the files, or of starting the program
+    std::printf("FAILED %s\n  %s\n", name.c_str(), error.what());
+    return 1;
+  }
+}
+
+#endif
+
+}  // namespace
+
+}  // namespace palaver
+
+int main(int argumentCount, char** arguments) {
+  const std::span all(arguments, static_cast<std::size_t>(argumentCount));
+  const std::string_view mode = all.size() > 1 ? all[1] : "";
+  if (mode == "run" && all.size() > 2) return palaver::run(all.subspan(2));
+#ifdef PALAVER_CONVERSATIONS
+  if (mode == "converse") {
+    const auto words = all.subspan(2);
+    const auto separator = std::find(words.begin(), words.end(), std::string_view("--"));
+    const auto files = words.first(static_cast<std::size_t>(separator - words.begin()));
+    if ((files.size() == 1 || files.size() == 2) && words.end() - separator > 1)
+      return palaver::converseWith(files, {separator + 1, words.end()});
+  }
+  if (mode == "stepped") palaver::runStepped(all.subspan(2));
+#endif
+  if (mode == "live" && all.size() > 2) return palaver::live(all.subspan(2));
+  if (mode == "analyzer") palaver::runLiveAnalyzer(all.subspan(2));
+  std::fputs(palaver::usage, stderr);
+  return 2;
+}

@@ -1,0 +1,81 @@
+#include "cli/HostArguments.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace palaver::host {
+namespace {
+
+using ::testing::ElementsAre;
+
+HostArguments parse(const std::vector<std::string>& arguments) {
+  return parseHostArguments(arguments);
+}
+
+std::string failure(const std::vector<std::string>& arguments) {
+  try {
+    parse(arguments);
+  } catch (const UsageError& error) {
+    return error.what();
+  }
+  return "no failure";
+}
+
+TEST(HostArgumentsTest, OptionsAndFilesComeInAnyOrder) {
+  const auto arguments = parse({"a.wav", "--locale", "ja-JP", "b.wav", "--speed=2.5", "--json",
+                                "--vocabulary", "甲,b,,c d", "--helper=x"});
+  EXPECT_EQ(arguments.remote, "a.wav");
+  EXPECT_EQ(arguments.self, "b.wav");
+  EXPECT_EQ(arguments.locale, "ja-JP");
+  EXPECT_EQ(arguments.speed, 2.5);
+  EXPECT_TRUE(arguments.json);
+  EXPECT_THAT(arguments.vocabulary, ElementsAre("甲", "b", "c d"));
+  EXPECT_EQ(arguments.helper, "x");
+}
+
+TEST(HostArgumentsTest, TheHelperMayHaveArguments) {
+  EXPECT_THAT(parse({"a", "--helper-argument", "b", "--helper-argument=--c=d"}).helperArguments,
+              ElementsAre("b", "--c=d"));
+}
+
+TEST(HostArgumentsTest, TheDefaultsAreEnglishInRealTime) {
+  const auto arguments = parse({"a.wav"});
+  EXPECT_EQ(arguments.locale, "en-US");
+  EXPECT_EQ(arguments.speed, 1);
+  EXPECT_FALSE(arguments.json);
+  EXPECT_EQ(arguments.self, std::nullopt);
+  EXPECT_EQ(arguments.helper, std::nullopt);
+}
+
+TEST(HostArgumentsTest, BadUsageIsExplained) {
+  EXPECT_EQ(failure({}), "a sound file is needed");
+  EXPECT_EQ(failure({"a", "b", "c"}), "there are two sources at most, remote and self");
+  EXPECT_EQ(failure({"a", "--fast"}), "there is no option --fast");
+  EXPECT_EQ(failure({"a", "--locale"}), "--locale needs a value");
+  EXPECT_EQ(failure({"a", "--json=yes"}), "--json takes no value");
+  for (const char* speed : {"0", "-1", "x", "nan", "inf", "1x", ""})
+    EXPECT_EQ(failure({"a", "--speed", speed}),
+              std::string("--speed takes a number from 0.1 to 100, not '") + speed + "'");
+}
+
+TEST(HostArgumentsTest, AVocabularyFileIsAnArrayOfStrings) {
+  const auto path =
+      std::filesystem::temp_directory_path() / ("palaver-vocabulary-" + std::to_string(::getpid()));
+  const auto write = [&](const char* json) { std::ofstream(path) << json; };
+  write(R"(["Dashwood","議事録"])");
+  EXPECT_THAT(parse({"a", "--vocabulary-file", path}).vocabulary, ElementsAre("Dashwood", "議事録"));
+  for (const char* wrong : {"", "{}", "[1]", "[\"a\""}) {
+    write(wrong);
+    EXPECT_EQ(failure({"a", "--vocabulary-file", path}),
+              "the vocabulary file " + path.string() + " is not a JSON array of strings");
+  }
+  std::filesystem::remove(path);
+  EXPECT_EQ(failure({"a", "--vocabulary-file", path}), "cannot read the vocabulary file " + path.string());
+}
+
+}  // namespace
+}  // namespace palaver::host

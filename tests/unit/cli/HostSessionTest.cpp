@@ -1,0 +1,246 @@
+#include "cli/HostSession.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace palaver::host {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+// So many chunks of 100 ms of a loud square wave, or of silence.
+class MadeUpSound final : public SoundSource {
+ public:
+  enum class Kind { loud, silent, failing };
+  MadeUpSound(Kind kind, std::size_t chunks) : kind_(kind), left_(chunks * chunkFrames) {}
+
+  std::size_t read(std::span<std::int16_t> frames) override {
+    if (kind_ == Kind::failing) throw std::runtime_error("the disk is gone");
+    const auto count = std::min(frames.size(), left_);
+    for (std::size_t at = 0; at < count; ++at)
+      frames[at] = static_cast<std::int16_t>(kind_ == Kind::loud ? (at % 100 < 50 ? 9000 : -9000) : 0);
+    left_ -= count;
+    return count;
+  }
+  std::int64_t length() const override { return static_cast<std::int64_t>(left_); }
+
+ private:
+  Kind kind_;
+  std::size_t left_;
+};
+
+std::unique_ptr<SoundSource> loud(std::size_t chunks) {
+  return std::make_unique<MadeUpSound>(MadeUpSound::Kind::loud, chunks);
+}
+
+struct Record final : HostObserver {
+  std::vector<std::string> types;
+  std::vector<nlohmann::json> finals;
+  std::vector<std::string> diagnostics;
+  std::vector<std::string> problems;
+  double streamed = 0;
+  double total = 0;
+  HostSession* interruptOnText = nullptr;
+
+  void onEvent(std::string_view line, const nlohmann::json& event) override {
+    EXPECT_EQ(line.find('\n'), std::string_view::npos);
+    const auto type = event.value("type", "");
+    if (type == "transcript.final") finals.push_back(event);
+    if (type != "pong") types.push_back(type);
+    if (type == "transcript.partial" && interruptOnText) interruptOnText->interrupt();
+  }
+  void onDiagnostic(std::string_view line) override { diagnostics.emplace_back(line); }
+  void onProblem(std::string_view message) override { problems.emplace_back(message); }
+  void onStreamStart(double startedAt) override { EXPECT_GT(startedAt, 1.6e12); }
+  void onProgress(double position, double length) override {
+    streamed = position;
+    total = length;
+  }
+};
+
+class HostSessionTest : public ::testing::Test {
+ protected:
+  HostSessionTest() { std::signal(SIGPIPE, SIG_IGN); }
+
+  // Limits far below a user's patience, and far above what the stand-in takes.
+  static HostConfiguration configuration(const std::string& manner) {
+    HostConfiguration configuration;
+    configuration.helper = {PALAVER_FAKE_HELPER, manner};
+    configuration.speed = 20;
+    configuration.limits.settle = 100;
+    // How fast the machine is does not matter here.
+    configuration.limits.finals = configuration.limits.stopped = configuration.limits.stall = 120'000;
+    return configuration;
+  }
+
+  bool run(HostConfiguration configuration, std::unique_ptr<SoundSource> remote,
+           std::unique_ptr<SoundSource> self = nullptr) {
+    HostSession session(std::move(configuration), std::move(remote), std::move(self), record);
+    return session.run();
+  }
+  bool run(const std::string& manner) { return run(configuration(manner), loud(10)); }
+
+  Record record;
+};
+
+TEST_F(HostSessionTest, AServedSessionEndsWell) {
+  EXPECT_TRUE(run(configuration("well"), loud(10), loud(3)));
+  EXPECT_THAT(record.problems, IsEmpty());
+  EXPECT_THAT(record.finals, SizeIs(2));
+  EXPECT_EQ(record.total, 1000);
+  EXPECT_GT(record.streamed, record.total);  // the silence behind it
+  ASSERT_GE(record.types.size(), 3U);
+  EXPECT_EQ(record.types[0], "helper.status");
+  EXPECT_EQ(record.types[1], "session.ready");
+  EXPECT_EQ(record.types.back(), "session.stopped");
+}
+
+TEST_F(HostSessionTest, EveryChunkArrivesInOrderAndIsTimedByTheAudio) {
+  EXPECT_TRUE(run(configuration("well"), loud(30)));
+  ASSERT_THAT(record.finals, SizeIs(1));
+  // 30 loud chunks, numbered from 0; the stand-in closes with the fifth quiet one.
+  EXPECT_EQ(record.finals[0].at("text"), "chunk 34");
+}
+
+TEST_F(HostSessionTest, TheStreamKeepsRealTime) {
+  auto realTime = configuration("well");
+  realTime.speed = 2;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(run(std::move(realTime), loud(20)));
+  // 2 s at double speed: never sooner.
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+TEST_F(HostSessionTest, ASilentSourceHasNoFinalToWaitFor) {
+  EXPECT_TRUE(run(configuration("well"), std::make_unique<MadeUpSound>(MadeUpSound::Kind::silent, 5)));
+  EXPECT_THAT(record.finals, IsEmpty());
+}
+
+TEST_F(HostSessionTest, AHelperThatCannotBeStartedIsAnError) {
+  HostConfiguration missing;
+  missing.helper = {"/nowhere/at/all"};
+  HostSession session(missing, loud(1), nullptr, record);
+  EXPECT_THROW(session.run(), std::system_error);
+}
+
+TEST_F(HostSessionTest, AHelperThatDiesIsReportedWithItsStatus) {
+  EXPECT_FALSE(run("dies"));
+  EXPECT_THAT(record.problems, ElementsAre("the helper ended early, with exit status 3"));
+}
+
+TEST_F(HostSessionTest, AHelperThatIsKilledIsReportedWithTheSignal) {
+  EXPECT_FALSE(run("killed"));
+  EXPECT_THAT(record.problems, ElementsAre(HasSubstr("signal 9")));
+}
+
+TEST_F(HostSessionTest, AStatusThatDoesNotComeIsNotAwaitedForEver) {
+  auto impatient = configuration("silent");
+  impatient.limits.status = 200;
+  impatient.limits.stopped = 200;
+  EXPECT_FALSE(run(std::move(impatient), loud(1)));
+  ASSERT_THAT(record.problems, testing::Not(IsEmpty()));
+  EXPECT_EQ(record.problems[0], "the helper has not reported its status within 0.2 s");
+}
+
+TEST_F(HostSessionTest, ASessionThatIsNeverReadyIsNotAwaitedForEver) {
+  auto impatient = configuration("never-ready");
+  impatient.limits.ready = 200;
+  EXPECT_FALSE(run(std::move(impatient), loud(1)));
+  EXPECT_THAT(record.problems, ElementsAre("the session was not ready within 0.2 s"));
+}
+
+TEST_F(HostSessionTest, AnUnavailableSessionIsReportedWithTheReason) {
+  EXPECT_FALSE(run("unavailable"));
+  EXPECT_THAT(record.problems, ElementsAre("the session is not available: there is no model"));
+}
+
+TEST_F(HostSessionTest, AFloodOfOutputIsReadWhileAudioIsWritten) {
+  EXPECT_TRUE(run("floods"));
+  EXPECT_THAT(record.problems, IsEmpty());
+  EXPECT_THAT(record.finals, SizeIs(1));
+}
+
+TEST_F(HostSessionTest, AHelperThatReadsSlowlyHoldsTheStreamBackAndLosesNothing) {
+  auto fast = configuration("slow");
+  fast.speed = 100;
+  EXPECT_TRUE(run(std::move(fast), loud(400), loud(400)));
+  EXPECT_THAT(record.problems, IsEmpty());
+  ASSERT_THAT(record.finals, SizeIs(2));
+  for (const auto& final : record.finals) EXPECT_EQ(final.at("text"), "chunk 404");
+}
+
+TEST_F(HostSessionTest, AHelperThatReadsNothingIsGivenUp) {
+  auto fast = configuration("reads-nothing");
+  fast.speed = 100;
+  fast.limits.stall = 200;
+  EXPECT_FALSE(run(std::move(fast), loud(1000)));
+  ASSERT_THAT(record.problems, testing::Not(IsEmpty()));
+  EXPECT_EQ(record.problems[0], "the helper has read nothing for 0.2 s");
+}
+
+TEST_F(HostSessionTest, AnErrorEventMakesTheSessionFailAndGoesOn) {
+  EXPECT_FALSE(run("reports-error"));
+  EXPECT_THAT(record.finals, SizeIs(1));
+  EXPECT_THAT(record.types, testing::Contains("helper.error"));
+}
+
+TEST_F(HostSessionTest, ALineThatIsNoEventIsReported) {
+  EXPECT_FALSE(run("writes-garbage"));
+  EXPECT_THAT(record.problems, ElementsAre("the helper wrote a line that is no event: hello"));
+  EXPECT_THAT(record.finals, SizeIs(1));
+}
+
+TEST_F(HostSessionTest, AMissingFinalIsReported) {
+  auto impatient = configuration("leaves-open");
+  impatient.limits.finals = 300;
+  EXPECT_FALSE(run(std::move(impatient), loud(5)));
+  EXPECT_THAT(record.problems, ElementsAre("a final is missing after 0.3 s of silence",
+                                           "the last final of remote is missing"));
+}
+
+TEST_F(HostSessionTest, AFailureStatusAtTheEndIsReported) {
+  EXPECT_FALSE(run("fails"));
+  EXPECT_THAT(record.problems, ElementsAre("the helper ended with exit status 5"));
+}
+
+TEST_F(HostSessionTest, AHelperThatDoesNotEndIsEnded) {
+  auto impatient = configuration("stays");
+  impatient.limits.stopped = 200;
+  EXPECT_FALSE(run(std::move(impatient), loud(2)));
+  EXPECT_THAT(record.problems, ElementsAre("the helper has not ended within 0.2 s of the end of its input",
+                                           HasSubstr("the helper ended with signal 15")));
+}
+
+TEST_F(HostSessionTest, StandardErrorIsPassedOnByTheLine) {
+  EXPECT_TRUE(run("chatters"));
+  EXPECT_THAT(record.diagnostics, ElementsAre("so far so good"));
+}
+
+TEST_F(HostSessionTest, ASoundThatCannotBeReadOnEndsTheSessionInOrder) {
+  EXPECT_FALSE(run(configuration("well"), std::make_unique<MadeUpSound>(MadeUpSound::Kind::failing, 5)));
+  EXPECT_THAT(record.problems, ElementsAre("the disk is gone"));
+}
+
+TEST_F(HostSessionTest, AnInterruptedSessionEndsTheHelperInOrder) {
+  auto long_ = configuration("well");
+  HostSession session(std::move(long_), loud(100000), nullptr, record);
+  record.interruptOnText = &session;
+  EXPECT_FALSE(session.run());
+  // The stand-in ended by itself, with status 0: no word of a signal or a status.
+  EXPECT_THAT(record.problems, ElementsAre("interrupted", "the last final of remote is missing"));
+}
+
+}  // namespace
+}  // namespace palaver::host

@@ -1,0 +1,183 @@
+#include "cli/SoundFileSource.h"
+
+#include <gmock/gmock.h>
+#include <sndfile.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <numbers>
+#include <string>
+#include <vector>
+
+namespace palaver::host {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Each;
+using ::testing::HasSubstr;
+
+// A directory of the test's own, removed with all that is in it.
+class SoundFileSourceTest : public ::testing::Test {
+ protected:
+  SoundFileSourceTest() {
+    auto name = (std::filesystem::temp_directory_path() / "palaver-XXXXXX").string();
+    if (!::mkdtemp(name.data())) throw std::runtime_error("no directory for the test");
+    directory_ = name;
+  }
+  ~SoundFileSourceTest() override { std::filesystem::remove_all(directory_); }
+
+  std::string path(const std::string& name) const { return directory_ / name; }
+
+  std::string write(const std::string& name, const std::string& bytes) const {
+    std::ofstream(path(name), std::ios::binary) << bytes;
+    return path(name);
+  }
+
+  // A file of one second whose channel c is a sine of (c + 1) * 200 Hz, amplitude 0.5.
+  std::string writeSines(const std::string& name, int format, int rate, int channels, int frames) const {
+    SF_INFO info{};
+    info.format = format;
+    info.samplerate = rate;
+    info.channels = channels;
+    auto* const file = sf_open(path(name).c_str(), SFM_WRITE, &info);
+    if (!file) throw std::runtime_error(sf_strerror(nullptr));
+    std::vector<float> samples;
+    for (int frame = 0; frame < frames; ++frame)
+      for (int channel = 0; channel < channels; ++channel)
+        samples.push_back(0.5F * sine(200.0 * (channel + 1), frame, rate));
+    sf_writef_float(file, samples.data(), frames);
+    sf_close(file);
+    return path(name);
+  }
+
+  static float sine(double frequency, int frame, int rate) {
+    return static_cast<float>(std::sin(2 * std::numbers::pi * frequency * frame / rate));
+  }
+
+  // Everything the source gives, read in pieces of an odd size.
+  static std::vector<std::int16_t> readAll(SoundSource& source) {
+    std::vector<std::int16_t> all;
+    for (std::vector<std::int16_t> piece(777);;) {
+      const auto count = source.read(piece);
+      all.insert(all.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(count));
+      if (count < piece.size()) return all;
+    }
+  }
+
+  // The largest difference from the mean of the channels' sines, away from the file's edges, where a
+  // resampler rings.
+  static double error(const std::vector<std::int16_t>& samples, int channels) {
+    double worst = 0;
+    constexpr std::size_t edge = 200;
+    for (std::size_t at = edge; at + edge < samples.size(); ++at) {
+      double expected = 0;
+      for (int channel = 0; channel < channels; ++channel)
+        expected += 0.5 * sine(200.0 * (channel + 1), static_cast<int>(at), sampleRate) / channels;
+      worst = std::max(worst, std::abs(samples[at] / 32768.0 - expected));
+    }
+    return worst;
+  }
+
+  static std::string failure(const std::string& path) {
+    try {
+      SoundFileSource source(path);
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "no failure";
+  }
+
+ private:
+  std::filesystem::path directory_;
+};
+
+constexpr int wave = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+// 16-bit rounding, and what the resampler's pass band leaves.
+constexpr double tolerance = 0.001;
+
+class Rates : public SoundFileSourceTest, public ::testing::WithParamInterface<std::pair<int, int>> {};
+
+TEST_P(Rates, AreResampledAndMixedDownInTime) {
+  const auto [rate, channels] = GetParam();
+  SoundFileSource source(writeSines("sines.wav", wave, rate, channels, rate));
+  EXPECT_EQ(source.length(), sampleRate);
+  const auto samples = readAll(source);
+  EXPECT_EQ(samples.size(), static_cast<std::size_t>(sampleRate));
+  EXPECT_LT(error(samples, channels), tolerance);
+}
+
+INSTANTIATE_TEST_SUITE_P(Usual, Rates,
+                         ::testing::Values(std::pair(8000, 1), std::pair(11025, 2), std::pair(16000, 1),
+                                           std::pair(16000, 2), std::pair(22050, 1), std::pair(32000, 2),
+                                           std::pair(44100, 2), std::pair(48000, 6), std::pair(96000, 1)),
+                         [](const auto& instance) {
+                           return std::to_string(instance.param.first) + "HzIn" +
+                                  std::to_string(instance.param.second) + "Channels";
+                         });
+
+TEST_F(SoundFileSourceTest, OtherContainersAreRead) {
+  const std::vector<std::pair<std::string, int>> formats{{"sines.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16},
+                                                         {"sines.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_24},
+                                                         {"sines.caf", SF_FORMAT_CAF | SF_FORMAT_FLOAT},
+                                                         {"sines.au", SF_FORMAT_AU | SF_FORMAT_PCM_16}};
+  for (const auto& [name, format] : formats) {
+    SoundFileSource source(writeSines(name, format, 44100, 2, 44100));
+    EXPECT_LT(error(readAll(source), 2), tolerance) << name;
+  }
+}
+
+TEST_F(SoundFileSourceTest, SamplesAt16KHzArePassedOnAsTheyAre) {
+  std::string bytes;
+  std::vector<std::int16_t> expected;
+  for (int value = -32768; value < 32768; value += 13) {
+    expected.push_back(static_cast<std::int16_t>(value));
+    bytes += static_cast<char>(value & 0xFF);
+    bytes += static_cast<char>((value >> 8) & 0xFF);
+  }
+  SoundFileSource source(write("samples.raw", bytes));
+  EXPECT_EQ(source.length(), static_cast<std::int64_t>(expected.size()));
+  EXPECT_EQ(readAll(source), expected);
+}
+
+TEST_F(SoundFileSourceTest, AFileShorterThanTheFilterIsResampledToItsLength) {
+  SoundFileSource source(writeSines("short.wav", wave, 48000, 1, 30));
+  EXPECT_EQ(readAll(source).size(), 10U);
+}
+
+TEST_F(SoundFileSourceTest, ReadingOnAtTheEndGivesNothing) {
+  SoundFileSource source(writeSines("sines.wav", wave, 44100, 1, 4410));
+  EXPECT_EQ(readAll(source).size(), 1600U);
+  std::vector<std::int16_t> more(100);
+  EXPECT_EQ(source.read(more), 0U);
+}
+
+TEST_F(SoundFileSourceTest, AMissingFileIsNamed) {
+  EXPECT_EQ(failure(path("none.wav")), "cannot read " + path("none.wav") + ": there is no such file");
+}
+
+TEST_F(SoundFileSourceTest, AnEmptyFileIsNamed) {
+  EXPECT_THAT(failure(write("empty.wav", "")), HasSubstr("empty.wav: the file is empty"));
+  EXPECT_THAT(failure(write("empty.raw", "")), HasSubstr("empty.raw: the file is empty"));
+}
+
+TEST_F(SoundFileSourceTest, AFileWithoutAudioIsNamed) {
+  EXPECT_THAT(failure(writeSines("header.wav", wave, 16000, 1, 0)), HasSubstr("it holds no audio"));
+}
+
+TEST_F(SoundFileSourceTest, ATextFileIsNoSoundFile) {
+  EXPECT_THAT(failure(write("text.wav", "this is no sound at all, whatever its name says")),
+              AllOf(HasSubstr("text.wav"), HasSubstr("it is not a sound file that can be read")));
+}
+
+TEST_F(SoundFileSourceTest, ADirectoryIsNoSoundFile) {
+  EXPECT_THAT(failure(path("")), HasSubstr("it is a directory"));
+}
+
+TEST_F(SoundFileSourceTest, HalfASampleIsRefused) {
+  EXPECT_THAT(failure(write("odd.raw", "abc")), HasSubstr("an odd number of bytes"));
+}
+
+}  // namespace
+}  // namespace palaver::host
