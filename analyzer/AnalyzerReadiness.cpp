@@ -1,5 +1,6 @@
 #include "analyzer/AnalyzerReadiness.h"
 
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "analyzer/Await.h"
@@ -24,7 +25,7 @@ Event statusEvent(AssetStatus model) {
           {"available", installed},
           {"implementation", analyzerImplementationName},
           {"authorization", "not-required"},
-          {"modelStatus", description(model)},
+          {"modelStatus", wireName(model)},
           {"protocolVersion", protocolVersion}};
 }
 

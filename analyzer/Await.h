@@ -6,12 +6,11 @@
 #include <asio/awaitable.hpp>
 #include <asio/post.hpp>
 #include <asio/use_awaitable.hpp>
-#include <functional>
-#include <memory>
 #include <optional>
 #include <utility>
 
 #include "platform/PlatformError.h"
+#include "platform/UniqueFunction.h"
 
 namespace palaver {
 
@@ -22,12 +21,11 @@ template <typename Result, typename Start>
 asio::awaitable<Result> completionOf(Start start) {
   co_return co_await asio::async_initiate<const asio::use_awaitable_t<>, void(Result)>(
       [](auto handler, Start begin) {
-        // std::function wants a copyable completion; the handler is not.
-        const auto shared = std::make_shared<decltype(handler)>(std::move(handler));
-        begin(std::function<void(Result)>([shared](Result result) {
-          const auto executor = asio::get_associated_executor(*shared);
-          asio::post(executor,
-                     [shared, result = std::move(result)]() mutable { (*shared)(std::move(result)); });
+        begin(UniqueFunction<void(Result)>([waiter = std::move(handler)](Result result) mutable {
+          const auto executor = asio::get_associated_executor(waiter);
+          asio::post(executor, [waiter = std::move(waiter), result = std::move(result)]() mutable {
+            std::move(waiter)(std::move(result));
+          });
         }));
       },
       asio::use_awaitable, std::move(start));

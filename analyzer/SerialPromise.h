@@ -5,11 +5,12 @@
 #include <asio/awaitable.hpp>
 #include <asio/use_awaitable.hpp>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <utility>
 #include <variant>
 #include <vector>
+
+#include "platform/UniqueFunction.h"
 
 namespace palaver {
 
@@ -42,8 +43,7 @@ class SerialPromise {
     if (std::holds_alternative<std::monostate>(outcome_)) {
       co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(
           [this](auto handler) {
-            const auto shared = std::make_shared<decltype(handler)>(std::move(handler));
-            waiters_.push_back([shared] { (*shared)(); });
+            waiters_.push_back([waiter = std::move(handler)]() mutable { std::move(waiter)(); });
           },
           asio::use_awaitable);
     }
@@ -59,7 +59,7 @@ class SerialPromise {
   }
 
   std::variant<std::monostate, Value, std::exception_ptr> outcome_;
-  std::vector<std::function<void()>> waiters_;
+  std::vector<UniqueFunction<void()>> waiters_;
 };
 
 }  // namespace palaver

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <asio/awaitable.hpp>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "analyzer/AnalyzerReadiness.h"
@@ -11,7 +12,10 @@
 #include "analyzer/SpeechAnalyzerChannel.h"
 #include "core/JSONLineWriter.h"
 #include "core/PCMDecoding.h"
+#include "platform/Clock.h"
 #include "platform/Platform.h"
+#include "platform/SpeechAnalysis.h"
+#include "platform/Tasks.h"
 
 namespace palaver {
 

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "analyzer/Await.h"
@@ -115,8 +116,9 @@ asio::awaitable<void> SpeechAnalyzerChannel::cancel() {
   const auto self = shared_from_this();
   cancelled_ = true;
   input_->finish();
-  co_await completionOf<bool>(
-      [this](auto completion) { analyzer_->cancelAndFinishNow([completion] { completion(true); }); });
+  co_await completionOf<bool>([this](auto completion) {
+    analyzer_->cancelAndFinishNow([completion = std::move(completion)] { completion(true); });
+  });
   transcriber_->cancelResults();
 }
 

@@ -16,6 +16,7 @@
 #include "core/AudioSource.h"
 #include "core/JSONLineWriter.h"
 #include "platform/Platform.h"
+#include "platform/SpeechAnalysis.h"
 
 namespace palaver {
 

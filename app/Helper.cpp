@@ -14,7 +14,10 @@
 #include "modes/HealthReport.h"
 #include "modes/ModelAssets.h"
 #include "modes/ResearchTranscription.h"
+#include "platform/MainQueue.h"
 #include "platform/Platform.h"
+#include "platform/Process.h"
+#include "platform/StandardStreams.h"
 
 namespace palaver {
 

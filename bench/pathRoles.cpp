@@ -17,6 +17,8 @@
 #include "core/JSONLineWriter.h"
 #include "legacy/DictationProbe.h"
 #include "legacy/LegacySpeechBackend.h"
+#include "platform/MainQueue.h"
+#include "platform/StandardStreams.h"
 #include "platform/makePlatform.h"
 #include "platform/posix/POSIXStreams.h"
 
@@ -106,18 +108,18 @@ struct Path {
   WatchedProcess process{machine.process};
   // Standard output is for the figures.
   DescriptorOutput events{::open("/dev/null", O_WRONLY | O_CLOEXEC)};
-  Platform platform{machine.clock,
-                    process,
-                    machine.mainQueue,
-                    machine.standardInput,
-                    events,
-                    machine.standardError,
-                    machine.audioBuffers,
-                    recognition,
-                    machine.speechAnalysis,
-                    machine.audioConverters,
-                    machine.audioFiles,
-                    machine.tasks};
+  Platform platform{.clock = machine.clock,
+                    .process = process,
+                    .mainQueue = machine.mainQueue,
+                    .standardInput = machine.standardInput,
+                    .standardOutput = events,
+                    .standardError = machine.standardError,
+                    .audioBuffers = machine.audioBuffers,
+                    .speechRecognition = recognition,
+                    .speechAnalysis = machine.speechAnalysis,
+                    .audioConverters = machine.audioConverters,
+                    .audioFiles = machine.audioFiles,
+                    .tasks = machine.tasks};
   JSONLineWriter writer{platform.clock, platform.standardOutput, platform.standardError};
   DictationProbe dictation{platform};
   LegacySpeechBackend backend{platform, writer, dictation};

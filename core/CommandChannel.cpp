@@ -144,16 +144,10 @@ void CommandChannel::decodeLine(char* line, std::size_t length, Commands& comman
 
 void CommandChannel::handOver(Commands commands) {
   if (commands.empty()) return;
-  // One job for all commands of one read. A std::function wants a copyable capture; the shared pointer makes
-  // it one.
-  struct Batch {
-    std::shared_ptr<Block> block;
-    Commands commands;
-  };
-  mainQueue_.async(
-      [&handler = handler_, batch = std::make_shared<Batch>(Batch{block_, std::move(commands)})] {
-        for (const auto& command : batch->commands) handler.handle(command);
-      });
+  // One job for all commands of one read. It shares the block that the commands point into.
+  mainQueue_.async([&handler = handler_, block = block_, batch = std::move(commands)] {
+    for (const auto& command : batch) handler.handle(command);
+  });
 }
 
 }  // namespace palaver

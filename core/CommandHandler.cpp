@@ -1,12 +1,15 @@
 #include "core/CommandHandler.h"
 
+#include <nlohmann/json.hpp>
 #include <span>
 #include <string>
 
 #include "core/JSONLineWriter.h"
 #include "core/Protocol.h"
 #include "core/SpeechBackend.h"
+#include "platform/Clock.h"
 #include "platform/Platform.h"
+#include "platform/Process.h"
 
 namespace palaver {
 

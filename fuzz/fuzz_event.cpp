@@ -1,5 +1,8 @@
 // Events made of whatever a command can hold: encoded as one line that reads back to the same values.
 #include "core/JSONLineWriter.h"
+
+#include <nlohmann/json.hpp>
+
 #include "fuzz/FuzzInput.h"
 #include "tests/unit/core/DecodedLine.h"
 

@@ -8,7 +8,11 @@
 
 #include "core/PCMDecoding.h"
 #include "core/Text.h"
+#include "platform/AudioBuffer.h"
+#include "platform/Clock.h"
+#include "platform/MainQueue.h"
 #include "platform/Platform.h"
+#include "platform/SpeechRecognition.h"
 
 namespace palaver {
 
@@ -59,12 +63,12 @@ class Outcome {
 
 }  // namespace
 
-std::string_view rawValue(DictationAvailability availability) {
+std::string_view wireName(DictationAvailability availability) {
   return std::ranges::find(names, availability, &decltype(names)::value_type::first)->second;
 }
 
-std::optional<DictationAvailability> dictationAvailability(std::string_view rawValue) {
-  const auto* const found = std::ranges::find(names, rawValue, &decltype(names)::value_type::second);
+std::optional<DictationAvailability> dictationAvailability(std::string_view name) {
+  const auto* const found = std::ranges::find(names, name, &decltype(names)::value_type::second);
   if (found == names.end()) return std::nullopt;
   return found->first;
 }

@@ -15,10 +15,10 @@ struct Platform;
 enum class DictationAvailability { enabled, disabled, unknown };
 
 // The verdict's name on the wire.
-std::string_view rawValue(DictationAvailability availability);
+std::string_view wireName(DictationAvailability availability);
 
 // The verdict of a name on the wire, or none.
-std::optional<DictationAvailability> dictationAvailability(std::string_view rawValue);
+std::optional<DictationAvailability> dictationAvailability(std::string_view name);
 
 // What the user is told when Dictation is off.
 inline constexpr std::string_view dictationSetupMessage =

@@ -1,6 +1,9 @@
 #include "legacy/LegacyReadiness.h"
 
+#include <nlohmann/json.hpp>
+
 #include "platform/Platform.h"
+#include "platform/SpeechRecognition.h"
 
 namespace palaver {
 
@@ -18,7 +21,7 @@ Event statusEvent(const LegacyReadiness& readiness) {
           {"implementation", legacyImplementationName},
           {"authorization", authorizationLabel(readiness.authorization)},
           {"modelStatus", readiness.onDevice ? "installed" : "unavailable"},
-          {"dictation", rawValue(readiness.dictation)},
+          {"dictation", wireName(readiness.dictation)},
           {"protocolVersion", protocolVersion}};
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/JSONLineWriter.h"
+
 #include "core/Protocol.h"
 #include "legacy/DictationProbe.h"
 #include "platform/SpeechRecognition.h"

@@ -5,7 +5,10 @@
 
 #include "core/JSONLineWriter.h"
 #include "core/UUID.h"
+#include "platform/Clock.h"
 #include "platform/Platform.h"
+#include "platform/Process.h"
+#include "platform/SpeechRecognition.h"
 
 namespace palaver {
 

@@ -15,6 +15,7 @@
 #include "core/AudioSource.h"
 #include "core/JSONLineWriter.h"
 #include "platform/Platform.h"
+#include "platform/StandardStreams.h"
 
 namespace palaver {
 

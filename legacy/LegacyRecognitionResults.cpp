@@ -1,11 +1,14 @@
 // The half of LegacyRecognitionChannel that starts tasks and turns their results into transcript events.
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "core/JSONLineWriter.h"
 #include "core/Text.h"
 #include "legacy/DictationProbe.h"
 #include "legacy/LegacyRecognitionChannel.h"
+#include "platform/Clock.h"
+#include "platform/MainQueue.h"
 #include "platform/Platform.h"
 
 namespace palaver {

@@ -1,6 +1,7 @@
 #include "legacy/LegacySpeechBackend.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "core/JSONLineWriter.h"
@@ -8,7 +9,9 @@
 #include "legacy/DictationProbe.h"
 #include "legacy/LegacyReadiness.h"
 #include "legacy/LegacyRecognitionChannel.h"
+#include "platform/Clock.h"
 #include "platform/Platform.h"
+#include "platform/SpeechRecognition.h"
 
 namespace palaver {
 

@@ -1,10 +1,13 @@
 #include "modes/AuthorizationRequest.h"
 
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "core/BackendSelection.h"
 #include "core/JSONLineWriter.h"
+#include "platform/MainQueue.h"
 #include "platform/Platform.h"
+#include "platform/SpeechRecognition.h"
 
 namespace palaver {
 

@@ -1,11 +1,17 @@
 #include "modes/HealthReport.h"
 
+#include <nlohmann/json.hpp>
+
 #include "analyzer/AnalyzerReadiness.h"
 #include "analyzer/Spawn.h"
 #include "core/BackendSelection.h"
 #include "core/JSONLineWriter.h"
 #include "legacy/LegacyReadiness.h"
+#include "platform/MainQueue.h"
 #include "platform/Platform.h"
+#include "platform/Process.h"
+#include "platform/SpeechAnalysis.h"
+#include "platform/Tasks.h"
 
 namespace palaver {
 

@@ -1,12 +1,17 @@
 #include "modes/ModelAssets.h"
 
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "analyzer/Await.h"
 #include "analyzer/Spawn.h"
 #include "core/BackendSelection.h"
 #include "core/JSONLineWriter.h"
+#include "platform/MainQueue.h"
 #include "platform/Platform.h"
+#include "platform/Process.h"
+#include "platform/SpeechAnalysis.h"
+#include "platform/Tasks.h"
 
 namespace palaver {
 
@@ -17,7 +22,7 @@ asio::awaitable<AssetStatus> reportModel(AssetInventory& inventory,
                                          const std::string& locale, JSONLineWriter& writer) {
   const auto status = co_await completionOf<AssetStatus>(
       [&](auto completion) { inventory.status(transcriber, std::move(completion)); });
-  writer.write({{"type", "helper.model"}, {"status", description(status)}, {"locale", locale}});
+  writer.write({{"type", "helper.model"}, {"status", wireName(status)}, {"locale", locale}});
   co_return status;
 }
 

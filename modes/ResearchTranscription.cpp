@@ -16,7 +16,12 @@
 #include "core/JSONLineWriter.h"
 #include "core/PCMDecoding.h"
 #include "core/Protocol.h"
+#include "platform/AudioBuffer.h"
+#include "platform/AudioFile.h"
+#include "platform/MainQueue.h"
 #include "platform/Platform.h"
+#include "platform/Process.h"
+#include "platform/Tasks.h"
 
 namespace palaver {
 

@@ -7,8 +7,9 @@
 #pragma once
 
 #include <cstdlib>
-#include <functional>
 #include <memory>
+
+#include "platform/UniqueFunction.h"
 
 namespace palaver {
 
@@ -31,7 +32,7 @@ class Semaphore {
 
 class MainQueue {
  public:
-  using Job = std::function<void()>;
+  using Job = UniqueFunction<void()>;
 
   virtual ~MainQueue() = default;
 

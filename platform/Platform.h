@@ -1,18 +1,19 @@
 // Everything the helper needs of the machine, handed over as references.
 #pragma once
 
-#include "platform/AudioBuffer.h"
-#include "platform/AudioConverter.h"
-#include "platform/AudioFile.h"
-#include "platform/Clock.h"
-#include "platform/MainQueue.h"
-#include "platform/Process.h"
-#include "platform/SpeechAnalysis.h"
-#include "platform/SpeechRecognition.h"
-#include "platform/StandardStreams.h"
-#include "platform/Tasks.h"
-
 namespace palaver {
+
+class AudioBuffers;
+class AudioConverters;
+class AudioFiles;
+class Clock;
+class MainQueue;
+class OutputStream;
+class Process;
+class SpeechAnalysis;
+class SpeechRecognition;
+class StandardInput;
+class Tasks;
 
 // The referenced objects outlive everything that is given a Platform.
 struct Platform {

@@ -7,7 +7,6 @@
 // the platform).
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,6 +16,7 @@
 
 #include "platform/AudioBuffer.h"
 #include "platform/PlatformError.h"
+#include "platform/UniqueFunction.h"
 
 namespace palaver {
 
@@ -24,7 +24,7 @@ namespace palaver {
 enum class AssetStatus { unsupported, supported, downloading, installed };
 
 // The status as text: the name of its case.
-constexpr std::string_view description(AssetStatus status) {
+constexpr std::string_view wireName(AssetStatus status) {
   switch (status) {
     case AssetStatus::unsupported:
       return "unsupported";
@@ -55,7 +55,7 @@ struct ResultsCancelled {};  // cancelResults() was called, or the analysis was 
 using NextResult = std::variant<TranscriptionResult, EndOfResults, ResultsCancelled, PlatformError>;
 
 // Answers of an operation that may fail.
-using FallibleCompletion = std::function<void(std::optional<PlatformError>)>;
+using FallibleCompletion = UniqueFunction<void(std::optional<PlatformError>)>;
 
 // A module that turns speech into text, for one analyzer.
 class SpeechTranscriber {
@@ -64,7 +64,7 @@ class SpeechTranscriber {
 
   // Asks for the next result, in the order in which the platform emits them. Not called again before its
   // completion, nor after it has answered with anything but a result.
-  virtual void nextResult(std::function<void(NextResult)> completion) = 0;
+  virtual void nextResult(UniqueFunction<void(NextResult)> completion) = 0;
 
   // Makes a waiting nextResult() and all later ones answer ResultsCancelled.
   virtual void cancelResults() = 0;
@@ -104,7 +104,7 @@ class SpeechAnalyzer {
   virtual void finalizeAndFinishThroughEndOfInput(FallibleCompletion completion) = 0;
 
   // Ends the analysis at once and drops what is not final.
-  virtual void cancelAndFinishNow(std::function<void()> completion) = 0;
+  virtual void cancelAndFinishNow(UniqueFunction<void()> completion) = 0;
 
  protected:
   SpeechAnalyzer() = default;
@@ -131,12 +131,12 @@ class AssetInventory {
   virtual ~AssetInventory() = default;
 
   virtual void status(const std::shared_ptr<SpeechTranscriber>& transcriber,
-                      std::function<void(AssetStatus)> completion) = 0;
+                      UniqueFunction<void(AssetStatus)> completion) = 0;
 
   // What it takes to install the transcriber's model: a request, or null when there is nothing to install.
   using InstallationRequest = std::variant<std::shared_ptr<AssetInstallationRequest>, PlatformError>;
   virtual void assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>& transcriber,
-                                        std::function<void(InstallationRequest)> completion) = 0;
+                                        UniqueFunction<void(InstallationRequest)> completion) = 0;
 
  protected:
   AssetInventory() = default;
@@ -154,7 +154,7 @@ class SpeechAnalysis {
 
   // The identifier of the supported locale that is closest to the given one, or none.
   virtual void supportedLocale(std::string_view equivalentTo,
-                               std::function<void(std::optional<std::string>)> completion) = 0;
+                               UniqueFunction<void(std::optional<std::string>)> completion) = 0;
 
   // For a locale that supportedLocale() gave.
   virtual std::shared_ptr<SpeechTranscriber> makeTranscriber(std::string_view supportedLocale,
@@ -162,7 +162,7 @@ class SpeechAnalysis {
 
   // The format that the analyzer wants its input in, or none.
   virtual void bestAvailableAudioFormat(const std::shared_ptr<SpeechTranscriber>& compatibleWith,
-                                        std::function<void(std::optional<AudioFormat>)> completion) = 0;
+                                        UniqueFunction<void(std::optional<AudioFormat>)> completion) = 0;
 
   struct AnalyzerWithInput {
     std::shared_ptr<SpeechAnalyzer> analyzer;

@@ -83,10 +83,10 @@ class RecognizedSpeechAnalysis::Analysis : public std::enable_shared_from_this<A
     changed_.wait(lock, [this] { return openTasks_ <= maxTasks; });
   }
 
-  void answerStatus(std::function<void(AssetStatus)> completion) {
+  void answerStatus(UniqueFunction<void(AssetStatus)> completion) {
     completion(isInstalled() ? AssetStatus::installed : AssetStatus::supported);
   }
-  void answerInstallationRequest(std::function<void(InstallationRequest)> completion) {
+  void answerInstallationRequest(UniqueFunction<void(InstallationRequest)> completion) {
     if (isInstalled()) return completion(nullptr);
     completion(PlatformError("SimulatedSpeechAnalysis", 1,
                              "The model of " + locale_ + " cannot be downloaded here"));
@@ -132,7 +132,7 @@ class RecognizedSpeechAnalysis::Analysis : public std::enable_shared_from_this<A
     endIfDone();
   }
 
-  void cancel(std::function<void()> completion) {
+  void cancel(UniqueFunction<void()> completion) {
     inputHasEnded_ = true;
     for (const auto& task : tasks_) task->task->cancel();
     close();
@@ -142,7 +142,7 @@ class RecognizedSpeechAnalysis::Analysis : public std::enable_shared_from_this<A
     completion();
   }
 
-  void read(std::function<void(NextResult)> reader) {
+  void read(UniqueFunction<void(NextResult)> reader) {
     reader_ = std::move(reader);
     deliver();
   }
@@ -261,7 +261,7 @@ class RecognizedSpeechAnalysis::Analysis : public std::enable_shared_from_this<A
   std::optional<PlatformError> failure_;
   FallibleCompletion finished_;
   std::deque<NextResult> results_;  // emitted, not yet read
-  std::function<void(NextResult)> reader_;
+  UniqueFunction<void(NextResult)> reader_;
 
   std::mutex lock_;
   std::condition_variable changed_;
@@ -272,7 +272,7 @@ class RecognizedSpeechAnalysis::Transcriber final : public SpeechTranscriber {
  public:
   explicit Transcriber(std::shared_ptr<Analysis> analysis) : analysis_(std::move(analysis)) {}
 
-  void nextResult(std::function<void(NextResult)> completion) override {
+  void nextResult(UniqueFunction<void(NextResult)> completion) override {
     analysis_->post(&Analysis::read, std::move(completion));
   }
   void cancelResults() override { analysis_->post(&Analysis::cancelResults); }
@@ -292,7 +292,7 @@ class RecognizedSpeechAnalysis::Analyzer final : public SpeechAnalyzer {
   void finalizeAndFinishThroughEndOfInput(FallibleCompletion completion) override {
     analysis_->post(&Analysis::finish, std::move(completion));
   }
-  void cancelAndFinishNow(std::function<void()> completion) override {
+  void cancelAndFinishNow(UniqueFunction<void()> completion) override {
     analysis_->post(&Analysis::cancel, std::move(completion));
   }
 
@@ -323,7 +323,7 @@ RecognizedSpeechAnalysis::~RecognizedSpeechAnalysis() {
 }
 
 void RecognizedSpeechAnalysis::supportedLocale(std::string_view equivalentTo,
-                                               std::function<void(std::optional<std::string>)> completion) {
+                                               UniqueFunction<void(std::optional<std::string>)> completion) {
   const auto served = servedBy_.find(std::string(equivalentTo));
   service_->post([service = service_.get(), completion = std::move(completion),
                   locale = served == servedBy_.end() ? std::string(equivalentTo) : served->second] {
@@ -337,7 +337,7 @@ std::shared_ptr<SpeechTranscriber> RecognizedSpeechAnalysis::makeTranscriber(std
 }
 
 void RecognizedSpeechAnalysis::bestAvailableAudioFormat(
-    const std::shared_ptr<SpeechTranscriber>&, std::function<void(std::optional<AudioFormat>)> completion) {
+    const std::shared_ptr<SpeechTranscriber>&, UniqueFunction<void(std::optional<AudioFormat>)> completion) {
   completion(analyzerFormat);
 }
 
@@ -350,14 +350,15 @@ SpeechAnalysis::AnalyzerWithInput RecognizedSpeechAnalysis::makeAnalyzer(
 }
 
 void RecognizedSpeechAnalysis::status(const std::shared_ptr<SpeechTranscriber>& transcriber,
-                                      std::function<void(AssetStatus)> completion) {
+                                      UniqueFunction<void(AssetStatus)> completion) {
   static_cast<const Transcriber&>(*transcriber)
       .analysis()
       .post(&Analysis::answerStatus, std::move(completion));
 }
 
-void RecognizedSpeechAnalysis::assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>& transcriber,
-                                                        std::function<void(InstallationRequest)> completion) {
+void RecognizedSpeechAnalysis::assetInstallationRequest(
+    const std::shared_ptr<SpeechTranscriber>& transcriber,
+    UniqueFunction<void(InstallationRequest)> completion) {
   static_cast<const Transcriber&>(*transcriber)
       .analysis()
       .post(&Analysis::answerInstallationRequest, std::move(completion));

@@ -29,9 +29,19 @@ namespace {
 struct LivePlatform {
   LivePlatform(std::optional<OperatingSystemVersion> macOS, std::span<char*> arguments,
                SpeechRecognition& speechRecognition, SpeechAnalysis& speechAnalysis)
-      : process(arguments, macOS), platform{clock,          process,         mainQueue,    standardInput,
-                                            standardOutput, standardError,   audioBuffers, speechRecognition,
-                                            speechAnalysis, audioConverters, audioFiles,   tasks} {}
+      : process(arguments, macOS),
+        platform{.clock = clock,
+                 .process = process,
+                 .mainQueue = mainQueue,
+                 .standardInput = standardInput,
+                 .standardOutput = standardOutput,
+                 .standardError = standardError,
+                 .audioBuffers = audioBuffers,
+                 .speechRecognition = speechRecognition,
+                 .speechAnalysis = speechAnalysis,
+                 .audioConverters = audioConverters,
+                 .audioFiles = audioFiles,
+                 .tasks = tasks} {}
 
   SystemClock clock;
   ClaimedProcess process;

@@ -13,6 +13,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/UniqueFunction.h"
 #include "platform/linux/Decoder.h"
 #include "platform/linux/Transcription.h"
 
@@ -67,7 +68,7 @@ void answer(const RecognitionJob& job, std::optional<RecognitionResult> result,
 
 class RecognitionEngine::Worker {
  public:
-  void post(std::function<void()> message) {
+  void post(UniqueFunction<void()> message) {
     {
       const std::lock_guard guard(lock_);
       messages_.push_back(std::move(message));
@@ -124,7 +125,7 @@ class RecognitionEngine::Worker {
 
   // Waits for messages unless there is work, then handles all that have come.
   void receive() {
-    std::vector<std::function<void()>> received;
+    std::vector<UniqueFunction<void()>> received;
     {
       std::unique_lock guard(lock_);
       posted_.wait(guard, [this] { return hasWork_ || !messages_.empty(); });
@@ -232,7 +233,7 @@ class RecognitionEngine::Worker {
 
   std::mutex lock_;
   std::condition_variable posted_;
-  std::vector<std::function<void()>> messages_;
+  std::vector<UniqueFunction<void()>> messages_;
   std::atomic<bool> stopping_ = false;
 
   // For the engine's thread.

@@ -72,7 +72,7 @@ class AppleSpeechAnalysis::Transcriber final : public SpeechTranscriber {
   Transcriber(const Transcriber&) = delete;
   Transcriber& operator=(const Transcriber&) = delete;
 
-  void nextResult(std::function<void(NextResult)> completion) override {
+  void nextResult(UniqueFunction<void(NextResult)> completion) override {
     read();
     queue_->next(std::move(completion));
   }
@@ -208,7 +208,7 @@ class AppleSpeechAnalysis::Analyzer final : public SpeechAnalyzer {
     cancel(*analyzer_, *pending_, [completion = std::move(completion)] { completion(std::nullopt); });
   }
 
-  void cancelAndFinishNow(std::function<void()> completion) override {
+  void cancelAndFinishNow(UniqueFunction<void()> completion) override {
     // The results may end in either way, or not at all: that is not documented.
     cancel(*analyzer_, *pending_, [queue = queue_, completion = std::move(completion)] {
       queue->cancel();
@@ -218,7 +218,7 @@ class AppleSpeechAnalysis::Analyzer final : public SpeechAnalyzer {
 
  private:
   static void cancel(SpeechBridgeAnalyzer& analyzer, PendingAnswers& pending,
-                     std::function<void()> completion) {
+                     UniqueFunction<void()> completion) {
     speechBridgeCancelAndFinishNow(
         &analyzer, [](void* context) { PendingAnswers::answer(context); },
         pending.keep(std::move(completion)));
@@ -256,7 +256,7 @@ bool AppleSpeechAnalysis::isTranscriberAvailable() const {
 }
 
 void AppleSpeechAnalysis::supportedLocale(std::string_view equivalentTo,
-                                          std::function<void(std::optional<std::string>)> completion) {
+                                          UniqueFunction<void(std::optional<std::string>)> completion) {
   speechBridgeSupportedLocale(
       bridged(equivalentTo),
       [](void* context, const SpeechBridgeString* identifier) {
@@ -276,7 +276,7 @@ std::shared_ptr<SpeechTranscriber> AppleSpeechAnalysis::makeTranscriber(std::str
 
 void AppleSpeechAnalysis::bestAvailableAudioFormat(
     const std::shared_ptr<SpeechTranscriber>& compatibleWith,
-    std::function<void(std::optional<AudioFormat>)> completion) {
+    UniqueFunction<void(std::optional<AudioFormat>)> completion) {
   speechBridgeBestAvailableAudioFormat(
       static_cast<const Transcriber&>(*compatibleWith).handle(),
       [](void* context, const SpeechBridgeAudioFormat* format) {
@@ -302,7 +302,7 @@ SpeechAnalysis::AnalyzerWithInput AppleSpeechAnalysis::makeAnalyzer(
 }
 
 void AppleSpeechAnalysis::status(const std::shared_ptr<SpeechTranscriber>& transcriber,
-                                 std::function<void(AssetStatus)> completion) {
+                                 UniqueFunction<void(AssetStatus)> completion) {
   speechBridgeAssetStatus(
       static_cast<const Transcriber&>(*transcriber).handle(),
       [](void* context, SpeechBridgeAssetStatus status) {
@@ -312,9 +312,9 @@ void AppleSpeechAnalysis::status(const std::shared_ptr<SpeechTranscriber>& trans
 }
 
 void AppleSpeechAnalysis::assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>& transcriber,
-                                                   std::function<void(InstallationRequest)> completion) {
+                                                   UniqueFunction<void(InstallationRequest)> completion) {
   // The request is made where the completion is known, since it needs this object's pending answers.
-  std::function<void(SpeechBridgeInstallation*, std::optional<PlatformError>)> wrap =
+  UniqueFunction<void(SpeechBridgeInstallation*, std::optional<PlatformError>)> wrap =
       [pending = pending_, completion = std::move(completion)](auto* installation, auto error) {
         if (error) return completion(std::move(*error));
         completion(installation ? std::make_shared<Installation>(installation, pending) : nullptr);

@@ -29,21 +29,21 @@ class AppleSpeechAnalysis final : public SpeechAnalysis, public AssetInventory {
 
   bool isTranscriberAvailable() const override;
   void supportedLocale(std::string_view equivalentTo,
-                       std::function<void(std::optional<std::string>)> completion) override;
+                       UniqueFunction<void(std::optional<std::string>)> completion) override;
   std::shared_ptr<SpeechTranscriber> makeTranscriber(std::string_view supportedLocale,
                                                      TranscriberPreset preset) override;
   void bestAvailableAudioFormat(const std::shared_ptr<SpeechTranscriber>& compatibleWith,
-                                std::function<void(std::optional<AudioFormat>)> completion) override;
+                                UniqueFunction<void(std::optional<AudioFormat>)> completion) override;
   AnalyzerWithInput makeAnalyzer(const std::shared_ptr<SpeechTranscriber>& transcriber,
                                  const std::vector<std::string>& contextualStrings) override;
   AssetInventory& assetInventory() override { return *this; }
 
   void status(const std::shared_ptr<SpeechTranscriber>& transcriber,
-              std::function<void(AssetStatus)> completion) override;
+              UniqueFunction<void(AssetStatus)> completion) override;
   // Asking also reserves the locale for this program (Apple's documentation of
   // assetInstallationRequest(supporting:)).
   void assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>& transcriber,
-                                std::function<void(InstallationRequest)> completion) override;
+                                UniqueFunction<void(InstallationRequest)> completion) override;
 
  private:
   class Transcriber;

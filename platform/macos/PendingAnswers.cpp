@@ -4,7 +4,7 @@
 
 namespace palaver {
 
-void* PendingAnswers::add(std::any completion) {
+void* PendingAnswers::add(std::unique_ptr<Completion> completion) {
   auto* const operation = new Operation;
   const std::scoped_lock guard(lock_, operation->lock);
   operation->owner = shared_from_this();
@@ -13,7 +13,7 @@ void* PendingAnswers::add(std::any completion) {
   return operation;
 }
 
-std::any PendingAnswers::remove(void* context) {
+std::unique_ptr<PendingAnswers::Completion> PendingAnswers::remove(void* context) {
   const std::unique_ptr<Operation> operation(static_cast<Operation*>(context));
   std::shared_ptr<PendingAnswers> owner;
   {
@@ -23,16 +23,16 @@ std::any PendingAnswers::remove(void* context) {
   // Out of the set first, so that abandon() does not touch what is deleted here.
   const std::scoped_lock guard(owner->lock_, operation->lock);
   owner->operations_.erase(operation.get());
-  return std::exchange(operation->completion, {});
+  return std::move(operation->completion);
 }
 
 void PendingAnswers::abandon() {
-  std::vector<std::any> abandoned;
+  std::vector<std::unique_ptr<Completion>> abandoned;
   const std::lock_guard guard(lock_);
   isAbandoned_ = true;
   for (auto* const operation : operations_) {
     const std::lock_guard operationGuard(operation->lock);
-    abandoned.push_back(std::exchange(operation->completion, {}));
+    abandoned.push_back(std::move(operation->completion));
   }
 }
 

@@ -9,7 +9,7 @@ ResultQueue::~ResultQueue() {
   if (reader_) PendingAnswers::drop(reader_);
 }
 
-void ResultQueue::next(std::function<void(NextResult)> completion) {
+void ResultQueue::next(UniqueFunction<void(NextResult)> completion) {
   std::unique_lock lock(lock_);
   assert(!reader_);
   reader_ = pending_->keep(std::move(completion));

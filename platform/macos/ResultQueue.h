@@ -2,12 +2,12 @@
 #pragma once
 
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 
 #include "platform/SpeechAnalysis.h"
+#include "platform/UniqueFunction.h"
 #include "platform/macos/PendingAnswers.h"
 
 namespace palaver {
@@ -23,7 +23,7 @@ class ResultQueue : public std::enable_shared_from_this<ResultQueue> {
   ResultQueue& operator=(const ResultQueue&) = delete;
 
   // Answers with the oldest result, as soon as there is one, and behind the last one with how they ended.
-  void next(std::function<void(NextResult)> completion);
+  void next(UniqueFunction<void(NextResult)> completion);
 
   // Keeps the queue for whoever is going to push results, and is known by this pointer only, until
   // takeBack().

@@ -43,9 +43,18 @@ struct MacPlatform {
   AppleAudioConverters audioConverters;
   AppleAudioFiles audioFiles;
   ThreadPoolTasks tasks;
-  Platform platform{clock,          process,         mainQueue,    standardInput,
-                    standardOutput, standardError,   audioBuffers, speechRecognition,
-                    speechAnalysis, audioConverters, audioFiles,   tasks};
+  Platform platform{.clock = clock,
+                    .process = process,
+                    .mainQueue = mainQueue,
+                    .standardInput = standardInput,
+                    .standardOutput = standardOutput,
+                    .standardError = standardError,
+                    .audioBuffers = audioBuffers,
+                    .speechRecognition = speechRecognition,
+                    .speechAnalysis = speechAnalysis,
+                    .audioConverters = audioConverters,
+                    .audioFiles = audioFiles,
+                    .tasks = tasks};
 };
 
 }  // namespace

@@ -14,14 +14,14 @@ class AbsentSpeechAnalysis final : public SpeechAnalysis, public AssetInventory 
  public:
   bool isTranscriberAvailable() const override { return false; }
   void supportedLocale(std::string_view,
-                       std::function<void(std::optional<std::string>)> completion) override {
+                       UniqueFunction<void(std::optional<std::string>)> completion) override {
     completion(std::nullopt);
   }
   std::shared_ptr<SpeechTranscriber> makeTranscriber(std::string_view, TranscriberPreset) override {
     return nullptr;
   }
   void bestAvailableAudioFormat(const std::shared_ptr<SpeechTranscriber>&,
-                                std::function<void(std::optional<AudioFormat>)> completion) override {
+                                UniqueFunction<void(std::optional<AudioFormat>)> completion) override {
     completion(std::nullopt);
   }
   AnalyzerWithInput makeAnalyzer(const std::shared_ptr<SpeechTranscriber>&,
@@ -31,11 +31,11 @@ class AbsentSpeechAnalysis final : public SpeechAnalysis, public AssetInventory 
   AssetInventory& assetInventory() override { return *this; }
 
   void status(const std::shared_ptr<SpeechTranscriber>&,
-              std::function<void(AssetStatus)> completion) override {
+              UniqueFunction<void(AssetStatus)> completion) override {
     completion(AssetStatus::unsupported);
   }
   void assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>&,
-                                std::function<void(InstallationRequest)> completion) override {
+                                UniqueFunction<void(InstallationRequest)> completion) override {
     completion(PlatformError("PalaverSTT", -1, "Speech analysis is not available on this system"));
   }
 };

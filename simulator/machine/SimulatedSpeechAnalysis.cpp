@@ -17,7 +17,7 @@ class SimulatedSpeechAnalysis::Analysis {
  public:
   RecordedAnalysis record;
   std::deque<NextResult> results;  // emitted, not yet read
-  std::function<void(NextResult)> reader;
+  UniqueFunction<void(NextResult)> reader;
   bool resultsHaveEnded = false;  // nothing is emitted any more
   std::optional<SimulatedAnalysisUtterance> utterance;
   std::size_t nextPartial = 0;
@@ -97,7 +97,7 @@ class SimulatedSpeechAnalysis::Service : public std::enable_shared_from_this<Ser
     deliver(analysis);
   }
 
-  void read(Analysis& analysis, std::function<void(NextResult)> reader) {
+  void read(Analysis& analysis, UniqueFunction<void(NextResult)> reader) {
     analysis.reader = std::move(reader);
     deliver(analysis);
   }
@@ -116,8 +116,8 @@ class SimulatedSpeechAnalysis::Service : public std::enable_shared_from_this<Ser
 
   // What waits for an answer that never comes is let go.
   void abandon() {
-    std::vector<std::function<void()>> unanswered;
-    std::vector<std::function<void(NextResult)>> readers;
+    std::vector<UniqueFunction<void()>> unanswered;
+    std::vector<UniqueFunction<void(NextResult)>> readers;
     {
       const std::lock_guard guard(lock_);
       unanswered.swap(unanswered_);
@@ -129,7 +129,7 @@ class SimulatedSpeechAnalysis::Service : public std::enable_shared_from_this<Ser
   Timeline& timeline() { return timeline_; }
 
  private:
-  void keep(std::function<void()> completion) {
+  void keep(UniqueFunction<void()> completion) {
     const std::lock_guard guard(lock_);
     unanswered_.push_back(std::move(completion));
   }
@@ -148,7 +148,7 @@ class SimulatedSpeechAnalysis::Service : public std::enable_shared_from_this<Ser
   Timeline& timeline_;
   AnalysisState state_;
   std::vector<Pointer> analyses_;
-  std::vector<std::function<void()>> unanswered_;  // completions that are never called
+  std::vector<UniqueFunction<void()>> unanswered_;  // completions that are never called
   std::mutex lock_;
 };
 
@@ -157,7 +157,7 @@ class SimulatedSpeechAnalysis::Transcriber final : public SpeechTranscriber {
   Transcriber(std::shared_ptr<Service> service, std::string locale) : service_(std::move(service)) {
     analysis_->record.locale = std::move(locale);
   }
-  void nextResult(std::function<void(NextResult)> completion) override {
+  void nextResult(UniqueFunction<void(NextResult)> completion) override {
     service_->locked([&] { service_->read(*analysis_, std::move(completion)); });
   }
   void cancelResults() override {
@@ -220,7 +220,7 @@ class SimulatedSpeechAnalysis::Analyzer final : public SpeechAnalyzer {
                           });
   }
 
-  void cancelAndFinishNow(std::function<void()> completion) override {
+  void cancelAndFinishNow(UniqueFunction<void()> completion) override {
     const auto operation = service_->locked([this] {
       analysis_->record.cancelledAt = service_->now();
       return service_->state().cancel;
@@ -271,7 +271,7 @@ bool SimulatedSpeechAnalysis::isTranscriberAvailable() const {
 }
 
 void SimulatedSpeechAnalysis::supportedLocale(std::string_view equivalentTo,
-                                              std::function<void(std::optional<std::string>)> completion) {
+                                              UniqueFunction<void(std::optional<std::string>)> completion) {
   service_->answerLater(
       state().localeLookup, nullptr, std::move(completion),
       [service = service_, wanted = std::string(equivalentTo)]() -> std::optional<std::string> {
@@ -290,7 +290,7 @@ std::shared_ptr<SpeechTranscriber> SimulatedSpeechAnalysis::makeTranscriber(std:
 }
 
 void SimulatedSpeechAnalysis::bestAvailableAudioFormat(
-    const std::shared_ptr<SpeechTranscriber>&, std::function<void(std::optional<AudioFormat>)> completion) {
+    const std::shared_ptr<SpeechTranscriber>&, UniqueFunction<void(std::optional<AudioFormat>)> completion) {
   const auto now = state();
   service_->answerLater(now.formatLookup, nullptr, std::move(completion),
                         [format = now.format] { return format; });
@@ -308,14 +308,14 @@ SpeechAnalysis::AnalyzerWithInput SimulatedSpeechAnalysis::makeAnalyzer(
 }
 
 void SimulatedSpeechAnalysis::status(const std::shared_ptr<SpeechTranscriber>&,
-                                     std::function<void(AssetStatus)> completion) {
+                                     UniqueFunction<void(AssetStatus)> completion) {
   service_->answerLater(state().modelLookup, nullptr, std::move(completion), [service = service_] {
     return service->locked([&] { return service->state().model; });
   });
 }
 
 void SimulatedSpeechAnalysis::assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>&,
-                                                       std::function<void(InstallationRequest)> completion) {
+                                                       UniqueFunction<void(InstallationRequest)> completion) {
   const auto operation = state().installationRequest;
   service_->answerLater(operation, nullptr, std::move(completion),
                         [service = service_, error = operation.error]() -> InstallationRequest {

@@ -82,19 +82,19 @@ class SimulatedSpeechAnalysis final : public SpeechAnalysis, public AssetInvento
 
   bool isTranscriberAvailable() const override;
   void supportedLocale(std::string_view equivalentTo,
-                       std::function<void(std::optional<std::string>)> completion) override;
+                       UniqueFunction<void(std::optional<std::string>)> completion) override;
   std::shared_ptr<SpeechTranscriber> makeTranscriber(std::string_view supportedLocale,
                                                      TranscriberPreset preset) override;
   void bestAvailableAudioFormat(const std::shared_ptr<SpeechTranscriber>& compatibleWith,
-                                std::function<void(std::optional<AudioFormat>)> completion) override;
+                                UniqueFunction<void(std::optional<AudioFormat>)> completion) override;
   AnalyzerWithInput makeAnalyzer(const std::shared_ptr<SpeechTranscriber>& transcriber,
                                  const std::vector<std::string>& contextualStrings) override;
   AssetInventory& assetInventory() override { return *this; }
 
   void status(const std::shared_ptr<SpeechTranscriber>& transcriber,
-              std::function<void(AssetStatus)> completion) override;
+              UniqueFunction<void(AssetStatus)> completion) override;
   void assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>& transcriber,
-                                std::function<void(InstallationRequest)> completion) override;
+                                UniqueFunction<void(InstallationRequest)> completion) override;
 
   AnalysisState state() const;
   void setState(AnalysisState state);

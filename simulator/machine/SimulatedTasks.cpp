@@ -15,10 +15,11 @@ class SimulatedTasks::Executor {
 
   template <typename Function>
   void execute(Function function) const {
-    // A job is copyable, the function may not be.
-    auto shared = std::make_shared<Function>(std::move(function));
-    const void* const stream = shared.get();
-    timeline_->schedule(0, Timeline::Context::background, stream, [shared] { std::move (*shared)(); });
+    // Each task is a stream of its own, so that a seed may shuffle it among the others.
+    auto own = std::make_unique<Function>(std::move(function));
+    const void* const stream = own.get();
+    timeline_->schedule(0, Timeline::Context::background, stream,
+                        [own = std::move(own)] { std::move (*own)(); });
   }
 
   asio::execution_context& query(asio::execution::context_t) const noexcept { return *context_; }

@@ -2,13 +2,13 @@
 // time.
 #pragma once
 
-#include <functional>
+#include "platform/UniqueFunction.h"
 
 namespace palaver {
 
 class Timeline {
  public:
-  using Job = std::function<void()>;
+  using Job = UniqueFunction<void()>;
 
   // Where a job runs: on a thread of its own kind beside the main thread, or on the main thread as a callback
   // of the platform. A timeline whose main thread delivers no callbacks runs both in the background.

@@ -6,7 +6,7 @@ namespace palaver {
 
 void SteppedTimeline::schedule(double delay, Context context, const void* /*stream*/, Job job) {
   if (context == Context::mainThreadCallback && deliver_)
-    job = [this, callback = std::move(job)] { deliver_(callback); };
+    job = [this, callback = std::move(job)]() mutable { deliver_(std::move(callback)); };
   insert(delay, Rank::job, std::move(job));
 }
 

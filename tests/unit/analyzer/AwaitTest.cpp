@@ -16,7 +16,7 @@ namespace palaver {
 
 namespace {
 
-using Completion = std::function<void(int)>;
+using Completion = UniqueFunction<void(int)>;
 
 class AwaitTest : public testing::Test {
  protected:

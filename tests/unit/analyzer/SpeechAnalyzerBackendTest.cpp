@@ -8,6 +8,9 @@
 #include <set>
 
 #include "core/JSONLineWriter.h"
+#include "platform/MainQueue.h"
+#include "platform/SpeechAnalysis.h"
+#include "platform/StandardStreams.h"
 #include "simulator/scenario/SyntheticAudio.h"
 #include "tests/support/ConversationTest.h"
 #include "tests/unit/analyzer/BackendStorm.h"

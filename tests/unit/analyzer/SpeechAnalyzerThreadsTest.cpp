@@ -58,7 +58,7 @@ class BlockingSpeechAnalysis final : public SpeechAnalysis {
 
   bool isTranscriberAvailable() const override { return analysis_.isTranscriberAvailable(); }
   void supportedLocale(std::string_view equivalentTo,
-                       std::function<void(std::optional<std::string>)> completion) override {
+                       UniqueFunction<void(std::optional<std::string>)> completion) override {
     gate_.wait();
     analysis_.supportedLocale(equivalentTo, std::move(completion));
   }
@@ -67,7 +67,7 @@ class BlockingSpeechAnalysis final : public SpeechAnalysis {
     return analysis_.makeTranscriber(supportedLocale, preset);
   }
   void bestAvailableAudioFormat(const std::shared_ptr<SpeechTranscriber>& compatibleWith,
-                                std::function<void(std::optional<AudioFormat>)> completion) override {
+                                UniqueFunction<void(std::optional<AudioFormat>)> completion) override {
     analysis_.bestAvailableAudioFormat(compatibleWith, std::move(completion));
   }
   AnalyzerWithInput makeAnalyzer(const std::shared_ptr<SpeechTranscriber>& transcriber,
@@ -107,10 +107,30 @@ class SpeechAnalyzerThreadsTest : public testing::Test {
   SpeexAudioConverters audioConverters;
   SndfileAudioFiles audioFiles;
   ThreadPoolTasks tasks;
-  Platform platform{clock,        process,     mainQueue, input,           output,     errors,
-                    audioBuffers, recognition, analysis,  audioConverters, audioFiles, tasks};
-  Platform blockingPlatform{clock,        process,     mainQueue,        input,           output,     errors,
-                            audioBuffers, recognition, blockingAnalysis, audioConverters, audioFiles, tasks};
+  Platform platform{.clock = clock,
+                    .process = process,
+                    .mainQueue = mainQueue,
+                    .standardInput = input,
+                    .standardOutput = output,
+                    .standardError = errors,
+                    .audioBuffers = audioBuffers,
+                    .speechRecognition = recognition,
+                    .speechAnalysis = analysis,
+                    .audioConverters = audioConverters,
+                    .audioFiles = audioFiles,
+                    .tasks = tasks};
+  Platform blockingPlatform{.clock = clock,
+                            .process = process,
+                            .mainQueue = mainQueue,
+                            .standardInput = input,
+                            .standardOutput = output,
+                            .standardError = errors,
+                            .audioBuffers = audioBuffers,
+                            .speechRecognition = recognition,
+                            .speechAnalysis = blockingAnalysis,
+                            .audioConverters = audioConverters,
+                            .audioFiles = audioFiles,
+                            .tasks = tasks};
   JSONLineWriter writer{clock, output, errors};
 };
 

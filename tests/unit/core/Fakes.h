@@ -9,7 +9,17 @@
 #include <vector>
 
 #include "core/SpeechBackend.h"
+#include "platform/AudioBuffer.h"
+#include "platform/AudioConverter.h"
+#include "platform/AudioFile.h"
+#include "platform/Clock.h"
+#include "platform/MainQueue.h"
 #include "platform/Platform.h"
+#include "platform/Process.h"
+#include "platform/SpeechAnalysis.h"
+#include "platform/SpeechRecognition.h"
+#include "platform/StandardStreams.h"
+#include "platform/Tasks.h"
 #include "platform/posix/AbsentServices.h"
 #include "platform/posix/ThreadPoolTasks.h"
 
@@ -121,9 +131,18 @@ struct FakePlatform {
   AbsentAudioConverters audioConverters;
   AbsentAudioFiles audioFiles;
   ThreadPoolTasks tasks;
-  Platform platform{clock,          process,         mainQueue,    standardInput,
-                    standardOutput, standardError,   audioBuffers, speechRecognition,
-                    speechAnalysis, audioConverters, audioFiles,   tasks};
+  Platform platform{.clock = clock,
+                    .process = process,
+                    .mainQueue = mainQueue,
+                    .standardInput = standardInput,
+                    .standardOutput = standardOutput,
+                    .standardError = standardError,
+                    .audioBuffers = audioBuffers,
+                    .speechRecognition = speechRecognition,
+                    .speechAnalysis = speechAnalysis,
+                    .audioConverters = audioConverters,
+                    .audioFiles = audioFiles,
+                    .tasks = tasks};
 };
 
 // Notes each call as one line of text.

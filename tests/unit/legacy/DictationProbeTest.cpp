@@ -32,10 +32,10 @@ TEST(DictationDisabledError, IsATextThatNamesDictationAndDisabledInAnyCase) {
 
 TEST(DictationAvailability, HasItsNames) {
   for (const auto availability : {enabled, disabled, unknown})
-    EXPECT_EQ(dictationAvailability(rawValue(availability)), availability);
-  EXPECT_EQ(rawValue(enabled), "enabled");
-  EXPECT_EQ(rawValue(disabled), "disabled");
-  EXPECT_EQ(rawValue(unknown), "unknown");
+    EXPECT_EQ(dictationAvailability(wireName(availability)), availability);
+  EXPECT_EQ(wireName(enabled), "enabled");
+  EXPECT_EQ(wireName(disabled), "disabled");
+  EXPECT_EQ(wireName(unknown), "unknown");
   EXPECT_EQ(dictationAvailability("Enabled"), std::nullopt);
   EXPECT_EQ(dictationAvailability(""), std::nullopt);
 }
@@ -100,9 +100,18 @@ class DictationProbeTest : public testing::Test {
   void with(const std::function<void(DictationProbe&)>& test) {
     machine_.run(
         [&](Platform& all) {
-          Platform platform{all.clock,          all.process,         all.mainQueue,    all.standardInput,
-                            all.standardOutput, all.standardError,   all.audioBuffers, recognition_,
-                            all.speechAnalysis, all.audioConverters, all.audioFiles,   all.tasks};
+          Platform platform{.clock = all.clock,
+                            .process = all.process,
+                            .mainQueue = all.mainQueue,
+                            .standardInput = all.standardInput,
+                            .standardOutput = all.standardOutput,
+                            .standardError = all.standardError,
+                            .audioBuffers = all.audioBuffers,
+                            .speechRecognition = recognition_,
+                            .speechAnalysis = all.speechAnalysis,
+                            .audioConverters = all.audioConverters,
+                            .audioFiles = all.audioFiles,
+                            .tasks = all.tasks};
           DictationProbe probe(platform);
           test(probe);
         },

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "app/Helper.h"
+#include "platform/StandardStreams.h"
 #include "simulator/machine/SimulatedPlatform.h"
 #include "simulator/scenario/SyntheticAudio.h"
 
@@ -186,7 +187,7 @@ class StateTable {
           const auto& second = loop.events.at(1);
           const auto [ready, answer] = sessionOf(loop);
           table += row({isAvailable ? "available" : "not available",
-                        isSupported ? "supported" : "not supported", std::string(description(model)),
+                        isSupported ? "supported" : "not supported", std::string(wireName(model)),
                         cell(loop.events.at(0), "status"), cell(second, "status"), cell(second, "available"),
                         cell(second, "modelStatus"), letter(second), healthOf(settings), ready, answer});
         }
