@@ -1,4 +1,4 @@
-// The program: the helper on this machine's own platform.
+// Runs the helper on this machine's own platform.
 #include "app/Helper.h"
 #include "platform/Responsibility.h"
 #include "platform/makePlatform.h"

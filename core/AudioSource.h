@@ -1,4 +1,4 @@
-// The two audio streams of a meeting.
+// Names the two audio streams of a meeting.
 #pragma once
 
 #include <array>
@@ -14,12 +14,11 @@ enum class AudioSource {
 
 inline constexpr std::array allAudioSources{AudioSource::remote, AudioSource::selfAudio};
 
-// The source's name on the wire.
 constexpr std::string_view rawValue(AudioSource source) {
   return source == AudioSource::remote ? "remote" : "self";
 }
 
-// The source of a name on the wire, or none.
+// Parses a source's name on the wire. Returns none for any other text.
 constexpr std::optional<AudioSource> audioSource(std::string_view rawValue) {
   if (rawValue == "remote") return AudioSource::remote;
   if (rawValue == "self") return AudioSource::selfAudio;

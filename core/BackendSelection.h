@@ -5,8 +5,8 @@
 
 namespace palaver {
 
-// Whether the analyzer backend serves this system; otherwise the legacy backend does. Only the version
-// decides.
+// Returns whether the analyzer backend serves this system. Otherwise the legacy backend does. Only the
+// version decides.
 inline bool hasSpeechAnalyzer(const Process& process) {
   return process.isMacOSAtLeast({26, 0, 0});
 }

@@ -10,12 +10,12 @@ namespace {
 
 static_assert(std::endian::native == std::endian::little, "decoded bytes are put together in a word");
 
-// Set in the entries of characters outside the alphabet; above the three bytes of every other entry.
+// Marks characters outside the alphabet. The bit lies above the three bytes of every valid entry.
 constexpr std::uint32_t invalid = std::uint32_t{1} << 24;
 
-// What a character contributes to the three bytes of its group of four, as a little-endian word, by its place
-// in the group: the four words of a group are only or-ed together. Faster than anything compilers make of the
-// arithmetic for the vector instructions that every machine has.
+// Maps a character to its part of the three decoded bytes, as a little-endian word. There is one table per
+// position in the group of four, so the four words only need to be or-ed together. Faster than what compilers
+// make of the arithmetic with baseline vector instructions.
 using Table = std::array<std::uint32_t, 256>;
 
 constexpr std::array<Table, 4> makeTables() {
@@ -34,7 +34,7 @@ constexpr std::array<Table, 4> makeTables() {
 
 constexpr auto tables = makeTables();
 
-// The three bytes of a group, or a word with the `invalid` bit.
+// Returns the three bytes of a group. An invalid group sets the `invalid` bit.
 std::uint32_t decodeGroup(const std::uint8_t* group) {
   return tables[0][group[0]] | tables[1][group[1]] | tables[2][group[2]] | tables[3][group[3]];
 }
@@ -54,7 +54,7 @@ std::optional<std::size_t> decodeBase64(std::string_view text, std::uint8_t* byt
     std::memcpy(out, &group, sizeof group);  // the fourth byte is overwritten by the next group
   }
 
-  // The last group may end in one or two padding signs.
+  // The last group may end in one or two padding characters.
   std::array<std::uint8_t, 4> last{at[0], at[1], at[2], at[3]};
   std::size_t padding = 0;
   while (padding < 2 && last[3 - padding] == '=') last[3 - padding++] = 'A';

@@ -15,12 +15,12 @@ namespace palaver {
 namespace {
 
 constexpr std::size_t usualBlockSize = std::size_t{256} << 10;  // bytes
-constexpr std::size_t smallestRead = std::size_t{64} << 10;     // bytes of room worth a read
+constexpr std::size_t smallestRead = std::size_t{64} << 10;     // minimum free bytes worth a read
 constexpr std::size_t spareBlocks = 4;                          // blocks kept for reuse
 
 }  // namespace
 
-// Memory for `size` bytes of input and the decoder's padding.
+// Holds `size` bytes of input plus the decoder's padding.
 class CommandChannel::Block {
  public:
   explicit Block(std::size_t size)
@@ -34,8 +34,8 @@ class CommandChannel::Block {
   std::size_t size_;
 };
 
-// Keeps a few blocks of the usual size for reuse, so that a steady stream of audio touches no new memory; all
-// others go back to the system. Any thread.
+// Keeps a few blocks of the usual size for reuse, so that a steady audio stream allocates no memory. All
+// other blocks are freed. Any thread.
 class CommandChannel::BlockPool : public std::enable_shared_from_this<BlockPool> {
  public:
   std::shared_ptr<Block> take(std::size_t size) {
@@ -75,11 +75,10 @@ CommandChannel::~CommandChannel() = default;
 
 std::span<char> CommandChannel::prepare() {
   const std::size_t unfinished = filled_ - lineStart_;
-  // A block that grew with a long line goes with that line, however much room it has left.
+  // A block that grew for a long line is released with that line, regardless of the room it has left.
   const bool outgrown = block_ && block_->size() > usualBlockSize && unfinished < usualBlockSize / 2;
   if (!block_ || outgrown || block_->size() - filled_ < smallestRead) {
-    // A line longer than half a block gets a block that grows with it, so that it is copied a few times at
-    // most.
+    // A line longer than half a block moves to a larger block, so it is copied only a few times.
     auto next = pool_->take(unfinished < usualBlockSize / 2 ? usualBlockSize : unfinished * 2 + smallestRead);
     if (unfinished > 0) std::memcpy(next->bytes(), block_->bytes() + lineStart_, unfinished);
     block_ = std::move(next);
@@ -116,8 +115,8 @@ void CommandChannel::ended() {
   mainQueue_.async([&handler = handler_] { handler.shutDown(); });
 }
 
-// The line that starts at lineStart_ goes to `end`: decodes it, and moves lineStart_ behind it and its line
-// feed.
+// Ends the line that starts at lineStart_ and ends at `end`. Decodes it and moves lineStart_ past
+// its line feed.
 void CommandChannel::endLine(std::size_t end, Commands& commands) {
   char* const line = block_->bytes() + lineStart_;
   const std::size_t length = end - lineStart_;
@@ -132,8 +131,8 @@ void CommandChannel::reportTooLongLine() {
 }
 
 void CommandChannel::decodeLine(char* line, std::size_t length, Commands& commands) {
-  // The trimmed text serves this test only; the line is decoded as it came. Almost every line begins with a
-  // brace.
+  // The trim is only a test for blank lines. The line itself is decoded untrimmed. Almost every line begins
+  // with a brace.
   if ((length == 0 || line[0] != '{') && trimWhitespaceAndNewlines({line, length}).empty()) return;
   try {
     commands.push_back(decodeHelperCommand(line, length));

@@ -1,4 +1,4 @@
-// Standard input as commands: cuts the bytes into lines, decodes each, and queues them for the main thread.
+// Reads stdin, splits it into lines, decodes each line into a HelperCommand and queues it on the main thread.
 #pragma once
 
 #include <cstddef>
@@ -15,14 +15,14 @@ class CommandHandler;
 class JSONLineWriter;
 class MainQueue;
 
-// Lives on the reader's thread; only the batches it hands over reach the main thread. Never waits for a
-// command to be handled, so the host's pipe keeps draining however long a command takes.
+// Runs on the reader thread. Only the queued batches run on the main thread. Never waits for a command to be
+// handled, so the host's pipe keeps draining while a command runs.
 //
-// Bytes are read into blocks, and commands are views into them: a block lives until its last command has been
-// handled. A line is never copied, except when it crosses the end of a block.
+// Bytes are read into blocks and commands are views into them. A block is destroyed after its last command
+// has been handled. Lines are not copied, except when they cross the end of a block.
 //
-// A line that grows beyond `longestLine` (bytes) is reported and skipped to its end, so that a host that
-// sends no line feeds costs its own words only and not the helper's memory.
+// Lines longer than `longestLine` bytes are reported as an error and skipped. This bounds memory when a host
+// never sends a newline.
 class CommandChannel final : public InputHandler {
  public:
   static constexpr std::size_t usualLongestLine = std::size_t{256} << 20;  // over an hour of audio
@@ -51,9 +51,9 @@ class CommandChannel final : public InputHandler {
   const std::size_t longestLine_;
   std::shared_ptr<BlockPool> pool_;
   std::shared_ptr<Block> block_;
-  std::size_t lineStart_ = 0;  // where the line being read begins in block_
+  std::size_t lineStart_ = 0;  // start of the current line in block_
   std::size_t filled_ = 0;     // bytes of block_ that have been read
-  bool skipping_ = false;      // the line being read was too long; what comes of it is dropped
+  bool skipping_ = false;      // the current line was too long, the rest of it is dropped
 };
 
 }  // namespace palaver

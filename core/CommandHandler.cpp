@@ -44,7 +44,7 @@ void CommandHandler::handle(const HelperCommand& command) {
 
 void CommandHandler::shutDown() {
   backend_.stopAll();
-  // The reader may be reporting a bad line, which must not be cut.
+  // The reader may be writing an error. The exit must not cut that line.
   const auto held = writer_.holdLines();
   platform_.process.exit(0);
 }

@@ -9,16 +9,16 @@ class JSONLineWriter;
 class SpeechBackend;
 struct Platform;
 
-// Lives on the main thread.
+// Main thread only.
 class CommandHandler {
  public:
   CommandHandler(Platform& platform, JSONLineWriter& writer, SpeechBackend& backend)
       : platform_(platform), writer_(writer), backend_(backend) {}
 
-  // Handles one command; every outcome is an event. "shutdown" ends the process.
+  // Handles one command. Every outcome is an event. "shutdown" ends the process.
   void handle(const HelperCommand& command);
 
-  // The input has ended: stops every session and ends the process with status 0.
+  // Stops every session and ends the process with status 0. Called at the end of the input.
   [[noreturn]] void shutDown();
 
  private:

@@ -69,15 +69,14 @@ std::optional<Integer> integer(std::string_view digits) {
   return value;
 }
 
-// The value of a number if it is whole and fits. Exact, where a double would round what has more than 53
-// bits.
+// Returns the number if it is whole and fits. Exact, while a double would round numbers of more than 53 bits.
 std::optional<std::int64_t> wholeNumber(std::string_view number) {
   if (const auto plain = integer<std::int64_t>(number)) return plain;
   const std::size_t mark = std::min(number.find_first_of("eE"), number.size());
-  std::string digits(number.substr(0, mark));  // and the sign
+  std::string digits(number.substr(0, mark));  // includes the sign
   if (digits.find_first_of("123456789") == std::string::npos) return 0;
 
-  // The number as digits without a point and a power of ten.
+  // Rewrite the number as digits without a point and a power of ten.
   std::int64_t exponent = 0;
   if (mark < number.size()) {
     auto text = number.substr(mark + 1);
@@ -95,12 +94,11 @@ std::optional<std::int64_t> wholeNumber(std::string_view number) {
   return integer<std::int64_t>(digits.append(static_cast<std::size_t>(exponent), '0'));
 }
 
-// Receives the parser's events and fills a command. Every function returns whether parsing may go on; when
-// not, failure() says why.
+// Fills a command from the parser's events. Every function returns whether parsing may continue. If it
+// returns false, failure() holds the reason.
 class CommandBuilder {
  public:
-  // `escapes`: whether the line holds any backslash, so that a text may have come out as broken UTF-8 (an
-  // escaped lone surrogate).
+  // `escapes`: whether the line holds any backslash. An escaped lone surrogate decodes to invalid UTF-8.
   explicit CommandBuilder(bool escapes) : escapes_(escapes) {}
 
   const std::string& failure() const { return failure_; }
@@ -115,7 +113,7 @@ class CommandBuilder {
   }
   bool RawNumber(const char* digits, unsigned length, bool) {
     const std::string_view text(digits, length);
-    // The parser refuses most numbers that no double can hold, but lets some pass.
+    // The parser rejects most numbers that exceed a double, but not all.
     if (mayOverflow(text) && !std::isfinite(number(text))) return fail("a number is too big");
     if (isIgnored()) return true;
     if (depth_ != 1) return mismatch();
@@ -187,7 +185,7 @@ class CommandBuilder {
   }
   bool EndArray(unsigned) { return leave(); }
 
-  // The parser calls this for numbers only when it converts them itself, which it is told not to do.
+  // The parser calls these only when it converts numbers itself, which kParseNumbersAsStringsFlag disables.
   bool Int(int) { return false; }
   bool Uint(unsigned) { return false; }
   bool Int64(std::int64_t) { return false; }
@@ -202,7 +200,7 @@ class CommandBuilder {
  private:
   enum Key currentKey() const { return key_; }
 
-  // Whether the value at hand belongs to no known key.
+  // Returns whether the current value belongs to an unknown key.
   bool isIgnored() const { return depth_ > 0 && key_ == Key::unknown; }
 
   bool enter() {
@@ -222,14 +220,14 @@ class CommandBuilder {
     return false;
   }
 
-  // Never fails: what is too big for a double becomes infinite.
+  // Never fails. Numbers too big for a double become infinite.
   static double number(std::string_view digits) {
-#if defined(__cpp_lib_to_chars)  // some libraries read whole numbers only
+#if defined(__cpp_lib_to_chars)  // some standard libraries parse integers only
     double value = 0;
     if (std::from_chars(digits.data(), digits.data() + digits.size(), value).ec == std::errc()) return value;
 #endif
     return std::strtod(std::string(digits).c_str(),
-                       nullptr);  // in the "C" locale, which the helper never leaves
+                       nullptr);  // uses the "C" locale, which the helper never changes
   }
   static bool mayOverflow(std::string_view number) {
     return number.size() > std::numeric_limits<double>::max_exponent10 ||
@@ -244,9 +242,9 @@ class CommandBuilder {
   bool escapes_;
 };
 
-// Why the parser stopped at byte `offset` of `line`.
+// Returns why the parser stopped at byte `offset` of `line`.
 std::string_view description(rapidjson::ParseErrorCode code, std::string_view line, std::size_t offset) {
-  // The parser has no code of its own for a raw control character.
+  // The parser has no error code for a raw control character.
   const bool atControlCharacter = offset < line.size() && static_cast<unsigned char>(line[offset]) < 0x20;
   switch (code) {
     case rapidjson::kParseErrorDocumentEmpty:
@@ -280,7 +278,7 @@ std::string_view description(rapidjson::ParseErrorCode code, std::string_view li
   }
 }
 
-// The parser's vector code lets U+001A to U+001F pass in strings. They are allowed nowhere in JSON.
+// The parser's vector code accepts U+001A to U+001F in strings. JSON allows them nowhere.
 bool isMissedControl(char byte) {
   return static_cast<unsigned char>(byte - 0x1A) <= 0x1F - 0x1A;
 }

@@ -1,4 +1,4 @@
-// The one writer of events: each a JSON object on a line of its own on standard output.
+// Writes events to stdout, each a JSON object on its own line.
 #pragma once
 
 #include <mutex>
@@ -14,41 +14,40 @@
 
 namespace palaver {
 
-// An event: string keys, and strings, numbers, booleans, arrays or nested objects as values. Keys are kept
-// sorted.
+// Holds string keys, and strings, numbers, booleans, arrays or nested objects as values. Keys
+// are kept sorted.
 using Event = nlohmann::json;
 
-// The event as one line of JSON without its line feed: keys sorted, no white space, slashes as they are,
-// numbers as the shortest text that reads back to the same value. Throws std::exception when a text is not
-// UTF-8 or a number is not finite.
+// Serializes the event as one line of JSON without its line feed. Keys are sorted, there is no white space,
+// slashes are not escaped, and numbers take the shortest text that reads back to the same value. Throws
+// std::exception when a text is not UTF-8 or a number is not finite.
 std::string serializeEvent(const Event& event);
 
-// Safe from any thread. Lives as long as the process.
+// Any thread. Lives as long as the process.
 class JSONLineWriter {
  public:
   JSONLineWriter(const Clock& clock, OutputStream& standardOutput, OutputStream& standardError)
       : clock_(clock), standardOutput_(standardOutput), standardError_(standardError) {}
 
-  // Writes one event as one whole line. An event that cannot be serialised is dropped, with a line on
-  // standard error.
+  // Writes one event as one whole line. An event that cannot be serialized is dropped and reported on stderr.
   void write(const Event& event);
 
   // Writes a "helper.error" event.
   void error(std::string_view message, std::optional<std::string_view> sessionId = std::nullopt,
              std::optional<AudioSource> source = std::nullopt);
 
-  // Waits for the line being written, if any, and keeps others from being begun while the result lives: so
-  // that the process can end between two lines.
+  // Blocks until the current line is written, and delays further lines while the result exists. This lets the
+  // process end between two lines.
   [[nodiscard]] std::unique_lock<std::mutex> holdLines() { return std::unique_lock(lock_); }
 
  private:
   const Clock& clock_;
   OutputStream& standardOutput_;
   OutputStream& standardError_;
-  std::mutex lock_;  // held for the two writes of one line, so that lines never mix
+  std::mutex lock_;  // held for both writes of one line, so that lines never mix
 };
 
-// The authorization status as the wire names it.
+// Returns the status's name on the wire.
 std::string_view authorizationLabel(AuthorizationStatus status);
 
 }  // namespace palaver

@@ -1,4 +1,4 @@
-// From the text of an "audio" command to a buffer of samples.
+// Decodes the text of an "audio" command into a sample buffer.
 #pragma once
 
 #include <exception>
@@ -9,10 +9,10 @@
 
 namespace palaver {
 
-// Rate of all audio on the wire, Hz.
+// Sample rate of all audio on the wire, Hz.
 inline constexpr double helperSampleRate = 16000.0;
 
-// The ways in which decoding fails; what() is the text for the host.
+// Reports why decoding failed. what() is the text for the host.
 class PCMError : public std::exception {
  public:
   enum class Case { invalidBase64, oddByteCount, formatUnavailable, bufferUnavailable };
@@ -28,12 +28,12 @@ class PCMError : public std::exception {
   Case which_;
 };
 
-// The format of all audio on the wire: 16 kHz, mono, signed 16-bit. None when the platform has no such
-// format.
+// Returns the format of all audio on the wire: 16 kHz, mono, signed 16-bit. Returns none when the platform
+// has no such format.
 std::optional<AudioFormat> helperAudioFormat(AudioBuffers& audioBuffers);
 
-// Decodes strict Base64 of little-endian 16-bit samples into a new buffer in the helper's format, frame
-// capacity and length being the number of samples. Throws PCMError. Any thread.
+// Decodes strict Base64 of little-endian 16-bit samples into a new buffer in the helper's format. Its frame
+// capacity and frame length are the number of samples. Throws PCMError. Any thread.
 std::shared_ptr<PCMBuffer> makePCMBuffer(AudioBuffers& audioBuffers, std::string_view base64);
 
 }  // namespace palaver

@@ -5,13 +5,13 @@
 
 namespace palaver {
 
-// The version of the commands and events.
+// Version of the commands and events.
 inline constexpr int protocolVersion = 1;
 
-// The locale of a session, and of an installed model, when the host names none.
+// Locale of a session, and of an installed model, when the host names none.
 inline constexpr std::string_view defaultLocale = "ja-JP";
 
-// The locale that status and health reports describe. Sessions may use others.
+// Locale that status and health reports describe. Sessions may use others.
 inline constexpr std::string_view statusLocale = "ja-JP";
 
 }  // namespace palaver

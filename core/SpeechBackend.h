@@ -1,4 +1,4 @@
-// The operations that the command channel asks of speech recognition.
+// Declares what the command channel requires of a speech engine.
 #pragma once
 
 #include <cstdint>
@@ -9,20 +9,20 @@
 
 namespace palaver {
 
-// One instance serves the process. Every operation is called on the main thread, one at a time, in the order
-// in which the host's commands arrived: emitStatus() first, stopAll() last. None of them throws or returns a
-// result; every outcome is an event. Texts need to live only as long as the call.
+// Main thread only. One instance serves the process. Operations are called one at a time, in the order in
+// which the host's commands arrived: emitStatus() first, stopAll() last. No operation throws or returns a
+// result. Every outcome is an event. Texts need to be valid only during the call.
 class SpeechBackend {
  public:
   virtual ~SpeechBackend() = default;
 
-  // The engine's name on the wire.
+  // Returns the engine's name on the wire.
   virtual std::string_view implementationName() const = 0;
 
   // Reports the engine's readiness as a "helper.status" event.
   virtual void emitStatus() = 0;
 
-  // Opens a session, replacing one of the same id.
+  // Opens a session. Replaces a session of the same id.
   virtual void startSession(std::string_view id, std::string_view locale,
                             std::span<const std::string_view> vocabulary) = 0;
 
@@ -31,12 +31,12 @@ class SpeechBackend {
   virtual void appendAudio(std::string_view sessionId, AudioSource source, std::int64_t sequence,
                            double capturedAt, std::string_view pcmBase64) = 0;
 
-  // Mutes a source (what it has not finalised is dropped) or opens it again.
+  // Mutes a source, which drops its unfinalized audio, or unmutes it.
   virtual void setSuppressed(std::string_view sessionId, AudioSource source, bool suppressed) = 0;
 
   virtual void stopSession(std::string_view id) = 0;
 
-  // Ends every session; the process exits right after.
+  // Ends every session. The process exits right after.
   virtual void stopAll() = 0;
 
  protected:

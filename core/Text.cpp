@@ -7,8 +7,8 @@ namespace palaver {
 
 namespace {
 
-// Each member of the set in UTF-8. Sources: Unicode general category Zs, and the newline set U+000A to
-// U+000D, U+0085, U+2028, U+2029.
+// Members of the set in UTF-8. Sources: Unicode general category Zs, and the newline set U+000A to U+000D,
+// U+0085, U+2028, U+2029.
 constexpr std::array<std::string_view, 25> whitespaceAndNewlines{
     "\t",           "\n",           "\v",           "\f",           "\r",           " ",
     "\xC2\x85",     "\xC2\xA0",     "\xE1\x9A\x80", "\xE2\x80\x80", "\xE2\x80\x81", "\xE2\x80\x82",

@@ -1,4 +1,4 @@
-// Small text operations that follow the platform's character sets.
+// Trims and searches text with the platform's character sets.
 #pragma once
 
 #include <string_view>
@@ -6,12 +6,12 @@
 namespace palaver {
 
 // Removes white space and newlines from both ends of UTF-8 text: tab, the Unicode space separators (Zs), LF
-// to CR, U+0085, U+2028 and U+2029, as the platform's whitespace-and-newlines set has them. Other bytes, also
-// malformed ones, stay.
+// to CR, U+0085, U+2028 and U+2029. This is the platform's whitespace-and-newlines set. Other bytes,
+// including malformed ones, are kept.
 std::string_view trimWhitespaceAndNewlines(std::string_view text);
 
-// Whether the text contains the needle, letter case aside. The needle is lower-case ASCII; non-ASCII text
-// only ever differs from it.
+// Returns whether the text contains the needle, ignoring the case of ASCII letters. The needle must
+// be lower-case ASCII.
 bool containsCaseInsensitively(std::string_view text, std::string_view lowerCaseNeedle);
 
 }  // namespace palaver

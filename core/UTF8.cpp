@@ -13,7 +13,7 @@ bool isValidUTF8(std::string_view bytes) {
     if (lead < 0xC2 || lead > 0xF4) return false;
     const std::ptrdiff_t following = lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : 3;
     if (end - at < following) return false;
-    // The first byte that follows is where overlong forms, surrogates and values above U+10FFFF show.
+    // The second byte reveals overlong forms, surrogates and values above U+10FFFF.
     const unsigned char lowest = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
     const unsigned char highest = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
     if (*at < lowest || *at > highest) return false;

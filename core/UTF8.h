@@ -1,12 +1,12 @@
-// Validation of UTF-8.
+// Validates UTF-8.
 #pragma once
 
 #include <string_view>
 
 namespace palaver {
 
-// Whether the bytes are well-formed UTF-8 (Unicode, table 3-7): no overlong forms, no surrogates, nothing
-// above U+10FFFF.
+// Returns whether the bytes are well-formed UTF-8 (Unicode, table 3-7): no overlong forms, no surrogates,
+// nothing above U+10FFFF.
 bool isValidUTF8(std::string_view bytes);
 
 }  // namespace palaver

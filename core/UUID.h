@@ -1,11 +1,12 @@
-// Random identifiers.
+// Creates random identifiers.
 #pragma once
 
 #include <string>
 
 namespace palaver {
 
-// A random (version 4) UUID in its usual form: 36 characters, upper-case hexadecimal digits. Any thread.
+// Returns a random (version 4) UUID in its usual form: 36 characters, upper-case hexadecimal
+// digits. Any thread.
 std::string makeUUIDString();
 
 }  // namespace palaver

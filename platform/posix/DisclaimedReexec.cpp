@@ -24,12 +24,12 @@ namespace {
 
 constexpr std::array forwardedSignals{SIGTERM, SIGINT, SIGHUP};
 
-// Written once, before the handler is installed that reads it.
+// Written once, before the signal handler that reads it is installed.
 static_assert(sizeof(std::sig_atomic_t) >= sizeof(pid_t));
 volatile std::sig_atomic_t disclaimedChildPid = -1;
 
 extern "C" void forwardToChild(int signal) {
-  const int interrupted = errno;  // the wait for the child still has to read its own
+  const int interrupted = errno;  // the interrupted waitpid() still has to read its own errno
   if (disclaimedChildPid > 0) ::kill(disclaimedChildPid, signal);
   errno = interrupted;
 }
@@ -41,8 +41,8 @@ void installForwarding() {
   for (const int signal : forwardedSignals) ::sigaction(signal, &action, nullptr);
 }
 
-// Holds the signals to be forwarded back while it lives. One that arrives when the child has been started but
-// cannot be forwarded yet would end this process alone and leave the child behind.
+// Blocks the forwarded signals during its lifetime. A signal that arrives between the child's start and the
+// installation of the handler would end this process only and orphan the child.
 class HeldSignals {
  public:
   HeldSignals() {
@@ -55,7 +55,7 @@ class HeldSignals {
   HeldSignals(const HeldSignals&) = delete;
   HeldSignals& operator=(const HeldSignals&) = delete;
 
-  // The signal mask of this process without this.
+  // Returns the signal mask from before the construction.
   const sigset_t& before() const { return before_; }
 
  private:
@@ -86,9 +86,9 @@ class SpawnAttributes {
   const bool isInitialized_;
 };
 
-// Every entry is looked at: where the environment came with the variable already, the marker is a second
-// entry of the same name, and which of the two getenv finds is the system's choice. A child that did not find
-// it would start another.
+// Searches all entries instead of calling getenv. If the environment already holds the variable with another
+// value, the marker is a second entry of the same name, and which one getenv returns depends on the system. A
+// child that misses the marker would start another child.
 bool isDisclaimed() {
   for (char** entry = environ; entry && *entry; ++entry)
     if (std::strcmp(*entry, disclaimedMarker) == 0) return true;
@@ -103,7 +103,7 @@ std::vector<char*> environmentWithMarker(std::string& marker) {
   return entries;
 }
 
-// Starts the child and the forwarding of signals to it; none where that is impossible.
+// Starts the child and the forwarding of signals to it. Returns none when the system cannot do that.
 std::optional<pid_t> startDisclaimedChild(int argumentCount, char** arguments,
                                           const Responsibility& responsibility) {
   const auto setDisclaim = responsibility.findSetDisclaim();
@@ -130,7 +130,7 @@ std::optional<pid_t> startDisclaimedChild(int argumentCount, char** arguments,
   return child;
 }
 
-// The child's exit status once it has ended; 1 when a signal ended it.
+// Waits for the child to end. Returns its exit status, or 1 when a signal ended it.
 int waitForEnd(pid_t child) {
   int status = 0;
   while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
