@@ -27,8 +27,8 @@ constexpr std::array<std::pair<DictationAvailability, std::string_view>, 3> name
      {DictationAvailability::disabled, "disabled"},
      {DictationAvailability::unknown, "unknown"}}};
 
-// What one probe has heard: the first outcome counts. Shared with the recognizer's handler, which may outlive
-// the probe and may run on any thread.
+// Records the first outcome of one probe. Shared with the recognizer's handler, which may outlive the probe
+// and may run on any thread.
 class Outcome {
  public:
   explicit Outcome(std::unique_ptr<Semaphore> heard) : heard_(std::move(heard)) {}
@@ -37,7 +37,7 @@ class Outcome {
     const std::lock_guard guard(lock_);
     if (availability_) return;
     if (error) {
-      // Every other error shows that Dictation let the recognition begin.
+      // Any other error shows that Dictation let the recognition begin.
       availability_ =
           isDictationDisabledError(*error) ? DictationAvailability::disabled : DictationAvailability::enabled;
     } else if (result && result->isFinal) {
@@ -117,7 +117,7 @@ DictationAvailability DictationProbe::probe(std::string_view locale, double time
   request->append(silence);
   request->endAudio();
 
-  // The answer may be delivered on the main thread, so the wait is cut into slices of its run loop.
+  // The result may be delivered on the main thread, so the wait alternates with slices of its run loop.
   const double deadline = platform_.clock.nowMilliseconds() + timeout;
   while (!outcome->wait(waitSliceMilliseconds)) {
     if (platform_.clock.nowMilliseconds() >= deadline) break;

@@ -1,4 +1,4 @@
-// Whether macOS Dictation is switched on, found out by one tiny recognition of silence.
+// Probes whether macOS Dictation is on by recognizing a short silent buffer.
 #pragma once
 
 #include <memory>
@@ -20,34 +20,33 @@ std::string_view wireName(DictationAvailability availability);
 // The verdict of a name on the wire, or none.
 std::optional<DictationAvailability> dictationAvailability(std::string_view name);
 
-// What the user is told when Dictation is off.
+// Text for the user when Dictation is off.
 inline constexpr std::string_view dictationSetupMessage =
     "macOS Dictation is disabled. Turn it on in System Settings > Keyboard > Dictation, then retry.";
 
-// Age at which a "disabled" verdict is probed again, ms.
+// Age after which a "disabled" verdict is probed again, ms.
 inline constexpr double dictationRecheckInterval = 30'000;
 
-// Longest wait of one probe unless told otherwise, ms.
+// Default limit of one probe's wait, ms.
 inline constexpr double dictationProbeTimeout = 2'500;
 
-// Whether the error says that Dictation is switched off: code 1700 of any domain, or a description that names
-// both "dictation" and "disabled".
+// Returns whether the error means that Dictation is off: code 1700 of any domain, or a description that
+// contains both "dictation" and "disabled".
 bool isDictationDisabledError(const PlatformError& error);
 
-// One instance per process, so that the verdict is found out once. Lives on the main thread.
+// Caches the verdict. Create one instance per process, so that it is probed once. Main thread only.
 class DictationProbe {
  public:
   explicit DictationProbe(Platform& platform) : platform_(platform) {}
 
-  // The verdict, from the cache or from a fresh probe, which blocks for at most about `timeout` (ms).
-  // Verdicts are kept for the life of the process, except that "disabled" is probed again after
-  // dictationRecheckInterval.
+  // Returns the cached verdict, or probes, which blocks for about `timeout` ms at most. Verdicts are kept for
+  // the life of the process, except that "disabled" is probed again after dictationRecheckInterval.
   DictationAvailability availability(std::string_view locale, double timeout = dictationProbeTimeout);
 
-  // The cached verdict whatever its age, or none.
+  // Returns the cached verdict regardless of its age, or none.
   std::optional<DictationAvailability> cachedVerdict() const;
 
-  // A live recognition failed because Dictation is off.
+  // Records that a live recognition failed because Dictation is off.
   void recordDisabled();
 
  private:

@@ -1,4 +1,4 @@
-// Whether the task-based engine can serve Japanese on this machine, and how that is reported.
+// Checks whether the task-based engine can serve Japanese on this machine, and formats the report.
 #pragma once
 
 #include "core/JSONLineWriter.h"
@@ -16,20 +16,20 @@ inline constexpr std::string_view legacyImplementationName = "sf-speech-recogniz
 
 struct LegacyReadiness {
   AuthorizationStatus authorization;
-  bool onDevice;  // the model is installed
+  bool onDevice;  // whether the model is installed
   DictationAvailability dictation;
 
-  // An unknown Dictation verdict does not stand in the way.
+  // An unknown Dictation verdict does not block readiness.
   bool ready() const {
     return authorization == AuthorizationStatus::authorized && onDevice &&
            dictation != DictationAvailability::disabled;
   }
 };
 
-// Asks the platform. Main thread; may wait for the Dictation probe.
+// Queries the platform. Main thread. May block for the Dictation probe.
 LegacyReadiness legacyReadiness(Platform& platform, DictationProbe& dictation);
 
-// The "helper.status" event of this readiness, without its "message".
+// Creates the "helper.status" event of this readiness, without its "message".
 Event statusEvent(const LegacyReadiness& readiness);
 
 }  // namespace palaver

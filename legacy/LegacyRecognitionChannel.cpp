@@ -24,8 +24,8 @@ std::shared_ptr<LegacyRecognitionChannel> LegacyRecognitionChannel::make(
   std::shared_ptr<LegacyRecognitionChannel> channel(
       new LegacyRecognitionChannel(platform, std::move(sessionId), source, locale, std::move(vocabulary),
                                    writer, std::move(onDictationDisabled)));
-  // Kept: the first task is open before any audio. The first utterance therefore takes quiet buffers too, and
-  // never ends by length, as no loud buffer opened it.
+  // By design: the first task is open before any audio. The first utterance therefore also takes quiet
+  // buffers, and never ends by length, because no loud buffer opened it.
   channel->start();
   return channel;
 }
@@ -53,7 +53,7 @@ LegacyRecognitionChannel::LegacyRecognitionChannel(Platform& platform, std::stri
 }
 
 LegacyRecognitionChannel::~LegacyRecognitionChannel() {
-  // Platform tasks are always ended, also when the channel is dropped without ceremony.
+  // Always ends the platform's task, even if neither finish() nor cancel() was called.
   if (task_) task_->cancel();
 }
 
@@ -61,8 +61,8 @@ double LegacyRecognitionChannel::normalizedRms(const PCMBuffer& buffer) {
   const std::int16_t* const samples = buffer.int16ChannelData();
   const std::size_t count = buffer.frameLength();
   if (!samples || count == 0) return 0;
-  // The squares are summed as integers: bit-identical to summing (sample / 32768)² in doubles one by one for
-  // up to 2²³ samples, and the compiler turns it into vector instructions.
+  // Sums the squares as integers. Bit-identical to summing (sample / 32768)² in doubles one by one for up to
+  // 2²³ samples, and compilers vectorize it.
   std::uint64_t sum = 0;
   std::size_t i = 0;
   for (; i + 2 <= count; i += 2) {
@@ -94,7 +94,7 @@ void LegacyRecognitionChannel::append(std::shared_ptr<const PCMBuffer> buffer, s
 
   const bool hitMax = utteranceStartedWall_ && now - *utteranceStartedWall_ >= maxUtteranceMs;
   const bool hitSilence = now - lastVoiceAt_ >= silenceEndpointMs;
-  // Kept: without any text neither silence nor length closes an utterance; the audio keeps flowing into it.
+  // By design: without any text neither silence nor length closes an utterance. Audio keeps flowing into it.
   if (!lastText_.empty() && (hitSilence || hitMax)) closeUtterance(hitMax ? "max-speech" : "silence");
 }
 
@@ -107,8 +107,8 @@ void LegacyRecognitionChannel::openUtterance(double now, double capturedAt) {
   preroll_.clear();
 }
 
-// The task goes on until the recognizer has delivered its final result or an error, which ends the finishing
-// state.
+// The task continues until the recognizer delivers its final result or an error, which ends
+// the finishing state.
 void LegacyRecognitionChannel::closeUtterance(std::string_view reason) {
   debugLog(
       [&] { return std::string("endpoint reason=").append(reason).append(" lastText=").append(lastText_); });

@@ -1,5 +1,4 @@
-// One audio stream of one session as a series of utterances: voice activity, endpointing, and what is made of
-// results.
+// Detects speech in one audio source of one session and runs one recognition task per utterance.
 #pragma once
 
 #include <cstddef>
@@ -19,28 +18,29 @@
 
 namespace palaver {
 
-// Two clocks meet here on purpose. `capturedAt` comes from the host and feeds the times of transcript events
-// only; every decision on silence and length uses the helper's own clock at the moment a buffer is appended.
+// States:
+//   idle       no task; the newest quiet buffers are kept as preroll
+//   open       audio goes to the recognition request; a new channel starts here
+//   finishing  audio ended, waiting for the task to end; new audio is held back
 //
-// A channel is waiting (no utterance; the newest quiet buffers are kept), open (audio goes to the recognizer)
-// or finishing (the utterance is closed, its task has not ended; audio is held back). A new channel is open
-// at once.
+// Two clocks are used deliberately. `capturedAt` (host) only feeds the times of transcript events. Silence
+// and length are measured with the helper's clock when a buffer is appended.
 //
-// Lives on the main thread; the recognizer's callbacks are moved there before they touch anything.
+// Main thread only. Recognition callbacks hop to the main queue first.
 class LegacyRecognitionChannel : public std::enable_shared_from_this<LegacyRecognitionChannel> {
  public:
   // RMS (full scale 1.0) from which a buffer counts as voice.
   static constexpr double voiceRmsThreshold = 0.008;
-  // Quiet time that closes an utterance, ms.
+  // Silence that closes an utterance, ms.
   static constexpr double silenceEndpointMs = 900;
   // Longest utterance, ms.
   static constexpr double maxUtteranceMs = 20000;
-  // Quiet buffers kept for the start of the next utterance.
+  // Quiet buffers kept as preroll of the next utterance.
   static constexpr std::size_t prerollCount = 2;
-  // Buffers held back while an utterance finishes.
+  // Buffers held back while an utterance is finishing.
   static constexpr std::size_t maxPendingBuffers = 40;
 
-  // Makes a channel and starts its first task. `onDictationDisabled` is called on the main thread when a task
+  // Creates a channel and starts its first task. Calls `onDictationDisabled` on the main thread when a task
   // fails because Dictation is off. Throws PlatformError of domain "PalaverSTT": 1 when recognition is not
   // authorized, 2 when the locale is not supported, 3 when its model is not installed.
   static std::shared_ptr<LegacyRecognitionChannel> make(Platform& platform, std::string sessionId,
@@ -52,24 +52,23 @@ class LegacyRecognitionChannel : public std::enable_shared_from_this<LegacyRecog
   LegacyRecognitionChannel(const LegacyRecognitionChannel&) = delete;
   LegacyRecognitionChannel& operator=(const LegacyRecognitionChannel&) = delete;
 
-  // Takes one buffer of 16 kHz mono 16-bit audio, captured at `capturedAt` (ms, the host's clock). `sequence`
-  // is not used.
+  // Takes one buffer of 16 kHz mono 16-bit audio, captured at `capturedAt` (ms, the host's clock).
+  // `sequence` is unused.
   void append(std::shared_ptr<const PCMBuffer> buffer, std::int64_t sequence, double capturedAt);
 
-  // Stops everything at once and drops what is open. With `discardResult`, late results of the task are
-  // ignored.
+  // Stops immediately and drops the open utterance. With `discardResult`, late results of the
+  // task are ignored.
   void cancel(bool discardResult);
 
-  // The orderly end: text that the recognizer has not finalised becomes a final, then everything is
-  // cancelled.
+  // Emits unfinalized text as a final, then cancels everything.
   void finish();
 
-  // Loudness of a buffer: the root mean square of its samples on a scale where full scale is 1.0; 0 for a
-  // buffer without 16-bit samples.
+  // Returns the root mean square of the samples, where full scale is 1.0. Returns 0 for a buffer
+  // without 16-bit samples.
   static double normalizedRms(const PCMBuffer& buffer);
 
-  // Whether the error is the normal end of a quiet task: code 1110 of any domain, or a description with "no
-  // speech".
+  // Returns whether the error is the normal end of a quiet task: code 1110 of any domain, or a description
+  // that contains "no speech".
   static bool isNoSpeechError(const PlatformError& error);
 
  private:
@@ -96,7 +95,7 @@ class LegacyRecognitionChannel : public std::enable_shared_from_this<LegacyRecog
   void writeFinal(std::string_view text, double startedAt, double speechEndedAt, double transcribedAt,
                   std::string_view reason);
 
-  // Writes a line of the debug trace; the message is made only when the trace is on.
+  // Writes a line of the debug trace. Builds the message only when the trace is on.
   template <typename MakeMessage>
   void debugLog(MakeMessage makeMessage) const {
     if (debug_) platform_.standardError.write("[stt-debug] " + makeMessage() + "\n");
@@ -115,13 +114,13 @@ class LegacyRecognitionChannel : public std::enable_shared_from_this<LegacyRecog
 
   std::string utteranceId_;
   std::optional<double> baseCapturedAt_;        // capture time of the utterance's first sample, ms
-  std::optional<double> utteranceStartedWall_;  // helper time at which the utterance was opened, ms
+  std::optional<double> utteranceStartedWall_;  // helper time when the utterance was opened, ms
   std::string lastText_;
   std::optional<double> lastStartedAt_;      // ms
   std::optional<double> lastSpeechEndedAt_;  // ms
   bool finalEmitted_ = false;
 
-  // These outlive an utterance.
+  // The members below outlive an utterance.
   double lastVoiceAt_ = 0;                       // helper time of the newest voiced buffer, ms
   std::string_view endpointReason_ = "silence";  // why the newest utterance was closed; never reset
   bool discarding_ = false;

@@ -1,4 +1,5 @@
-// The half of LegacyRecognitionChannel that starts tasks and turns their results into transcript events.
+// Implements the part of LegacyRecognitionChannel that starts tasks and turns their results
+// into transcript events.
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -23,7 +24,7 @@ bool LegacyRecognitionChannel::isNoSpeechError(const PlatformError& error) {
   return error.code() == noSpeechCode || containsCaseInsensitively(error.what(), "no speech");
 }
 
-// Opens a request and a task, unless a task still runs: tasks never overlap.
+// Creates a request and a task. Does nothing while a task is running: tasks never overlap.
 void LegacyRecognitionChannel::start() {
   if (task_) return;
   discarding_ = false;
@@ -31,8 +32,8 @@ void LegacyRecognitionChannel::start() {
                                        .requiresOnDeviceRecognition = true,
                                        .taskHint = TaskHint::dictation,
                                        .contextualStrings = vocabulary_});
-  // Called on the recognizer's thread: it only hops to the main queue, holding the channel there and nowhere
-  // else.
+  // Called on the recognizer's thread. Only hops to the main queue, and moves its reference to
+  // the channel there.
   task_ = recognizer_->recognitionTask(
       request_, [weakSelf = weak_from_this(), &mainQueue = platform_.mainQueue](auto result, auto error) {
         auto self = weakSelf.lock();
@@ -43,8 +44,8 @@ void LegacyRecognitionChannel::start() {
       });
 }
 
-// One answer of a task, on the main thread. Answers are not matched with the current task: a task ends before
-// the next one starts.
+// Handles one callback of a task on the main thread. Callbacks are not matched with the current task, because
+// a task ends before the next one starts.
 void LegacyRecognitionChannel::recognized(const std::optional<RecognitionResult>& result,
                                           const std::optional<PlatformError>& error) {
   if (result) handle(*result);
@@ -76,7 +77,7 @@ void LegacyRecognitionChannel::handle(const RecognitionResult& result) {
   if (discarding_) return;
   const auto text = trimWhitespaceAndNewlines(result.formattedString);
   if (text.empty()) {
-    // An earlier text survives, so that the task's end can still make a final of it.
+    // Earlier text is kept, so that the task's end can still emit it as a final.
     if (result.isFinal) debugLog([&] { return "final with empty text lastText=" + lastText_; });
     return;
   }
@@ -100,7 +101,7 @@ void LegacyRecognitionChannel::handle(const RecognitionResult& result) {
   finalEmitted_ = true;
 }
 
-// Makes a final of the last known text when the recognizer gave none.
+// Emits the last known text as a final when the recognizer delivered none.
 void LegacyRecognitionChannel::emitSyntheticFinalIfNeeded(std::string_view reason) {
   if (discarding_ || lastText_.empty() || finalEmitted_) return;
   finalEmitted_ = true;

@@ -17,7 +17,7 @@ namespace palaver {
 
 namespace {
 
-constexpr std::size_t maxVocabulary = 100;  // the recognizer's own advice for contextual phrases
+constexpr std::size_t maxVocabulary = 100;  // recommended limit of the recognizer for contextual phrases
 
 std::string_view statusMessage(const LegacyReadiness& readiness) {
   if (readiness.authorization == AuthorizationStatus::notDetermined)
@@ -60,7 +60,7 @@ void LegacySpeechBackend::startSession(std::string_view id, std::string_view loc
   const auto phrases = vocabulary.first(std::min(vocabulary.size(), maxVocabulary));
   sessions_.insert_or_assign(std::string(id),
                              SessionConfiguration{std::string(locale), {phrases.begin(), phrases.end()}});
-  // The session stays even when it is not available: the reason shows when audio arrives.
+  // An unavailable session stays open. Its error is reported when audio arrives.
   const bool available = isAvailable(locale);
   writer_.write({{"type", "session.ready"},
                  {"sessionId", id},
@@ -87,7 +87,7 @@ void LegacySpeechBackend::appendAudio(std::string_view sessionId, AudioSource so
   if (dictation_.cachedVerdict() == DictationAvailability::disabled) {
     if (dictation_.availability(session->second.locale) == DictationAvailability::disabled)
       return reportDictationDisabled({std::string(sessionId), source});
-    // Dictation has been turned back on.
+    // Dictation is on again.
     if (const auto notice = dictationNoticeSent_.find(key); notice != dictationNoticeSent_.end())
       dictationNoticeSent_.erase(notice);
     emitStatus();
@@ -110,7 +110,7 @@ std::shared_ptr<LegacyRecognitionChannel> LegacySpeechBackend::makeChannel(
     const ChannelKey& key, const SessionConfiguration& session) {
   return LegacyRecognitionChannel::make(platform_, key.sessionId, key.source, session.locale,
                                         session.vocabulary, writer_, [weakSelf = std::weak_ptr(self_), key] {
-                                          // A copy: this callback may go with its channel.
+                                          // A copy, as this callback may be destroyed with its channel.
                                           if (const auto self = weakSelf.lock())
                                             (*self)->handleDictationDisabled(ChannelKey(key));
                                         });
@@ -124,7 +124,7 @@ void LegacySpeechBackend::reportDictationDisabled(const ChannelKey& key) {
 
 void LegacySpeechBackend::handleDictationDisabled(const ChannelKey& key) {
   dictation_.recordDisabled();
-  channels_.erase(key);  // dropped, not finished
+  channels_.erase(key);  // dropped without a final
   reportDictationDisabled(key);
 }
 
@@ -148,7 +148,7 @@ void LegacySpeechBackend::setSuppressed(std::string_view sessionId, AudioSource 
 }
 
 void LegacySpeechBackend::stopSession(std::string_view id) {
-  // The caller's text may be the id of the very entry that goes.
+  // A copy, as `id` may refer to the key of the erased entry.
   const std::string sessionId(id);
   const auto session = sessions_.find(sessionId);
   const bool wasOpen = session != sessions_.end();

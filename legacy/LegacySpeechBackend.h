@@ -1,5 +1,5 @@
-// The backend on task-based recognition: which sessions are open, which sources are muted, one channel per
-// source.
+// Implements the backend with task-based recognition. Keeps the open sessions, the muted sources, and one
+// channel per source.
 #pragma once
 
 #include <compare>
@@ -18,7 +18,7 @@ class JSONLineWriter;
 class LegacyRecognitionChannel;
 struct Platform;
 
-// Lives on the main thread, as do its channels; nothing is locked.
+// Main thread only, including its channels. Nothing is locked.
 class LegacySpeechBackend final : public SpeechBackend {
  public:
   LegacySpeechBackend(Platform& platform, JSONLineWriter& writer, DictationProbe& dictation);
@@ -50,7 +50,7 @@ class LegacySpeechBackend final : public SpeechBackend {
     AudioSource source;
     operator ChannelKeyView() const { return {sessionId, source}; }
   };
-  // Orders keys, and lets a view find a key without making one.
+  // Orders keys, and allows lookups by view without creating a key.
   struct KeyOrder {
     using is_transparent = void;
     bool operator()(const ChannelKeyView& a, const ChannelKeyView& b) const { return a < b; }
@@ -69,7 +69,7 @@ class LegacySpeechBackend final : public SpeechBackend {
   std::map<ChannelKey, std::shared_ptr<LegacyRecognitionChannel>, KeyOrder> channels_;
   std::set<ChannelKey, KeyOrder> suppressed_;
   std::set<ChannelKey, KeyOrder> dictationNoticeSent_;
-  // What channels hold of the backend: expires with it.
+  // Channels hold a weak reference to this. It expires when the backend is destroyed.
   std::shared_ptr<LegacySpeechBackend*> self_;
 };
 
