@@ -1,4 +1,4 @@
-// How the stream-based engine says whether it can serve Japanese on this machine.
+// Reports whether the stream-based engine can serve Japanese on this machine.
 #pragma once
 
 #include <asio/awaitable.hpp>
@@ -16,10 +16,10 @@ struct Platform;
 // The engine's name on the wire.
 inline constexpr std::string_view analyzerImplementationName = "speech-analyzer";
 
-// Where the Japanese model stands, or none when the engine does not support Japanese.
+// Returns the status of the Japanese model, or none when the engine does not support Japanese.
 asio::awaitable<std::optional<AssetStatus>> japaneseModel(Platform& platform);
 
-// The "helper.status" event for a model that stands there, without its "message".
+// Creates the "helper.status" event for this model status, without its "message".
 Event statusEvent(AssetStatus model);
 
 }  // namespace palaver

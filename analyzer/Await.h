@@ -1,4 +1,4 @@
-// Platform completions as awaitable values.
+// Awaits platform completions in coroutines.
 #pragma once
 
 #include <asio/associated_executor.hpp>
@@ -14,9 +14,9 @@
 
 namespace palaver {
 
-// Calls `start` with a completion and waits until that is called, on whatever thread; the coroutine goes on
-// where it runs. A completion that is never called keeps the coroutine waiting, and destroys it when the
-// completion is destroyed.
+// Calls `start` with a completion and suspends until the completion is called, on any thread. The coroutine
+// resumes on its own executor. A completion that is never called keeps the coroutine suspended. Destroying
+// the completion destroys the coroutine.
 template <typename Result, typename Start>
 asio::awaitable<Result> completionOf(Start start) {
   co_return co_await asio::async_initiate<const asio::use_awaitable_t<>, void(Result)>(
@@ -31,7 +31,7 @@ asio::awaitable<Result> completionOf(Start start) {
       asio::use_awaitable, std::move(start));
 }
 
-// The same for an operation that may fail: throws its error.
+// Like completionOf(), for an operation that may fail. Throws its error.
 template <typename Start>
 asio::awaitable<void> successOf(Start start) {
   const auto error = co_await completionOf<std::optional<PlatformError>>(std::move(start));

@@ -22,7 +22,7 @@ std::shared_ptr<const PCMBuffer> BufferConverter::convert(const std::shared_ptr<
   }
   if (!converter_) throw ConversionError(ConversionError::Case::failedToCreateConverter);
 
-  // Rounded up: a capacity rounded down would strand a fraction of a frame with each call.
+  // Rounded up. A capacity rounded down would leave a fraction of a frame in the converter with each call.
   const double ratio = converter_->outputFormat().sampleRate / converter_->inputFormat().sampleRate;
   const double capacity = std::max(1.0, std::ceil(buffer->frameLength() * ratio));
   if (!(capacity <= std::numeric_limits<std::uint32_t>::max()))
@@ -35,7 +35,8 @@ std::shared_ptr<const PCMBuffer> BufferConverter::convert(const std::shared_ptr<
   const auto status = converter_->convert(
       *output, error, [&](ConverterInputStatus& inputStatus) -> std::shared_ptr<const PCMBuffer> {
         if (std::exchange(given, true)) {
-          // Never the end of the stream: the converter keeps what it holds back for the next chunk.
+          // Never signals the end of the stream, so the converter keeps its pending frames for
+          // the next chunk.
           inputStatus = ConverterInputStatus::noDataNow;
           return nullptr;
         }

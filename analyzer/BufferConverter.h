@@ -1,4 +1,4 @@
-// From the helper's buffers to the analyzer's format, without seams between chunks.
+// Converts the helper's buffers to the analyzer's format, without gaps between chunks.
 #pragma once
 
 #include <exception>
@@ -10,11 +10,11 @@
 
 namespace palaver {
 
-// One per channel, used on the channel's executor only.
+// One per channel. Used on the channel's executor only.
 class BufferConverter {
  public:
-  // The ways in which a conversion fails, numbered as their codes; what() is the platform's generic text for
-  // an error value.
+  // Reports why a conversion failed. The cases' numbers are the error codes. what() is the platform's generic
+  // text for an error value.
   class ConversionError : public std::exception {
    public:
     enum class Case { conversionFailed = 0, failedToCreateConverter = 1, failedToCreateBuffer = 2 };
@@ -22,7 +22,7 @@ class BufferConverter {
     explicit ConversionError(Case which, std::optional<PlatformError> underlying = std::nullopt);
 
     Case which() const { return which_; }
-    // The converter's own error, with conversionFailed only, and only if it gave one.
+    // The converter's own error. Present only with conversionFailed, and only if the converter gave one.
     const std::optional<PlatformError>& underlying() const { return underlying_; }
     const char* what() const noexcept override { return text_.c_str(); }
 
@@ -35,16 +35,16 @@ class BufferConverter {
   BufferConverter(AudioBuffers& audioBuffers, AudioConverters& audioConverters)
       : audioBuffers_(audioBuffers), audioConverters_(audioConverters) {}
 
-  // The audio of the buffer in the given format: the buffer itself when it has that format already. Frames
-  // that a resampler still holds back come with the next call. Throws ConversionError; the converter survives
-  // a failed call.
+  // Converts the buffer to the given format. Returns the buffer itself if it already has that format. Frames
+  // that the resampler still holds are returned by the next call. Throws ConversionError. The converter stays
+  // usable after a failed call.
   std::shared_ptr<const PCMBuffer> convert(const std::shared_ptr<const PCMBuffer>& buffer,
                                            const AudioFormat& format);
 
  private:
   AudioBuffers& audioBuffers_;
   AudioConverters& audioConverters_;
-  std::unique_ptr<AudioConverter> converter_;  // made by the first call that needs one
+  std::unique_ptr<AudioConverter> converter_;  // created by the first call that needs one
 };
 
 }  // namespace palaver

@@ -1,4 +1,4 @@
-// A value that comes once and is awaited by many, all on one serial executor.
+// Shares one value, set once, with several awaiting coroutines on one serial executor.
 #pragma once
 
 #include <asio/async_result.hpp>
@@ -14,19 +14,19 @@
 
 namespace palaver {
 
-// Confined to the executor of the coroutines that use it; nothing is locked. Waiters go on in the order in
-// which they came, inside resolve() or reject(), so that nobody who comes later can overtake them.
+// Confined to the executor of the coroutines that use it. Nothing is locked. resolve() and reject() resume
+// the waiters synchronously in the order of their arrival, so a later waiter cannot overtake them.
 template <typename Value>
 class SerialPromise {
  public:
   void resolve(Value value) { settle(std::move(value)); }
   void reject(std::exception_ptr error) { settle(std::move(error)); }
 
-  // The value will never come: those who wait are destroyed. Breaks the circle of a promise and waiters that
-  // keep its owner.
+  // Destroys the waiters, because no value will be set. Breaks the reference cycle of a promise and waiters
+  // that own its owner.
   void abandon() { std::exchange(waiters_, {}).clear(); }
 
-  // Abandons the promise when the coroutine that was to settle it ends or is destroyed.
+  // Abandons the promise when the coroutine that should settle it ends or is destroyed.
   class Keeper {
    public:
     explicit Keeper(SerialPromise& promise) : promise_(promise) {}
@@ -38,7 +38,7 @@ class SerialPromise {
     SerialPromise& promise_;
   };
 
-  // The value, or the error thrown. The promise must outlive the wait.
+  // Returns the value or throws the error. The promise must outlive the wait.
   asio::awaitable<Value> value() {
     if (std::holds_alternative<std::monostate>(outcome_)) {
       co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(

@@ -1,4 +1,4 @@
-// Starting coroutines that nobody waits for.
+// Starts detached coroutines.
 #pragma once
 
 #include <asio/awaitable.hpp>
@@ -8,8 +8,8 @@
 
 namespace palaver {
 
-// Starts a coroutine on an executor, behind what is queued there. An exception that leaves it is a defect of
-// the program, or the end of a simulated process, and goes on out of the executor.
+// Starts a coroutine on an executor, after the jobs already queued there. An exception that leaves the
+// coroutine is a program defect, or the end of a simulated process. It propagates out of the executor.
 template <typename Executor>
 void spawn(const Executor& executor, asio::awaitable<void> coroutine) {
   asio::co_spawn(executor, std::move(coroutine), [](const std::exception_ptr& error) {

@@ -21,7 +21,7 @@ namespace palaver {
 
 namespace {
 
-constexpr std::size_t maxVocabulary = 100;  // the analyzer's own advice for contextual phrases
+constexpr std::size_t maxVocabulary = 100;  // recommended limit of the analyzer for contextual phrases
 
 asio::awaitable<void> checkModel(Platform& platform, JSONLineWriter& writer) {
   const auto model = co_await japaneseModel(platform);
@@ -38,9 +38,9 @@ asio::awaitable<void> checkModel(Platform& platform, JSONLineWriter& writer) {
 
 }  // namespace
 
-// The building of one channel, and all that is done with the channel afterwards, one task after the other in
-// the order in which the tasks were started: everything runs on the channel's serial executor, and those who
-// wait for the channel go on in the order in which they came.
+// Builds one channel and runs all later operations on it, one after the other in the order in which they were
+// started. Everything runs on the channel's serial executor. Operations that wait for the channel resume in
+// the order of their arrival.
 class SpeechAnalyzerBackend::ChannelTask : public std::enable_shared_from_this<ChannelTask> {
  public:
   ChannelTask(Platform& platform, JSONLineWriter& writer, std::string sessionId, AudioSource source)
@@ -77,7 +77,7 @@ class SpeechAnalyzerBackend::ChannelTask : public std::enable_shared_from_this<C
                            {"locale", configuration.locale}});
       self->channel_.resolve(channel);
     } catch (const std::exception&) {
-      self->channel_.reject(std::current_exception());  // told to those who bring audio
+      self->channel_.reject(std::current_exception());  // reported when audio is appended
     }
   }
 
@@ -99,7 +99,7 @@ class SpeechAnalyzerBackend::ChannelTask : public std::enable_shared_from_this<C
       const Channel channel = co_await self->channel_.value();
       co_await (*channel.*end)();
     } catch (const std::exception&) {
-      // A channel that could not be built needs no end, and nobody is told how an end failed.
+      // A channel that could not be built needs no end. Errors of an end are not reported.
     }
   }
 

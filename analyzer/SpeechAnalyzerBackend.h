@@ -1,5 +1,5 @@
-// The backend on stream-based analysis: which sessions are open, which sources are muted, one channel per
-// source.
+// Implements the backend with stream-based analysis. Keeps the open sessions, the muted sources, and one
+// channel per source.
 #pragma once
 
 #include <compare>
@@ -16,8 +16,8 @@ namespace palaver {
 class JSONLineWriter;
 struct Platform;
 
-// The collections live on the main thread and are not locked; what is asynchronous runs in tasks that never
-// touch them. Every operation returns at once, whatever the platform does.
+// Main thread only, without locks. Asynchronous work runs in tasks that never touch the collections. Every
+// operation returns immediately, even when the platform blocks.
 class SpeechAnalyzerBackend final : public SpeechBackend {
  public:
   SpeechAnalyzerBackend(Platform& platform, JSONLineWriter& writer);
@@ -49,7 +49,7 @@ class SpeechAnalyzerBackend final : public SpeechBackend {
     AudioSource source;
     operator ChannelKeyView() const { return {sessionId, source}; }
   };
-  // Orders keys, and lets a view find a key without making one.
+  // Orders keys, and allows lookups by view without creating a key.
   struct KeyOrder {
     using is_transparent = void;
     bool operator()(const ChannelKeyView& a, const ChannelKeyView& b) const { return a < b; }
@@ -63,7 +63,7 @@ class SpeechAnalyzerBackend final : public SpeechBackend {
   Platform& platform_;
   JSONLineWriter& writer_;
   std::map<std::string, SessionConfiguration, std::less<>> sessions_;
-  // The tasks that build channels, never the channels themselves: every user awaits the task's value.
+  // Holds the tasks that build channels, not the channels. Every user awaits the task's value.
   std::map<ChannelKey, std::shared_ptr<ChannelTask>, KeyOrder> channels_;
   std::set<ChannelKey, KeyOrder> suppressed_;
 };

@@ -24,12 +24,12 @@ PlatformError channelError(long code, const std::string& text) {
   return {"PalaverSTT", code, text};
 }
 
-// The platform's times may be invalid or indefinite; those count as the start of the audio.
+// Returns 0, the start of the audio, for the platform's invalid or indefinite times.
 double finite(double seconds) {
   return std::isfinite(seconds) ? seconds : 0;
 }
 
-// Milliseconds from the start of the audio, truncated, as an identifier wants them.
+// Formats milliseconds since the start of the audio for an identifier, truncated.
 std::string wholeMilliseconds(double milliseconds) {
   constexpr double limit = 0x1p63;
   return std::to_string(milliseconds < limit ? static_cast<std::int64_t>(milliseconds)
@@ -76,7 +76,7 @@ asio::awaitable<std::shared_ptr<SpeechAnalyzerChannel>> SpeechAnalyzerChannel::m
   const std::shared_ptr<SpeechAnalyzerChannel> channel(
       new SpeechAnalyzerChannel({executor, platform, writer, std::move(sessionId), source,
                                  std::move(transcriber), std::move(analyzer), *format, std::move(epoch)}));
-  // Started before any audio is fed, as results of a sequence that nobody reads are lost.
+  // Must start before any audio is fed, because results without a reader are lost.
   spawn(executor, runResultLoop(channel));
   co_return channel;
 }

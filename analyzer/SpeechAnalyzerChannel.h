@@ -1,4 +1,4 @@
-// One audio stream of one session, transcribed by the platform's analyzer.
+// Transcribes one audio stream of one session with the platform's analyzer.
 #pragma once
 
 #include <asio/any_io_executor.hpp>
@@ -20,16 +20,16 @@
 
 namespace palaver {
 
-// A serial executor: what runs on it never overlaps.
+// Runs its jobs one at a time.
 using SerialExecutor = asio::strand<asio::any_io_executor>;
 
-// An actor: every function runs on the channel's serial executor, and so does its result loop. Coroutines
-// that call these functions must run there too.
+// Every function runs on the channel's serial executor, and so does the result loop. Coroutines that call
+// these functions must run there too.
 class SpeechAnalyzerChannel : public std::enable_shared_from_this<SpeechAnalyzerChannel> {
  public:
   // Prepares an analyzer and starts its result loop. `vocabulary`: at most 100 phrases. Throws PlatformError
   // of domain "PalaverSTT": 10 for an unsupported locale, 11 when the model is not installed, 12 when the
-  // analyzer has no audio format; or the platform's own error from preparing.
+  // analyzer has no audio format. Also throws the platform's own error from preparing.
   static asio::awaitable<std::shared_ptr<SpeechAnalyzerChannel>> make(
       SerialExecutor executor, Platform& platform, JSONLineWriter& writer, std::string sessionId,
       AudioSource source, std::string localeIdentifier, std::vector<std::string> vocabulary);
@@ -37,19 +37,19 @@ class SpeechAnalyzerChannel : public std::enable_shared_from_this<SpeechAnalyzer
   SpeechAnalyzerChannel(const SpeechAnalyzerChannel&) = delete;
   SpeechAnalyzerChannel& operator=(const SpeechAnalyzerChannel&) = delete;
 
-  // Feeds one buffer. `capturedAt`: capture time of its first sample, ms; only that of the first buffer
-  // counts, as the analyzer's timeline is the plain concatenation of all audio. After finish() or cancel()
-  // the audio is dropped. Throws BufferConverter::ConversionError; the channel stays usable.
+  // Feeds one buffer. `capturedAt`: capture time of its first sample, ms. Only that of the first buffer
+  // counts, because the analyzer's timeline is the plain concatenation of all audio. After finish() or
+  // cancel() the audio is dropped. Throws BufferConverter::ConversionError. The channel stays usable.
   void append(const std::shared_ptr<const PCMBuffer>& buffer, double capturedAt);
 
-  // No more audio; returns when every final result has been written. Throws the platform's error.
+  // Ends the audio. Returns when every final result has been written. Throws the platform's error.
   asio::awaitable<void> finish();
 
-  // Abandons the analysis: no more results are written.
+  // Cancels the analysis. No more results are written.
   asio::awaitable<void> cancel();
 
  private:
-  struct Parts;  // what make() has prepared
+  struct Parts;  // the objects that make() prepared
 
   explicit SpeechAnalyzerChannel(Parts parts);
 
@@ -66,7 +66,7 @@ class SpeechAnalyzerChannel : public std::enable_shared_from_this<SpeechAnalyzer
   const std::shared_ptr<AnalyzerInput> input_;
   const AudioFormat analyzerFormat_;
   const std::string
-      epoch_;  // tells this channel's utterances from those of earlier channels of the same stream
+      epoch_;  // distinguishes this channel's utterances from those of earlier channels of the same stream
   BufferConverter converter_;
   std::optional<double> baseCapturedAt_;  // capture time of the first sample ever fed, ms
   bool cancelled_ = false;
