@@ -30,7 +30,7 @@ void requestLegacyAuthorization(Platform& platform, JSONLineWriter& writer) {
                   {"authorized", status == AuthorizationStatus::authorized}});
     answered->signal();
   });
-  // The prompt is served by the main run loop, so the wait is cut into slices of it.
+  // The main run loop serves the prompt, so the wait alternates with slices of it.
   while (!answered->wait(waitSliceMilliseconds)) platform.mainQueue.runSlice(waitSliceMilliseconds);
 }
 

@@ -1,4 +1,4 @@
-// The "--authorize" mode: asks the user for the permission to recognise speech.
+// Implements the "--authorize" mode: asks the user for the permission to recognize speech.
 #pragma once
 
 namespace palaver {
@@ -6,8 +6,8 @@ namespace palaver {
 class JSONLineWriter;
 struct Platform;
 
-// From macOS 26 on no permission is needed, and the event says so. Before it: asks, waits for the answer
-// however long it takes, and writes it as one "helper.authorization" event. Main thread.
+// From macOS 26 on, reports that no permission is needed. Before macOS 26, requests the permission, waits
+// without a time limit for the answer, and writes it as one "helper.authorization" event. Main thread.
 void requestLegacyAuthorization(Platform& platform, JSONLineWriter& writer);
 
 }  // namespace palaver

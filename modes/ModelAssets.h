@@ -1,4 +1,4 @@
-// The "--install-assets" mode: downloads the on-device model of one locale.
+// Implements the "--install-assets" mode: downloads the on-device model of one locale.
 #pragma once
 
 #include <string_view>
@@ -8,7 +8,7 @@ namespace palaver {
 class JSONLineWriter;
 struct Platform;
 
-// Ends the process: status 0 when the model is installed afterwards, else 1. Main thread.
+// Ends the process with status 0 when the model is installed afterwards, otherwise 1. Main thread.
 [[noreturn]] void installSpeechAnalyzerAssets(Platform& platform, JSONLineWriter& writer,
                                               std::string_view localeIdentifier);
 

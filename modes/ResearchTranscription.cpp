@@ -59,7 +59,7 @@ asio::awaitable<void> feed(AudioFile& file, SpeechAnalyzerChannel& channel, Plat
     file.read(*buffer);
     if (buffer->frameLength() == 0) break;
     channel.append(buffer, capturedAt);
-    co_await asio::post(asio::use_awaitable);  // the channel's results take their turn
+    co_await asio::post(asio::use_awaitable);  // lets the channel's result loop run
   }
 }
 
