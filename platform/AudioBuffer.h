@@ -1,4 +1,4 @@
-// PCM audio in memory: its format, one buffer of it, and the platform's right to refuse either.
+// Holds PCM audio in memory, and creates formats and buffers, which a platform may refuse.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@
 
 namespace palaver {
 
-// Sample types, numbered as AVAudioCommonFormat is.
+// Sample types, numbered as in AVAudioCommonFormat.
 enum class CommonFormat { other = 0, float32 = 1, float64 = 2, int16 = 3, int32 = 4 };
 
 struct AudioFormat {
@@ -17,32 +17,32 @@ struct AudioFormat {
   std::uint32_t channelCount = 0;
   bool interleaved = false;
 
-  // Formats that lay out the same bytes are equal: interleaving means nothing for one channel.
+  // Formats with the same byte layout are equal: interleaving has no effect for one channel.
   friend bool operator==(const AudioFormat& a, const AudioFormat& b) {
     return a.commonFormat == b.commonFormat && a.sampleRate == b.sampleRate &&
            a.channelCount == b.channelCount && (a.channelCount == 1 || a.interleaved == b.interleaved);
   }
 };
 
-// Bytes of one sample; 0 for CommonFormat::other.
+// Returns the bytes of one sample, 0 for CommonFormat::other.
 std::size_t bytesPerSample(CommonFormat format);
 
-// A buffer of `frameCapacity` frames (a frame is one sample of each channel), of which the first
-// `frameLength` count. Samples are in the machine's byte order. Not thread-safe; shared as const once filled.
+// Holds up to `frameCapacity` frames (a frame is one sample of each channel). The first `frameLength` frames
+// are valid. Samples are in the machine's byte order. Not thread-safe. Shared as const once filled.
 class PCMBuffer {
  public:
-  // Throws std::bad_alloc when there is no memory for it.
+  // Throws std::bad_alloc when out of memory.
   PCMBuffer(const AudioFormat& format, std::uint32_t frameCapacity);
 
   const AudioFormat& format() const { return format_; }
   std::uint32_t frameCapacity() const { return frameCapacity_; }
   std::uint32_t frameLength() const { return frameLength_; }
 
-  // At most frameCapacity().
+  // Sets the number of valid frames, at most frameCapacity().
   void setFrameLength(std::uint32_t frames);
 
-  // The samples of one channel, or null when the format has another sample type or no such channel. For an
-  // interleaved format channel 0 is the whole interleaved run.
+  // Returns the samples of one channel, or null when the format has another sample type or no such channel.
+  // In an interleaved format, channel 0 is the whole interleaved run.
   std::int16_t* int16ChannelData(std::uint32_t channel = 0) {
     return channelData<std::int16_t>(CommonFormat::int16, channel);
   }
@@ -71,16 +71,16 @@ class PCMBuffer {
   std::unique_ptr<std::byte[]> samples_;
 };
 
-// Makes formats and buffers. A platform may refuse both; so may a test. Any thread.
+// Creates formats and buffers. A platform or a test may refuse both. Any thread.
 class AudioBuffers {
  public:
   virtual ~AudioBuffers() = default;
 
-  // None when the platform has no such format.
+  // Returns none when the platform has no such format.
   virtual std::optional<AudioFormat> makeFormat(CommonFormat commonFormat, double sampleRate,
                                                 std::uint32_t channels, bool interleaved) = 0;
 
-  // An empty buffer (frameLength 0), or null when it cannot be allocated.
+  // Creates an empty buffer (frameLength 0). Returns null when it cannot be allocated.
   virtual std::shared_ptr<PCMBuffer> makeBuffer(const AudioFormat& format, std::uint32_t frameCapacity) = 0;
 
  protected:

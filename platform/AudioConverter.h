@@ -1,4 +1,4 @@
-// Conversion of a stream of audio from one format to another. Shaped as AVAudioConverter.
+// Converts an audio stream from one format to another. Modelled on AVAudioConverter.
 #pragma once
 
 #include <functional>
@@ -10,24 +10,23 @@
 
 namespace palaver {
 
-// Numbered as AVAudioConverterInputStatus is.
+// Numbered as in AVAudioConverterInputStatus.
 enum class ConverterInputStatus { haveData = 0, noDataNow = 1, endOfStream = 2 };
 
-// Numbered as AVAudioConverterOutputStatus is. inputRanDry is the usual end of a call that was given one
-// buffer.
+// Numbered as in AVAudioConverterOutputStatus. inputRanDry is the usual end of a call that got one buffer.
 enum class ConverterOutputStatus { haveData = 0, inputRanDry = 1, endOfStream = 2, error = 3 };
 
-// Numbered as AVAudioConverterPrimeMethod is. none: no frames are put before the first; the first output
-// sample is the first input sample.
+// Numbered as in AVAudioConverterPrimeMethod. none: no frames are inserted before the first, so the first
+// output sample is the first input sample.
 enum class ConverterPrimeMethod { pre = 0, normal = 1, none = 2 };
 
-// Keeps its state from call to call, so that a stream converted in pieces has no seams. Used by one thread at
-// a time.
+// Converts a stream piece by piece without seams, by keeping its state between calls. Used by one thread
+// at a time.
 class AudioConverter {
  public:
-  // Asked for input until it has none: sets the status, and returns a buffer of the input format with
-  // haveData, else null. The buffer stays unchanged until the next call or the end of convert(). Called
-  // inside convert() only.
+  // Supplies input. Sets the status, and returns a buffer of the input format with haveData, otherwise null.
+  // The buffer must stay unchanged until the next call or the end of convert(). Called only inside convert(),
+  // until it has no data.
   using InputBlock = std::function<std::shared_ptr<const PCMBuffer>(ConverterInputStatus&)>;
 
   virtual ~AudioConverter() = default;
@@ -36,9 +35,9 @@ class AudioConverter {
   virtual const AudioFormat& outputFormat() const = 0;
   virtual void setPrimeMethod(ConverterPrimeMethod method) = 0;
 
-  // Converts what the block gives into `output` (of the output format), up to its capacity, and sets its
-  // frame length. Input that does not fit is kept for the next call. With the status error, `error` may be
-  // set.
+  // Converts the block's input into `output` (of the output format), up to its capacity, and sets its
+  // frame length. Keeps input that does not fit for the next call. `error` may be set when the returned
+  // status is error.
   virtual ConverterOutputStatus convert(PCMBuffer& output, std::optional<PlatformError>& error,
                                         const InputBlock& input) = 0;
 
@@ -48,12 +47,12 @@ class AudioConverter {
   AudioConverter& operator=(const AudioConverter&) = default;
 };
 
-// Makes converters. Any thread.
+// Creates converters. Any thread.
 class AudioConverters {
  public:
   virtual ~AudioConverters() = default;
 
-  // Null when the pair of formats cannot be converted.
+  // Returns null when the pair of formats cannot be converted.
   virtual std::unique_ptr<AudioConverter> makeConverter(const AudioFormat& from, const AudioFormat& to) = 0;
 
  protected:

@@ -1,4 +1,4 @@
-// Reading of sound files. Shaped as AVAudioFile.
+// Reads sound files. Modelled on AVAudioFile.
 #pragma once
 
 #include <cstdint>
@@ -10,18 +10,19 @@
 
 namespace palaver {
 
-// An open file; used by one thread at a time.
+// Reads an open file. Used by one thread at a time.
 class AudioFile {
  public:
   virtual ~AudioFile() = default;
 
-  // What read() delivers: 32-bit float, not interleaved, at the file's own rate and number of channels.
+  // Returns the format of read(): 32-bit float, not interleaved, at the file's own rate and
+  // number of channels.
   virtual const AudioFormat& processingFormat() const = 0;
   virtual std::int64_t length() const = 0;         // frames; an estimate for compressed files
-  virtual std::int64_t framePosition() const = 0;  // the next frame to be read
+  virtual std::int64_t framePosition() const = 0;  // the next frame to read
 
-  // Reads as many frames as fit into the buffer (of the processing format) and sets its frame length; 0 at
-  // the end. Throws PlatformError.
+  // Fills the buffer (of the processing format) as far as possible and sets its frame length, 0 at the end of
+  // the file. Throws PlatformError.
   virtual void read(PCMBuffer& buffer) = 0;
 
  protected:

@@ -1,4 +1,4 @@
-// The wall clock of the machine.
+// Reads the machine's wall clock.
 #pragma once
 
 namespace palaver {
@@ -7,8 +7,8 @@ class Clock {
  public:
   virtual ~Clock() = default;
 
-  // Milliseconds since 1970-01-01T00:00:00Z, the fraction kept. Any thread. Follows the wall clock, so it may
-  // be set back or forward by the user.
+  // Returns the milliseconds since 1970-01-01T00:00:00Z, with their fraction. Any thread. The user may set
+  // the clock back or forward.
   virtual double nowMilliseconds() const = 0;
 
  protected:

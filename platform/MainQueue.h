@@ -1,9 +1,9 @@
-// The main thread: a serial queue of jobs, and the two ways of waiting on it without serving that queue.
+// Runs jobs on the main thread, one at a time, and offers two ways to wait there without running queued jobs.
 //
 // Three kinds of waiting are kept apart, here and in simulation:
-//   - a semaphore wait: time passes and other threads run, nothing is delivered on the main thread;
-//   - a run-loop slice: callbacks that the platform delivers on the main thread run, queued jobs do not;
-//   - the main queue itself: queued jobs run, one at a time, and platform callbacks between them.
+//   semaphore wait  time passes and other threads run; nothing is delivered on the main thread
+//   run-loop slice  the platform's main-thread callbacks run; queued jobs do not
+//   main queue      queued jobs run, one at a time, with platform callbacks between them
 #pragma once
 
 #include <cstdlib>
@@ -13,15 +13,16 @@
 
 namespace palaver {
 
-// A counting semaphore that starts at zero.
+// Counting semaphore. Starts at zero.
 class Semaphore {
  public:
   virtual ~Semaphore() = default;
 
-  // Lets one waiter through. Any thread.
+  // Releases one waiter. Any thread.
   virtual void signal() = 0;
 
-  // Waits for a signal for at most the given time (ms). True when signalled, false on time-out. Any thread.
+  // Waits for a signal for at most `timeoutMilliseconds`. Returns true when signalled, false on
+  // time-out. Any thread.
   virtual bool wait(double timeoutMilliseconds) = 0;
 
  protected:
@@ -36,26 +37,26 @@ class MainQueue {
 
   virtual ~MainQueue() = default;
 
-  // Queues a job behind all jobs queued before. Any thread; returns at once. Jobs run on the main thread, one
-  // at a time, and are destroyed there. A job must not throw.
+  // Queues a job after all jobs queued before. Any thread. Returns immediately. Jobs run and are destroyed on
+  // the main thread, one at a time. A job must not throw.
   virtual void async(Job job) = 0;
 
   // Serves the queue on the calling thread, which must be the main thread. Does not return: the process ends
-  // through Process::exit. (In simulation it returns by the exception of Process::exit.)
+  // through Process::exit. (In simulation the exception of Process::exit leaves it.)
   [[noreturn]] void run() {
     serve();
     std::abort();
   }
 
-  // Waits for at most the given time (ms) while the platform's own main-thread callbacks are delivered;
-  // queued jobs are not. May return early, also at once where nothing could be delivered. Main thread, also
-  // from inside a job.
+  // Waits for at most `milliseconds` and delivers the platform's own main-thread callbacks. Queued jobs do
+  // not run. May return early, or immediately if the platform has nothing to deliver. Main thread, also
+  // inside a job.
   virtual void runSlice(double milliseconds) = 0;
 
-  // A semaphore whose waits belong to this platform's time. Any thread.
+  // Creates a semaphore that waits in this platform's time. Any thread.
   virtual std::unique_ptr<Semaphore> makeSemaphore() = 0;
 
-  // Whether the caller is on the main thread; for assertions.
+  // Returns whether the caller is on the main thread, for assertions.
   virtual bool isCurrent() const = 0;
 
  protected:

@@ -1,4 +1,4 @@
-// Everything the helper needs of the machine, handed over as references.
+// Bundles references to everything the helper needs of the machine.
 #pragma once
 
 namespace palaver {

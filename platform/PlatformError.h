@@ -1,4 +1,4 @@
-// An error that the platform reported, or that the helper raises in the platform's style.
+// Represents an error that the platform reported, or that the helper raises in the platform's style.
 #pragma once
 
 #include <exception>
@@ -7,10 +7,11 @@
 
 namespace palaver {
 
-// Travels as a value across platform callbacks (std::optional<PlatformError>) and as an exception inside the
-// helper. what() is always the localized description, the only part that reaches the host. No
-// std::runtime_error, whose copies share their text by atomics inside the C++ library, where the thread
-// sanitizer does not see them.
+// Passed as a value across platform callbacks (std::optional<PlatformError>) and thrown as an exception
+// inside the helper. what() is always the localized description, the only part that reaches the host.
+//
+// Not derived from std::runtime_error: its copies share their text through atomics inside the C++ library,
+// which the thread sanitizer cannot see.
 class PlatformError : public std::exception {
  public:
   PlatformError(std::string domain, long code, std::string localizedDescription)

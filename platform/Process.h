@@ -1,4 +1,4 @@
-// What a program knows of itself: arguments, environment, the operating system it runs on, and its end.
+// Provides the process's arguments, environment, operating system version and exit.
 #pragma once
 
 #include <cstdlib>
@@ -19,17 +19,18 @@ class Process {
  public:
   virtual ~Process() = default;
 
-  // Every argument, the program's path (argument 0) first. Constant for the life of the process; any thread.
+  // Returns every argument, the program's path (argument 0) first. Constant for the life of the
+  // process. Any thread.
   virtual const std::vector<std::string>& arguments() const = 0;
 
-  // The value of a variable of the environment, or none. Main thread.
+  // Returns the value of an environment variable, or none. Main thread.
   virtual std::optional<std::string> environmentVariable(std::string_view name) const = 0;
 
-  // Whether this is macOS, of at least the given version. False on every other system. Any thread.
+  // Returns whether this is macOS of at least the given version. False on every other system. Any thread.
   virtual bool isMacOSAtLeast(OperatingSystemVersion version) const = 0;
 
-  // Ends the process at once with the given status (0 to 255). Nothing is unwound, no destructor runs. Any
-  // thread. A simulated process leaves by an exception instead, which nothing above may swallow.
+  // Ends the process immediately with the given status (0 to 255). Nothing is unwound and no destructor runs.
+  // Any thread. A simulated process throws an exception instead, which callers must not swallow.
   [[noreturn]] void exit(int status) {
     terminate(status);
     std::abort();

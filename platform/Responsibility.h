@@ -1,5 +1,6 @@
-// Who answers to the user for what this process does. macOS asks for permissions in the name of a responsible
-// process: the app that started this one, unless this one was started with that disclaimed.
+// Controls which process macOS holds responsible for what this process does. macOS asks for
+// permissions in the name of the responsible process: the app that started this one, unless it started
+// this one as disclaimed.
 #pragma once
 
 #include <spawn.h>
@@ -11,18 +12,18 @@ namespace palaver {
 
 class Responsibility {
  public:
-  // Marks spawn attributes: with 1 as its second argument, a process started with them is responsible for
-  // itself. Returns 0 on success. The shape of responsibility_spawnattrs_setdisclaim, which macOS exports
-  // from libSystem and declares in no public header.
+  // Marks spawn attributes. With 1 as the second argument, a process started with them is responsible for
+  // itself. Returns 0 on success. Has the signature of responsibility_spawnattrs_setdisclaim, which macOS
+  // exports from libSystem and declares in no public header.
   using SetDisclaim = int (*)(posix_spawnattr_t* attributes, int disclaim);
 
   virtual ~Responsibility() = default;
 
-  // That function of the running system, or null where it has none. Main thread.
+  // Returns that function of the running system, or null where it does not exist. Main thread.
   virtual SetDisclaim findSetDisclaim() const = 0;
 
-  // The path of the main bundle's executable, which for a program without a bundle is the program itself;
-  // none where the system does not tell. Main thread.
+  // Returns the path of the main bundle's executable, which for a program without a bundle is the program
+  // itself. Returns none where the system does not provide it. Main thread.
   virtual std::optional<std::string> executablePath() const = 0;
 
  protected:
@@ -31,8 +32,8 @@ class Responsibility {
   Responsibility& operator=(const Responsibility&) = default;
 };
 
-// The machine's own; each platform defines this function once. Main thread, any number of times, also before
-// makePlatform.
+// Returns the machine's own. Each platform defines this function once. Main thread. May be called repeatedly,
+// also before makePlatform.
 const Responsibility& machineResponsibility();
 
 }  // namespace palaver

@@ -1,10 +1,9 @@
-// Stream-based speech analysis: an analyzer fed by an input stream, a transcriber whose results are read one
-// by one, and the inventory of models. Shaped as SpeechAnalyzer, SpeechTranscriber and AssetInventory of
-// macOS 26.
+// Analyzes speech as a stream: an analyzer fed by an input stream, a transcriber whose results are read
+// one by one, and the inventory of models. Modelled on SpeechAnalyzer, SpeechTranscriber and
+// AssetInventory of macOS 26.
 //
-// Threads: every call may be made on any thread, but calls on one object never overlap. Each completion is
-// called exactly once, on any thread, perhaps from inside the call, perhaps never (then it is destroyed with
-// the platform).
+// Any thread may call, but calls on one object never overlap. Each completion is called at most once, on any
+// thread, possibly inside the call. A completion that is never called is destroyed with the platform.
 #pragma once
 
 #include <memory>
@@ -20,7 +19,7 @@
 
 namespace palaver {
 
-// Where the model of a transcriber stands, lowest first.
+// Installation status of a transcriber's model, lowest first.
 enum class AssetStatus { unsupported, supported, downloading, installed };
 
 // The status as text: the name of its case.
@@ -38,12 +37,12 @@ constexpr std::string_view wireName(AssetStatus status) {
   return "unknown";
 }
 
-// progressiveTranscription: volatile results as early as possible, each stretch finalised later.
+// progressiveTranscription: volatile results as early as possible, finalized later range by range.
 enum class TranscriberPreset { progressiveTranscription };
 
 struct TranscriptionResult {
   std::string text;  // plain characters, UTF-8
-  // The stretch of audio, in seconds from the first sample fed to the analyzer. May be NaN or infinite.
+  // Range of the audio, in seconds from the first sample fed to the analyzer. May be NaN or infinite.
   double rangeStart = 0;
   double rangeEnd = 0;
   bool isFinal = false;
@@ -57,7 +56,7 @@ using NextResult = std::variant<TranscriptionResult, EndOfResults, ResultsCancel
 // Answers of an operation that may fail.
 using FallibleCompletion = UniqueFunction<void(std::optional<PlatformError>)>;
 
-// A module that turns speech into text, for one analyzer.
+// Turns speech into text, as a module of one analyzer.
 class SpeechTranscriber {
  public:
   virtual ~SpeechTranscriber() = default;
@@ -66,7 +65,7 @@ class SpeechTranscriber {
   // completion, nor after it has answered with anything but a result.
   virtual void nextResult(UniqueFunction<void(NextResult)> completion) = 0;
 
-  // Makes a waiting nextResult() and all later ones answer ResultsCancelled.
+  // Completes the pending nextResult() and all later ones with ResultsCancelled.
   virtual void cancelResults() = 0;
 
  protected:
@@ -75,16 +74,15 @@ class SpeechTranscriber {
   SpeechTranscriber& operator=(const SpeechTranscriber&) = default;
 };
 
-// The producer's end of an analyzer's unbounded input stream.
+// Feeds an analyzer's unbounded input stream.
 class AnalyzerInput {
  public:
   virtual ~AnalyzerInput() = default;
 
-  // Adds audio in the analyzer's format, right behind what was added before. Dropped after finish(). The
-  // buffer is not changed any more.
+  // Appends audio in the analyzer's format. The buffer must not change any more. Dropped after finish().
   virtual void yield(std::shared_ptr<const PCMBuffer> buffer) = 0;
 
-  // No more audio.
+  // Ends the audio.
   virtual void finish() = 0;
 
  protected:
@@ -100,7 +98,7 @@ class SpeechAnalyzer {
   // Loads what the analysis of audio in this format needs.
   virtual void prepareToAnalyze(const AudioFormat& format, FallibleCompletion completion) = 0;
 
-  // Analyses what is left of the finished input, finalises all results and ends the analysis.
+  // Analyzes the rest of the finished input, finalizes all results and ends the analysis.
   virtual void finalizeAndFinishThroughEndOfInput(FallibleCompletion completion) = 0;
 
   // Ends the analysis at once and drops what is not final.
@@ -112,7 +110,7 @@ class SpeechAnalyzer {
   SpeechAnalyzer& operator=(const SpeechAnalyzer&) = default;
 };
 
-// The download of a model.
+// Downloads a model.
 class AssetInstallationRequest {
  public:
   virtual ~AssetInstallationRequest() = default;
@@ -125,7 +123,7 @@ class AssetInstallationRequest {
   AssetInstallationRequest& operator=(const AssetInstallationRequest&) = default;
 };
 
-// The models on this machine.
+// Lists and installs the models on this machine.
 class AssetInventory {
  public:
   virtual ~AssetInventory() = default;
@@ -133,7 +131,7 @@ class AssetInventory {
   virtual void status(const std::shared_ptr<SpeechTranscriber>& transcriber,
                       UniqueFunction<void(AssetStatus)> completion) = 0;
 
-  // What it takes to install the transcriber's model: a request, or null when there is nothing to install.
+  // A request that installs the transcriber's model, or null when there is nothing to install.
   using InstallationRequest = std::variant<std::shared_ptr<AssetInstallationRequest>, PlatformError>;
   virtual void assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>& transcriber,
                                         UniqueFunction<void(InstallationRequest)> completion) = 0;
@@ -144,23 +142,24 @@ class AssetInventory {
   AssetInventory& operator=(const AssetInventory&) = default;
 };
 
-// The analysis service as a whole.
+// Creates the objects of an analysis.
 class SpeechAnalysis {
  public:
   virtual ~SpeechAnalysis() = default;
 
-  // Whether this machine can transcribe at all. Cheap.
+  // Returns whether this machine can transcribe at all. Cheap.
   virtual bool isTranscriberAvailable() const = 0;
 
-  // The identifier of the supported locale that is closest to the given one, or none.
+  // Finds the identifier of the supported locale closest to the given one. Completes with none if
+  // there is none.
   virtual void supportedLocale(std::string_view equivalentTo,
                                UniqueFunction<void(std::optional<std::string>)> completion) = 0;
 
-  // For a locale that supportedLocale() gave.
+  // Creates a transcriber for a locale returned by supportedLocale().
   virtual std::shared_ptr<SpeechTranscriber> makeTranscriber(std::string_view supportedLocale,
                                                              TranscriberPreset preset) = 0;
 
-  // The format that the analyzer wants its input in, or none.
+  // Finds the analyzer's preferred input format. Completes with none if there is none.
   virtual void bestAvailableAudioFormat(const std::shared_ptr<SpeechTranscriber>& compatibleWith,
                                         UniqueFunction<void(std::optional<AudioFormat>)> completion) = 0;
 
@@ -168,8 +167,8 @@ class SpeechAnalysis {
     std::shared_ptr<SpeechAnalyzer> analyzer;
     std::shared_ptr<AnalyzerInput> input;
   };
-  // An analyzer of one module, reading from a new input stream. `contextualStrings`: phrases to prefer, at
-  // most 100.
+  // Creates an analyzer of one module that reads from a new input stream. `contextualStrings`: phrases to
+  // prefer, at most 100.
   virtual AnalyzerWithInput makeAnalyzer(const std::shared_ptr<SpeechTranscriber>& transcriber,
                                          const std::vector<std::string>& contextualStrings) = 0;
 

@@ -1,9 +1,9 @@
-// Task-based speech recognition: one request of audio, one task that answers with results. Shaped as
-// SFSpeechRecognizer.
+// Recognizes speech in tasks: one request carries the audio, one task delivers results.
+// Modelled on SFSpeechRecognizer.
 //
-// Threads: every call below is made on the main thread, except where said otherwise. Result handlers may be
-// called on any thread, or on the main thread as a platform callback (during MainQueue::run and
-// MainQueue::runSlice); never from inside the call that starts the task.
+// Main thread, unless stated otherwise below. Result handlers may be called on any thread, or on the main
+// thread as a platform callback (during MainQueue::run and MainQueue::runSlice), but never inside the call
+// that starts the task.
 #pragma once
 
 #include <functional>
@@ -18,17 +18,17 @@
 
 namespace palaver {
 
-// Numbered as SFSpeechRecognizerAuthorizationStatus is; a platform may report values that are not listed.
+// Numbered as in SFSpeechRecognizerAuthorizationStatus. A platform may report values that are not listed.
 enum class AuthorizationStatus : long { notDetermined = 0, denied = 1, restricted = 2, authorized = 3 };
 
-// Numbered as SFSpeechRecognitionTaskHint is.
+// Numbered as in SFSpeechRecognitionTaskHint.
 enum class TaskHint : long { unspecified = 0, dictation = 1, search = 2, confirmation = 3 };
 
 struct RecognitionOptions {
   bool shouldReportPartialResults = true;
   bool requiresOnDeviceRecognition = false;
   TaskHint taskHint = TaskHint::unspecified;
-  std::vector<std::string> contextualStrings;  // phrases to prefer; at most 100
+  std::vector<std::string> contextualStrings;  // phrases to prefer, at most 100
 };
 
 struct TranscriptionSegment {
@@ -43,16 +43,16 @@ struct RecognitionResult {
   bool isFinal = false;
 };
 
-// The audio of one task. One request serves one task.
+// Carries the audio of exactly one task.
 class RecognitionRequest {
  public:
   virtual ~RecognitionRequest() = default;
 
-  // Appends audio: a mono 16-bit buffer at 16 kHz that nobody changes any more. Kept by reference as long as
-  // needed. After endAudio(), or when the task has ended, the audio is dropped.
+  // Appends a mono 16-bit buffer at 16 kHz, which must not change any more. Shares the buffer as long as
+  // needed. Audio is dropped after endAudio() or after the end of the task.
   virtual void append(std::shared_ptr<const PCMBuffer> buffer) = 0;
 
-  // No more audio: the task now delivers its final result or an error.
+  // Ends the audio. The task then delivers its final result or an error.
   virtual void endAudio() = 0;
 
  protected:
@@ -61,13 +61,13 @@ class RecognitionRequest {
   RecognitionRequest& operator=(const RecognitionRequest&) = default;
 };
 
-// A running recognition. Destroying the handle neither cancels nor ends the task.
+// Controls a running recognition. Destroying the handle neither cancels nor ends the task.
 class RecognitionTask {
  public:
   virtual ~RecognitionTask() = default;
 
-  // Abandons the task. Its handler may still be called afterwards, with an error or with a result that was
-  // under way.
+  // Cancels the task. Its handler may still be called afterwards, with an error or with a result
+  // already in flight.
   virtual void cancel() = 0;
 
  protected:
@@ -76,22 +76,22 @@ class RecognitionTask {
   RecognitionTask& operator=(const RecognitionTask&) = default;
 };
 
-// Called any number of times with a result that is not final, then once more with a final result or an error,
-// which ends the task; also with both, or after cancel(). "No speech heard" is an error of code 1110.
+// Called any number of times with a result that is not final, then once more with a final result, an error or
+// both, which ends the task. May be called after cancel(). "No speech" is an error of code 1110.
 using ResultHandler = std::function<void(std::optional<RecognitionResult>, std::optional<PlatformError>)>;
 
-// A recognizer for one locale. Tasks keep what they need of it alive.
+// Recognizes one locale. Tasks keep alive what they need of it.
 class SpeechRecognizer {
  public:
   virtual ~SpeechRecognizer() = default;
 
-  // Whether the locale's model is installed, so that no audio leaves the machine.
+  // Returns whether the locale's model is installed, so that no audio leaves the machine.
   virtual bool supportsOnDeviceRecognition() const = 0;
 
   virtual std::shared_ptr<RecognitionRequest> makeRequest(RecognitionOptions options) = 0;
 
-  // Starts a task on a request made by this recognizer. Never fails by itself: failures come through the
-  // handler.
+  // Starts a task on a request created by this recognizer. Never fails itself: the handler
+  // receives all errors.
   virtual std::unique_ptr<RecognitionTask> recognitionTask(const std::shared_ptr<RecognitionRequest>& request,
                                                            ResultHandler handler) = 0;
 
@@ -101,19 +101,19 @@ class SpeechRecognizer {
   SpeechRecognizer& operator=(const SpeechRecognizer&) = default;
 };
 
-// The recognition service as a whole.
+// Grants permission and creates recognizers.
 class SpeechRecognition {
  public:
   virtual ~SpeechRecognition() = default;
 
-  // The user's answer so far. Cheap.
+  // Returns the user's answer so far. Cheap.
   virtual AuthorizationStatus authorizationStatus() const = 0;
 
-  // Asks the user, or the record of an earlier answer. The handler is called once, on any thread, perhaps
-  // from inside this call, perhaps never.
+  // Asks the user, or looks up an earlier answer. Calls the handler at most once, on any thread, possibly
+  // inside this call.
   virtual void requestAuthorization(std::function<void(AuthorizationStatus)> handler) = 0;
 
-  // Null when the locale (an identifier such as "ja-JP") is not supported. Cheap; loads no model.
+  // Returns null when the locale (an identifier such as "ja-JP") is not supported. Cheap: loads no model.
   virtual std::unique_ptr<SpeechRecognizer> makeRecognizer(std::string_view localeIdentifier) = 0;
 
  protected:

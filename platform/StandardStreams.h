@@ -1,4 +1,4 @@
-// Standard input, output and error of the process.
+// Reads the process's stdin and writes its stdout and stderr.
 #pragma once
 
 #include <cstddef>
@@ -7,18 +7,18 @@
 
 namespace palaver {
 
-// Where received bytes go. Called by StandardInput on its own thread, one call at a time.
+// Receives the bytes. Called by StandardInput on its own thread, one call at a time.
 class InputHandler {
  public:
   virtual ~InputHandler() = default;
 
-  // Room for the next read: at least one byte, valid until received() or ended() is called.
+  // Returns room for the next read: at least one byte, valid until received() or ended() is called.
   virtual std::span<char> prepare() = 0;
 
-  // The first `count` bytes (at least 1) of the room given by the last prepare() are now filled.
+  // Takes the first `count` bytes (at least 1) of the room returned by the last prepare().
   virtual void received(std::size_t count) = 0;
 
-  // The input has ended, or reading failed for good. Called once, last.
+  // Called once, last: at the end of the input or after a permanent read error.
   virtual void ended() = 0;
 
  protected:
@@ -31,8 +31,8 @@ class StandardInput {
  public:
   virtual ~StandardInput() = default;
 
-  // Starts reading on a background thread and returns at once. Called at most once, from the main thread. The
-  // handler must live until ended() has been called or the process ends.
+  // Starts reading on a background thread and returns immediately. Main thread, at most one call. The handler
+  // must live until ended() has been called or the process ends.
   virtual void start(InputHandler& handler) = 0;
 
  protected:
@@ -45,9 +45,9 @@ class OutputStream {
  public:
   virtual ~OutputStream() = default;
 
-  // Writes all bytes, unbuffered; blocks while the reader is slow. A reader that has gone, or any other
-  // failure, loses the bytes silently. Any thread, but callers see to it that one line is not torn by
-  // another.
+  // Writes all bytes, unbuffered. Blocks while the reader is slow. If the reader has closed the stream or
+  // writing fails otherwise, the bytes are lost silently. Any thread, but callers must serialize the writes
+  // of one line.
   virtual void write(std::string_view bytes) = 0;
 
  protected:

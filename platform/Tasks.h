@@ -1,4 +1,4 @@
-// Where asynchronous work runs.
+// Runs asynchronous work.
 #pragma once
 
 #include <asio/any_io_executor.hpp>
@@ -9,9 +9,9 @@ class Tasks {
  public:
   virtual ~Tasks() = default;
 
-  // A pool of threads for unstructured tasks; serial executors (strands) are made on top of it. What is
-  // posted starts in the order of posting. In simulation there is one thread, and work runs in virtual time.
-  // Any thread.
+  // Returns a thread pool for unstructured tasks. Serial executors (strands) are created on top of it.
+  // Work starts in the order of posting. In simulation there is one thread, and work runs in virtual
+  // time. Any thread.
   virtual asio::any_io_executor executor() = 0;
 
  protected:

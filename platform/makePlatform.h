@@ -1,11 +1,12 @@
-// The machine's own platform; each platform defines this function once.
+// Creates the machine's own platform. Each platform defines this function once.
 #pragma once
 
 #include "platform/Platform.h"
 
 namespace palaver {
 
-// Called once, first thing, on the main thread. The platform lives until the process ends.
+// Call once, on the main thread, before any other use of the platform. The platform lives until
+// the process ends.
 Platform& makePlatform(int argumentCount, char** arguments);
 
 }  // namespace palaver

@@ -1,5 +1,5 @@
-// What this system does not have: stream-based speech analysis, and with it the reading of sound files for
-// it; and the attribution of what a process does to the app that started it.
+// Implements the contracts of services that this system lacks: stream-based speech analysis with its reading
+// of sound files, and the attribution of what a process does to the app that started it.
 #pragma once
 
 #include "platform/AudioConverter.h"
@@ -9,7 +9,7 @@
 
 namespace palaver {
 
-// Says of itself that it is not there. The helper does not ask for anything else on such a system.
+// Reports itself as unavailable. The helper calls nothing else of it on such a system.
 class AbsentSpeechAnalysis final : public SpeechAnalysis, public AssetInventory {
  public:
   bool isTranscriberAvailable() const override { return false; }

@@ -1,4 +1,4 @@
-// Buffers in plain memory, for every format that has a sample type.
+// Allocates buffers in plain memory, for every format that has a sample type.
 #pragma once
 
 #include "platform/AudioBuffer.h"

@@ -10,8 +10,8 @@ std::optional<std::string> POSIXProcess::environmentVariable(std::string_view na
   return value;
 }
 
-// Other threads (the reader, a recognizer at work) still run, so nothing that they use may be destroyed. No
-// stream of the C or C++ library is in use that would want flushing.
+// Other threads (the reader, a recognizer) still run, so nothing they use may be destroyed. No stream of the
+// C or C++ library is in use that would need flushing.
 void POSIXProcess::terminate(int status) {
   std::_Exit(status);
 }

@@ -1,4 +1,4 @@
-// A process of a POSIX system. Not of macOS, unless a subclass says so.
+// Implements a process of a POSIX system. It is not macOS, unless a subclass overrides that.
 #pragma once
 
 #include "platform/Process.h"

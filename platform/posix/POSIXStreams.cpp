@@ -13,10 +13,11 @@ namespace palaver {
 
 namespace {
 
-// In one call; macOS refuses more than INT_MAX bytes (read(2), write(2)), Linux does less by itself.
+// Limit of one call, bytes. macOS rejects more than INT_MAX bytes (read(2), write(2)). Linux shortens
+// such calls itself.
 constexpr std::size_t mostBytes = std::size_t{1} << 30;
 
-// After a failed call: whether it may be tried again, once the descriptor is ready if it was not.
+// Returns whether a failed call may be retried. Waits until the descriptor is ready if it was not.
 bool mayTryAgain(int descriptor, short events) {
   if (errno == EINTR) return true;
   if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
@@ -37,7 +38,7 @@ void DescriptorInput::start(InputHandler& handler) {
         return handler.ended();
       }
     }
-  }).detach();  // lives until the input or the process ends
+  }).detach();  // runs until the input or the process ends
 }
 
 void DescriptorOutput::write(std::string_view bytes) {

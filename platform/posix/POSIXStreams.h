@@ -1,11 +1,11 @@
-// Standard streams on file descriptors.
+// Implements the standard streams on file descriptors.
 #pragma once
 
 #include "platform/StandardStreams.h"
 
 namespace palaver {
 
-// Reads a descriptor on a thread of its own, in reads as large as the handler's room. Serves blocking and
+// Reads a descriptor on its own thread, in reads as large as the handler's room. Supports blocking and
 // non-blocking descriptors, pipes and sockets.
 class DescriptorInput final : public StandardInput {
  public:
@@ -17,8 +17,8 @@ class DescriptorInput final : public StandardInput {
   int descriptor_;
 };
 
-// Writes to a descriptor, blocking or not, through interruptions and short writes. Any thread. SIGPIPE must
-// be ignored.
+// Writes to a descriptor, blocking or not, through interruptions and short writes. Any thread. SIGPIPE
+// must be ignored.
 class DescriptorOutput final : public OutputStream {
  public:
   explicit DescriptorOutput(int descriptor) : descriptor_(descriptor) {}
@@ -29,9 +29,9 @@ class DescriptorOutput final : public OutputStream {
   int descriptor_;
 };
 
-// Prepares the process for its streams: writing to a reader that has gone is an error, not a signal; and each
-// of the three standard descriptors is open, so that no file opened later takes its place. Main thread,
-// before any other thread.
+// Prepares the process for its streams. Ignores SIGPIPE, so that writing to a closed reader is an error.
+// Opens any of the three standard descriptors that is closed, so that no file opened later gets its number.
+// Main thread, before any other thread.
 void prepareStandardStreams();
 
 }  // namespace palaver

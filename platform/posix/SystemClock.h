@@ -1,4 +1,4 @@
-// The wall clock of the C++ library.
+// Reads the wall clock of the C++ library.
 #pragma once
 
 #include <chrono>

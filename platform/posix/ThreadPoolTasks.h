@@ -1,4 +1,4 @@
-// A pool of threads for tasks, made when the first task needs it.
+// Runs tasks on a thread pool that is created for the first task.
 #pragma once
 
 #include <asio/thread_pool.hpp>
@@ -12,16 +12,15 @@ namespace palaver {
 
 class ThreadPoolTasks final : public Tasks {
  public:
-  // As many threads as the machine has processors, but at least two, so that a task that takes its time does
-  // not hold up all others.
+  // Uses one thread per processor, but at least two, so that one slow task does not block all others.
   ThreadPoolTasks() = default;
-  // With one thread tasks run in the order in which they were posted.
+  // With one thread, tasks run in the order of posting.
   explicit ThreadPoolTasks(std::size_t threads) : threads_(threads) {}
 
   asio::any_io_executor executor() override;
 
  private:
-  const std::optional<std::size_t> threads_;  // none: by the machine
+  const std::optional<std::size_t> threads_;  // none: one thread per processor
   std::once_flag made_;
   std::optional<asio::thread_pool> pool_;
 };

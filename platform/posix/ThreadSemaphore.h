@@ -1,4 +1,4 @@
-// A semaphore between plain C++ threads.
+// Implements a semaphore between plain C++ threads.
 #pragma once
 
 #include <condition_variable>
@@ -8,7 +8,7 @@
 
 namespace palaver {
 
-// Waits in real time, and delivers nothing meanwhile.
+// Waits in real time and delivers nothing while it waits.
 class ThreadSemaphore final : public Semaphore {
  public:
   void signal() override;

@@ -14,7 +14,7 @@ void ThreadedMainQueue::async(Job job) {
     wasIdle = jobs_.empty();
     jobs_.push_back(std::move(job));
   }
-  // The main thread takes all queued jobs at once, so only the first needs to wake it.
+  // The main thread takes all queued jobs together, so only the first needs to wake it.
   if (wasIdle) queued_.notify_one();
 }
 
@@ -29,7 +29,7 @@ void ThreadedMainQueue::serve() {
     }
     for (auto& job : taken) {
       job();
-      job = nullptr;  // what a job holds goes with it
+      job = nullptr;  // destroys what the job holds
     }
     taken.clear();
   }

@@ -1,4 +1,4 @@
-// The main queue as plain C++ threads have it: a locked queue and a condition.
+// Implements the main queue with a locked queue and a condition variable.
 #pragma once
 
 #include <condition_variable>
@@ -10,8 +10,8 @@
 
 namespace palaver {
 
-// For systems that deliver no callbacks on the main thread by themselves, so that a run-loop slice has
-// nothing to wait for and returns at once. Made on the main thread.
+// For systems that deliver no callbacks on the main thread. A run-loop slice therefore returns immediately.
+// Create on the main thread.
 class ThreadedMainQueue final : public MainQueue {
  public:
   void async(Job job) override;
