@@ -1,4 +1,4 @@
-// Sound files as libsndfile reads them: WAV, AIFF, FLAC, Ogg, CAF and many more.
+// Reads sound files with libsndfile: WAV, AIFF, FLAC, Ogg, CAF and many more.
 #pragma once
 
 #include "platform/AudioFile.h"

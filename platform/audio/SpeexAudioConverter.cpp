@@ -13,8 +13,8 @@ namespace palaver {
 
 namespace {
 
-// Of 0 to 10: the lowest that keeps 95 dB at 7 kHz for every rate up to 96 kHz (quality 5: 54 dB). Holds back
-// 48 input frames, 3 ms at 16 kHz; more when the rate goes down.
+// On a scale of 0 to 10, the lowest that keeps 95 dB at 7 kHz for every rate up to 96 kHz (quality 5: 54 dB).
+// Holds back 48 input frames, 3 ms at 16 kHz, and more when downsampling.
 constexpr int quality = 6;
 
 bool isServed(const AudioFormat& format) {
@@ -26,7 +26,7 @@ bool isServed(const AudioFormat& format) {
 
 constexpr float fullScale = 32768;
 
-// Samples of one buffer as floats, full scale 1.
+// Reads samples of one buffer as floats, full scale 1.
 void readSamples(const PCMBuffer& buffer, std::size_t from, std::span<float> samples) {
   if (const auto* const whole = buffer.int16ChannelData()) {
     std::transform(whole + from, whole + from + samples.size(), samples.begin(),
@@ -74,7 +74,7 @@ class SpeexAudioConverter final : public AudioConverter {
         }
       }
       written += convertSome(output, written);
-      if (consumed_ < current_->frameLength()) break;  // the output is full; the rest waits for the next call
+      if (consumed_ < current_->frameLength()) break;  // output full; the rest is kept for the next call
       current_.reset();
     }
     output.setFrameLength(written);
@@ -84,7 +84,7 @@ class SpeexAudioConverter final : public AudioConverter {
   }
 
  private:
-  // Converts what is left of the current buffer, or as much as fits. Returns the frames written.
+  // Converts the rest of the current buffer as far as it fits. Returns the frames written.
   std::uint32_t convertSome(PCMBuffer& output, std::uint32_t at) {
     constexpr std::size_t run = 512;
     std::array<float, run> in;
@@ -115,7 +115,7 @@ class SpeexAudioConverter final : public AudioConverter {
   const AudioFormat from_;
   const AudioFormat to_;
   std::unique_ptr<SpeexResamplerState, decltype(&speex_resampler_destroy)> resampler_;
-  std::shared_ptr<const PCMBuffer> current_;  // input not used up yet
+  std::shared_ptr<const PCMBuffer> current_;  // input that is not used up
   std::uint32_t consumed_ = 0;                // frames of current_ that have been used
 };
 

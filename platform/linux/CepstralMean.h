@@ -1,4 +1,4 @@
-// The mean of one speaker's spectrum, which is subtracted from every frame before it is recognized.
+// Tracks the mean of one speaker's spectrum, which is subtracted from every frame before recognition.
 #pragma once
 
 #include <cstdint>
@@ -9,38 +9,37 @@
 
 namespace palaver {
 
-// Follows the frames in which somebody spoke. Frames are held back until it is known that they belong to
-// speech: after a long silence the mean would else be that of the silence, and the first words after it would
-// be misheard.
+// Averages speech frames only. Frames are held back until they are known to be speech. Otherwise the mean
+// after a long silence would be that of the silence, and the first words after it would be misrecognized.
 //
-// Of one decoder, on its thread.
+// Owned by one decoder. Used on its thread.
 class CepstralMean {
  public:
-  // Frames of speech, 10 ms each, after which older ones count for less, and how many they then count for.
-  // The library's own figures for a live mean.
+  // Speech frames (10 ms each) after which older frames lose weight, and the number of frames they then count
+  // for. Both are the library's figures for a live mean.
   static constexpr double window = CMN_WIN_HWM;
   static constexpr double windowAfterwards = CMN_WIN;
 
-  // What to take the mean for while no speech has been heard: the model knows one.
+  // `initial`: the mean before any speech, as given by the model.
   explicit CepstralMean(std::span<const mfcc_t> initial = {});
 
-  // Takes the sum of so many frames, of as many coefficients as the initial mean.
+  // Adds the sum of `frames` frames. It has as many coefficients as the initial mean.
   void add(std::span<const mfcc_t> sum, std::int32_t frames);
-  // What was added since the last call of this or of discard() is speech...
+  // Counts what was added since the last confirm() or discard() as speech.
   void confirm();
-  // ...or is not.
+  // Drops what was added since the last confirm() or discard().
   void discard();
 
-  // Of the speech so far, or the initial one.
+  // Mean of the speech so far, or the initial mean.
   const std::vector<mfcc_t>& mean() const { return mean_; }
   // Frames of all speech so far.
   std::int64_t speechFrames() const { return speechFrames_; }
 
  private:
   std::vector<mfcc_t> mean_;
-  std::vector<double> sum_;         // of speech
-  double frames_ = 0;               // that sum_ counts for
-  std::vector<double> pendingSum_;  // of what may be speech
+  std::vector<double> sum_;         // sum of the speech frames
+  double frames_ = 0;               // weight of sum_, frames
+  std::vector<double> pendingSum_;  // sum of the frames held back
   std::int64_t pendingFrames_ = 0;
   std::int64_t speechFrames_ = 0;
 };

@@ -11,18 +11,18 @@ namespace palaver {
 
 namespace {
 
-// The share of a word's followers that is left to the words that never followed it.
+// Share of a word's probability that is reserved for words that never followed it.
 constexpr double backoffMass = 0.2;
 
 bool isSeparator(char c) {
-  // ASCII other than letters, digits and the apostrophe. Bytes of other scripts are part of a word, which
-  // is then left out as a whole.
+  // Separators are ASCII characters except letters, digits and the apostrophe. Bytes of other scripts belong
+  // to a word, which is then left out as a whole.
   const bool isWordCharacter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                                c == '\'' || static_cast<unsigned char>(c) >= 0x80;
   return !isWordCharacter;
 }
 
-// The word in lower case, or nothing when it is not written in English letters alone.
+// Returns the word in lower case, or nothing when it contains anything but English letters.
 std::string spokenWord(std::string_view written) {
   while (written.starts_with('\'')) written.remove_prefix(1);
   while (written.ends_with('\'')) written.remove_suffix(1);

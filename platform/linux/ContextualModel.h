@@ -1,4 +1,4 @@
-// A small language model of the phrases that the host expects.
+// Builds a small language model from the phrases that the host expects.
 #pragma once
 
 #include <span>
@@ -7,27 +7,27 @@
 
 namespace palaver {
 
-// The spoken words of phrases, and a bigram model of them.
+// Splits phrases into spoken words and builds a bigram model of them.
 class ContextualModel {
  public:
-  // More words of one phrase are not used: a phrase is a few words.
+  // Words of one phrase beyond this number are ignored, because a phrase is a few words.
   static constexpr std::size_t maxWordsOfPhrase = 50;
-  // Longer words are not used.
+  // Longer words are ignored.
   static constexpr std::size_t maxLettersOfWord = 40;
 
-  // Takes the words of the phrases that English letters can write, in lower case; everything else is left out
-  // silently. Whether a word can be spoken is the caller's to find out: see remove().
+  // Takes the words that English letters can write, in lower case. Ignores everything else silently. The
+  // caller must check whether a word can be pronounced: see remove().
   explicit ContextualModel(std::span<const std::string> phrases);
 
   bool isEmpty() const { return phrases_.empty(); }
 
-  // Each word once, sorted.
+  // Returns each word once, sorted.
   std::vector<std::string> words() const;
 
-  // Leaves out these words (sorted).
+  // Removes these words (sorted).
   void remove(std::span<const std::string> words);
 
-  // The model in the ARPA format.
+  // Returns the model in the ARPA format.
   std::string arpa() const;
 
  private:

@@ -21,11 +21,11 @@ namespace palaver {
 
 namespace {
 
-// Of the library, not of the operating system: how log-probabilities are stored, its own default.
+// Base of the library's stored log-probabilities. The library's own default, not one of the operating system.
 constexpr double logBase = 1.0001;
-// The share of the contextual phrases in the interpolated model; measured to hardly matter.
+// Weight of the contextual phrases in the interpolated model. Measured to have little effect.
 constexpr float contextualWeight = 0.1F;
-// Audio after which the mean follows. After each second instead, there were a tenth more errors.
+// Audio between updates of the mean. Updating once a second instead gave a tenth more errors.
 constexpr std::size_t samplesPerMean = modelSampleRate / 10;
 
 PlatformError engineFailure(const std::string& what) {
@@ -33,17 +33,17 @@ PlatformError engineFailure(const std::string& what) {
 }
 
 CommandLineHandle makeConfiguration(const SpeechModelFiles& files) {
-  // The library writes its log to standard error unless told before its first configuration.
+  // The library logs to stderr unless that is disabled before its first configuration.
   static std::once_flag silenced;
   std::call_once(silenced, [] { err_set_logfp(nullptr); });
 
   std::vector<std::string> arguments{
       "decoder", "-hmm", files.acousticModel.string(), "-dict", files.dictionary.string(),
-      // With silence removal times are wrong by seconds.
+      // Silence removal makes times wrong by seconds.
       "-remove_silence", "no",
       // The second and third pass make finals late and, on our recordings, worse.
       "-fwdflat", "no", "-bestpath", "no",
-      // Bounds the work for one frame.
+      // Bounds the work per frame.
       "-maxhmmpf", "3000"};
   std::vector<char*> pointers;
   pointers.reserve(arguments.size());
@@ -54,7 +54,7 @@ CommandLineHandle makeConfiguration(const SpeechModelFiles& files) {
   return configuration;
 }
 
-// A file without a name that the library can open by path.
+// Creates an unnamed file that the library can open by path.
 class TemporaryFile {
  public:
   explicit TemporaryFile(std::string_view contents)
@@ -80,7 +80,8 @@ class TemporaryFile {
   int descriptor_;
 };
 
-// Fillers are "<s>", "</s>", "<sil>", "[NOISE]" and their like; "to(2)" is a second pronunciation of "to".
+// Returns nothing for fillers: "<s>", "</s>", "<sil>", "[NOISE]" and the like. "to(2)" is a second
+// pronunciation of "to".
 std::string plainWord(std::string_view word) {
   if (word.starts_with('<') || word.starts_with('[')) return {};
   if (const auto variant = word.find('('); variant != std::string_view::npos && variant > 0)
@@ -165,7 +166,7 @@ void Decoder::startUtterance() {
 }
 
 void Decoder::beginUtterance() {
-  // Without a new stream frame numbers would run on from the utterance before.
+  // Without a new stream, frame numbers would continue from the utterance before.
   if (ps_start_stream(decoder_.get()) < 0 || ps_start_utt(decoder_.get()) < 0)
     throw engineFailure("start an utterance");
   inUtterance_ = true;
@@ -204,7 +205,7 @@ void Decoder::hearAgain(std::span<const std::int16_t> utterance) {
   learnMean();
   if (status < 0) throw engineFailure("begin the utterance anew");
   beginUtterance();
-  // This audio has had its part in the mean.
+  // This audio has already been added to the mean.
   decode(utterance, Learning::no);
 }
 
@@ -212,7 +213,7 @@ cmn_t& Decoder::meanInUse() const {
   return *ps_get_feat(decoder_.get())->cmn_struct;
 }
 
-// Takes over what the library has summed up; it would make a mean of it by itself, of silence too.
+// Takes over the sums from the library, which would otherwise update its mean from them, including silence.
 void Decoder::takeSums(Learning learning) {
   cmn_t& state = meanInUse();
   const std::span<mfcc_t> sum(state.sum, static_cast<std::size_t>(state.veclen));
@@ -221,7 +222,7 @@ void Decoder::takeSums(Learning learning) {
   state.nframe = 0;
 }
 
-// Lets the decoder go on with the newest mean.
+// Counts the frames held back as speech if the utterance has a word. Gives the newest mean to the decoder.
 void Decoder::learnMean() {
   if (std::ranges::any_of(segments(), [](const DecodedSegment& segment) { return !segment.word.empty(); }))
     mean_.confirm();

@@ -1,4 +1,4 @@
-// The library's decoder and the language model behind it, as objects that fail by exceptions.
+// Wraps the library's decoder and its language model in objects that report errors as exceptions.
 #pragma once
 
 #include <cstdint>
@@ -13,19 +13,20 @@
 
 namespace palaver {
 
-// Audio of the model: mono at this rate (Hz).
+// Sample rate of the model, Hz. Its audio is mono.
 inline constexpr int modelSampleRate = 16000;
-// Samples of one of the decoder's frames, 10 ms.
+// Samples per decoder frame, 10 ms.
 inline constexpr int samplesPerDecoderFrame = modelSampleRate / 100;
 
-// The language model of a locale, 34 MB, shared by the decoders of one thread. Lives on that thread.
+// Holds the language model of a locale (34 MB), shared by the decoders of one thread. Used on
+// that thread only.
 class BaseLanguageModel {
  public:
   // Checks every file of the model, then loads the language model. Throws PlatformError.
   explicit BaseLanguageModel(SpeechModelFiles files);
 
   const SpeechModelFiles& files() const { return files_; }
-  // Of the files when they were checked.
+  // Fingerprint of the files when they were checked.
   const std::string& fingerprint() const { return fingerprint_; }
   ngram_model_t* get() const { return model_.get(); }
   cmd_ln_t* configuration() const { return configuration_.get(); }
@@ -39,7 +40,7 @@ class BaseLanguageModel {
   LanguageModelHandle model_;
 };
 
-// A stretch of audio that the decoder takes for one word, or for none.
+// Range of audio that the decoder recognized as one word or as no word.
 struct DecodedSegment {
   std::string word;              // lower case; empty for silence and noise
   std::int64_t startSample = 0;  // from the first sample of the utterance
@@ -48,35 +49,35 @@ struct DecodedSegment {
   std::int64_t length() const { return endSample - startSample; }
 };
 
-// A decoder for one speaker's audio; it learns the speaker's and the microphone's spectral mean as it goes,
-// so the audio of two sources must not be mixed. Lives on the thread of its language model.
+// Decodes one speaker's audio. It learns the spectral mean of the speaker and the microphone, so the audio of
+// two sources must not be mixed. Used on the thread of its language model.
 class Decoder {
  public:
-  // Loads the acoustic model and the dictionary, 59 MB and 200 to 400 ms. Throws PlatformError.
+  // Loads the acoustic model and the dictionary: 59 MB, 200 to 400 ms. Throws PlatformError.
   explicit Decoder(std::shared_ptr<const BaseLanguageModel> language);
   ~Decoder();
   Decoder(const Decoder&) = delete;
   Decoder& operator=(const Decoder&) = delete;
 
-  // Prefers these phrases from the next utterance on; not during an utterance. What cannot be spoken with the
-  // model's phones is left out silently. Does nothing when the phrases are those already preferred.
+  // Prefers these phrases from the next utterance on. Must not be called during an utterance. Words that the
+  // model's phones cannot pronounce are ignored silently. Does nothing when the phrases are unchanged.
   void setContextualStrings(std::span<const std::string> phrases);
 
-  // An utterance takes audio until it is ended; one at a time.
+  // Starts an utterance, which takes audio until it is ended. One at a time.
   void startUtterance();
-  // Only during an utterance. Works for about a tenth of the audio's duration.
+  // Decodes audio during an utterance. Takes about a tenth of the audio's duration.
   void process(std::span<const std::int16_t> samples);
   void endUtterance();
 
-  // Frames of speech (10 ms each) after which a voice is known, and the mean as good as it will be.
+  // Speech frames (10 ms each) after which the voice is known and the mean no longer improves.
   static constexpr std::int64_t framesToKnowVoice = 800;
-  // Whether the voice was known before the utterance began. If not, hearing the utterance again with what it
-  // has taught gives better words.
+  // Returns whether the voice was known before the utterance began. If not, decoding the utterance again with
+  // the mean it has taught gives better words.
   bool knowsVoice() const { return speechBeforeUtterance_ >= framesToKnowVoice; }
-  // Begins the utterance anew with all of its audio so far. Takes as long as process() for it.
+  // Restarts the utterance with all of its audio so far. Takes as long as process() for that audio.
   void hearAgain(std::span<const std::int16_t> utterance);
 
-  // What the decoder believes it has heard in the utterance so far or, after its end, at last.
+  // Returns the segments recognized so far in the utterance, or the final ones after its end.
   std::vector<DecodedSegment> segments() const;
 
  private:

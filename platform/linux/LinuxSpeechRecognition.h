@@ -1,5 +1,5 @@
-// Speech recognition on Linux: nobody is asked for permission, and a locale is served when its model is
-// installed.
+// Implements speech recognition on Linux. No permission is needed, and a locale is served when its
+// model is installed.
 #pragma once
 
 #include <filesystem>
@@ -15,14 +15,14 @@ class RecognitionEngines;
 // Recognizers may outlive it.
 class LinuxSpeechRecognition final : public SpeechRecognition {
  public:
-  // Models are looked for under `modelRoot`, a directory for each locale.
+  // Searches models under `modelRoot`, which has one directory per locale.
   explicit LinuxSpeechRecognition(std::filesystem::path modelRoot = systemModelRoot);
 
   AuthorizationStatus authorizationStatus() const override { return AuthorizationStatus::authorized; }
   void requestAuthorization(std::function<void(AuthorizationStatus)> handler) override {
     handler(AuthorizationStatus::authorized);
   }
-  // Every well-formed identifier is supported; see modelDirectoryName().
+  // Supports every well-formed identifier. See modelDirectoryName().
   std::unique_ptr<SpeechRecognizer> makeRecognizer(std::string_view localeIdentifier) override;
 
  private:

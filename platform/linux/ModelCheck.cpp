@@ -19,8 +19,8 @@
 
 #include "platform/linux/PocketSphinxHandles.h"
 
-// Every format here is little-endian, as the models are distributed; the library can swap bytes, but a model
-// for another byte order would be refused here.
+// All formats are checked as little-endian, as the models are distributed. The library can swap bytes, but a
+// big-endian model is rejected here.
 
 namespace palaver {
 
@@ -28,7 +28,7 @@ namespace {
 
 static_assert(std::endian::native == std::endian::little);
 
-// More than any file of a model has; guards against reading something else into memory.
+// Larger than any file of a model. Prevents reading anything else into memory.
 constexpr std::uintmax_t maxFileSize = std::uintmax_t{1} << 31;
 
 [[noreturn]] void fail(const std::filesystem::path& file, const std::string& reason) {
@@ -50,7 +50,7 @@ std::string readFile(const std::filesystem::path& file) {
   return contents;
 }
 
-// The contents of a binary file, taken from the front.
+// Reads a binary file from front to back.
 class Reader {
  public:
   Reader(const std::filesystem::path& file, std::string_view rest) : file_(file), rest_(rest) {}
@@ -74,7 +74,7 @@ class Reader {
     return value;
   }
 
-  // A size or count, which must lie in the given range.
+  // Reads a size or count that must lie in the given range.
   std::uint64_t count(std::uint32_t least, std::uint32_t most, const std::string& what) {
     const auto value = number<std::uint32_t>();
     require(value >= least && value <= most, what + " cannot be right");
@@ -96,22 +96,22 @@ Number at(std::string_view table, std::uint64_t offset) {
   return value;
 }
 
-// What one file of the acoustic model says that the others must fit.
+// Properties of the model definition that the other files must match.
 struct AcousticModel {
   std::vector<std::string> phones;
-  std::uint64_t states = 0;  // of a phone that emit
+  std::uint64_t states = 0;  // emitting states per phone
   std::uint64_t senones = 0;
   std::uint64_t transitionMatrices = 0;
 };
 
-// Limits of the library's types (16-bit senone and phone numbers) and of sense.
+// Limits of the library's types (16-bit senone and phone numbers) and plausible upper bounds.
 constexpr std::uint32_t maxPhones = 255;
 constexpr std::uint32_t maxTriphones = 10'000'000;
 constexpr std::uint32_t maxSenones = 65534;
 constexpr std::uint32_t maxStates = 16;
 
-// The model definition in its binary form: the phones, the triphones with their senones and transition
-// matrices, and a tree to find triphones in.
+// Checks the binary model definition: the phones, the triphones with their senones and transition matrices,
+// and the tree for finding triphones.
 AcousticModel checkModelDefinition(const std::filesystem::path& file) {
   const std::string contents = readFile(file);
   Reader reader(file, contents);
@@ -157,7 +157,7 @@ AcousticModel checkModelDefinition(const std::filesystem::path& file) {
     if (children == 0) {
       reader.require(target >= -1 && target < static_cast<std::int64_t>(triphoneCount), "its tree is broken");
     } else {
-      // Children lie behind their parent, so that no search goes round in circles.
+      // Children must follow their parent, so that no search loops.
       reader.require(
           target > static_cast<std::int64_t>(i) &&
               static_cast<std::uint64_t>(target) + static_cast<std::uint64_t>(children) <= treeSize,
@@ -187,8 +187,8 @@ AcousticModel checkModelDefinition(const std::filesystem::path& file) {
   return model;
 }
 
-// Opens a file of parameters: a text header, a byte-order mark, numbers of 32 bits, and a checksum of them.
-// Leaves the reader at the first number, with the checksum gone.
+// Opens a file of parameters: a text header, a byte-order mark, 32-bit numbers, and their checksum. Verifies
+// the checksum and returns a reader of the numbers.
 Reader openParameters(const std::filesystem::path& file, std::string_view contents) {
   constexpr std::string_view endOfHeader = "endhdr\n";
   Reader whole(file, contents);
@@ -249,7 +249,7 @@ void checkTransitionMatrices(const std::filesystem::path& file, const AcousticMo
   checkFinite(reader, matrices * from * to);
 }
 
-// The mixture weights as bytes, one row for each feature stream and density.
+// Checks the mixture weights: bytes, one row for each feature stream and density.
 void checkMixtureWeights(const std::filesystem::path& file, const AcousticModel& model,
                          const Dimensions& gaussians) {
   const std::string contents = readFile(file);
@@ -293,7 +293,7 @@ std::vector<std::string_view> split(std::string_view line) {
   }
 }
 
-// Calls handle(parts) for each line that is not blank. The last line has to be complete.
+// Calls handle(parts) for each line that is not blank. The last line must end with a line feed.
 template <typename Handle>
 void forEachLine(const std::filesystem::path& file, std::string_view contents, Handle handle) {
   if (!contents.ends_with('\n')) fail(file, "its last line is not complete");
@@ -304,7 +304,7 @@ void forEachLine(const std::filesystem::path& file, std::string_view contents, H
   }
 }
 
-// The parameters of the audio's features: names and values, of which only known ones may occur.
+// Checks the parameters of the audio's features: names and values. Only known names are accepted.
 void checkFeatureParameters(const std::filesystem::path& file, const Dimensions& gaussians) {
   const std::string contents = readFile(file);
   struct Range {
@@ -312,7 +312,7 @@ void checkFeatureParameters(const std::filesystem::path& file, const Dimensions&
     double least;
     double most;
   };
-  // Of the values the library allows, those that mean something at 16 kHz.
+  // The values allowed by the library that are meaningful at 16 kHz.
   static constexpr std::array ranges{
       Range{"-lowerf", 0, 7999},  Range{"-upperf", 1, 8000}, Range{"-nfilt", 13, 100},
       Range{"-lifter", 0, 100},   Range{"-ncep", 13, 13},    Range{"-alpha", 0, 1},
@@ -380,7 +380,7 @@ void checkFeatureParameters(const std::filesystem::path& file, const Dimensions&
 
 using Words = std::unordered_set<std::string_view>;
 
-// A dictionary: lines of a word and its phones.
+// Checks a dictionary: each line is a word and its phones.
 Words checkDictionary(const std::filesystem::path& file, std::string_view contents,
                       const AcousticModel& model) {
   const std::unordered_set<std::string_view> phones(model.phones.begin(), model.phones.end());
@@ -402,12 +402,12 @@ void checkFillers(const std::filesystem::path& file, const AcousticModel& model)
     if (!fillers.contains(filler)) fail(file, "a filler is missing");
 }
 
-// Bits of a packed table. Nine bytes from the first bit's on can be read.
+// Returns `count` (at most 57) bits of a packed table. Reads eight bytes from the first bit's byte on.
 std::uint64_t bitsAt(std::string_view table, std::uint64_t firstBit, unsigned int count) {
   return at<std::uint64_t>(table, firstBit / 8) >> (firstBit % 8) & ((std::uint64_t{1} << count) - 1);
 }
 
-// The n-gram model as a packed trie: single words, pairs, triples; the words at the end.
+// Checks the n-gram model, a packed trie: single words, pairs, triples, then the words' text.
 void checkLanguageModel(const std::filesystem::path& file, const Words& dictionary) {
   const std::string contents = readFile(file);
   Reader reader(file, contents);
@@ -415,7 +415,7 @@ void checkLanguageModel(const std::filesystem::path& file, const Words& dictiona
   constexpr std::uint64_t quantizationBytes = std::uint64_t{65536} * 4;
   constexpr unsigned int quantizedBits = 16;
   constexpr std::uint32_t maxEntries = 1U << 30;
-  constexpr std::uint64_t slack = 8;  // bytes behind each packed table
+  constexpr std::uint64_t slack = 8;  // bytes after each packed table
 
   reader.require(reader.bytes(title.size()) == title, "its header is unknown");
   const auto order = reader.number<std::uint8_t>();
@@ -430,7 +430,7 @@ void checkLanguageModel(const std::filesystem::path& file, const Words& dictiona
   for (std::uint64_t i = 0; i < quantized.size(); i += 4)
     reader.require(!std::isnan(at<float>(quantized, i)), "a value is not a number");
 
-  // Single words: (probability, back-off weight, first pair), and one more for where the pairs end.
+  // Single words: (probability, back-off weight, first pair), plus one entry that marks the end of the pairs.
   const auto singles = reader.bytes((counts[0] + 1) * 12);
   std::uint64_t previous = 0;
   for (std::uint64_t i = 0; i <= counts[0]; ++i) {
@@ -453,7 +453,8 @@ void checkLanguageModel(const std::filesystem::path& file, const Words& dictiona
     const auto nextBits = static_cast<unsigned int>(std::bit_width(counts[2]));
     const unsigned int pairBits = wordBits + 2 * quantizedBits + nextBits;
     const auto pairs = packed(counts[1], pairBits);
-    // Only the pairs that belong to a word are ever read, and the one behind them, where the triples end.
+    // The library reads only pairs that belong to a word, and the one after them, which marks the end
+    // of the triples.
     const std::uint64_t pairsUsed = previous;
     previous = 0;
     for (std::uint64_t i = 0; i <= pairsUsed; ++i) {
@@ -474,7 +475,7 @@ void checkLanguageModel(const std::filesystem::path& file, const Words& dictiona
   for (auto text = reader.rest(); !text.empty(); ++words) {
     const auto word = text.substr(0, text.find('\0'));
     text.remove_prefix(word.size() + 1);
-    // Every word of the model is spoken: a dictionary that lacks one has lost a part.
+    // Every word of the model is spoken, so a dictionary that lacks one is incomplete.
     if (!word.starts_with('<') && !dictionary.contains(word))
       fail(file, "its words are not those of the dictionary");
   }

@@ -1,4 +1,4 @@
-// Whether the files of a speech model are what they should be, found out before the library reads them.
+// Validates the files of a speech model before the library reads them.
 #pragma once
 
 #include "platform/linux/SpeechModelFiles.h"
@@ -6,9 +6,9 @@
 namespace palaver {
 
 // Reads every file of the model and checks its structure: headers, sizes, checksums where the format has
-// them, every index that one table holds into another, and the phones of every word. The library itself
-// believes its files: damaged ones make it crash, end the process, or hang. Takes about 0.1 s; any thread.
-// Throws PlatformError (domain "PocketSphinx", code modelDamaged) with the reason, naming the file.
+// them, every index from one table into another, and the phones of every word. The library itself does not
+// validate its files: damaged ones make it crash, end the process, or hang. Takes about 0.1 s. Any thread.
+// Throws PlatformError (domain "PocketSphinx", code modelDamaged) with the file's name and the reason.
 void checkModel(const SpeechModelFiles& files);
 
 }  // namespace palaver

@@ -1,4 +1,4 @@
-// Owning pointers to the library's objects, and the errors of the recognizer.
+// Declares owning pointers to the library's objects, and the recognizer's errors.
 #pragma once
 
 #include <memory>
@@ -15,10 +15,10 @@ namespace palaver {
 
 inline constexpr const char* pocketSphinxErrorDomain = "PocketSphinx";
 
-// The codes of errors in that domain. noSpeech is numbered as the speech framework of macOS numbers it.
+// Error codes of that domain. noSpeech has the number of the macOS speech framework.
 enum class RecognizerErrorCode : long {
-  modelDamaged = 1,      // a model file cannot be read or is not what it should be
-  engineFailed = 2,      // the library refused what should have worked
+  modelDamaged = 1,      // a model file is unreadable or malformed
+  engineFailed = 2,      // the library failed unexpectedly
   unsupportedAudio = 3,  // not 16 kHz mono 16-bit
   noSpeech = 1110,
 };

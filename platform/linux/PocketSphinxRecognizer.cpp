@@ -7,7 +7,7 @@
 
 namespace palaver {
 
-// The main thread's side of a channel: it lives as long as a recognizer, a request or a task of it.
+// Represents a channel on the main thread. Shared by the recognizer, its requests and its tasks.
 class PocketSphinxRecognizer::Channel {
  public:
   Channel(SpeechModelFiles files, std::shared_ptr<RecognitionEngines> engines)
@@ -20,7 +20,7 @@ class PocketSphinxRecognizer::Channel {
 
   const SpeechModelFiles& files() const { return files_; }
 
-  // The engine that serves the channel, from now on always the same.
+  // Returns the engine that serves the channel. Chosen by the first call and never changed.
   RecognitionEngine& engine() {
     if (!engine_) {
       engine_ = engines_->engineForNewChannel();
@@ -82,7 +82,7 @@ class PocketSphinxRecognizer::Request final : public RecognitionRequest {
  private:
   const std::shared_ptr<Channel> channel_;
   const std::shared_ptr<RecognitionJob> job_ = std::make_shared<RecognitionJob>();
-  bool isStarted_ = false;  // from then on the job is the engine's
+  bool isStarted_ = false;  // from then on the engine's thread owns the job
   bool isEnded_ = false;
 };
 

@@ -1,4 +1,4 @@
-// A recognizer on PocketSphinx, for one locale and one channel's audio.
+// Recognizes one locale in the audio of one channel, with PocketSphinx.
 #pragma once
 
 #include <memory>
@@ -10,12 +10,12 @@ namespace palaver {
 
 class RecognitionEngines;
 
-// Results and errors (domain "PocketSphinx", codes: RecognizerErrorCode) come on an engine thread. Text is in
-// lower case and without punctuation. The tasks of one recognizer are worked off one after another, in the
-// order of their start: it is one speaker's audio. A request that is destroyed ends its audio.
+// Results and errors (domain "PocketSphinx", codes: RecognizerErrorCode) arrive on an engine thread. Text is
+// in lower case and without punctuation. The tasks of one recognizer run one after the other in the order of
+// their start, because they are one speaker's audio. Destroying a request ends its audio.
 class PocketSphinxRecognizer final : public SpeechRecognizer {
  public:
-  // Cheap: nothing is loaded, and no thread started, before the first task.
+  // Cheap: the first task loads the model and starts the thread.
   PocketSphinxRecognizer(SpeechModelFiles files, std::shared_ptr<RecognitionEngines> engines);
 
   bool supportsOnDeviceRecognition() const override;

@@ -11,9 +11,9 @@ extern "C" {
 // Not declared in the library's headers.
 cst_lexicon* cmu_lex_init(void);
 
-// The lexicon's archive reaches the library's sound output and its fetching of remote voices. The helper has
-// no use for either, and statically they would draw in ALSA and the resolver: these definitions stand in for
-// them, so that the archive's own are never linked.
+// The lexicon's archive references the library's sound output and its download of remote voices. The helper
+// uses neither, and a static link would draw in ALSA and the resolver. These definitions replace them, so
+// that the archive's own are never linked.
 cst_audiodev* audio_open_alsa(unsigned int /*samplesPerSecond*/, int /*channels*/, cst_audiofmt /*format*/) {
   return nullptr;
 }
@@ -62,7 +62,7 @@ std::string pronunciation(std::string_view word) {
   const auto isSpoken = [](char c) { return (c >= 'a' && c <= 'z') || c == '\''; };
   if (word.empty() || !std::ranges::all_of(word, isSpoken)) return {};
 
-  static std::mutex lock;  // the library keeps the lexicon in a global without a lock
+  static std::mutex lock;  // the library keeps the lexicon in an unlocked global
   const std::lock_guard guard(lock);
   static cst_lexicon* const lexicon = cmu_lex_init();
   const std::unique_ptr<cst_val, ValueRelease> phones(

@@ -21,15 +21,15 @@ namespace palaver {
 
 namespace {
 
-// The audio of one step, frames.
+// Audio of one step, frames.
 constexpr std::uint32_t framesPerStep = modelSampleRate / 10;
 
 bool hasAudio(const RecognitionJob& job) {
   return job.buffersDone < job.audio.size();
 }
 
-// The next frames of the task's audio, at most framesPerStep of them and from one buffer. Valid until the
-// next call.
+// Returns the next frames of the task's audio, at most framesPerStep and from one buffer. Valid until
+// the next call.
 std::span<const std::int16_t> nextFrames(RecognitionJob& job) {
   const PCMBuffer& buffer = *job.audio[job.buffersDone];
   const AudioFormat& format = buffer.format();
@@ -60,7 +60,7 @@ void answer(const RecognitionJob& job, std::optional<RecognitionResult> result,
   try {
     job.handler(std::move(result), std::move(error));
   } catch (...) {
-    // A handler has nobody to report to; the thread and the other channels go on.
+    // There is no caller to report to. The thread and the other channels continue.
   }
 }
 
@@ -86,14 +86,14 @@ class RecognitionEngine::Worker {
       receive();
       for (auto channel = channels_.begin(); channel != channels_.end() && !stopping_;)
         channel = step(channel->second) ? channels_.erase(channel) : std::next(channel);
-      if (std::exchange(hasFreed_, false)) malloc_trim(0);  // else the memory would stay with the process
+      if (std::exchange(hasFreed_, false)) malloc_trim(0);  // otherwise the process would keep the memory
     }
     channels_.clear();
   }
 
   std::thread thread;
 
-  // The rest is for the engine's thread.
+  // The functions below run on the engine's thread.
 
   void open(ChannelID id, const SpeechModelFiles& files) { channels_.try_emplace(id, files); }
 
@@ -117,13 +117,13 @@ class RecognitionEngine::Worker {
     SpeechModelFiles files;
     std::unique_ptr<Decoder> decoder;
     std::unique_ptr<Transcription> transcription;  // of the first job
-    std::string reportedText;                      // of its newest partial result
+    std::string reportedText;                      // of the job's newest partial result
     std::deque<std::shared_ptr<RecognitionJob>> jobs;
     bool isClosed = false;
   };
   using Channels = std::map<ChannelID, Channel>;
 
-  // Waits for messages unless there is work, then handles all that have come.
+  // Waits for messages unless there is work, then handles all that have arrived.
   void receive() {
     std::vector<UniqueFunction<void()>> received;
     {
@@ -135,14 +135,14 @@ class RecognitionEngine::Worker {
     for (auto& message : received) message();
   }
 
-  // One step of a channel's work. Whether the channel is to go.
+  // Runs one step of a channel's work. Returns whether the channel is finished and should be erased.
   bool step(Channel& channel) {
     dropCancelled(channel);
     if (channel.jobs.empty()) {
       if (channel.isClosed && channel.decoder) hasFreed_ = true;
       return channel.isClosed;
     }
-    // The handler may let go of whatever it likes.
+    // Keeps the job alive: its handler may release any object.
     const std::shared_ptr<RecognitionJob> job = channel.jobs.front();
     std::optional<PlatformError> error;
     try {
@@ -155,7 +155,7 @@ class RecognitionEngine::Worker {
     }
     if (error) {
       endJob(channel);
-      channel.decoder.reset();  // it may be in any state
+      channel.decoder.reset();  // its state is undefined after an error
       hasFreed_ = true;
       answer(*job, std::nullopt, std::move(error));
       job->handler = nullptr;
@@ -222,7 +222,8 @@ class RecognitionEngine::Worker {
     job->handler = nullptr;
   }
 
-  // Kept by its decoders; loaded again when there are none, or when other files have been installed.
+  // Returns the language model. Decoders share ownership of it. Loads it again when no decoder holds it or
+  // when other files have been installed.
   std::shared_ptr<const BaseLanguageModel> languageModel(const SpeechModelFiles& files) {
     auto& known = languageModels_[files.languageModel.string()];
     auto model = known.lock();
@@ -236,7 +237,7 @@ class RecognitionEngine::Worker {
   std::vector<UniqueFunction<void()>> messages_;
   std::atomic<bool> stopping_ = false;
 
-  // For the engine's thread.
+  // The members below belong to the engine's thread.
   Channels channels_;
   std::map<std::string, std::weak_ptr<const BaseLanguageModel>> languageModels_;
   bool hasWork_ = false;
@@ -249,7 +250,7 @@ RecognitionEngine::RecognitionEngine() : worker_(std::make_shared<Worker>()) {
 
 RecognitionEngine::~RecognitionEngine() {
   worker_->stop();
-  // A handler may own the last reference to a recognizer and with it to this.
+  // A handler may own the last reference to a recognizer, and thereby to this engine.
   if (worker_->thread.get_id() == std::this_thread::get_id()) {
     worker_->thread.detach();
   } else {

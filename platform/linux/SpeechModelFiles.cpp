@@ -10,7 +10,7 @@ namespace palaver {
 
 namespace {
 
-// Not <cctype>: identifiers are ASCII, whatever the process's locale is.
+// Not <cctype>: identifiers are ASCII, independent of the process's locale.
 constexpr bool isLetter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }

@@ -1,4 +1,4 @@
-// Where the files of an installed speech model are.
+// Locates the files of an installed speech model.
 #pragma once
 
 #include <filesystem>
@@ -9,15 +9,15 @@
 
 namespace palaver {
 
-// Where Debian's packages (pocketsphinx-en-us) put models: one directory per locale.
+// Install path of Debian's packages (pocketsphinx-en-us), with one directory per locale.
 inline constexpr const char* systemModelRoot = "/usr/share/pocketsphinx/model";
 
-// The directory of a locale's model: the identifier in lower case with a hyphen, "en-us" for "en-US" and
-// "en_US". None when the identifier is not of the form language or language-REGION (two or three letters; two
-// letters or three digits).
+// Returns the directory of a locale's model: the identifier in lower case with a hyphen, "en-us" for "en-US"
+// and "en_US". Returns none when the identifier is not of the form language or language-REGION (two or three
+// letters, then two letters or three digits).
 std::optional<std::string> modelDirectoryName(std::string_view localeIdentifier);
 
-// The files of one locale's model, named as Debian names them. Any thread.
+// Names the files of one locale's model as Debian does. Any thread.
 struct SpeechModelFiles {
   SpeechModelFiles(const std::filesystem::path& root, const std::string& directoryName);
 
@@ -27,13 +27,14 @@ struct SpeechModelFiles {
 
   std::filesystem::path acoustic(std::string_view name) const { return acousticModel / name; }
 
-  // Every file that a recognizer reads.
+  // Returns every file that a recognizer reads.
   std::vector<std::filesystem::path> all() const;
 
-  // Differs when one of the files has been replaced or changed.
+  // Returns a text that differs when one of the files has been replaced or changed.
   std::string fingerprint() const;
 
-  // Whether all files are there; what is in them is checked when they are loaded. A few calls of stat.
+  // Returns whether all files exist. Their content is checked when they are loaded. Costs a few
+  // calls of stat.
   bool areInstalled() const;
 };
 

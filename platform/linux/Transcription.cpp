@@ -26,7 +26,7 @@ Transcription::~Transcription() {
   try {
     decoder_.endUtterance();
   } catch (const PlatformError&) {
-    // Whoever destroys an unfinished transcription does not want its text.
+    // The text of an unfinished transcription is not needed.
   }
 }
 
@@ -47,7 +47,7 @@ void Transcription::process(std::span<const std::int16_t> samples) {
   cutIfLong();
 }
 
-// Gives the decoder the audio from that sample on, which must be kept still.
+// Starts an utterance with the audio from `sample` on, which must still be in newest_.
 void Transcription::startUtterance(std::int64_t sample) {
   utteranceStart_ = sample;
   decoder_.startUtterance();
@@ -55,7 +55,7 @@ void Transcription::startUtterance(std::int64_t sample) {
   decoder_.process(audioFrom(sample));
 }
 
-// What was received from that sample on, which must be kept still.
+// Returns the audio received from `sample` on, which must still be in newest_.
 std::vector<std::int16_t> Transcription::audioFrom(std::int64_t sample) const {
   return {newest_.end() - (received_ - sample), newest_.end()};
 }
@@ -103,8 +103,8 @@ void Transcription::cutIfLong() {
   }
 }
 
-// The middle of the longest pause in the audio that can be given again; before the newest word where there is
-// no pause.
+// Returns the middle of the longest gap between words in the kept audio, or the start of that audio if
+// it has none.
 std::int64_t Transcription::placeToCut() const {
   const std::int64_t earliest = received_ - std::ssize(newest_);
   std::int64_t place = earliest;
@@ -112,7 +112,7 @@ std::int64_t Transcription::placeToCut() const {
   for (std::size_t i = 0; i < current_.size(); ++i) {
     const std::int64_t from = current_[i].endSample;
     const std::int64_t to = i + 1 < current_.size() ? current_[i + 1].startSample : received_;
-    // Without a pause at its end the newest word may still be growing.
+    // Without a pause after it, the newest word may still be growing.
     if (i + 1 == current_.size() && to - from < pauseLength) break;
     if (from < earliest || to - from < longest) continue;
     longest = to - from;

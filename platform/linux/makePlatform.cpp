@@ -50,8 +50,8 @@ struct LinuxPlatform {
 
 Platform& makePlatform(int argumentCount, char** arguments) {
   prepareStandardStreams();
-  // A fixed threshold keeps blocks of input in mappings of their own, which go back to the system when they
-  // are freed; the library's default raises it after the first large block.
+  // A fixed threshold keeps input blocks in their own mappings, which return to the system when freed. The
+  // library's default raises it after the first large block.
   mallopt(M_MMAP_THRESHOLD, 128 << 10);
   static LinuxPlatform linuxPlatform(argumentCount, arguments);
   return linuxPlatform.platform;
