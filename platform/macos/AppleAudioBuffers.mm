@@ -10,7 +10,7 @@ namespace palaver {
 
 std::optional<AudioFormat> AppleAudioBuffers::makeFormat(CommonFormat commonFormat, double sampleRate,
                                                          std::uint32_t channels, bool interleaved) {
-  // Not left to the system: what it makes of such a format is not documented.
+  // Checked here, because it is not documented what the system does with such a format.
   if (bytesPerSample(commonFormat) == 0 || !(sampleRate > 0) || channels == 0) return std::nullopt;
   const AutoreleasePool pool;
   AVAudioFormat* const format = toAVAudioFormat({commonFormat, sampleRate, channels, interleaved});

@@ -1,4 +1,4 @@
-// AVAudioConverter.
+// Implements the contract with AVAudioConverter.
 #pragma once
 
 #include "platform/AudioConverter.h"

@@ -56,8 +56,7 @@ class AppleAudioConverter final : public AudioConverter {
   }
 
  private:
-  // The caller's block, and what went wrong in it: no exception of C++ may pass through the system's
-  // functions.
+  // Holds the caller's block and its errors. No C++ exception may pass through the system's functions.
   struct Input {
     const InputBlock& ask;
     std::exception_ptr thrown = nullptr;
@@ -75,8 +74,8 @@ class AppleAudioConverter final : public AudioConverter {
               *status = AVAudioConverterInputStatus_EndOfStream;
             return nil;
           }
-          // To the converter below AVAudioConverter, data of no frames is the end of the stream.
-          // Source: Apple's documentation of AudioConverterComplexInputDataProc.
+          // The converter below AVAudioConverter takes data of 0 frames as the end of the stream. Source:
+          // Apple's documentation of AudioConverterComplexInputDataProc.
           if (buffer->frameLength() == 0) continue;
           AVAudioFormat* const format = toAVAudioFormat(buffer->format());
           AVAudioPCMBuffer* const wrapped = wrap(std::move(buffer), format);

@@ -1,11 +1,11 @@
-// AVAudioFile.
+// Implements the contract with AVAudioFile.
 #pragma once
 
 #include "platform/AudioFile.h"
 
 namespace palaver {
 
-// The system chooses the format by the extension of the file's name.
+// The system selects the file format by the extension of the file's name.
 class AppleAudioFiles final : public AudioFiles {
  public:
   std::unique_ptr<AudioFile> openForReading(const std::string& path) override;

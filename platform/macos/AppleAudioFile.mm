@@ -29,7 +29,7 @@ class AppleAudioFile final : public AudioFile {
     buffer.setFrameLength(0);
     if (buffer.format() != format_)
       throw PlatformError("PalaverSTT", -1, "The buffer has another format than the sound file");
-    // A read exactly at the end fails, and without an error.
+    // A read exactly at the end fails without an error.
     if (buffer.frameCapacity() == 0 || file_.framePosition >= file_.length) return;
 
     NSError* error = nil;

@@ -83,7 +83,7 @@ class AppleSpeechAnalysis::Transcriber final : public SpeechTranscriber {
     if (results_) speechBridgeCancelResults(results_.get());
   }
 
-  // Starts reading, unless that has been done.
+  // Starts reading. Does nothing when reading has already started.
   void read() {
     const std::lock_guard guard(lock_);
     if (!results_)
@@ -111,7 +111,7 @@ class AppleSpeechAnalysis::Transcriber final : public SpeechTranscriber {
   Handle<SpeechBridgeResults> results_;
 };
 
-// What an analyzer and its input know of each other; they may be used by two threads.
+// Holds the state that an analyzer and its input share. They may be used by two threads.
 class AppleSpeechAnalysis::Feed {
  public:
   void prepare(const AudioFormat& format) {
@@ -119,8 +119,8 @@ class AppleSpeechAnalysis::Feed {
     format_ = format;
   }
 
-  // Whether a buffer is to be fed, and if so, that it is. `format`: the analyzer's own way to say it. Throws
-  // std::invalid_argument.
+  // Returns whether a buffer should be fed. If so, records that audio was fed and sets `format` to the
+  // analyzer's own form of the buffer's format. Throws std::invalid_argument.
   bool take(const PCMBuffer& buffer, AudioFormat& format) {
     const std::lock_guard guard(lock_);
     if (isFinished_ || buffer.frameLength() == 0) return false;
@@ -131,7 +131,7 @@ class AppleSpeechAnalysis::Feed {
     return true;
   }
 
-  // Returns whether this is the first time.
+  // Returns true for the first call only.
   bool finish() {
     const std::lock_guard guard(lock_);
     return !std::exchange(isFinished_, true);
@@ -190,7 +190,7 @@ class AppleSpeechAnalysis::Analyzer final : public SpeechAnalyzer {
   void prepareToAnalyze(const AudioFormat& format, FallibleCompletion completion) override {
     feed_->prepare(format);
     const auto wanted = bridged(format);
-    // Who asked is told at once, as nobody knows how long the cancellation takes.
+    // Completes immediately, because the cancellation may take any time.
     FallibleCompletion cancelOnFailure = [analyzer = analyzer_, pending = pending_,
                                           completion = std::move(completion)](auto error) {
       if (error) cancel(*analyzer, *pending, [] {});

@@ -1,4 +1,4 @@
-// Speech analysis by SpeechAnalyzer of macOS 26.
+// Implements speech analysis with SpeechAnalyzer of macOS 26.
 #pragma once
 
 #include <memory>
@@ -12,16 +12,16 @@ namespace palaver {
 
 class PendingAnswers;
 
-// Only for macOS 26 or later; before it only isTranscriberAvailable() may be called. As thin as the framework
-// lets it be. What it adds:
-// - The results are read from the moment an analyzer is made, for those that nobody reads are lost.
-// - An analyzer that was never fed is cancelled when it is to finish: finalizing may never return then.
-// - An analyzer whose preparation fails is cancelled, for it would go on counting against the few that the
-//   system allows at once.
-// - Only audio in the format that the analyzer was prepared for is fed: other sample types end the process.
+// Requires macOS 26 or later. Before that only isTranscriberAvailable() may be called. A thin wrapper of the
+// framework, which adds:
+// - Results are read as soon as an analyzer is created, because results without a reader are lost.
+// - An analyzer that was never fed is cancelled instead of finalized: finalizing might never return.
+// - An analyzer whose preparation fails is cancelled. Otherwise it would keep counting against the few that
+//   the system allows at the same time.
+// - Audio is fed only in the format that the analyzer was prepared for: other sample types end the process.
 //
-// Completions are called on threads of Swift. They are destroyed with this object; an operation that answers
-// later still is harmless.
+// Completions are called on Swift threads. They are destroyed with this object. An operation may complete
+// later without harm.
 class AppleSpeechAnalysis final : public SpeechAnalysis, public AssetInventory {
  public:
   AppleSpeechAnalysis();

@@ -1,7 +1,7 @@
-// SFSpeechRecognizer, its requests, tasks and results, and the permission for it.
+// Implements the contract with SFSpeechRecognizer, its requests, tasks and results, and its permission.
 //
-// Threads: as the contract has it. Results come on the main thread, from the main dispatch queue, which is
-// where SFSpeechRecognizer delivers them unless told otherwise.
+// Threads: as in the contract. Results arrive on the main thread from the main dispatch queue, the
+// default of SFSpeechRecognizer.
 #pragma once
 
 #include "platform/SpeechRecognition.h"
@@ -12,12 +12,12 @@ class AppleSpeechRecognition final : public SpeechRecognition {
  public:
   AuthorizationStatus authorizationStatus() const override;
 
-  // Ends the process when the program has no NSSpeechRecognitionUsageDescription. The answer comes on a
+  // Ends the process when the program has no NSSpeechRecognitionUsageDescription. The answer arrives on a
   // thread of the system's choice.
   void requestAuthorization(std::function<void(AuthorizationStatus)> handler) override;
 
-  // The system may serve a locale close to the one asked for. Each recognizer costs the system something that
-  // it does not give back: make one and keep it. Source: public reports of such a leak.
+  // The system may serve a locale close to the requested one. Create one recognizer and keep it, because each
+  // one may leak system resources (unverified).
   std::unique_ptr<SpeechRecognizer> makeRecognizer(std::string_view localeIdentifier) override;
 };
 

@@ -25,11 +25,11 @@ RecognitionResult toRecognitionResult(SFSpeechRecognitionResult* result) {
   return converted;
 }
 
-// One request with its task: shared by the handles of both and by the block that hears the results. The
-// system itself keeps a task and its recognizer until the task has ended. Main thread.
+// Represents one request with its task. Shared by both handles and by the block that receives the results.
+// The system itself keeps a task and its recognizer alive until the task has ended. Main thread.
 class Recognition : public std::enable_shared_from_this<Recognition> {
  public:
-  // Nil when the task could not be started; the handler hears why.
+  // Starts the task. Returns nil when it could not be started, which the handler reports.
   SFSpeechRecognitionTask* begin(SFSpeechRecognizer* recognizer,
                                  SFSpeechAudioBufferRecognitionRequest* request, ResultHandler handler) {
     handler_ = std::move(handler);
@@ -51,14 +51,14 @@ class Recognition : public std::enable_shared_from_this<Recognition> {
     return task;
   }
 
-  // The recognition cannot go on: its handler hears why, and nothing after it.
+  // Fails the recognition. The handler gets the error, and nothing after it.
   void fail(const PlatformError& error) {
     if (failure_ || hasEnded_) return;
     failure_ = error;
     if (handler_) answerFailure();
   }
 
-  // From now on a failure interests nobody.
+  // Ignores later failures.
   void end() { hasEnded_ = true; }
 
  private:
@@ -72,7 +72,7 @@ class Recognition : public std::enable_shared_from_this<Recognition> {
     handler_(std::move(heard), std::move(failure));
   }
 
-  // In the way in which the system gives its own errors. The task, if there is one, is given up.
+  // Reports the failure like the system reports its own errors. Cancels the task, if there is one.
   void answerFailure() {
     const auto self = shared_from_this();
     dispatch_async(dispatch_get_main_queue(), ^{
@@ -115,7 +115,7 @@ class AppleRecognitionRequest final : public RecognitionRequest {
     [request_ endAudio];
   }
 
-  // None when the request has had its task: a second one would raise an exception.
+  // Returns none when the request already has a task: a second one would raise an exception.
   std::shared_ptr<Recognition> takeRecognition() {
     return std::exchange(hasTask_, true) ? nullptr : recognition_;
   }
@@ -130,7 +130,7 @@ class AppleRecognitionRequest final : public RecognitionRequest {
 
 class AppleRecognitionTask final : public RecognitionTask {
  public:
-  // The task may be nil.
+  // `task` may be nil.
   AppleRecognitionTask(SFSpeechRecognitionTask* task, std::shared_ptr<Recognition> recognition)
       : task_(task), recognition_(std::move(recognition)) {}
 

@@ -1,5 +1,5 @@
-// Audio formats and buffers, between AVFAudio and the contracts. For Objective-C++ with ARC. Any thread; with
-// a pool in place.
+// Converts audio formats and buffers between AVFAudio and the contracts. For Objective-C++ with ARC. Any
+// thread, inside an autorelease pool.
 #pragma once
 
 #import <AVFAudio/AVFAudio.h>
@@ -10,19 +10,19 @@
 
 namespace palaver {
 
-// Nil when the system has no such format; it has none of more than two channels.
+// Returns nil when the system has no such format. It has none of more than two channels.
 AVAudioFormat* toAVAudioFormat(const AudioFormat& format);
 
 AudioFormat toAudioFormat(AVAudioFormat* format);
 
-// A buffer of the system over the samples of ours, which are not copied. Ours is kept until the system lets
-// go of its own, which must not be written to. Of `format`, which must lay out the samples as the buffer's
-// own does. Nil for a buffer without samples of 16-bit integers or 32-bit floats, or without room for any.
-// Raises what the system raises.
+// Creates a system buffer over our samples, without copying them. Keeps our buffer until the system releases
+// its own, which must not be written to. `format` must have the same sample layout as the buffer's own
+// format. Returns nil for a buffer without 16-bit integer or 32-bit float samples, or of capacity 0. Raises
+// the system's exceptions.
 AVAudioPCMBuffer* wrap(std::shared_ptr<const PCMBuffer> buffer, AVAudioFormat* format);
 
-// The same over a buffer of the caller's, to be written to; only for as long as that one lives. Its frame
-// length is 0, whatever the buffer's.
+// Like wrap(), but writable, and over a buffer that the caller keeps alive. Its frame length is 0,
+// independent of the buffer's.
 AVAudioPCMBuffer* borrow(PCMBuffer& buffer, AVAudioFormat* format);
 
 }  // namespace palaver

@@ -8,7 +8,7 @@ namespace palaver {
 
 namespace {
 
-// What the system refers to while it uses a buffer of ours.
+// Owns the data that the system refers to while it uses one of our buffers.
 class WrappedSamples {
  public:
   explicit WrappedSamples(std::shared_ptr<const PCMBuffer> buffer) : buffer_(std::move(buffer)) {
@@ -27,7 +27,7 @@ class WrappedSamples {
   AudioBufferList* list() { return reinterpret_cast<AudioBufferList*>(memory_.data()); }
 
  private:
-  // The system takes samples as variable, also those that it only reads.
+  // The system requires non-const samples, even if it only reads them.
   void* samples(std::uint32_t channel) const {
     auto& buffer = const_cast<PCMBuffer&>(*buffer_);
     if (auto* const whole = buffer.int16ChannelData(channel)) return whole;
@@ -35,7 +35,7 @@ class WrappedSamples {
   }
 
   std::shared_ptr<const PCMBuffer> buffer_;
-  std::vector<std::byte> memory_;  // of an AudioBufferList, whose length varies
+  std::vector<std::byte> memory_;  // an AudioBufferList, whose length varies
 };
 
 }  // namespace
@@ -57,7 +57,7 @@ AVAudioPCMBuffer* wrap(std::shared_ptr<const PCMBuffer> buffer, AVAudioFormat* f
   if (!buffer->int16ChannelData() && !buffer->floatChannelData()) return nil;
   const auto frames = buffer->frameLength();
   const auto samples = std::make_shared<WrappedSamples>(std::move(buffer));
-  // The system lets go of the block, and so of the samples, when it has called it.
+  // After calling the block, the system releases it and thereby the samples.
   AVAudioPCMBuffer* const wrapped = [[AVAudioPCMBuffer alloc] initWithPCMFormat:format
                                                                bufferListNoCopy:samples->list()
                                                                     deallocator:^(const AudioBufferList*) {

@@ -1,19 +1,20 @@
-// An autorelease pool for plain C++.
+// Provides an autorelease pool for plain C++.
 #pragma once
 
 extern "C" {
 
-// Of the Objective-C runtime (https://clang.llvm.org/docs/AutomaticReferenceCounting.html#runtime-support).
-// Weak, for programs without one.
+// Functions of the Objective-C runtime
+// (https://clang.llvm.org/docs/AutomaticReferenceCounting.html#runtime-support). Weak, for programs
+// without that runtime.
 [[gnu::weak]] void* objc_autoreleasePoolPush();
 [[gnu::weak]] void objc_autoreleasePoolPop(void* pool);
 }
 
 namespace palaver {
 
-// What Objective-C code autoreleases on this thread while a pool lives is released at the pool's end; without
-// one it would be kept for as long as the thread lives. Pools of a thread end in the reverse order of their
-// making.
+// Releases at its end everything that Objective-C code autoreleased on this thread during its lifetime.
+// Without a pool those objects would live as long as the thread. Pools of a thread must end in the reverse
+// order of their creation.
 class AutoreleasePool {
  public:
   AutoreleasePool() : pool_(objc_autoreleasePoolPush ? objc_autoreleasePoolPush() : nullptr) {}

@@ -1,5 +1,5 @@
-// Texts and errors, between Foundation and the contracts. For Objective-C++ with ARC. Any thread; with a pool
-// in place.
+// Converts texts and errors between Foundation and the contracts. For Objective-C++ with ARC. Any thread,
+// inside an autorelease pool.
 #pragma once
 
 #import <Foundation/Foundation.h>
@@ -11,17 +11,17 @@
 
 namespace palaver {
 
-// Never nil. Bytes that are not UTF-8 are taken for Latin-1, which every sequence of bytes is.
+// Never returns nil. Decodes bytes that are not UTF-8 as Latin-1, which accepts every byte sequence.
 NSString* toNSString(std::string_view text);
 
-// In UTF-8. A text that has no such form (half a surrogate pair) reads as one replacement character; nil is
-// empty.
+// Returns UTF-8. A text that has no UTF-8 form (half a surrogate pair) becomes one replacement character. Nil
+// becomes an empty text.
 std::string toString(NSString* text);
 
-// With the domain, the code and the localized description.
+// Keeps the domain, the code and the localized description.
 PlatformError toPlatformError(NSError* error);
 
-// With the exception's name as the domain, and its reason.
+// Uses the exception's name as the domain and its reason as the description.
 PlatformError toPlatformError(NSException* exception);
 
 }  // namespace palaver

@@ -1,4 +1,4 @@
-// The process on macOS: a POSIX process that knows the version of its system.
+// Implements a POSIX process that knows its macOS version.
 #pragma once
 
 #include "platform/posix/POSIXProcess.h"

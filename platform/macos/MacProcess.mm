@@ -14,8 +14,8 @@ OperatingSystemVersion systemVersion() {
   const AutoreleasePool pool;
   const NSOperatingSystemVersion version = NSProcessInfo.processInfo.operatingSystemVersion;
   auto major = static_cast<int>(version.majorVersion);
-  // After 15 came 26. A system of 26 or later calls itself 16 and so on to programs of older SDKs and under
-  // SYSTEM_VERSION_COMPAT=1.
+  // macOS 26 followed macOS 15. To programs built with older SDKs and under SYSTEM_VERSION_COMPAT=1, a system
+  // of 26 or later reports itself as 16 and so on.
   constexpr int lastOfOldNumbers = 15, skipped = 10;
   if (major > lastOfOldNumbers && major <= lastOfOldNumbers + skipped) major += skipped;
   return {major, static_cast<int>(version.minorVersion), static_cast<int>(version.patchVersion)};

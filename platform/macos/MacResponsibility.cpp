@@ -1,4 +1,4 @@
-// Responsibility as macOS has it, of the system that runs and of the main bundle.
+// Implements Responsibility for the running macOS and the main bundle.
 #include <CoreFoundation/CoreFoundation.h>
 #include <dlfcn.h>
 #include <sys/param.h>
@@ -13,7 +13,7 @@ namespace {
 
 class MacResponsibility final : public Responsibility {
  public:
-  // Looked up at run time: the function is private, and the helper is to start where there is none.
+  // Looked up at run time: the function is private, and the helper must also start where it is missing.
   SetDisclaim findSetDisclaim() const override {
     return reinterpret_cast<SetDisclaim>(::dlsym(RTLD_DEFAULT, "responsibility_spawnattrs_setdisclaim"));
   }

@@ -20,7 +20,7 @@ std::unique_ptr<PendingAnswers::Completion> PendingAnswers::remove(void* context
     const std::lock_guard guard(operation->lock);
     owner = operation->owner;
   }
-  // Out of the set first, so that abandon() does not touch what is deleted here.
+  // Erased from the set first, so that abandon() does not touch the operation deleted here.
   const std::scoped_lock guard(owner->lock_, operation->lock);
   owner->operations_.erase(operation.get());
   return std::move(operation->completion);

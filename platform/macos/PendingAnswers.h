@@ -1,5 +1,4 @@
-// Completions that wait while an operation is under way in the system's own world, where only a plain pointer
-// can be sent along.
+// Keeps completions while an operation runs in code to which only a plain pointer can be passed.
 #pragma once
 
 #include <cassert>
@@ -12,17 +11,18 @@
 
 namespace palaver {
 
-// Any thread. Completions are destroyed without a lock held, as that may do anything.
+// Any thread. Completions are destroyed without a lock held, because their destructors may call anything.
 class PendingAnswers : public std::enable_shared_from_this<PendingAnswers> {
  public:
-  // Keeps a completion. What is returned goes along with the operation, and comes back by take().
+  // Keeps a completion. Pass the returned pointer to the operation, and then to take().
   template <typename... Values>
   void* keep(UniqueFunction<void(Values...)> completion) {
     return add(std::make_unique<Held<Values...>>(std::move(completion)));
   }
 
-  // The completion of a pointer that keep() gave, of the same type: exactly once for each, also when the
-  // operation answers later than all else has gone. Empty when it has been abandoned.
+  // Returns the completion for a pointer returned by keep(), which must have the same type. Call exactly once
+  // per pointer, also when the operation completes after everything else has been destroyed. Returns an empty
+  // function when the completion has been abandoned.
   template <typename... Values>
   static UniqueFunction<void(Values...)> take(void* context) {
     const auto completion = remove(context);
@@ -32,16 +32,16 @@ class PendingAnswers : public std::enable_shared_from_this<PendingAnswers> {
     return std::move(held->completion);
   }
 
-  // Calls the completion of a pointer that keep() gave, unless it has been abandoned.
+  // Calls the completion for a pointer returned by keep(), unless it has been abandoned.
   template <typename... Values>
   static void answer(void* context, Values... values) {
     if (const auto completion = take<Values...>(context)) completion(std::move(values)...);
   }
 
-  // Destroys the completion of a pointer that keep() gave, in place of take().
+  // Destroys the completion for a pointer returned by keep(). Use instead of take().
   static void drop(void* context) { remove(context); }
 
-  // Destroys all completions, now and in future.
+  // Destroys all completions, including those kept later.
   void abandon();
 
  private:
@@ -60,7 +60,7 @@ class PendingAnswers : public std::enable_shared_from_this<PendingAnswers> {
 
   // Deleted by remove(), which comes for each of them, or never: then the operation still has the pointer.
   struct Operation {
-    // Guards what follows. The pointer crosses threads through code that orders nothing for us.
+    // Guards the members below. The pointer crosses threads through code that establishes no memory order.
     std::mutex lock;
     std::shared_ptr<PendingAnswers> owner;
     std::unique_ptr<Completion> completion;

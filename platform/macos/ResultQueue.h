@@ -1,4 +1,4 @@
-// What a transcriber has emitted and nobody has read yet.
+// Queues the results of a transcriber until they are read.
 #pragma once
 
 #include <deque>
@@ -12,12 +12,12 @@
 
 namespace palaver {
 
-// The system pushes results; the contract asks for them one by one. Any thread; readers are called without a
-// lock held.
+// The system pushes results, while the contract reads them one by one. Any thread. Readers are called without
+// a lock held.
 class ResultQueue : public std::enable_shared_from_this<ResultQueue> {
  public:
   explicit ResultQueue(std::shared_ptr<PendingAnswers> pending) : pending_(std::move(pending)) {}
-  // A reader that still waits is let go.
+  // Destroys a waiting reader's completion.
   ~ResultQueue();
   ResultQueue(const ResultQueue&) = delete;
   ResultQueue& operator=(const ResultQueue&) = delete;
@@ -25,19 +25,19 @@ class ResultQueue : public std::enable_shared_from_this<ResultQueue> {
   // Answers with the oldest result, as soon as there is one, and behind the last one with how they ended.
   void next(UniqueFunction<void(NextResult)> completion);
 
-  // Keeps the queue for whoever is going to push results, and is known by this pointer only, until
-  // takeBack().
+  // Returns a pointer to pass to the system, which pushes results through it. Keeps the queue
+  // alive until takeBack().
   void* lend();
   static std::shared_ptr<ResultQueue> takeBack(void* context);
   static ResultQueue& lent(void* context) { return *static_cast<ResultQueue*>(context); }
 
-  // Adds a result. Dropped after the end.
+  // Appends a result. Dropped after the end.
   void push(TranscriptionResult result);
 
-  // No more results: `last` is what follows those that wait. Only the first end counts.
+  // Ends the results: `last` follows the queued ones. Only the first end counts.
   void end(NextResult last);
 
-  // Drops what waits, and answers ResultsCancelled from now on, whatever the end was.
+  // Drops the queued results. All later reads complete with ResultsCancelled, regardless of the end.
   void cancel();
 
  private:
@@ -48,7 +48,7 @@ class ResultQueue : public std::enable_shared_from_this<ResultQueue> {
   std::deque<NextResult> results_;
   std::optional<NextResult> end_;
   void* reader_ = nullptr;             // kept by pending_
-  std::shared_ptr<ResultQueue> lent_;  // this
+  std::shared_ptr<ResultQueue> lent_;  // keeps this alive while lent
 };
 
 }  // namespace palaver

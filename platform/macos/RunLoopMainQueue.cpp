@@ -11,7 +11,7 @@ namespace palaver {
 
 namespace {
 
-// As good as for ever: 30 years.
+// Practically forever: 30 years.
 constexpr CFTimeInterval longTime = 1e9;
 
 CFRunLoopSourceRef makeIdleSource() {
@@ -28,7 +28,7 @@ RunLoopMainQueue::RunLoopMainQueue()
   assert(CFRunLoopGetCurrent() == loop_);
   // The dispatch main queue is served in common modes only.
   CFRunLoopAddCommonMode(loop_, mode_.get());
-  // A mode in which nothing can ever happen is left at once. With this, every mode waits.
+  // A run loop returns immediately from a mode without sources. With this source every mode waits.
   CFRunLoopAddSource(loop_, idleSource_.get(), kCFRunLoopCommonModes);
 }
 
@@ -37,7 +37,7 @@ RunLoopMainQueue::~RunLoopMainQueue() {
 }
 
 void RunLoopMainQueue::async(Job job) {
-  // Moved, not copied into the block: the sender is not to be left with anything that the job holds.
+  // Moved instead of copied into the block, so that the sender keeps nothing that the job holds.
   auto* const held = new Job(std::move(job));
   const CFRunLoopRef loop = loop_;
   CFRunLoopPerformBlock(loop, mode_.get(), ^{
@@ -46,8 +46,8 @@ void RunLoopMainQueue::async(Job job) {
       const std::unique_ptr<Job> mine(held);
       (*mine)();
     }
-    // A slice inside the job may have taken the wake-up of jobs queued meanwhile; without another the run
-    // loop would go to sleep in front of them.
+    // A slice inside the job may have consumed the wake-up of jobs queued meanwhile. Without this one the run
+    // loop would sleep although they are queued.
     CFRunLoopWakeUp(loop);
   });
   CFRunLoopWakeUp(loop_);
@@ -56,14 +56,14 @@ void RunLoopMainQueue::async(Job job) {
 void RunLoopMainQueue::runSlice(double milliseconds) {
   assert(isCurrent());
   const AutoreleasePool pool;
-  // Returns when something has been delivered, so that whoever waits for it need not wait for the rest.
+  // Returns after a delivery, so that the caller does not wait for the rest of the slice.
   CFRunLoopRunInMode(kCFRunLoopDefaultMode, std::max(milliseconds, 0.0) / 1000, true);
 }
 
 void RunLoopMainQueue::serveUntilStopped() {
   assert(isCurrent());
   for (isStopped_ = false; !isStopped_;) {
-    const AutoreleasePool pool;  // of one delivery; jobs have their own
+    const AutoreleasePool pool;  // for one delivery; jobs have their own
     CFRunLoopRunInMode(mode_.get(), longTime, true);
   }
 }

@@ -1,4 +1,4 @@
-// The main queue as the main thread of macOS has it: jobs on its run loop.
+// Implements the main queue with jobs on the run loop of the macOS main thread.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -11,15 +11,15 @@
 
 namespace palaver {
 
-// The run loop runs in a mode of its own, and jobs are blocks of that mode. A slice runs the default mode: it
-// serves the dispatch main queue, on which the recognizer answers, but no job. Were jobs blocks of the
-// dispatch main queue instead, a slice inside a job could not hear the recognizer, as that queue is not
+// The run loop runs in its own mode, and jobs are blocks of that mode. A slice runs the default mode: it
+// serves the dispatch main queue, on which the recognizer delivers results, but no job. If jobs were blocks
+// of the dispatch main queue, a slice inside a job could not receive results, because that queue is not
 // served from inside one of its own blocks.
 //
-// What the system delivers on the main thread is delivered between jobs too. Each job, each slice and each
-// delivery has an autorelease pool.
+// Main-thread callbacks of the system are also delivered between jobs. Each job, each slice and each delivery
+// has an autorelease pool.
 //
-// Made on the main thread, one in a process; lives until the process ends.
+// Create on the main thread, once per process. Lives until the process ends.
 class RunLoopMainQueue final : public MainQueue {
  public:
   RunLoopMainQueue();
@@ -32,8 +32,8 @@ class RunLoopMainQueue final : public MainQueue {
   std::unique_ptr<Semaphore> makeSemaphore() override;
   bool isCurrent() const override { return std::this_thread::get_id() == mainThread_; }
 
-  // Serves the queue as run() does, until stop() is called from a job or from what is delivered between jobs.
-  // For tests; main thread.
+  // Serves the queue like run(), until stop() is called by a job or by a callback between jobs. For
+  // tests. Main thread.
   void serveUntilStopped();
   void stop();
 

@@ -1,17 +1,17 @@
-// What the C++ of this platform calls of SpeechAnalyzer and its companions, which exist in Swift only: C
-// functions, each of which translates one call of the framework. Written in SpeechAnalyzerBridge.swift.
+// Declares C functions that give this platform's C++ access to SpeechAnalyzer and its
+// companions, which exist in Swift only. Each function translates one call of the framework.
+// Implemented in SpeechAnalyzerBridge.swift.
 //
-// Only for macOS 26 or later, save speechBridgeIsTranscriberAvailable(), which says so itself.
+// Requires macOS 26 or later, except speechBridgeIsTranscriberAvailable(), which checks the version itself.
 //
 // Handles are objects of the framework. Functions named "make" and "read", and the callback of
-// speechBridgeAssetInstallationRequest(), give a handle that the receiver owns and releases once by
-// speechBridgeRelease(); a handle passed to a function is only borrowed.
+// speechBridgeAssetInstallationRequest(), return an owned handle. Its owner releases it once with
+// speechBridgeRelease(). A handle passed to a function is only borrowed.
 //
-// Threads: every function may be called on any thread and returns without waiting for anything. Callbacks are
-// called on a thread of Swift, perhaps before the function returns; they must not block. An operation calls
-// its callback exactly once, unless the framework never answers; `context` is handed through untouched, and
-// what it points to belongs to the callback from then on. What pointers and strings point to is valid during
-// the call only.
+// Threads: every function may be called on any thread and returns without waiting. Callbacks run on a Swift
+// thread, possibly before the function returns, and must not block. An operation calls its callback exactly
+// once, unless the framework never completes it. `context` is passed through unchanged, and the callback
+// takes ownership of the object it points to. Other pointers and strings are valid during the call only.
 #pragma once
 
 #include <stdbool.h>
@@ -25,18 +25,18 @@ extern "C" {
 #pragma clang assume_nonnull begin
 
 typedef struct SpeechBridgeTranscriber SpeechBridgeTranscriber;    // SpeechTranscriber
-typedef struct SpeechBridgeResults SpeechBridgeResults;            // the reading of its results
+typedef struct SpeechBridgeResults SpeechBridgeResults;            // iteration over its results
 typedef struct SpeechBridgeInput SpeechBridgeInput;                // AsyncStream<AnalyzerInput>
 typedef struct SpeechBridgeAnalyzer SpeechBridgeAnalyzer;          // SpeechAnalyzer
 typedef struct SpeechBridgeInstallation SpeechBridgeInstallation;  // AssetInstallationRequest
 
-// UTF-8, not terminated; may contain NUL.
+// UTF-8, not terminated. May contain NUL.
 typedef struct {
   const char* _Nullable bytes;  // null only when empty
   size_t length;
 } SpeechBridgeString;
 
-// An error as NSError shows it.
+// The values of an NSError.
 typedef struct {
   SpeechBridgeString domain;
   int64_t code;
@@ -71,7 +71,7 @@ typedef enum {
   SpeechBridgeAssetStatusInstalled = 3
 } SpeechBridgeAssetStatus;
 
-// How the results ended: the sequence came to its end, was cancelled, or failed.
+// How the results ended: at the end of the sequence, cancelled, or failed.
 typedef enum {
   SpeechBridgeResultsEnded = 0,
   SpeechBridgeResultsCancelled = 1,
@@ -83,50 +83,50 @@ typedef void (*SpeechBridgeFallibleCompletion)(void* context, const SpeechBridge
 typedef void (*SpeechBridgeLocaleCompletion)(void* context, const SpeechBridgeString* _Nullable identifier);
 typedef void (*SpeechBridgeFormatCompletion)(void* context, const SpeechBridgeAudioFormat* _Nullable format);
 typedef void (*SpeechBridgeStatusCompletion)(void* context, SpeechBridgeAssetStatus status);
-// Neither an installation nor an error: there is nothing to install.
+// If both are null, there is nothing to install.
 typedef void (*SpeechBridgeInstallationCompletion)(void* context,
                                                    SpeechBridgeInstallation* _Nullable installation,
                                                    const SpeechBridgeError* _Nullable error);
 typedef void (*SpeechBridgeResultCallback)(void* context, const SpeechBridgeResult* result);
-// `error`: with SpeechBridgeResultsFailed only.
+// `error` is set with SpeechBridgeResultsFailed only.
 typedef void (*SpeechBridgeResultsEndCallback)(void* context, SpeechBridgeResultsOutcome outcome,
                                                const SpeechBridgeError* _Nullable error);
 
-// Lets go of a handle of any kind.
+// Releases a handle of any kind.
 void speechBridgeRelease(const void* handle);
 
-// SpeechTranscriber.isAvailable; false before macOS 26.
+// SpeechTranscriber.isAvailable. Returns false before macOS 26.
 bool speechBridgeIsTranscriberAvailable(void);
 
-// SpeechTranscriber.supportedLocale(equivalentTo:); identifiers as Locale has them.
+// SpeechTranscriber.supportedLocale(equivalentTo:), with the identifiers of Locale.
 void speechBridgeSupportedLocale(SpeechBridgeString equivalentTo, SpeechBridgeLocaleCompletion completion,
                                  void* context);
 
-// With the preset progressiveTranscription.
+// Uses the preset progressiveTranscription.
 SpeechBridgeTranscriber* speechBridgeMakeTranscriber(SpeechBridgeString locale);
 
-// Iterates over SpeechTranscriber.results: `onResult` for each, one after the other, then `onEnd` once, as
-// the last call. The iterator is there when the function returns. At most once for a transcriber.
+// Iterates over SpeechTranscriber.results. Calls `onResult` for each, one after the other, then `onEnd` once,
+// as the last call. The iterator exists when the function returns. At most once per transcriber.
 SpeechBridgeResults* speechBridgeReadResults(SpeechBridgeTranscriber* transcriber,
                                              SpeechBridgeResultCallback onResult,
                                              SpeechBridgeResultsEndCallback onEnd, void* context);
 
-// Cancels the task that iterates.
+// Cancels the iterating task.
 void speechBridgeCancelResults(SpeechBridgeResults* results);
 
 // SpeechAnalyzer.bestAvailableAudioFormat(compatibleWith:).
 void speechBridgeBestAvailableAudioFormat(SpeechBridgeTranscriber* transcriber,
                                           SpeechBridgeFormatCompletion completion, void* context);
 
-// A stream of unbounded length, for one analyzer.
+// Creates an unbounded stream for one analyzer.
 SpeechBridgeInput* speechBridgeMakeInput(void);
 
-// Adds a copy of the audio; dropped after speechBridgeFinishInput(). The framework ends the process when the
-// samples are of another type than the analyzer wants. Returns false when the system makes no buffer for it.
+// Appends a copy of the audio. Dropped after speechBridgeFinishInput(). The framework ends the process when
+// the sample type is not the one the analyzer requires. Returns false when the system cannot create a buffer.
 bool speechBridgeYield(SpeechBridgeInput* input, const SpeechBridgeAudioBuffer* buffer);
 void speechBridgeFinishInput(SpeechBridgeInput* input);
 
-// An analyzer of one module, with an AnalysisContext of `count` contextual strings.
+// Creates an analyzer of one module, with an AnalysisContext of `count` contextual strings.
 SpeechBridgeAnalyzer* speechBridgeMakeAnalyzer(SpeechBridgeTranscriber* transcriber, SpeechBridgeInput* input,
                                                const SpeechBridgeString* _Nullable contextualStrings,
                                                size_t count);

@@ -1,15 +1,16 @@
-// SpeechAnalyzer, SpeechTranscriber, AssetInventory and AnalysisContext of macOS 26 as the C functions that
-// SpeechAnalyzerBridge.h declares, where each is described. No Swift type crosses: objects go as unmanaged
-// references, answers through C callbacks. What is more than a translation is in AppleSpeechAnalysis.cpp.
+// Implements the C functions of SpeechAnalyzerBridge.h with SpeechAnalyzer, SpeechTranscriber,
+// AssetInventory and AnalysisContext of macOS 26. The header describes each function. No Swift type
+// crosses: objects are passed as unmanaged references, results through C callbacks. Everything beyond
+// translation is in AppleSpeechAnalysis.cpp.
 
 import AVFAudio
 import CoreMedia
 import Foundation
 import Speech
 
-// MARK: Crossing the border
+// MARK: Conversion
 
-/// A C callback and its context. The header lets both be used on any thread.
+/// Holds a C callback and its context. The header allows using both on any thread.
 private struct Callback<Function>: @unchecked Sendable {
     let function: Function
     let context: UnsafeMutableRawPointer
@@ -67,7 +68,7 @@ extension AVAudioFormat {
     }
 }
 
-/// Runs an operation that may fail, and answers.
+/// Runs an operation that may fail, and calls the completion.
 private func run(
     _ completion: @escaping SpeechBridgeFallibleCompletion, _ context: UnsafeMutableRawPointer,
     _ operation: @escaping @Sendable () async throws -> Void
@@ -145,7 +146,7 @@ public func speechBridgeReadResults(
 ) -> OpaquePointer {
     let result = Callback(function: onResult, context: context)
     let end = Callback(function: onEnd, context: context)
-    // Made here and not in the task, which starts later: results that come before their reader are lost.
+    // Created here and not in the task, which starts later: results that arrive before their reader are lost.
     let start = (object(transcriber) as SpeechTranscriber).results.makeAsyncIterator()
     let task = Task {
         var iterator = start
@@ -287,7 +288,7 @@ public func speechBridgeCancelAndFinishNow(
 
 @available(macOS 26.0, *)
 extension AssetInventory.Status {
-    /// A status that is not known here counts as one whose model can be installed.
+    /// Maps an unknown status to that of a model that can be installed.
     fileprivate var bridged: SpeechBridgeAssetStatus {
         switch self {
         case .unsupported: SpeechBridgeAssetStatusUnsupported

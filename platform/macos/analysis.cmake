@@ -1,8 +1,8 @@
-# palaver_apple_analysis: speech analysis by the frameworks of macOS 26, for which the SDK of macOS 26 is needed. Without
-# it PALAVER_HAS_SPEECH_ANALYZER is off, and the platform has the absent service of platform/posix; the part in C++ is
-# still compiled, so that the cross build, which has no Swift for macOS, shows that it compiles there.
+# palaver_apple_analysis: speech analysis with the frameworks of macOS 26. Requires the SDK of macOS 26. Without it
+# PALAVER_HAS_SPEECH_ANALYZER is off, and the platform uses the absent service of platform/posix. The C++ part is still
+# compiled, so that the cross build, which has no Swift for macOS, checks that it compiles.
 #
-# On Linux the tests set PALAVER_SPEECH_MODULES to a target that stands in for the frameworks; its INTERFACE directories
+# On Linux the tests set PALAVER_SPEECH_MODULES to a target that stands in for the frameworks. Its INTERFACE directories
 # hold their modules.
 
 if(PALAVER_SPEECH_MODULES)

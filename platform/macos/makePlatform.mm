@@ -21,7 +21,7 @@ namespace palaver {
 
 namespace {
 
-// What was built without the SDK of macOS 26 says on macOS 26 that no transcriber is available.
+// A build without the SDK of macOS 26 reports on macOS 26 that no transcriber is available.
 #if PALAVER_HAS_SPEECH_ANALYZER
 using MacSpeechAnalysis = AppleSpeechAnalysis;
 #else
