@@ -9,7 +9,7 @@ namespace palaver {
 
 namespace {
 
-// Sets a mark for as long as a job runs, also when it leaves by an exception.
+// Sets a flag while a job runs, and restores it also after an exception.
 class Mark {
  public:
   Mark(bool& mark, bool value) : mark_(mark), before_(std::exchange(mark, value)) {}
@@ -40,7 +40,7 @@ void Scheduler::queue(Job job) {
   insert(now_, queued, this, std::move(job));
 }
 
-// The job to run next among the lanes up to `last`, which hold at least one job.
+// Returns the next job among the lanes up to `last`, which must hold at least one job.
 Scheduler::Entries::iterator Scheduler::choose(Lane last, Lane& lane) {
   using Candidate = std::pair<Entries::iterator, Lane>;
   std::optional<Candidate> first;
@@ -50,7 +50,7 @@ Scheduler::Entries::iterator Scheduler::choose(Lane last, Lane& lane) {
       first = Candidate(entry, static_cast<Lane>(i));
   }
   if (random_) {
-    // The first of each stream among all that fall due at that time.
+    // The first job of each stream among all jobs due at that time.
     std::vector<Candidate> candidates;
     const double time = first->first->first.first;
     for (std::size_t i = 0; i <= last; ++i) {
@@ -65,8 +65,8 @@ Scheduler::Entries::iterator Scheduler::choose(Lane last, Lane& lane) {
   return first->first;
 }
 
-// Runs the next job of the lanes up to `last` that falls due by `deadline`, and says which lane it was of;
-// with none, lets the time pass until then.
+// Runs the next job of the lanes up to `last` that is due by `deadline` and returns its lane. Without such a
+// job, advances the time to the deadline.
 std::optional<Scheduler::Lane> Scheduler::runNext(Lane last, double deadline) {
   if (exitStatus_) throw ProcessExit{*exitStatus_};
   const bool isEmpty = std::all_of(entries_.begin(), entries_.begin() + last + 1,
@@ -120,7 +120,7 @@ void Scheduler::exit(int status) {
 }
 
 void Scheduler::clear() {
-  // What a job holds may queue another when it is destroyed.
+  // Destroying a job may queue another one.
   while (std::any_of(entries_.begin(), entries_.end(), [](const Entries& e) { return !e.empty(); }))
     for (auto& entries : entries_) std::exchange(entries, {});
 }

@@ -1,4 +1,5 @@
-// Virtual time: everything that a simulated machine does, in order of (time, sequence) on one real thread.
+// Runs everything that a simulated machine does in virtual time, ordered by (time, sequence), on
+// one real thread.
 #pragma once
 
 #include <array>
@@ -14,53 +15,53 @@
 
 namespace palaver {
 
-// How a simulated process ends: thrown by Process::exit. No std::exception, so that no handler of errors
-// takes it for one.
+// Thrown by Process::exit to end a simulated process. Not derived from std::exception, so that error handlers
+// do not catch it.
 struct ProcessExit {
   int status;
 };
 
-// Thrown when the main thread waits for something that will never come, or that comes behind the horizon.
+// Thrown when the main thread waits for something that will never happen, or only after the horizon.
 struct NothingLeft {};
 
-// Jobs of three kinds fall due at their times; which of them may run depends on how the main thread waits.
-// Time passes in waits only: the helper's own code takes none. Whatever waited too long is run late, in the
-// order in which it fell due.
+// Jobs of three kinds are scheduled for a time. Which of them may run depends on how the main thread waits.
+// Time passes only in waits: the helper's own code takes no time. Overdue jobs run late, in the order in
+// which they were due.
 //
-// Single-threaded: "background" and "main thread" are only marks of what is running.
+// Single-threaded. "Background" and "main thread" only label the running job.
 class Scheduler final : public Timeline {
  public:
-  // With a seed, jobs that fall due at the same time run in a shuffled order, except that jobs of one stream
-  // keep theirs.
+  // With a seed, jobs due at the same time run in a shuffled order. Jobs of one stream keep theirs.
   explicit Scheduler(std::optional<std::uint64_t> seed = std::nullopt);
 
   double now() const override { return now_; }
   void schedule(double delay, Context context, const void* stream, Job job) override;
   bool hasEnded() const override { return exitStatus_ || isStopped_; }
 
-  // Queues a job for the main thread, behind all those queued before.
+  // Queues a job for the main thread, after all jobs queued before.
   void queue(Job job);
 
-  // A semaphore wait: background jobs run until the condition holds (true) or `timeout` ms have passed
-  // (whether it holds then).
+  // Simulates a semaphore wait: runs background jobs until the condition holds or `timeout` ms have passed.
+  // Returns whether the condition holds.
   bool waitUntil(const std::function<bool()>& condition, double timeout);
 
-  // A slice of the run loop: background jobs run, and one platform callback at most, which ends the slice
-  // early; else it takes `milliseconds`.
+  // Simulates a run-loop slice: runs background jobs and at most one platform callback, which ends the slice
+  // early. Otherwise the slice takes `milliseconds`.
   void runSlice(double milliseconds);
 
-  // Whether a slice entered from inside a queued job delivers callbacks. When not, it returns at once.
+  // Sets whether a slice entered inside a queued job delivers callbacks. If not, such a
+  // slice returns immediately.
   void setSlicesDeliverInsideJobs(bool deliver) { slicesDeliverInsideJobs_ = deliver; }
 
-  // Everything runs. Ends by ProcessExit or NothingLeft only.
+  // Runs jobs of all kinds. Ends by ProcessExit or NothingLeft only.
   [[noreturn]] void serve();
 
-  // Ends the process: throws ProcessExit, now and at every later wait.
+  // Ends the process: throws ProcessExit, now and in every later wait.
   [[noreturn]] void exit(int status);
 
   bool isOnMainThread() const { return !inBackground_; }
 
-  // No wait goes beyond this time (ms).
+  // Sets the time that no wait exceeds, ms.
   void setHorizon(double time) { horizon_ = time; }
 
   // Drops all jobs that have not run.

@@ -1,4 +1,4 @@
-// Converters that work, or that fail in one of the ways in which a platform's converters fail.
+// Creates working converters, or converters that fail like a platform's converters may fail.
 #pragma once
 
 #include <atomic>
@@ -8,13 +8,13 @@
 
 namespace palaver {
 
-// Any thread, as far as the contract allows; a fault holds for converters made before, too.
+// Any thread, as far as the contract allows. A fault also applies to existing converters.
 class SimulatedAudioConverters final : public AudioConverters {
  public:
   enum class Fault {
     none,
-    noConverter,  // no converter can be made
-    failing,      // every conversion fails, with an error of the converter's own
+    noConverter,  // no converter can be created
+    failing,      // every conversion fails with an error of the converter
   };
 
   std::unique_ptr<AudioConverter> makeConverter(const AudioFormat& from, const AudioFormat& to) override;

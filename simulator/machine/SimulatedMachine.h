@@ -1,5 +1,5 @@
-// The simulated machine but for speech: clock, process, main queue, standard streams, audio buffers. All of
-// it but the buffers lives on the scheduler's one thread.
+// Simulates a machine except speech: clock, process, main queue, standard streams, audio buffers. Everything
+// but the buffers is confined to the scheduler's one thread.
 #pragma once
 
 #include <atomic>
@@ -20,14 +20,15 @@
 
 namespace palaver {
 
-// Shows virtual time as a wall clock that read `startsAt` (ms since the Unix epoch) when the machine started.
+// Reports virtual time as a wall clock that showed `startsAt` (ms since the Unix epoch) when
+// the machine started.
 class SimulatedClock final : public Clock {
  public:
   SimulatedClock(const Scheduler& scheduler, double startsAt) : scheduler_(scheduler), startsAt_(startsAt) {}
 
   double nowMilliseconds() const override { return startsAt_ + scheduler_.now() + shift_; }
 
-  // Sets the clock as far ahead (or back) of its regular time, in ms.
+  // Sets the clock's offset from its regular time, ms.
   void setShift(double shift) { shift_ = shift; }
 
  private:
@@ -38,7 +39,7 @@ class SimulatedClock final : public Clock {
 
 class SimulatedProcess final : public Process {
  public:
-  // `arguments` with the program's path first; `macOS` none stands for another system.
+  // `arguments` begins with the program's path. `macOS`: none simulates another system.
   SimulatedProcess(Scheduler& scheduler, std::vector<std::string> arguments,
                    std::map<std::string, std::string, std::less<>> environment,
                    std::optional<OperatingSystemVersion> macOS)
@@ -60,7 +61,6 @@ class SimulatedProcess final : public Process {
   const std::optional<OperatingSystemVersion> macOS_;
 };
 
-// Whether `version` is at least `wanted`.
 bool isAtLeast(const OperatingSystemVersion& version, const OperatingSystemVersion& wanted);
 
 class SimulatedMainQueue final : public MainQueue {
@@ -78,14 +78,14 @@ class SimulatedMainQueue final : public MainQueue {
   Scheduler& scheduler_;
 };
 
-// Hands over bytes as they arrive, in the background; bytes that arrive before reading starts wait for it.
+// Delivers bytes in the background when they arrive. Bytes that arrive before reading starts are held back.
 class SimulatedInput final : public StandardInput {
  public:
   explicit SimulatedInput(Scheduler& scheduler) : scheduler_(scheduler) {}
 
   void start(InputHandler& handler) override;
 
-  // Bytes arrive now, or the input ends now. In the background.
+  // Delivers bytes or ends the input now. In the background.
   void arrive(std::string bytes);
   void end();
 
@@ -98,11 +98,11 @@ class SimulatedInput final : public StandardInput {
   bool hasEnded_ = false;
 };
 
-// Keeps what was written, with the time of each write.
+// Records the written lines with the time of each.
 class RecordingOutput final : public OutputStream {
  public:
   struct Line {
-    double time;  // ms since the start, of the write that completed the line
+    double time;  // ms since the start, when the write completed the line
     std::string text;
   };
 
@@ -110,9 +110,9 @@ class RecordingOutput final : public OutputStream {
 
   void write(std::string_view bytes) override;
 
-  // The whole lines written, without their line feeds.
+  // Returns the whole lines written, without their line feeds.
   const std::vector<Line>& lines() const { return lines_; }
-  // What was written behind the last line feed.
+  // Returns the text written after the last line feed.
   const std::string& rest() const { return rest_; }
 
  private:
@@ -121,21 +121,21 @@ class RecordingOutput final : public OutputStream {
   std::string rest_;
 };
 
-// Buffers, refused in one of several ways.
+// Creates buffers, or refuses them in one of several ways.
 class SimulatedAudioBuffers final : public AudioBuffers {
  public:
   enum class Fault {
     none,
-    noFormat,       // no format can be made
+    noFormat,       // no format can be created
     noBuffer,       // no buffer can be allocated
     noEmptyBuffer,  // no buffer of capacity 0 can be allocated
     noSamples,      // buffers have no 16-bit samples
-    noOtherFormat,  // no buffer can be allocated but in the format of decoded payloads
+    noOtherFormat,  // only buffers in the format of decoded payloads can be allocated
   };
 
-  // Those of memory, when they are not refused.
+  // Creates buffers in plain memory.
   SimulatedAudioBuffers() = default;
-  // Those of another platform, which must outlive this.
+  // Creates buffers with another platform's `working`, which must outlive this.
   explicit SimulatedAudioBuffers(AudioBuffers& working) : working_(&working) {}
 
   std::optional<AudioFormat> makeFormat(CommonFormat commonFormat, double sampleRate, std::uint32_t channels,

@@ -33,8 +33,8 @@ SimulatedPlatform::~SimulatedPlatform() {
   letGo();
 }
 
-// Nothing runs any more: what jobs hold of the program goes, and so do the coroutines that wait for an
-// answer. A coroutine is destroyed by a job, which is dropped in turn.
+// Destroys what pending jobs hold, and the coroutines that wait for a completion. A coroutine is destroyed by
+// a job, which is dropped in turn.
 void SimulatedPlatform::letGo() {
   scheduler.clear();
   speechAnalysis.abandon();

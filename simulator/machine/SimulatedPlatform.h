@@ -1,4 +1,4 @@
-// A whole simulated machine, ready to run the helper in virtual time.
+// Simulates a whole machine that runs the helper in virtual time.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,7 @@ struct SimulatedSettings {
   AnalysisState analysis;
 };
 
-// Lives on one thread. Serves one run.
+// Confined to one thread. Serves one run.
 class SimulatedPlatform {
  public:
   explicit SimulatedPlatform(SimulatedSettings settings = {});
@@ -37,12 +37,12 @@ class SimulatedPlatform {
   SimulatedPlatform(const SimulatedPlatform&) = delete;
   SimulatedPlatform& operator=(const SimulatedPlatform&) = delete;
 
-  // Runs a program on this machine until it exits (its status), or until it waits for what will never come or
-  // would come later than `horizon` ms after the start (none).
+  // Runs a program on this machine. Returns its status when it exits, or none when it waits for something
+  // that would never happen or only later than `horizon` ms after the start.
   std::optional<int> run(const std::function<void(Platform&)>& program, double horizon);
 
   Scheduler scheduler;
-  SimulatedTasks tasks;  // outlives all that waits for something
+  SimulatedTasks tasks;  // outlives everything that waits
   SimulatedClock clock;
   SimulatedProcess process;
   SimulatedMainQueue mainQueue;

@@ -12,7 +12,7 @@ constexpr double millisecondsPerSecond = 1000;
 
 }  // namespace
 
-// One transcriber, its analyzer and its input. Guarded by the service's lock.
+// Represents one transcriber, its analyzer and its input. Guarded by the service's lock.
 class SimulatedSpeechAnalysis::Analysis {
  public:
   RecordedAnalysis record;
@@ -21,7 +21,7 @@ class SimulatedSpeechAnalysis::Analysis {
   bool resultsHaveEnded = false;  // nothing is emitted any more
   std::optional<SimulatedAnalysisUtterance> utterance;
   std::size_t nextPartial = 0;
-  double audio = 0;  // ms received
+  double audio = 0;  // audio received, ms
   std::string newestText;
 };
 
@@ -39,8 +39,8 @@ class SimulatedSpeechAnalysis::Service : public std::enable_shared_from_this<Ser
   AnalysisState& state() { return state_; }
   double now() const { return timeline_.now(); }
 
-  // Calls the completion with what `makeAnswer` gives once the operation has taken its time; keeps it for
-  // ever when the operation never answers. Without a stream the answer keeps no order with others.
+  // Calls the completion with the result of `makeAnswer` after the operation's duration. If the operation
+  // never completes, keeps the completion forever. Without a stream, completions are not ordered.
   template <typename Completion, typename MakeAnswer>
   void answerLater(const SimulatedOperation& operation, const void* stream, Completion completion,
                    MakeAnswer makeAnswer) {
@@ -53,7 +53,7 @@ class SimulatedSpeechAnalysis::Service : public std::enable_shared_from_this<Ser
         [completion = std::move(completion), makeAnswer, ownStream] { completion(makeAnswer()); });
   }
 
-  // All below: with the lock held.
+  // The functions below require the lock, except abandon() and keep(), which take it.
 
   void append(Analysis& analysis, const PCMBuffer& buffer) {
     if (timeline_.hasEnded()) return;
@@ -89,7 +89,7 @@ class SimulatedSpeechAnalysis::Service : public std::enable_shared_from_this<Ser
     deliver(analysis);
   }
 
-  // Drops what has not been read and ends the results.
+  // Drops unread results and ends the results.
   void cancelResults(Analysis& analysis) {
     if (timeline_.hasEnded()) return;
     analysis.resultsHaveEnded = true;
@@ -114,7 +114,7 @@ class SimulatedSpeechAnalysis::Service : public std::enable_shared_from_this<Ser
     return analyses_[(number == 0 ? analyses_.size() : number) - 1];
   }
 
-  // What waits for an answer that never comes is let go.
+  // Destroys completions that are never called.
   void abandon() {
     std::vector<UniqueFunction<void()>> unanswered;
     std::vector<UniqueFunction<void(NextResult)>> readers;
@@ -134,8 +134,8 @@ class SimulatedSpeechAnalysis::Service : public std::enable_shared_from_this<Ser
     unanswered_.push_back(std::move(completion));
   }
 
-  // Hands the oldest result to the one who waits for it. A reader is called on the timeline, never from in
-  // here.
+  // Passes the oldest result to the waiting reader. Schedules the call on the timeline instead
+  // of calling here.
   void deliver(Analysis& analysis) {
     if (!analysis.reader || analysis.results.empty()) return;
     auto result = std::move(analysis.results.front());

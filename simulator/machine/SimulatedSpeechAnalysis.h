@@ -1,4 +1,4 @@
-// Speech analysis by script: it answers what it is told, when it is told, and keeps what reached it.
+// Simulates speech analysis by script: delivers scripted results at scripted times and records its input.
 #pragma once
 
 #include <cstddef>
@@ -14,31 +14,31 @@
 
 namespace palaver {
 
-// How long an operation takes (ms; none: it never answers), and how it fails, if it does.
+// Duration of an operation (ms, none: it never completes), and its error, if it fails.
 struct SimulatedOperation {
   std::optional<double> takes = 0;
   std::optional<PlatformError> error = std::nullopt;
-  bool answersInsideCall = false;  // takes no time, and is not even put on the timeline
+  bool answersInsideCall = false;  // completes synchronously, without the timeline
 };
 
-// What an analyzer does by itself with its audio, for want of a script. Every result of one utterance covers
-// the stretch from `start` to `end` (s).
+// Results of an analyzer without a script. Every result of one utterance covers the range from `start`
+// to `end` (s).
 struct SimulatedAnalysisUtterance {
   struct Partial {
-    double afterAudio;  // ms of audio received
+    double afterAudio;  // audio received, ms
     std::string text;
   };
   std::vector<Partial> partials;
-  std::string finalText;             // empty: the newest partial
-  std::optional<double> finalAfter;  // ms of audio received; none: when the input is finished
+  std::string finalText;             // empty: use the newest partial
+  std::optional<double> finalAfter;  // audio received, ms; none: when the input is finished
   double start = 0;
   double end = 0;
 };
 
-// The state of the analysis service and of the machine's models.
+// State of the analysis service and of the machine's models.
 struct AnalysisState {
   bool isAvailable = true;
-  // Supported locales: the identifier asked for, and the one that serves it.
+  // Supported locales: requested identifier to served identifier.
   std::map<std::string, std::string, std::less<>> locales{{"ja-JP", "ja_JP"}};
   SimulatedOperation localeLookup;  // cannot fail
   AssetStatus model = AssetStatus::installed;
@@ -46,7 +46,7 @@ struct AnalysisState {
   SimulatedOperation installationRequest;
   SimulatedOperation download;
   AssetStatus modelAfterDownload = AssetStatus::installed;
-  // The format that analyzers want.
+  // Preferred input format of analyzers.
   std::optional<AudioFormat> format = AudioFormat{CommonFormat::int16, 16000, 1, true};
   SimulatedOperation formatLookup;  // cannot fail
   SimulatedOperation prepare;
@@ -55,7 +55,7 @@ struct AnalysisState {
   std::vector<SimulatedAnalysisUtterance> utterances;
 };
 
-// What reached one analyzer.
+// Records the input of one analyzer.
 struct RecordedAnalysis {
   struct Buffer {
     AudioFormat format;
@@ -63,18 +63,18 @@ struct RecordedAnalysis {
     std::int16_t firstSample;  // 0 for an empty buffer or another sample type
   };
 
-  std::string locale;  // the supported one
+  std::string locale;  // the supported locale
   std::vector<std::string> contextualStrings;
   std::optional<AudioFormat> preparedFor;
-  std::vector<Buffer> buffers;            // those taken
-  std::size_t droppedBuffers = 0;         // those that came after the end of the input
+  std::vector<Buffer> buffers;            // accepted buffers
+  std::size_t droppedBuffers = 0;         // buffers after the end of the input
   std::optional<double> inputFinishedAt;  // ms since the start, as are all times here
-  std::optional<double> finalizedAt;      // when it was asked for
-  std::optional<double> cancelledAt;      // when it was asked for
+  std::optional<double> finalizedAt;      // time of the call
+  std::optional<double> cancelledAt;      // time of the call
 };
 
-// Any thread, as far as the contract allows; completions are called on the timeline, without any lock held.
-// The timeline must outlive everything made here.
+// Any thread, as far as the contract allows. Completions are called on the timeline, without a lock held. The
+// timeline must outlive all objects created here.
 class SimulatedSpeechAnalysis final : public SpeechAnalysis, public AssetInventory {
  public:
   SimulatedSpeechAnalysis(Timeline& timeline, AnalysisState state);
@@ -99,14 +99,15 @@ class SimulatedSpeechAnalysis final : public SpeechAnalysis, public AssetInvento
   AnalysisState state() const;
   void setState(AnalysisState state);
 
-  // Adds to the results of an analyzer `delay` ms from now: a result, their end or an error. Analyzers are
-  // numbered from 1 as they are made; 0 is the newest. Returns false when there is no such analyzer.
+  // Appends a result, the end of the results or an error to an analyzer's results, `delay` ms from now.
+  // Analyzers are numbered from 1 in the order of their creation. 0 is the newest. Returns false when there
+  // is no such analyzer.
   bool emit(std::size_t analyzer, NextResult result, double delay = 0);
 
-  // Lets go of all who wait for an answer that has not come. They are destroyed, which may post work.
+  // Destroys all completions that have not been called, which may post work.
   void abandon();
 
-  // Copies of what all analyzers have received so far, in the order in which they were made.
+  // Returns copies of the records of all analyzers so far, in the order of their creation.
   std::vector<RecordedAnalysis> analyses() const;
 
  private:

@@ -38,7 +38,7 @@ PlatformError cancelledError() {
   return {"kLSRErrorDomain", 301, "Recognition request was canceled"};
 }
 
-// One request and its task. Guarded by the service's lock.
+// Represents one request and its task. Guarded by the service's lock.
 class SimulatedSpeechRecognition::Recognition {
  public:
   RecordedRequest record;
@@ -46,7 +46,7 @@ class SimulatedSpeechRecognition::Recognition {
   bool hasEnded = false;
   std::optional<SimulatedUtterance> utterance;
   std::size_t nextPartial = 0;
-  double sound = 0;  // ms received that are not silence
+  double sound = 0;  // received audio that is not silent, ms
   RecognitionResult newest;
 
   bool isRunning() const { return handler && !hasEnded; }
@@ -70,7 +70,7 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
                                         : Timeline::Context::background;
   }
 
-  // All below: with the lock held.
+  // The functions below require the lock, except recorded(), which takes it.
 
   Pointer makeRecognition(std::string locale, RecognitionOptions options) {
     auto recognition = std::make_shared<Recognition>();
@@ -91,7 +91,7 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
       if (!state_.dictationIsOn)
         answerLater(recognition, 0, [] { return errorAnswer(dictationDisabledError()); });
     }
-    // What came before the task is heard now.
+    // Audio appended before the start takes effect now.
     giveDuePartials(recognition);
     if (recognition->record.endAudioAt) answerEndOfAudio(recognition);
   }
@@ -127,7 +127,7 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
       if (task->isRunning()) answerLater(task, 0, [error] { return errorAnswer(error); });
   }
 
-  // Calls the handler at that time, whatever has become of the task until then.
+  // Calls the handler at that time, independent of the task's state then.
   void call(const Pointer& recognition, double delay, RecognitionAnswer answer) {
     timeline_.schedule(delay, callbackContext(), recognition.get(),
                        [self = shared_from_this(), recognition, answer = std::move(answer)] {
@@ -152,7 +152,7 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
   static RecognitionAnswer errorAnswer(PlatformError error) { return {std::nullopt, std::move(error)}; }
 
  private:
-  // An automatic result: one segment over all that was heard.
+  // Creates an automatic result: one segment over all audio received.
   static RecognitionAnswer resultAnswer(const Recognition& recognition, const std::string& text,
                                         bool isFinal) {
     return {RecognitionResult{text, {{text, 0, recognition.sound / 1000}}, isFinal}, std::nullopt};
@@ -187,7 +187,7 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
     });
   }
 
-  // Calls the handler with what is the answer at that time, unless the task has ended by then.
+  // Calls the handler with the answer determined at that time, unless the task has ended by then.
   template <typename MakeAnswer>
   void answerLater(const Pointer& recognition, double delay, MakeAnswer makeAnswer) {
     timeline_.schedule(delay, callbackContext(), recognition.get(),

@@ -1,4 +1,4 @@
-// Speech recognition by script: it answers what it is told, when it is told, and keeps what reached it.
+// Simulates speech recognition by script: delivers scripted results at scripted times and records its input.
 #pragma once
 
 #include <cstddef>
@@ -15,64 +15,62 @@
 
 namespace palaver {
 
-// One call of a result handler.
+// Arguments of one call of a result handler.
 struct RecognitionAnswer {
   std::optional<RecognitionResult> result;
   std::optional<PlatformError> error;
 };
 
-// Errors as macOS is known to give them. Source of domains and codes: reports of users; Apple documents none.
-PlatformError noSpeechError();           // nothing was said
-PlatformError dictationDisabledError();  // Siri and Dictation are switched off
+// Errors as macOS reports them. Their domains and codes are unverified, as Apple documents none.
+PlatformError noSpeechError();           // no speech detected
+PlatformError dictationDisabledError();  // Siri and Dictation are off
 PlatformError cancelledError();          // the request was cancelled
 
-// What a task does by itself with its audio, for want of a script. Its results have one segment over all of
-// the audio, silence aside.
+// Results of a task without a script. Each has one segment over all audio except silence.
 struct SimulatedUtterance {
   struct Partial {
-    double afterAudio;  // ms of audio received, silence (zeros) aside
+    double afterAudio;  // audio received except silence (zeros), ms
     std::string text;
   };
   std::vector<Partial> partials;
-  std::string finalText;  // empty: the newest partial
+  std::string finalText;  // empty: use the newest partial
 };
 
-// The state of the recognition service and of the user's settings.
+// State of the recognition service and of the user's settings.
 struct RecognitionState {
   struct AuthorizationAnswer {
     AuthorizationStatus status = AuthorizationStatus::authorized;
-    std::optional<double> after;  // ms; none: from inside the call
+    std::optional<double> after;  // ms; none: inside the call
   };
 
   AuthorizationStatus authorization = AuthorizationStatus::authorized;
-  // What the user says to a request; none: the authorization as it is, at once. `asksInVain`: nothing ever.
+  // The user's answer to a request. None: the current authorization, synchronously. `asksInVain`: no answer.
   std::optional<AuthorizationAnswer> authorizationAnswer;
   bool asksInVain = false;
 
-  std::map<std::string, bool, std::less<>> locales{{"ja-JP", true}};  // supported; whether installed too
+  std::map<std::string, bool, std::less<>> locales{{"ja-JP", true}};  // supported; value: whether installed
 
   // While Dictation is off, every task fails with dictationDisabledError().
   bool dictationIsOn = true;
-  // How a recognition without partial results answers once its audio has ended, while Dictation is on, and
-  // after how many ms; none: never.
+  // Answer to a recognition without partial results once its audio has ended, while Dictation is on, and its
+  // delay in ms. None: never.
   RecognitionAnswer probeAnswer{std::nullopt, noSpeechError()};
   std::optional<double> probeAnswersAfter = 0;
 
-  // Whether handlers are called on the main thread as platform callbacks, as macOS does, or in the
-  // background.
+  // Whether handlers are called on the main thread as platform callbacks, as on macOS, or in the background.
   bool callbacksOnMainThread = true;
 
-  // ms from the end of the audio to a final result of the newest text, or to noSpeechError(); none: only what
-  // the script says.
+  // ms from the end of the audio to a final result of the newest text, or to noSpeechError(). None:
+  // only scripted answers.
   std::optional<double> answersAfterEndAudio;
-  // ms from cancel() to cancelledError(); none: a cancelled task stays silent.
+  // ms from cancel() to cancelledError(). None: a cancelled task calls no handler.
   std::optional<double> answersAfterCancel;
-  // What tasks do by themselves: the first does the first of these, and so on, again from the start behind
-  // the last.
+  // Utterances of tasks without a script: the first task gets the first, and so on, starting over
+  // after the last.
   std::vector<SimulatedUtterance> utterances;
 };
 
-// What reached one request and its task.
+// Records the input of one request and its task.
 struct RecordedRequest {
   struct Buffer {
     std::uint32_t frames;
@@ -83,18 +81,18 @@ struct RecordedRequest {
   std::string locale;
   RecognitionOptions options;
   double madeAt = 0;               // ms since the start, as are all times here
-  std::vector<Buffer> buffers;     // those taken
-  std::size_t droppedBuffers = 0;  // those that came after the end of the audio or of the task
+  std::vector<Buffer> buffers;     // accepted buffers
+  std::size_t droppedBuffers = 0;  // buffers after the end of the audio or of the task
   std::optional<double> endAudioAt;
   std::optional<double> cancelledAt;
   bool hasTask = false;
 
-  // Asks for no partial results, as the probe for Dictation does.
+  // Returns whether it requests no partial results, as the probe for Dictation does.
   bool isProbe() const { return !options.shouldReportPartialResults; }
 };
 
-// Any thread, as far as the contract allows; handlers are called without any lock held. Tasks and requests
-// keep what they need alive, but the timeline must outlive them all.
+// Any thread, as far as the contract allows. Handlers are called without a lock held. Tasks and requests keep
+// alive what they need, but the timeline must outlive them all.
 class SimulatedSpeechRecognition final : public SpeechRecognition {
  public:
   SimulatedSpeechRecognition(Timeline& timeline, RecognitionState state);
@@ -106,14 +104,15 @@ class SimulatedSpeechRecognition final : public SpeechRecognition {
 
   RecognitionState state() const;
 
-  // Changes the state. Switching Dictation off fails all running tasks.
+  // Changes the state. Turning Dictation off fails all running tasks.
   void setState(RecognitionState state);
 
-  // Calls the handler of a task, running or not, `delay` ms from now. Tasks are numbered from 1 as they
-  // start, probes aside; 0 is the newest. Returns false when there is no such task.
+  // Calls the handler of a task, running or not, `delay` ms from now. Tasks except probes are numbered from 1
+  // in the order of their start. 0 is the newest. Returns false when there is no such task.
   bool answer(std::size_t task, RecognitionAnswer answer, double delay = 0);
 
-  // Copies of all requests so far, in the order in which they were made, without the probes or only those.
+  // Returns copies of the records of all requests so far, in the order of their creation, without the probes
+  // or only the probes.
   std::vector<RecordedRequest> requests() const;
   std::vector<RecordedRequest> probes() const;
 

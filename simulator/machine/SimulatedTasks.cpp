@@ -7,8 +7,8 @@
 
 namespace palaver {
 
-// Schedules what it executes, at once and in the background. Tasks of equal time may be shuffled: a pool
-// promises no more.
+// Schedules functions to run immediately in the background. Tasks of equal time may be shuffled, because a
+// pool does not guarantee more.
 class SimulatedTasks::Executor {
  public:
   Executor(Timeline& timeline, asio::execution_context& context) : timeline_(&timeline), context_(&context) {}

@@ -1,4 +1,4 @@
-// Tasks in virtual time: what is posted runs in the background of the simulated machine.
+// Runs posted work in virtual time, in the background of the simulated machine.
 #pragma once
 
 #include <asio/execution_context.hpp>
@@ -8,15 +8,15 @@
 
 namespace palaver {
 
-// Lives on the timeline's thread. Must outlive all that was given its executor.
+// Confined to the timeline's thread. Must outlive all users of its executor.
 class SimulatedTasks final : public Tasks {
  public:
   explicit SimulatedTasks(Timeline& timeline) : timeline_(timeline) {}
 
   asio::any_io_executor executor() override;
 
-  // Drops what waits in serial executors. What is destroyed so may put jobs on the timeline, which must be
-  // dropped before this object goes.
+  // Drops the work queued in serial executors. Destroying it may put jobs on the timeline, which must be
+  // dropped before this object is destroyed.
   void shutDown() { context_.shutDown(); }
 
  private:
