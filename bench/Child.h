@@ -1,4 +1,4 @@
-// Child processes of the benchmarks: pipes to them, their start, and the figures that they report.
+// Starts child processes of the benchmarks, creates their pipes and parses the figures they report.
 #pragma once
 
 #include <sys/types.h>
@@ -11,7 +11,7 @@
 
 namespace palaver::bench {
 
-// A file descriptor that is closed with its owner.
+// Owns a file descriptor.
 class Descriptor {
  public:
   Descriptor() = default;
@@ -35,17 +35,16 @@ struct Pipe {
   Descriptor writeEnd;
 };
 
-// A pipe that children do not inherit by accident. `size`: bytes of capacity, best effort; 0 leaves the
-// system's choice.
+// Creates a pipe with FD_CLOEXEC. `size`: capacity in bytes, best effort. 0 keeps the system's default.
 Pipe makePipe(std::size_t size = 0);
 
 // Figures by name, one "name value" line each.
 using Report = std::map<std::string, double>;
 
-// A started process; waited for when destroyed. Throws std::system_error when it cannot be started.
+// Starts a process. The destructor waits for its end. Throws std::system_error when it cannot be started.
 class Child {
  public:
-  // `command`: the program's path and its arguments. The descriptors become its standard input and output.
+  // `command`: the program's path and its arguments. The descriptors become its stdin and stdout.
   Child(const std::vector<std::string>& command, int standardInput, int standardOutput);
   ~Child();
   Child(const Child&) = delete;
@@ -59,13 +58,13 @@ class Child {
   pid_t process_ = -1;
 };
 
-// The command that runs this program in one of its roles.
+// Returns the command that runs this program in one of its roles.
 std::vector<std::string> roleCommand(std::vector<std::string> role);
 
-// Everything up to the end of the input. Throws std::system_error.
+// Reads up to the end of the input. Throws std::system_error.
 std::string readAll(int descriptor);
 
-// Throws std::runtime_error when the text holds anything but figures, or nothing.
+// Throws std::runtime_error when the text is empty or holds anything but figures.
 Report parseReport(const std::string& text);
 
 }  // namespace palaver::bench

@@ -1,4 +1,4 @@
-// A speech recognition that only counts: what remains of the helper is what the benchmarks measure.
+// Replaces speech recognition by counting, so that the benchmarks measure the rest of the helper.
 #pragma once
 
 #include <cstdint>
@@ -9,9 +9,9 @@
 
 namespace palaver::bench {
 
-// Every locale is installed and everything is permitted. Audio is counted and dropped. Live tasks never
-// answer; one that wants no partial results (the probe of Dictation) hears no speech, at once, so that nobody
-// waits for it.
+// Every locale is installed and authorized. Audio is counted and dropped. Live tasks deliver no results. A
+// task without partial results (the Dictation probe) reports no speech synchronously, so that the probe
+// does not wait.
 class CountingRecognition final : public SpeechRecognition {
  public:
   // Buffers of live tasks so far. Main thread.

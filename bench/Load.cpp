@@ -35,8 +35,8 @@ std::string encodeBase64(const std::vector<std::int16_t>& samples) {
   return text;
 }
 
-// Hands the bytes to standard output, by copy or by reference; the latter falls back to the former where
-// there is no pipe. Bytes given by reference must stay unchanged until they have been read.
+// Writes the bytes to stdout, by copy or by reference. Falls back to copying when stdout is not a pipe. Bytes
+// passed by reference must stay unchanged until they have been read.
 bool give(std::string_view bytes, bool& byReference) {
   while (!bytes.empty()) {
     ssize_t count;
@@ -98,7 +98,7 @@ std::string Load::lines(std::size_t count) const {
 }
 
 int runWriter(int sessions, std::size_t lines, bool byReference) {
-  constexpr std::size_t most = 4096;  // lines in memory, given again and again
+  constexpr std::size_t most = 4096;  // lines in memory, written repeatedly
   const Load load(sessions);
   const std::string many = load.lines(std::min(lines, most));
   const std::string rest = load.lines(lines % most);

@@ -1,4 +1,4 @@
-// The input of the benchmarks: meeting audio as a host sends it.
+// Generates the input of the benchmarks: meeting audio as a host sends it.
 #pragma once
 
 #include <cstddef>
@@ -10,20 +10,20 @@ namespace palaver::bench {
 inline constexpr std::size_t framesPerLine = 1600;  // 100 ms at 16 kHz
 inline constexpr std::size_t pipeSize = 1 << 20;    // bytes
 
-// A load that is the same in every process and every run.
+// Generates the same load in every process and every run.
 class Load {
  public:
-  // Audio of this many sessions with two sources each, in turn.
+  // Generates audio of `sessions` sessions with two sources each, in turn.
   explicit Load(int sessions);
 
-  // The commands that open the sessions.
+  // Returns the commands that open the sessions.
   const std::string& opening() const { return opening_; }
 
-  // One line of 100 ms with its line feed, about 4412 bytes. Lines repeat their audio, quiet and loud, after
-  // a while.
+  // Returns one line of 100 ms with its line feed, about 4412 bytes. Lines repeat their audio, quiet and
+  // loud, after a while.
   std::string line(std::size_t sequence) const;
 
-  // Many lines in one piece, from number 0 on.
+  // Returns the first `count` lines as one text.
   std::string lines(std::size_t count) const;
 
  private:
@@ -32,9 +32,9 @@ class Load {
   std::string opening_;
 };
 
-// Writes the opening of the load and then `lines` lines of it to standard output, from memory: by copy,
-// as hosts write, or by reference, which costs next to nothing, so that the reader is what is measured.
-// Returns the exit status of the process.
+// Writes the load's opening and then `lines` of its lines to stdout, from memory: by copy, as hosts
+// write, or by reference, which costs almost nothing, so that the reader is measured. Returns the exit
+// status of the process.
 int runWriter(int sessions, std::size_t lines, bool byReference);
 
 }  // namespace palaver::bench

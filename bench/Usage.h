@@ -1,24 +1,23 @@
-// What a process has used so far: time, and memory.
+// Reads the time and memory that a process has used.
 #pragma once
 
 #include <cstdio>
 
 namespace palaver::bench {
 
-// Seconds of a clock that only goes forward, the same for all processes of the machine.
+// Returns the seconds of a monotonic clock, the same for all processes of the machine.
 double monotonicSeconds();
 
-// Processor time of all threads of this process, user and system, seconds.
+// Returns the processor time of all threads of this process, user and system, seconds.
 double processorSeconds();
 
-// Processor time of the calling thread alone, seconds.
+// Returns the processor time of the calling thread, seconds.
 double threadProcessorSeconds();
 
-// Resident memory of this process, bytes.
+// Returns the resident memory of this process, bytes.
 double residentBytes();
 
-// Waits until standard input has something to read, or has ended, so that the time a writer needs to get
-// ready is nobody's.
+// Waits until stdin is readable or has ended, so that the writer's preparation is not measured.
 void waitForInput();
 
 // Prints one figure of a child's report.

@@ -1,10 +1,9 @@
-"""Whether the helper keeps up with many people speaking at once, and what it takes: ten live channels, five sessions with two
-sources each, in real time on recordings of people.
+"""Measures whether the helper keeps up with many people speaking at the same time, and what it uses: ten live channels (five
+sessions with two sources each) in real time, on recordings of people.
 
 Usage: channels.py HELPER [CHANNELS [SECONDS]]
 
-A channel keeps up when its finals do not come later as time goes on. It takes as long as it says; the machine must have nothing
-else to do.
+A channel keeps up when the latency of its finals does not grow. The run takes SECONDS. The machine must be otherwise idle.
 """
 
 import base64
@@ -21,7 +20,7 @@ import wave
 
 DATA = pathlib.Path("/usr/share/pocketsphinx/test/data/librivox")
 CHUNK = 1600  # frames, 100 ms at 16 kHz
-PAUSE = bytes(2 * CHUNK * 12)  # behind each recording; longer than the 900 ms that end an utterance
+PAUSE = bytes(2 * CHUNK * 12)  # after each recording; longer than the 900 ms that end an utterance
 
 
 def recordings():
@@ -61,7 +60,7 @@ def main():
     helper.stdin.flush()
 
     speech = recordings()
-    # Each channel begins with another recording, so that they do not all pause at once.
+    # Each channel begins with another recording, so that they do not pause together.
     streams = [b"".join(part + PAUSE for part in speech[channel % len(speech):] + speech[:channel % len(speech)])
                for channel in range(channels)]
     begin, used, latencies, errors, memory = time.time(), None, [], [], []

@@ -1,5 +1,5 @@
-// What a host's own language makes of the same input: lines, JSON, Base64. Prints its figures as the benchmarks want
-// them.
+// Processes the same input in a host's own language: lines, JSON, Base64. Prints its figures in the format
+// of the benchmarks.
 import { createInterface } from "node:readline";
 
 let start;

@@ -1,6 +1,6 @@
-// The benchmarks: `palaver_bench [throughput] [latency] [startup] [memory]` measures what is named, or
-// everything, and prints one table. Its status says whether the benchmarks worked, not whether the targets
-// were met.
+// Runs the benchmarks: `palaver_bench [throughput] [latency] [startup] [memory]` runs the named
+// measurements, or all, and prints one table. Its status reports whether the benchmarks worked, not whether
+// the targets were met.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>

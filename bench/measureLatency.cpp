@@ -19,8 +19,8 @@ namespace palaver::bench {
 namespace {
 
 constexpr double rate = 2000;         // writes a second
-constexpr std::size_t writes = 3000;  // a round
-constexpr std::size_t warmUp = 200;   // writes that do not count
+constexpr std::size_t writes = 3000;  // per round
+constexpr std::size_t warmUp = 200;   // writes not counted
 constexpr int rounds = 5;
 
 void sleepUntil(double seconds) {
@@ -39,7 +39,7 @@ void writeAll(int descriptor, std::string_view bytes) {
   }
 }
 
-// Writes the messages at an even pace; returns the seconds from each write to its arrival in the reader.
+// Writes the messages at an even pace. Returns the seconds from each write to its arrival in the reader.
 std::vector<double> delays(const std::string& role, const std::string& opening,
                            const std::vector<std::string>& messages) {
   Pipe input = makePipe(pipeSize);
@@ -70,7 +70,7 @@ std::vector<double> delays(const std::string& role, const std::string& opening,
 }  // namespace
 
 std::vector<Row> measureLatency() {
-  std::signal(SIGPIPE, SIG_IGN);  // a reader that has gone shows as an error of write
+  std::signal(SIGPIPE, SIG_IGN);  // a closed reader shows as an error of write
   const Load load(1);
   std::vector<std::string> messages;
   for (std::size_t i = 0; i < writes; ++i) messages.push_back(load.line(i));

@@ -12,8 +12,8 @@ namespace {
 
 constexpr int rounds = 300;
 
-// Seconds from the start of the program to the first line it prints. Its input stays empty and open until
-// then.
+// Returns the seconds from the start of the program to its first line. Its input stays empty and
+// open until then.
 double timeToFirstLine(const std::string& program) {
   Pipe input = makePipe();
   Pipe output = makePipe();

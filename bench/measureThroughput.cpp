@@ -40,7 +40,7 @@ std::string linesPerSecond(double seconds) {
   return figure(static_cast<double>(lines) / seconds / 1000, 0, "k lines/s");
 }
 
-// Figures of the rounds, by name.
+// Collects the figures of all rounds by name.
 class Rounds {
  public:
   void add(const std::string& name, double value) { values_[name].push_back(value); }
@@ -51,7 +51,7 @@ class Rounds {
   std::map<std::string, std::vector<double>> values_;
 };
 
-// `writerRole`: how the load comes into the pipe, as in `host` of the rows.
+// `writerRole`: how the load is written into the pipe. `host` describes it in the rows.
 std::vector<Row> compareWithReading(const std::string& writerRole, const std::string& host) {
   Rounds found;
   for (int round = 0; round < rounds; ++round) {

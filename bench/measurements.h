@@ -1,5 +1,5 @@
-// The measurements. Each starts the processes it needs, several times and in turn with their limit, and
-// throws when one of them fails or when the figures cannot be right.
+// Measures the helper. Each function starts its processes several times, alternating with their limit. Throws
+// when a process fails or when the figures cannot be right.
 #pragma once
 
 #include <string>
@@ -9,16 +9,16 @@
 
 namespace palaver::bench {
 
-// The whole path against reading only and against a Node script: lines a second and processor time.
+// Compares the whole path with reading only and with a Node script: lines per second and processor time.
 std::vector<Row> measureThroughput();
 
-// From the host's write to the recognizer, against a bare wake-up.
+// Compares the time from the host's write to the recognizer with a bare wake-up.
 std::vector<Row> measureLatency();
 
-// From the start of the process to its first line, against a static C program.
+// Compares the time from the start of the process to its first line with a static C program.
 std::vector<Row> measureStartUp();
 
-// Resident memory: with the main thread stalled, and over an hour of audio.
+// Measures resident memory with the main thread stalled, and over an hour of audio.
 std::vector<Row> measureMemory();
 
 }  // namespace palaver::bench

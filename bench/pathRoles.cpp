@@ -1,5 +1,5 @@
-// The helper's own path in a process: the machine's reader, queue and streams, the command channel and the
-// backend, with a recognition that counts.
+// Runs the helper's own path in a process: the machine's reader, queue and streams, the command channel and
+// the backend, with a recognition that counts.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -26,7 +26,7 @@ namespace palaver::bench {
 
 namespace {
 
-// The machine's process, with a last look at the figures before it ends.
+// Wraps the machine's process and calls `atExit` before it ends.
 class WatchedProcess final : public Process {
  public:
   explicit WatchedProcess(Process& process) : process_(process) {}
@@ -51,7 +51,7 @@ class WatchedProcess final : public Process {
   Process& process_;
 };
 
-// Lets the main thread know how much has been read, and when that was all.
+// Reports to the main thread how much has been read, and when the input has ended.
 class WatchedInput final : public InputHandler {
  public:
   explicit WatchedInput(InputHandler& handler) : handler_(handler) {}
@@ -66,7 +66,7 @@ class WatchedInput final : public InputHandler {
     handler_.ended();
   }
 
-  // Blocks until the input has ended; returns its length in bytes. Once.
+  // Blocks until the input has ended. Returns its length in bytes. Call once.
   std::size_t waitForEnd() {
     ended_.acquire();
     return bytes_;
@@ -78,8 +78,7 @@ class WatchedInput final : public InputHandler {
   std::binary_semaphore ended_{0};
 };
 
-// Everything between standard input and the recognizer. Made on the main thread; lives until the process
-// ends.
+// Owns everything between stdin and the recognizer. Create on the main thread. Lives until the process ends.
 struct Path {
   Path(int argumentCount, char** arguments) : machine(makePlatform(argumentCount, arguments)) {}
 
@@ -106,7 +105,7 @@ struct Path {
   Platform& machine;
   CountingRecognition recognition;
   WatchedProcess process{machine.process};
-  // Standard output is for the figures.
+  // Standard output is reserved for the figures.
   DescriptorOutput events{::open("/dev/null", O_WRONLY | O_CLOEXEC)};
   Platform platform{.clock = machine.clock,
                     .process = process,

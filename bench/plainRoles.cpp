@@ -1,4 +1,4 @@
-// The limits: what reading costs when nothing is done with the input.
+// Measures the limits: the cost of reading input without processing it.
 #include <unistd.h>
 
 #include <cstdlib>

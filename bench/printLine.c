@@ -1,4 +1,4 @@
-/* The least that a program can do before its first line: the limit of the start-up benchmark. */
+/* Prints one line and exits: the lower limit of the start-up benchmark. */
 #include <unistd.h>
 
 int main(void) {

@@ -1,30 +1,29 @@
-// What the child processes of the benchmarks do. Each reads standard input to its end and prints its figures
-// on standard output. Each returns the exit status, or ends the process itself.
+// Implements the child processes of the benchmarks. Each reads stdin to its end and prints its figures on
+// stdout. Each returns the exit status, or ends the process itself.
 #pragma once
 
 namespace palaver::bench {
 
-// Reads and counts line feeds: the least that anything on a pipe can cost. Figures: lines, seconds from the
-// first byte, processor (seconds).
+// Reads and counts line feeds, the minimum cost of input from a pipe. Figures: lines, seconds from the first
+// byte, processor (seconds).
 int runLimit();
 
-// Reads on one thread that nothing else keeps busy, and prints the monotonic time (seconds) of every byte's
-// arrival.
+// Reads on an otherwise idle thread. Prints the monotonic time (seconds) of every byte's arrival.
 int runWakeUp();
 
-// The helper's whole path up to a recognition that counts. Figures: buffers, seconds from the first byte,
-// processor (seconds of both threads), reader and main (seconds of each thread).
+// Runs the helper's whole path up to a recognition that counts. Figures: buffers, seconds from the first
+// byte, processor (seconds of both threads), reader and main (seconds of each thread).
 int runPath(int argumentCount, char** arguments);
 
-// The same; prints the monotonic time (seconds) at which each buffer reached the recognizer.
+// Like runPath(). Prints the monotonic time (seconds) at which each buffer reached the recognizer.
 int runPathArrivals(int argumentCount, char** arguments);
 
-// The same with the main thread stalled until all input has been read. Figures, in bytes: input, before,
-// stalled (all input held) and after (all input handled), the last three being resident memory.
+// Like runPath(), with the main thread stalled until all input has been read. Figures, in bytes: input, and
+// resident memory before, stalled (all input held) and after (all input handled).
 int runStalledPath(int argumentCount, char** arguments);
 
-// The same at full speed; figures: buffers, and resident memory (bytes) before, after the first minute of
-// audio of two sources, at its peak and at the end.
+// Like runPath(), at full speed. Figures: buffers, and resident memory (bytes) before, after the first minute
+// of audio of two sources, at its peak and at the end.
 int runPathMemory(int argumentCount, char** arguments);
 
 }  // namespace palaver::bench

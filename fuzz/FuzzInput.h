@@ -1,4 +1,4 @@
-// What the fuzzers share.
+// Shares helpers between the fuzzers.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ inline std::string_view text(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-// Ends the run with a report when the two sides differ.
+// Prints `what` and aborts when the two sides differ.
 inline void require(bool agreed, const char* what) {
   if (agreed) return;
   std::fprintf(stderr, "fuzzer: %s\n", what);

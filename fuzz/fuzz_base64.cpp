@@ -1,4 +1,4 @@
-// The Base64 decoder against one that shifts bits.
+// Compares the Base64 decoder with a bit-shifting implementation.
 #include <optional>
 #include <string>
 #include <vector>

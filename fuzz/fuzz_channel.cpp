@@ -1,4 +1,5 @@
-// Input in reads of any size against the same input in one read. The first eight bytes choose the sizes.
+// Compares input in reads of any size with the same input in one read. The first eight bytes
+// choose the sizes.
 #include <algorithm>
 #include <cstring>
 

@@ -1,4 +1,4 @@
-// The command decoder against the reference: the same lines accepted, with the same values.
+// Compares the command decoder with the reference: both must accept the same lines with the same values.
 #include "fuzz/FuzzInput.h"
 #include "tests/support/ReferenceDecoder.h"
 #include "tests/unit/core/DecodedLine.h"

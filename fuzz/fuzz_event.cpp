@@ -1,4 +1,5 @@
-// Events made of whatever a command can hold: encoded as one line that reads back to the same values.
+// Encodes events made from any decodable command as one line, and checks that it reads back to
+// the same values.
 #include "core/JSONLineWriter.h"
 
 #include <nlohmann/json.hpp>
@@ -20,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (command.sentAt) event["sentAt"] = *command.sentAt;
   if (command.suppressed) event["suppressed"] = *command.suppressed;
 
-  const auto line = serializeEvent(event);  // whatever could be decoded can be encoded
+  const auto line = serializeEvent(event);  // every decoded value can be encoded
   for (const char c : line) require(static_cast<unsigned char>(c) >= 0x20, "a raw control character");
   const auto read = Event::parse(line, nullptr, false);
   require(!read.is_discarded(), "not JSON");

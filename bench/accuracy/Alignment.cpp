@@ -12,7 +12,7 @@ struct Understood {
   std::size_t utterance;
 };
 
-// Marks the errors from one end of an utterance up to its first right word.
+// Marks the errors from one end of an utterance up to its first correct word.
 template <typename Iterator>
 void markEdge(Iterator begin, Iterator end, Word::Edge edge) {
   for (auto word = begin; word != end && word->kind != Word::Kind::match; ++word)
@@ -57,7 +57,7 @@ std::vector<Word> align(const std::vector<std::string>& said, const Utterances& 
   for (std::size_t utterance = 0; utterance < understood.size(); ++utterance)
     for (const auto& word : understood[utterance]) heard.push_back({word, utterance});
 
-  // distance[i][j]: errors between the first i words said and the first j understood.
+  // distance[i][j]: errors between the first i words said and the first j words understood.
   std::vector distance(said.size() + 1, std::vector<std::size_t>(heard.size() + 1));
   for (std::size_t i = 0; i <= said.size(); ++i) {
     for (std::size_t j = 0; j <= heard.size(); ++j) {

@@ -9,7 +9,7 @@ namespace palaver::accuracy {
 
 namespace {
 
-// A file of lines "<s> some words </s> (name)", each for the recording name.wav beside it.
+// Reads a file of lines "<s> some words </s> (name)", each for the recording name.wav in its directory.
 Speaker readTranscription(const std::filesystem::path& path) {
   std::ifstream file(path);
   Speaker speaker;
@@ -36,13 +36,13 @@ std::vector<Speaker> readRecordings(const std::filesystem::path& directory) {
   std::vector<Speaker> speakers;
   speakers.push_back(readTranscription(directory / "librivox/transcription"));
   speakers.push_back(readTranscription(directory / "cards/cards.transcription"));
-  // The words are those of the finite-state grammar beside it (goforward.fsg).
+  // The words are those of the finite-state grammar in the same directory (goforward.fsg).
   speakers.push_back({{"goforward", directory / "goforward.raw", splitWords("go forward ten meters")}});
-  // The digits are in its name, z for zero as the list beside it has it (tidigits.lsn).
+  // The digits are in the file's name, with z for zero as in the list in the same directory (tidigits.lsn).
   speakers.push_back(
       {{"tidigits/dhd.2934z", directory / "tidigits/dhd.2934z.raw", splitWords("two nine three four zero")}});
-  // Nothing beside these two says what is spoken. In the first, every setting of the recognizer that was
-  // tried agrees on the words.
+  // No file gives the words of these two. In the first, every tested setting of the recognizer agrees
+  // on the words.
   speakers.push_back(
       {{"something", directory / "something.raw", splitWords("go somewhere and do something"), false}});
   speakers.push_back({{"numbers", directory / "numbers.raw", {}, false}});

@@ -1,4 +1,4 @@
-// The recordings of human speech whose words are known.
+// Reads recordings of human speech whose words are known.
 #pragma once
 
 #include <filesystem>
@@ -10,15 +10,15 @@ namespace palaver::accuracy {
 struct Recording {
   std::string name;
   std::string path;
-  std::vector<std::string> words;  // what is said; empty when that is not known
-  bool isDocumented = true;        // someone wrote the words down
+  std::vector<std::string> words;  // the words said; empty when unknown
+  bool isDocumented = true;        // the words have been written down
 };
 
-// What one person says: in a meeting, one source of audio.
+// Recordings of one person: in a meeting, one source of audio.
 using Speaker = std::vector<Recording>;
 
-// The recordings of the test data that PocketSphinx comes with, at `directory`, by speaker. Throws
-// std::runtime_error when a file is missing or not as expected.
+// Returns the recordings of PocketSphinx's test data in `directory`, by speaker. Throws std::runtime_error
+// when a file is missing or malformed.
 std::vector<Speaker> readRecordings(const std::filesystem::path& directory);
 
 }  // namespace palaver::accuracy

@@ -1,4 +1,4 @@
-// Several recordings one after another, as one source of audio.
+// Plays several recordings one after another as one source of audio.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace palaver::accuracy {
 
-// Plays the files with silence before the first, between them and behind the last. Opened one by one.
+// Plays the files with silence before the first, between them and after the last. Opens them one by one.
 class SoundSequence final : public host::SoundSource {
  public:
   // `pause`: 16 kHz frames of silence. Throws std::runtime_error when a file cannot be read.
@@ -19,7 +19,7 @@ class SoundSequence final : public host::SoundSource {
   std::size_t read(std::span<std::int16_t> frames) override;
   std::int64_t length() const override;
 
-  // Where each file begins, in 16 kHz frames; the last entry is where the next would.
+  // Returns the start of each file in 16 kHz frames. The last entry is where the next file would start.
   const std::vector<std::int64_t>& starts() const { return starts_; }
 
  private:
@@ -28,7 +28,7 @@ class SoundSequence final : public host::SoundSource {
   std::vector<std::string> paths_;
   std::vector<std::int64_t> starts_;
   std::int64_t position_ = 0;  // frames delivered
-  std::size_t next_ = 0;       // the file being played or to be played next
+  std::size_t next_ = 0;       // current or next file
   std::unique_ptr<host::SoundFileSource> playing_;
 };
 

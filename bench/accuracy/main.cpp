@@ -1,5 +1,5 @@
-// palaver_accuracy: the word errors of the whole helper on recordings of human speech, streamed in real time
-// as a host does.
+// Measures word errors of the whole helper (palaver_accuracy) on recordings of human speech, streamed in real
+// time as by a host.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -25,9 +25,8 @@ using namespace palaver::accuracy;
 
 constexpr std::int64_t pause = host::sampleRate * 2;  // between recordings, frames
 
-// The recognizer understands the same recording differently when it begins a few milliseconds later in a
-// chunk: every fifth error comes and goes. So each speaker is heard several times, each time at another
-// offset.
+// The recognizer's words change when a recording begins a few milliseconds later in a chunk: every fifth
+// error depends on that. Each speaker is therefore streamed several times, each time at another offset.
 constexpr std::array<std::int64_t, 3> offsets{0, 533, 1067};  // frames; 0, 33 and 67 ms
 
 struct Final {
@@ -75,7 +74,7 @@ std::unique_ptr<SoundSequence> sequenceOf(const Speaker& speaker, std::int64_t o
   return speaker.empty() ? nullptr : std::make_unique<SoundSequence>(paths, pause + offset);
 }
 
-// The recording that a final belongs to: the one that plays in the middle of its speech.
+// Returns the recording that a final belongs to: the one that plays in the middle of its speech.
 std::size_t recordingOf(const Final& final, const SoundSequence& sequence) {
   const auto middle = (final.start + final.end) / 2 * host::sampleRate / 1000;
   std::size_t index = 0;
@@ -98,14 +97,14 @@ void collect(const Speaker& speaker, const SoundSequence& sequence, AudioSource 
   }
 }
 
-// Streams two speakers (the second may have nothing to say) through one helper.
+// Streams two speakers (the second may be empty) through one helper.
 std::vector<Understanding> stream(const Speaker& remote, const Speaker& self, std::int64_t offset) {
   host::HostConfiguration configuration;
   configuration.helper = {PALAVER_HELPER};
-  configuration.limits.finals = 120000;  // a busy machine makes words late, not wrong
+  configuration.limits.finals = 120000;  // a busy machine delays words but does not change them
   auto remoteSound = sequenceOf(remote, offset);
   auto selfSound = sequenceOf(self, offset);
-  // The session owns the sounds; where their recordings begin is asked for afterwards.
+  // The session owns the sounds. Their starts are read after the session.
   const auto& remoteSequence = *remoteSound;
   const auto* const selfSequence = selfSound.get();
   Finals finals;
@@ -117,7 +116,7 @@ std::vector<Understanding> stream(const Speaker& remote, const Speaker& self, st
   return results;
 }
 
-// Each pair of neighbours in a session of its own, one session after another.
+// Streams each pair of neighbours in its own session, one session after another.
 std::vector<Understanding> streamPairs(const std::vector<Speaker>& speakers, std::int64_t offset) {
   std::vector<Understanding> results;
   for (std::size_t at = 0; at < speakers.size(); at += 2) {
@@ -140,7 +139,7 @@ std::string describeUtterances(const std::vector<Final>& finals) {
   return text.empty() ? "no utterance" : text;
 }
 
-// Prints the table and the alignments, and returns the errors of all recordings.
+// Prints the table and the alignments. Returns the errors of all recordings.
 ErrorCount report(const char* title, const std::vector<Understanding>& results) {
   std::printf("\n%s\n\n%-50s%5s%5s%5s%5s%7s\n", title, "recording", "words", "sub", "ins", "del", "%");
   ErrorCount total;
@@ -183,7 +182,7 @@ void run(const std::filesystem::path& directory) {
 
   std::printf(
       "Alignment: [said>understood] [-lost] [+added]; | between utterances; ! at an utterance's edge.\n");
-  // One session after another: a helper that is short of processor time would lose words.
+  // One session after another: a helper without enough processor time would lose words.
   std::vector<ErrorCount> rounds;
   for (const auto offset : offsets) {
     const auto title = "One channel for each speaker, as in a meeting; begun " +
@@ -206,7 +205,7 @@ void run(const std::filesystem::path& directory) {
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
-  std::signal(SIGPIPE, SIG_IGN);  // a helper that dies is an error, not a signal
+  std::signal(SIGPIPE, SIG_IGN);  // writing to an ended helper is an error, not a signal
   try {
     run(argumentCount > 1 ? arguments[1] : "/usr/share/pocketsphinx/test/data");
   } catch (const std::exception& error) {

@@ -1,4 +1,4 @@
-// The way of one batch of commands through the main queue, and of a whole line through the command channel.
+// Measures one batch of commands through the main queue, and one line through the command channel.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -24,10 +24,10 @@ namespace palaver::bench {
 
 namespace {
 
-// Leaves ThreadedMainQueue::run(), which does not return by itself.
+// Leaves ThreadedMainQueue::run(), which does not return.
 struct Stop {};
 
-// A batch there and the news of its end back: two changes of thread, one lock and one notification each way.
+// Sends a batch and waits for its end: two thread switches, one lock and one notification each way.
 void handOverAndBack(benchmark::State& state) {
   ThreadedMainQueue* queue = nullptr;
   std::mutex lock;
@@ -64,7 +64,7 @@ void handOverAndBack(benchmark::State& state) {
 }
 BENCHMARK(handOverAndBack)->UseRealTime();
 
-// Drops what it is given, so that only the reader's side is measured.
+// Drops all jobs, so that only the reader's side is measured.
 class DroppingQueue final : public MainQueue {
  public:
   void async(Job) override {}
@@ -76,8 +76,8 @@ class DroppingQueue final : public MainQueue {
   void serve() override { throw Stop(); }
 };
 
-// The reader's side of 16 lines that arrive in one read, from bytes to the queued batch; copying them into
-// place is part of it, as read() does that.
+// Measures the reader's side of 16 lines that arrive in one read, from bytes to the queued batch. Includes
+// copying them into place, as read() does.
 void channelOf16Lines(benchmark::State& state) {
   const std::string lines = Load(1).lines(16);
   DroppingQueue queue;

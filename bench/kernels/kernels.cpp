@@ -1,4 +1,4 @@
-// The steps of the path of one 100 ms line, each on its own and with everything in the cache.
+// Measures the steps that process one 100 ms line, each separately and with all data in the cache.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -19,7 +19,7 @@ namespace palaver::bench {
 
 namespace {
 
-// One line without its line feed.
+// Returns one line without its line feed.
 std::string oneLine() {
   std::string line = Load(1).line(3);
   line.pop_back();
@@ -31,8 +31,8 @@ std::string oneChunk() {
   return std::string(decodeHelperCommand(line.data(), line.size()).pcmBase64.value());
 }
 
-// Decoding works in place and an unescaped line survives it but for the characters that end its texts, so
-// each round starts from a copy. The cost of that copy is measured below.
+// Decoding in place overwrites only the characters that end the texts of an unescaped line, so each round
+// starts from a copy. This benchmark measures the cost of that copy.
 void copyLine(benchmark::State& state) {
   const std::string line = oneLine();
   std::vector<char> bytes(line.size() + decodingPadding);
