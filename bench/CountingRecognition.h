@@ -18,7 +18,7 @@ class CountingRecognition final : public SpeechRecognition {
   std::uint64_t buffers() const { return buffers_; }
 
   // Called on the main thread for each of these buffers, if set.
-  std::function<void()> heard;
+  std::function<void()> onBuffer;
 
   AuthorizationStatus authorizationStatus() const override { return AuthorizationStatus::authorized; }
   void requestAuthorization(std::function<void(AuthorizationStatus)> handler) override {
@@ -34,7 +34,7 @@ class CountingRecognition final : public SpeechRecognition {
     void append(std::shared_ptr<const PCMBuffer>) override {
       if (!live) return;
       ++owner.buffers_;
-      if (owner.heard) owner.heard();
+      if (owner.onBuffer) owner.onBuffer();
     }
     void endAudio() override {
       if (!live && handler)

@@ -142,7 +142,7 @@ int runPathArrivals(int argumentCount, char** arguments) {
   Path path(argumentCount, arguments);
   path.backend.emitStatus();
   std::vector<double> arrivals;
-  path.recognition.heard = [&arrivals] { arrivals.push_back(monotonicSeconds()); };
+  path.recognition.onBuffer = [&arrivals] { arrivals.push_back(monotonicSeconds()); };
   path.process.atExit = [&arrivals] {
     for (const double arrival : arrivals) std::printf("%.9f\n", arrival);
   };
@@ -170,7 +170,7 @@ int runPathMemory(int argumentCount, char** arguments) {
   path.backend.emitStatus();
   report("before", residentBytes());
   double peak = 0;
-  path.recognition.heard = [&path, &peak] {
+  path.recognition.onBuffer = [&path, &peak] {
     const auto buffers = path.recognition.buffers();
     if (buffers % perMinute != 0) return;
     const double now = residentBytes();

@@ -31,7 +31,7 @@ constexpr std::array<std::pair<DictationAvailability, std::string_view>, 3> name
 // and may run on any thread.
 class Outcome {
  public:
-  explicit Outcome(std::unique_ptr<Semaphore> heard) : heard_(std::move(heard)) {}
+  explicit Outcome(std::unique_ptr<Semaphore> answered) : answered_(std::move(answered)) {}
 
   void record(const std::optional<RecognitionResult>& result, const std::optional<PlatformError>& error) {
     const std::lock_guard guard(lock_);
@@ -45,10 +45,10 @@ class Outcome {
     } else {
       return;
     }
-    heard_->signal();
+    answered_->signal();
   }
 
-  bool wait(double milliseconds) { return heard_->wait(milliseconds); }
+  bool wait(double milliseconds) { return answered_->wait(milliseconds); }
 
   DictationAvailability read() {
     const std::lock_guard guard(lock_);
@@ -58,7 +58,7 @@ class Outcome {
  private:
   std::mutex lock_;
   std::optional<DictationAvailability> availability_;
-  std::unique_ptr<Semaphore> heard_;
+  std::unique_ptr<Semaphore> answered_;
 };
 
 }  // namespace

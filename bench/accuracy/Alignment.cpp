@@ -7,7 +7,7 @@ namespace palaver::accuracy {
 
 namespace {
 
-struct Understood {
+struct RecognizedWord {
   std::string word;
   std::size_t utterance;
 };
@@ -53,45 +53,45 @@ std::vector<std::string> splitWords(std::string_view text) {
 }
 
 std::vector<Word> align(const std::vector<std::string>& said, const Utterances& understood) {
-  std::vector<Understood> heard;
+  std::vector<RecognizedWord> recognized;
   for (std::size_t utterance = 0; utterance < understood.size(); ++utterance)
-    for (const auto& word : understood[utterance]) heard.push_back({word, utterance});
+    for (const auto& word : understood[utterance]) recognized.push_back({word, utterance});
 
   // distance[i][j]: errors between the first i words said and the first j words understood.
-  std::vector distance(said.size() + 1, std::vector<std::size_t>(heard.size() + 1));
+  std::vector distance(said.size() + 1, std::vector<std::size_t>(recognized.size() + 1));
   for (std::size_t i = 0; i <= said.size(); ++i) {
-    for (std::size_t j = 0; j <= heard.size(); ++j) {
+    for (std::size_t j = 0; j <= recognized.size(); ++j) {
       if (i == 0 || j == 0) {
         distance[i][j] = i + j;
         continue;
       }
-      const std::size_t substitution = said[i - 1] == heard[j - 1].word ? 0 : 1;
+      const std::size_t substitution = said[i - 1] == recognized[j - 1].word ? 0 : 1;
       distance[i][j] =
           std::min({distance[i - 1][j - 1] + substitution, distance[i - 1][j] + 1, distance[i][j - 1] + 1});
     }
   }
 
   std::vector<Word> alignment;
-  for (std::size_t i = said.size(), j = heard.size(); i > 0 || j > 0;) {
+  for (std::size_t i = said.size(), j = recognized.size(); i > 0 || j > 0;) {
     Word word;
     if (j > 0) {
-      word.utterance = heard[j - 1].utterance;
-    } else if (!heard.empty()) {
-      word.utterance = heard.front().utterance;
+      word.utterance = recognized[j - 1].utterance;
+    } else if (!recognized.empty()) {
+      word.utterance = recognized.front().utterance;
     }
-    if (i > 0 && j > 0 && said[i - 1] == heard[j - 1].word && distance[i][j] == distance[i - 1][j - 1]) {
+    if (i > 0 && j > 0 && said[i - 1] == recognized[j - 1].word && distance[i][j] == distance[i - 1][j - 1]) {
       word.said = word.understood = said[--i];
       --j;
     } else if (i > 0 && j > 0 && distance[i][j] == distance[i - 1][j - 1] + 1) {
       word.kind = Word::Kind::substitution;
       word.said = said[--i];
-      word.understood = heard[--j].word;
+      word.understood = recognized[--j].word;
     } else if (i > 0 && distance[i][j] == distance[i - 1][j] + 1) {
       word.kind = Word::Kind::deletion;
       word.said = said[--i];
     } else {
       word.kind = Word::Kind::insertion;
-      word.understood = heard[--j].word;
+      word.understood = recognized[--j].word;
     }
     alignment.push_back(word);
   }

@@ -63,7 +63,7 @@ class Finals final : public host::HostObserver {
   double startedAt_ = 0;
 };
 
-struct Understanding {
+struct RecordingResult {
   Recording recording;
   std::vector<Final> finals;
 };
@@ -84,7 +84,7 @@ std::size_t recordingOf(const Final& final, const SoundSequence& sequence) {
 }
 
 void collect(const Speaker& speaker, const SoundSequence& sequence, AudioSource source,
-             const std::vector<Final>& finals, std::vector<Understanding>& results) {
+             const std::vector<Final>& finals, std::vector<RecordingResult>& results) {
   const auto first = results.size();
   for (const auto& recording : speaker) results.push_back({recording, {}});
   for (auto final : finals) {
@@ -98,7 +98,7 @@ void collect(const Speaker& speaker, const SoundSequence& sequence, AudioSource 
 }
 
 // Streams two speakers (the second may be empty) through one helper.
-std::vector<Understanding> stream(const Speaker& remote, const Speaker& self, std::int64_t offset) {
+std::vector<RecordingResult> stream(const Speaker& remote, const Speaker& self, std::int64_t offset) {
   host::HostConfiguration configuration;
   configuration.helper = {PALAVER_HELPER};
   configuration.limits.finals = 120000;  // a busy machine delays words but does not change them
@@ -110,15 +110,15 @@ std::vector<Understanding> stream(const Speaker& remote, const Speaker& self, st
   Finals finals;
   host::HostSession session(configuration, std::move(remoteSound), std::move(selfSound), finals);
   if (!session.run()) throw std::runtime_error("the session went wrong: " + finals.problems);
-  std::vector<Understanding> results;
+  std::vector<RecordingResult> results;
   collect(remote, remoteSequence, AudioSource::remote, finals.finals, results);
   if (selfSequence) collect(self, *selfSequence, AudioSource::selfAudio, finals.finals, results);
   return results;
 }
 
 // Streams each pair of neighbours in its own session, one session after another.
-std::vector<Understanding> streamPairs(const std::vector<Speaker>& speakers, std::int64_t offset) {
-  std::vector<Understanding> results;
+std::vector<RecordingResult> streamPairs(const std::vector<Speaker>& speakers, std::int64_t offset) {
+  std::vector<RecordingResult> results;
   for (std::size_t at = 0; at < speakers.size(); at += 2) {
     auto pair = stream(speakers[at], at + 1 < speakers.size() ? speakers[at + 1] : Speaker{}, offset);
     results.insert(results.end(), pair.begin(), pair.end());
@@ -140,7 +140,7 @@ std::string describeUtterances(const std::vector<Final>& finals) {
 }
 
 // Prints the table and the alignments. Returns the errors of all recordings.
-ErrorCount report(const char* title, const std::vector<Understanding>& results) {
+ErrorCount report(const char* title, const std::vector<RecordingResult>& results) {
   std::printf("\n%s\n\n%-50s%5s%5s%5s%5s%7s\n", title, "recording", "words", "sub", "ins", "del", "%");
   ErrorCount total;
   ErrorCount documented;

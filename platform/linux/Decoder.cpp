@@ -197,7 +197,7 @@ void Decoder::endUtterance() {
   if (status < 0) throw engineFailure("end the utterance");
 }
 
-void Decoder::hearAgain(std::span<const std::int16_t> utterance) {
+void Decoder::redecode(std::span<const std::int16_t> utterance) {
   if (!inUtterance_) return;
   inUtterance_ = false;
   const int status = ps_end_utt(decoder_.get());

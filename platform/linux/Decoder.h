@@ -75,7 +75,7 @@ class Decoder {
   // the mean it has taught gives better words.
   bool knowsVoice() const { return speechBeforeUtterance_ >= framesToKnowVoice; }
   // Restarts the utterance with all of its audio so far. Takes as long as process() for that audio.
-  void hearAgain(std::span<const std::int16_t> utterance);
+  void redecode(std::span<const std::int16_t> utterance);
 
   // Returns the segments recognized so far in the utterance, or the final ones after its end.
   std::vector<DecodedSegment> segments() const;

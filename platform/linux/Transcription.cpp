@@ -42,8 +42,8 @@ void Transcription::process(std::span<const std::int16_t> samples) {
   } else {
     return;
   }
-  listen();
-  hearAgainInPause();
+  updateWords();
+  redecodeInPause();
   cutIfLong();
 }
 
@@ -60,24 +60,24 @@ std::vector<std::int16_t> Transcription::audioFrom(std::int64_t sample) const {
   return {newest_.end() - (received_ - sample), newest_.end()};
 }
 
-void Transcription::hearAgainInPause() {
-  const bool isPause = !current_.empty() && pause_ >= hearingPause;
-  if (!isPause) isHeardAgain_ = false;
+void Transcription::redecodeInPause() {
+  const bool isPause = !current_.empty() && pause_ >= redecodePause;
+  if (!isPause) isRedecoded_ = false;
   const bool isKept = utteranceLength() <= std::ssize(newest_);
-  if (!isPause || isHeardAgain_ || !isKept || decoder_.knowsVoice()) return;
-  isHeardAgain_ = true;
-  decoder_.hearAgain(audioFrom(utteranceStart_));
-  listen();
+  if (!isPause || isRedecoded_ || !isKept || decoder_.knowsVoice()) return;
+  isRedecoded_ = true;
+  decoder_.redecode(audioFrom(utteranceStart_));
+  updateWords();
 }
 
 void Transcription::finish() {
   if (!inUtterance_) return;
   inUtterance_ = false;
   decoder_.endUtterance();
-  listen();
+  updateWords();
 }
 
-void Transcription::listen() {
+void Transcription::updateWords() {
   current_.clear();
   pause_ = utteranceLength();
   for (auto& segment : decoder_.segments()) {
@@ -91,7 +91,7 @@ void Transcription::listen() {
 void Transcription::cutIfLong() {
   const std::int64_t length = utteranceLength();
   if (current_.empty()) {
-    if (quiet_ >= patience) {
+    if (quiet_ >= quietTimeout) {
       decoder_.endUtterance();
       inUtterance_ = false;
       settledUntil_ = received_ - quietOverlap;
@@ -126,7 +126,7 @@ void Transcription::cut(std::int64_t sample) {
   for (auto& word : current_)
     if (word.endSample <= sample) settled_.push_back(std::move(word));
   startUtterance(sample);
-  listen();
+  updateWords();
 }
 
 std::string Transcription::text() const {

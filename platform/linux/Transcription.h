@@ -29,7 +29,7 @@ class Transcription {
   // Loudness (RMS, full scale 1) below which audio is quiet. Intelligible speech is well above it.
   static constexpr double quietLevel = 0.003;
   // Samples of quiet after which an utterance without a word is ended.
-  static constexpr std::int64_t patience = std::int64_t{2} * modelSampleRate;
+  static constexpr std::int64_t quietTimeout = std::int64_t{2} * modelSampleRate;
   // Samples after which an utterance without a word is restarted.
   static constexpr std::int64_t quietLimit = std::int64_t{10} * modelSampleRate;
   // Samples of it that are decoded again, because a word may have begun in them.
@@ -42,7 +42,7 @@ class Transcription {
   static constexpr std::int64_t hardLimit = std::int64_t{60} * modelSampleRate;
   // Samples of pause after which an utterance of an unknown voice is decoded again. Well below the pause of
   // about a second after which a typical caller ends the audio.
-  static constexpr std::int64_t hearingPause = std::int64_t{4} * modelSampleRate / 10;
+  static constexpr std::int64_t redecodePause = std::int64_t{4} * modelSampleRate / 10;
   // Samples kept for decoding again. A longer utterance is not decoded again.
   static constexpr std::int64_t keptSamples = std::int64_t{10} * modelSampleRate;
   // Longer words are misrecognized noise and are left out.
@@ -73,8 +73,8 @@ class Transcription {
 
   void startUtterance(std::int64_t sample);
   std::vector<std::int16_t> audioFrom(std::int64_t sample) const;
-  void hearAgainInPause();
-  void listen();
+  void redecodeInPause();
+  void updateWords();
   void cutIfLong();
   void cut(std::int64_t sample);
   std::int64_t placeToCut() const;
@@ -89,7 +89,7 @@ class Transcription {
   std::deque<std::int16_t> newest_;  // the last keptSamples samples, or fewer
   std::vector<Word> settled_;        // words of earlier utterances
   std::vector<Word> current_;        // words of the current utterance
-  bool isHeardAgain_ = false;        // in the current pause at the utterance's end
+  bool isRedecoded_ = false;         // in the current pause at the utterance's end
   std::int64_t pause_ = 0;           // samples of silence at the utterance's end
 };
 

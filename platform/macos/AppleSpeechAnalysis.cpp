@@ -325,7 +325,7 @@ void AppleSpeechAnalysis::assetInstallationRequest(const std::shared_ptr<SpeechT
         const auto answer =
             PendingAnswers::take<SpeechBridgeInstallation*, std::optional<PlatformError>>(context);
         if (answer) return answer(installation, toError(error));
-        const Handle<SpeechBridgeInstallation> nobodyWants(installation);
+        const Handle<SpeechBridgeInstallation> unusedInstallation(installation);
       },
       pending_->keep(std::move(wrap)));
 }

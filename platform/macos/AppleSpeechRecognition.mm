@@ -40,7 +40,7 @@ class Recognition : public std::enable_shared_from_this<Recognition> {
         task = [recognizer recognitionTaskWithRequest:request
                                         resultHandler:^(SFSpeechRecognitionResult* result, NSError* error) {
                                           const AutoreleasePool pool;
-                                          self->hear(result, error);
+                                          self->handle(result, error);
                                         }];
       } @catch (NSException* exception) {
         failure_ = toPlatformError(exception);
@@ -62,14 +62,14 @@ class Recognition : public std::enable_shared_from_this<Recognition> {
   void end() { hasEnded_ = true; }
 
  private:
-  void hear(SFSpeechRecognitionResult* result, NSError* error) {
+  void handle(SFSpeechRecognitionResult* result, NSError* error) {
     if (failure_) return;
-    std::optional<RecognitionResult> heard;
+    std::optional<RecognitionResult> converted;
     std::optional<PlatformError> failure;
-    if (result) heard = toRecognitionResult(result);
+    if (result) converted = toRecognitionResult(result);
     if (error) failure = toPlatformError(error);
-    if (failure || (heard && heard->isFinal)) end();
-    handler_(std::move(heard), std::move(failure));
+    if (failure || (converted && converted->isFinal)) end();
+    handler_(std::move(converted), std::move(failure));
   }
 
   // Reports the failure like the system reports its own errors. Cancels the task, if there is one.

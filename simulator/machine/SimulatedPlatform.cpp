@@ -30,12 +30,12 @@ SimulatedPlatform::SimulatedPlatform(SimulatedSettings settings)
                 speechAnalysis, audioConverters, audioFiles,   tasks} {}
 
 SimulatedPlatform::~SimulatedPlatform() {
-  letGo();
+  destroyPendingWork();
 }
 
 // Destroys what pending jobs hold, and the coroutines that wait for a completion. A coroutine is destroyed by
 // a job, which is dropped in turn.
-void SimulatedPlatform::letGo() {
+void SimulatedPlatform::destroyPendingWork() {
   scheduler.clear();
   speechAnalysis.abandon();
   scheduler.clear();
@@ -52,7 +52,7 @@ std::optional<int> SimulatedPlatform::run(const std::function<void(Platform&)>& 
     status = exit.status;
   } catch (const NothingLeft&) {
   }
-  letGo();
+  destroyPendingWork();
   return status;
 }
 

@@ -56,7 +56,7 @@ class SimulatedPlatform {
   SndfileAudioFiles audioFiles;
 
  private:
-  void letGo();
+  void destroyPendingWork();
 
   Platform platform_;
 };

@@ -285,7 +285,7 @@ AuthorizationStatus SimulatedSpeechRecognition::authorizationStatus() const {
 
 void SimulatedSpeechRecognition::requestAuthorization(std::function<void(AuthorizationStatus)> handler) {
   const auto current = state();
-  if (current.asksInVain) return;
+  if (current.neverAnswersAuthorization) return;
   const auto answer = current.authorizationAnswer.value_or(
       RecognitionState::AuthorizationAnswer{.status = current.authorization, .after = 0});
   const auto give = [service = service_, status = answer.status, handler = std::move(handler)] {

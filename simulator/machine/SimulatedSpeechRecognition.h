@@ -44,9 +44,10 @@ struct RecognitionState {
   };
 
   AuthorizationStatus authorization = AuthorizationStatus::authorized;
-  // The user's answer to a request. None: the current authorization, synchronously. `asksInVain`: no answer.
+  // The user's answer to a request. None: the current authorization, synchronously.
+  // `neverAnswersAuthorization`: no answer.
   std::optional<AuthorizationAnswer> authorizationAnswer;
-  bool asksInVain = false;
+  bool neverAnswersAuthorization = false;
 
   std::map<std::string, bool, std::less<>> locales{{"ja-JP", true}};  // supported; value: whether installed
 

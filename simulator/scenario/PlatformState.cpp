@@ -22,8 +22,8 @@ AuthorizationStatus readAuthorization(const JSON& value, const std::string& wher
 }
 
 void readAuthorizationAnswer(const JSON& value, const std::string& where, RecognitionState& state) {
-  state.asksInVain = value == "never";
-  if (state.asksInVain) return;
+  state.neverAnswersAuthorization = value == "never";
+  if (state.neverAnswersAuthorization) return;
   ObjectReader reader(value, where);
   RecognitionState::AuthorizationAnswer answer{.status = state.authorization, .after = 0};
   if (const auto* const status = reader.find("status"))

@@ -18,7 +18,8 @@ std::optional<std::string> reasonToSkip(const Scenario& scenario) {
   const bool isPrompting = !arguments.empty() && arguments.front() == "--authorize" &&
                            scenario.settings.macOS && scenario.settings.macOS->major < 26;
   const auto answer = recognition.authorizationAnswer;
-  if (isPrompting && (recognition.asksInVain || (answer && answer->after.value_or(0) > longestPrompt)))
+  if (isPrompting &&
+      (recognition.neverAnswersAuthorization || (answer && answer->after.value_or(0) > longestPrompt)))
     return "the prompt stands for longer than a minute";
   return std::nullopt;
 }

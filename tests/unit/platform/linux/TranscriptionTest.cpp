@@ -65,7 +65,7 @@ TEST_F(TranscriptionTest, AVoiceIsKnownAfterEightSecondsOfSpeech) {
     EXPECT_EQ(decoder_.knowsVoice(), isKnown);
     decoder_.process(speech);
     EXPECT_EQ(decoder_.knowsVoice(), isKnown) << "not within an utterance";
-    decoder_.hearAgain(speech);
+    decoder_.redecode(speech);
     EXPECT_EQ(decoder_.knowsVoice(), isKnown) << "nothing is learnt twice";
     EXPECT_FALSE(decoder_.segments().empty());
     decoder_.endUtterance();
