@@ -14,10 +14,9 @@ struct Platform;
 
 enum class DictationAvailability { enabled, disabled, unknown };
 
-// The verdict's name on the wire.
 std::string_view wireName(DictationAvailability availability);
 
-// The verdict of a name on the wire, or none.
+// Parses a verdict's name on the wire. Returns none for any other text.
 std::optional<DictationAvailability> dictationAvailability(std::string_view name);
 
 // Text for the user when Dictation is off.

@@ -15,7 +15,7 @@ class SpeechRecognition;
 class StandardInput;
 class Tasks;
 
-// The referenced objects outlive everything that is given a Platform.
+// The referenced objects outlive every user of a Platform.
 struct Platform {
   Clock& clock;
   Process& process;

@@ -22,7 +22,7 @@ namespace palaver {
 // Installation status of a transcriber's model, lowest first.
 enum class AssetStatus { unsupported, supported, downloading, installed };
 
-// The status as text: the name of its case.
+// Returns the name of the enumerator.
 constexpr std::string_view wireName(AssetStatus status) {
   switch (status) {
     case AssetStatus::unsupported:
@@ -53,7 +53,7 @@ struct ResultsCancelled {};  // cancelResults() was called, or the analysis was 
 
 using NextResult = std::variant<TranscriptionResult, EndOfResults, ResultsCancelled, PlatformError>;
 
-// Answers of an operation that may fail.
+// Completes an operation that may fail.
 using FallibleCompletion = UniqueFunction<void(std::optional<PlatformError>)>;
 
 // Turns speech into text, as a module of one analyzer.
@@ -61,8 +61,8 @@ class SpeechTranscriber {
  public:
   virtual ~SpeechTranscriber() = default;
 
-  // Asks for the next result, in the order in which the platform emits them. Not called again before its
-  // completion, nor after it has answered with anything but a result.
+  // Requests the next result, in the order in which the platform emits them. Must not be called again before
+  // its completion, nor after a completion with anything but a result.
   virtual void nextResult(UniqueFunction<void(NextResult)> completion) = 0;
 
   // Completes the pending nextResult() and all later ones with ResultsCancelled.
@@ -101,7 +101,7 @@ class SpeechAnalyzer {
   // Analyzes the rest of the finished input, finalizes all results and ends the analysis.
   virtual void finalizeAndFinishThroughEndOfInput(FallibleCompletion completion) = 0;
 
-  // Ends the analysis at once and drops what is not final.
+  // Ends the analysis immediately and drops unfinalized results.
   virtual void cancelAndFinishNow(UniqueFunction<void()> completion) = 0;
 
  protected:

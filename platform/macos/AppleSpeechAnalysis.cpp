@@ -209,7 +209,7 @@ class AppleSpeechAnalysis::Analyzer final : public SpeechAnalyzer {
   }
 
   void cancelAndFinishNow(UniqueFunction<void()> completion) override {
-    // The results may end in either way, or not at all: that is not documented.
+    // It is not documented whether and how the results end.
     cancel(*analyzer_, *pending_, [queue = queue_, completion = std::move(completion)] {
       queue->cancel();
       completion();
@@ -313,7 +313,7 @@ void AppleSpeechAnalysis::status(const std::shared_ptr<SpeechTranscriber>& trans
 
 void AppleSpeechAnalysis::assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>& transcriber,
                                                    UniqueFunction<void(InstallationRequest)> completion) {
-  // The request is made where the completion is known, since it needs this object's pending answers.
+  // The wrapper creates the request, because it needs this object's pending answers.
   UniqueFunction<void(SpeechBridgeInstallation*, std::optional<PlatformError>)> wrap =
       [pending = pending_, completion = std::move(completion)](auto* installation, auto error) {
         if (error) return completion(std::move(*error));

@@ -40,7 +40,7 @@ class AppleSpeechAnalysis final : public SpeechAnalysis, public AssetInventory {
 
   void status(const std::shared_ptr<SpeechTranscriber>& transcriber,
               UniqueFunction<void(AssetStatus)> completion) override;
-  // Asking also reserves the locale for this program (Apple's documentation of
+  // Also reserves the locale for this program (Apple's documentation of
   // assetInstallationRequest(supporting:)).
   void assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>& transcriber,
                                 UniqueFunction<void(InstallationRequest)> completion) override;

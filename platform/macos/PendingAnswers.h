@@ -58,7 +58,8 @@ class PendingAnswers : public std::enable_shared_from_this<PendingAnswers> {
     UniqueFunction<void(Values...)> completion;
   };
 
-  // Deleted by remove(), which comes for each of them, or never: then the operation still has the pointer.
+  // Deleted by remove(), which is called once for each operation. If it is never called, the operation still
+  // holds the pointer.
   struct Operation {
     // Guards the members below. The pointer crosses threads through code that establishes no memory order.
     std::mutex lock;

@@ -22,7 +22,7 @@ class ResultQueue : public std::enable_shared_from_this<ResultQueue> {
   ResultQueue(const ResultQueue&) = delete;
   ResultQueue& operator=(const ResultQueue&) = delete;
 
-  // Answers with the oldest result, as soon as there is one, and behind the last one with how they ended.
+  // Completes with the oldest result as soon as there is one, and after the last result with the end.
   void next(UniqueFunction<void(NextResult)> completion);
 
   // Returns a pointer to pass to the system, which pushes results through it. Keeps the queue

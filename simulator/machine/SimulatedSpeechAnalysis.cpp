@@ -16,9 +16,9 @@ constexpr double millisecondsPerSecond = 1000;
 class SimulatedSpeechAnalysis::Analysis {
  public:
   RecordedAnalysis record;
-  std::deque<NextResult> results;  // emitted, not yet read
+  std::deque<NextResult> results;  // emitted but not read
   UniqueFunction<void(NextResult)> reader;
-  bool resultsHaveEnded = false;  // nothing is emitted any more
+  bool resultsHaveEnded = false;  // nothing more is emitted
   std::optional<SimulatedAnalysisUtterance> utterance;
   std::size_t nextPartial = 0;
   double audio = 0;  // audio received, ms
