@@ -14,12 +14,12 @@ namespace palaver {
 namespace {
 
 constexpr AudioFormat analyzerFormat{CommonFormat::int16, 16000, 1, true};
-constexpr std::uint32_t windowLength = 160;  // frames, 10 ms, whose loudness is measured at once
+constexpr std::uint32_t windowLength = 160;  // frames, 10 ms per loudness measurement
 constexpr double quietBelow = 0.008;         // root mean square, full scale 1
 constexpr std::int64_t pauseLength = 14400;  // frames, 900 ms
-constexpr std::int64_t maxQuiet = 160000;    // frames, 10 s: a task that heard nothing is given up
-constexpr std::int64_t maxSpeech = 480000;   // frames, 30 s: a stretch without a pause
-constexpr std::size_t maxTasks = 4;          // not yet answered; with more of them the input waits
+constexpr std::int64_t maxQuiet = 160000;    // frames, 10 s: the longest segment without speech
+constexpr std::int64_t maxSpeech = 480000;   // frames, 30 s: the longest segment without a pause
+constexpr std::size_t maxTasks = 4;          // unanswered tasks; input blocks above this
 constexpr long noSpeechCode = 1110;
 
 bool isQuiet(const std::int16_t* samples, std::uint32_t frames) {
@@ -30,19 +30,19 @@ bool isQuiet(const std::int16_t* samples, std::uint32_t frames) {
 
 }  // namespace
 
-// The thread of everything, and the recognition that it calls.
+// Owns the worker thread and calls the recognition on it.
 class RecognizedSpeechAnalysis::Service {
  public:
   explicit Service(SpeechRecognition& recognition)
       : recognition_(recognition), thread_(std::make_unique<asio::thread_pool>(1)) {}
 
-  // Any thread. Once stopped, jobs are destroyed at once.
+  // Any thread. After stop(), jobs are destroyed immediately.
   template <typename Job>
   void post(Job job) {
     const std::lock_guard guard(lock_);
     if (thread_) asio::post(*thread_, std::move(job));
   }
-  // Drops the jobs that have not run.
+  // Drops pending jobs.
   void stop() {
     const auto thread = [this] {
       const std::lock_guard guard(lock_);
@@ -59,17 +59,17 @@ class RecognizedSpeechAnalysis::Service {
   std::unique_ptr<asio::thread_pool> thread_;
 };
 
-// One analyzer with its transcriber and its input; on the service's thread, but for the count of tasks.
+// Implements one analyzer with its transcriber and its input. Runs on the service's thread, except for the
+// task count.
 class RecognizedSpeechAnalysis::Analysis : public std::enable_shared_from_this<Analysis> {
  public:
-  // The analysis is destroyed on the service's thread, as its recognizer must be.
+  // Destroys the analysis on the service's thread, as its recognizer requires.
   static std::shared_ptr<Analysis> make(const std::shared_ptr<Service>& service, std::string locale) {
     return {new Analysis(service, std::move(locale)), [service](Analysis* analysis) {
               service->post([owner = std::unique_ptr<Analysis>(analysis)] {});
             }};
   }
 
-  // Runs a member function on the service's thread.
   template <typename... Parameters, typename... Arguments>
   void post(void (Analysis::*function)(Parameters...), Arguments... arguments) {
     service_->post([self = shared_from_this(), function, ... values = std::move(arguments)]() mutable {
@@ -77,7 +77,7 @@ class RecognizedSpeechAnalysis::Analysis : public std::enable_shared_from_this<A
     });
   }
 
-  // Any thread: blocks while too many stretches wait for the recognizer.
+  // Any thread. Blocks while too many segments wait for the recognizer.
   void waitForRoom() {
     std::unique_lock lock(lock_);
     changed_.wait(lock, [this] { return openTasks_ <= maxTasks; });
@@ -157,12 +157,12 @@ class RecognizedSpeechAnalysis::Analysis : public std::enable_shared_from_this<A
   Analysis(std::shared_ptr<Service> service, std::string locale)
       : service_(std::move(service)), locale_(std::move(locale)) {}
 
-  // One task. Its times count from where it starts in the whole audio.
+  // Holds one task. Times in its results are relative to the segment's start.
   struct Stretch {
     std::int64_t startsAt = 0;    // frames
     std::int64_t length = 0;      // frames
-    std::int64_t quiet = 0;       // frames at its end
-    std::optional<double> start;  // of its first word, s in the whole audio
+    std::int64_t quiet = 0;       // trailing silence, frames
+    std::optional<double> start;  // of its first word, s since the start of the audio
     bool heardVoice = false;
     std::shared_ptr<RecognitionRequest> request;
     std::unique_ptr<RecognitionTask> task;
@@ -180,7 +180,7 @@ class RecognizedSpeechAnalysis::Analysis : public std::enable_shared_from_this<A
     stretch_->request = recognizer()->makeRequest(options_);
     tasks_.push_back(stretch_);
     setOpenTasks(tasks_.size());
-    // The handler is called on a thread of the recognizer.
+    // The recognizer calls the handler on one of its threads.
     stretch_->task = recognizer()->recognitionTask(
         stretch_->request,
         [weak = weak_from_this(), stretch = std::weak_ptr(stretch_)](auto result, auto error) {
@@ -253,8 +253,8 @@ class RecognizedSpeechAnalysis::Analysis : public std::enable_shared_from_this<A
   const std::string locale_;
   RecognitionOptions options_{true, true, TaskHint::dictation, {}};
   std::unique_ptr<SpeechRecognizer> recognizer_;
-  std::shared_ptr<Stretch> stretch_;            // the one that takes audio
-  std::deque<std::shared_ptr<Stretch>> tasks_;  // not yet answered, oldest first
+  std::shared_ptr<Stretch> stretch_;            // the segment that receives audio
+  std::deque<std::shared_ptr<Stretch>> tasks_;  // unanswered, oldest first
   std::int64_t received_ = 0;                   // frames
   bool inputHasEnded_ = false;
   bool resultsHaveEnded_ = false;

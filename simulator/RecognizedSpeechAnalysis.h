@@ -1,5 +1,5 @@
-// Speech analysis on top of a task-based recognizer, so that the analyzer backend can be tried with a real
-// one where the platform has no analyzers.
+// Implements speech analysis with a task-based recognizer. It lets the analyzer backend run with a real
+// recognizer on platforms without analyzers.
 #pragma once
 
 #include <map>
@@ -11,18 +11,18 @@
 
 namespace palaver {
 
-// An analyzer here is a recognizer and a sequence of its tasks, one for each stretch of speech. A task's
-// partial results become volatile results; its final one, which a pause of 900 ms or the end of the input
-// brings about, a final result. All results of one stretch start where its first word does.
+// Maps each analyzer to one recognizer and a sequence of its tasks, one per speech segment. Partial results
+// of a task become volatile results. Its final result becomes a final result after a pause of 900 ms or at
+// the end of the input. All results of a segment start at its first word.
 //
-// Everything runs on a thread of its own, which is the main thread in the eyes of the recognition. Input that
-// is far ahead of the recognizer blocks in AnalyzerInput::yield().
+// Runs on its own thread, which the recognition treats as the main thread. AnalyzerInput::yield() blocks when
+// input is far ahead of the recognizer.
 class RecognizedSpeechAnalysis final : public SpeechAnalysis, public AssetInventory {
  public:
-  // `servedBy`: locales that another one's model serves, by the locale asked for. The recognition must
-  // outlive this.
+  // `servedBy` maps a requested locale to the locale whose model serves it. The recognition must outlive this
+  // object.
   RecognizedSpeechAnalysis(SpeechRecognition& recognition, std::map<std::string, std::string> servedBy);
-  // Nothing that was made here may be used any more. Lets go of all who wait for an answer.
+  // Releases every pending wait. Objects created here must not be used afterwards.
   ~RecognizedSpeechAnalysis() override;
 
   bool isTranscriberAvailable() const override { return true; }

@@ -25,7 +25,7 @@ namespace palaver {
 
 namespace {
 
-// The machine but for its speech services.
+// Holds the platform without its speech services.
 struct LivePlatform {
   LivePlatform(std::optional<OperatingSystemVersion> macOS, std::span<char*> arguments,
                SpeechRecognition& speechRecognition, SpeechAnalysis& speechAnalysis)
@@ -64,7 +64,7 @@ void runLive(const std::filesystem::path& stateFile, std::span<char*> arguments)
     throw FileError(stateFile.filename().string(),
                     "clockShift and slicesDeliverInsideJobs are of virtual time only");
   prepareStandardStreams();
-  // Threads use all of this until the process ends, which takes nothing down.
+  // Threads use these objects until the process ends, so they are never destroyed.
   auto& timeline = *new ThreadedTimeline(1);
   auto& recognition = *new SimulatedSpeechRecognition(timeline, state.platform.recognition);
   auto& analysis = *new SimulatedSpeechAnalysis(timeline, state.platform.analysis);
@@ -78,7 +78,7 @@ void runLiveAnalyzer(std::span<char*> arguments) {
   constexpr OperatingSystemVersion system{26, 0, 0};
   prepareStandardStreams();
   auto& recognition = *new LinuxSpeechRecognition;
-  // Status, health and the research mode ask for Japanese, for which there is no model here.
+  // Status, health and the research mode request Japanese, which has no model here.
   auto& analysis = *new RecognizedSpeechAnalysis(recognition, {{"ja-JP", "en-US"}});
   auto& live = *new LivePlatform(system, arguments, recognition, analysis);
   runHelper(live.platform);

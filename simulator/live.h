@@ -1,4 +1,4 @@
-// The simulated helper in real time, in the place of the real one.
+// Runs the simulated helper in real time, in place of the real one.
 #pragma once
 
 #include <filesystem>
@@ -6,14 +6,14 @@
 
 namespace palaver {
 
-// Runs the helper on the process's own streams and clock, with the recognition that the file describes and
-// the given arguments for the helper. Ends the process. Throws FileError before anything has happened when
-// the file is no good.
+// Runs the helper on the process's own streams and clock with the recognition described by `stateFile`.
+// `arguments` are the helper's. Ends the process. Throws FileError for an invalid file, before any side
+// effect.
 [[noreturn]] void runLive(const std::filesystem::path& stateFile, std::span<char*> arguments);
 
-// Runs the helper on the process's own streams and clock, with the analyzer backend of macOS 26 on top of the
-// recognizer of Linux. English serves where Japanese is asked for. Ends the process, with status 2 where the
-// simulator was built without that recognizer.
+// Runs the helper on the process's own streams and clock with the analyzer backend of macOS 26 on top of the
+// Linux recognizer. English serves requests for Japanese. Ends the process, with status 2 if the simulator
+// was built without that recognizer.
 [[noreturn]] void runLiveAnalyzer(std::span<char*> arguments);
 
 }  // namespace palaver

@@ -1,4 +1,4 @@
-// PalaverSTTSimulator: the helper on a simulated machine, for tests.
+// Runs the helper on a simulated machine, for tests.
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -23,15 +23,14 @@ constexpr const char* usage =
     "Usage: PalaverSTTSimulator run FILE...\n"
     "         plays scenarios in virtual time; exit status 1 when one fails\n"
     "       PalaverSTTSimulator converse FILE [DIFFERENCES] -- PROGRAM [ARGUMENT...]\n"
-    "         plays a scenario against a program in stepped time; exit status 1 when it fails, 77 when it\n"
-    "         cannot be played so. DIFFERENCES says where the program is meant to do otherwise. On Linux "
-    "only\n"
+    "         plays a scenario against a program in stepped time (Linux only); exit status 1 when it fails,\n"
+    "         77 when it cannot be played this way. DIFFERENCES lists intended differences of the program\n"
     "       PalaverSTTSimulator stepped [HELPER ARGUMENT...]\n"
-    "         is such a program: the helper on this machine's threads and streams, the rest simulated\n"
+    "         runs the helper as a program for converse: real threads and streams, the rest simulated\n"
     "       PalaverSTTSimulator live STATE [HELPER ARGUMENT...]\n"
-    "         is the helper on the machine that the file describes, in real time\n"
+    "         runs the helper in real time on the machine that the file describes\n"
     "       PalaverSTTSimulator analyzer [HELPER ARGUMENT...]\n"
-    "         is the helper of macOS 26 with the recognizer of Linux, in real time\n";
+    "         runs the helper of macOS 26 in real time with the recognizer of Linux\n";
 
 bool playFile(const std::filesystem::path& path) {
   const auto report = [&]() -> std::optional<std::string> {
@@ -64,9 +63,9 @@ int run(std::span<char*> paths) {
 
 #ifdef PALAVER_CONVERSATIONS
 
-// `files`: the scenario, and the differences if there are any.
+// `files` holds the scenario and, optionally, the differences.
 int converseWith(std::span<char*> files, std::span<char*> command) {
-  constexpr int skippedStatus = 77;  // as test drivers know it
+  constexpr int skippedStatus = 77;  // the skip status of CTest and Automake
   std::signal(SIGPIPE, SIG_IGN);
   const std::filesystem::path path(files.front());
   const auto name = path.stem().string();
@@ -81,7 +80,7 @@ int converseWith(std::span<char*> files, std::span<char*> command) {
     if (failure) std::printf("%s", failure->c_str());
     if (skipped) return skippedStatus;
     return failure ? 1 : 0;
-  } catch (const std::exception& error) {  // of the files, or of starting the program
+  } catch (const std::exception& error) {  // invalid files, or the program cannot be started
     std::printf("FAILED %s\n  %s\n", name.c_str(), error.what());
     return 1;
   }

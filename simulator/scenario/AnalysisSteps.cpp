@@ -44,7 +44,7 @@ std::optional<AudioFormat> readFormat(const JSON& value, const std::string& wher
   return format;
 }
 
-// Seconds: a number, "NaN", "Infinity" or "-Infinity".
+// Reads seconds: a number, "NaN", "Infinity" or "-Infinity".
 double readSeconds(const JSON& value, const std::string& where) {
   if (value.is_number()) return value.get<double>();
   using Limits = std::numeric_limits<double>;

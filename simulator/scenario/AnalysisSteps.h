@@ -1,5 +1,5 @@
-// What scenarios say of speech analysis: its state, what its analyzers answer, and what must have reached
-// them.
+// Reads the speech-analysis parts of scenario files: the analysis state, analyzer emissions and the patterns
+// that recorded analyzer input must match.
 #pragma once
 
 #include <cstddef>
@@ -11,21 +11,21 @@
 
 namespace palaver {
 
-// Changes in `state` what the object names and leaves the rest. Throws FileError.
+// Applies the members of the object to `state` and keeps the rest. Throws FileError.
 void readAnalysisState(const JSON& value, const std::string& where, AnalysisState& state);
 
-// What one analyzer emits.
+// Holds one emission of an analyzer.
 struct AnalyzerEmission {
-  std::size_t analyzer;  // by number from 1 as they are made; 0 is the newest
+  std::size_t analyzer;  // 1-based creation order; 0 is the newest
   NextResult result;
   double after;  // ms
 };
 AnalyzerEmission readAnalyzerEmission(const JSON& value, const std::string& where);  // Throws FileError.
 
-// Patterns of what reached each analyzer; the keys given count. Throws FileError.
+// Reads one pattern per analyzer. A pattern constrains only the keys it names. Throws FileError.
 std::vector<JSON> readAnalyzerPatterns(const JSON& values, const std::string& where);
 
-// What reached an analyzer, with all the keys that patterns may have.
+// Returns the recorded analyzer input with every key that a pattern may name.
 JSON toJSON(const RecordedAnalysis& analysis);
 
 }  // namespace palaver

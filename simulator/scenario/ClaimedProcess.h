@@ -1,4 +1,4 @@
-// This process, on a system that it only claims to be on.
+// Forwards to the real process but reports a configurable operating system.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@ namespace palaver {
 
 class ClaimedProcess final : public Process {
  public:
-  // `arguments`: the helper's own, without the program's path. `macOS` none stands for another system.
+  // `arguments` are the helper's, without the program path. Without `macOS` the system is not macOS.
   ClaimedProcess(std::span<char*> arguments, std::optional<OperatingSystemVersion> macOS)
       : ClaimedProcess(withProgram(arguments), macOS) {}
 

@@ -34,7 +34,7 @@ class ConversationReader {
   std::map<std::pair<std::string, std::string>, std::int64_t> sequences_;  // by session and source
 };
 
-// A template by its name, or an object based on one by "$as", with the times filled in.
+// Expands a template name, or an object derived from one with "$as", and resolves its times.
 JSON ConversationReader::expanded(const JSON& value, double time, const std::string& where) const {
   const auto named = [&](const JSON& name) {
     if (!name.is_string() || !templates_.contains(name.get<std::string>()))

@@ -1,12 +1,12 @@
-// The "conversation" of a scenario file: one list of steps in order of time.
+// Reads the "conversation" of a scenario file: one list of steps in time order.
 #pragma once
 
 #include "simulator/scenario/Scenario.h"
 
 namespace palaver {
 
-// Adds the steps to the scenario, whose settings have been read before. `templates` holds objects by name.
-// Throws FileError.
+// Appends the steps to `scenario`, whose settings must have been read before. `templates` maps names to
+// objects. Throws FileError.
 void readConversation(const JSON& steps, const JSON& templates, Scenario& scenario);
 
 }  // namespace palaver

@@ -45,7 +45,7 @@ Difference compareObjects(const JSON& pattern, const JSON& actual, const std::st
   return std::nullopt;
 }
 
-// The operator of a pattern such as {"$contains": "text"}, or none.
+// Evaluates an operator object such as {"$contains": "text"}. Returns none if the pattern is not an operator.
 std::optional<bool> compareByOperator(const JSON& pattern, const JSON& actual) {
   const auto text = [&](const char* key) { return pattern.at(key).get<std::string>(); };
   const auto actualText = actual.is_string() ? actual.get<std::string>() : std::string();

@@ -1,4 +1,4 @@
-// Comparing events with what was expected of them.
+// Matches events against patterns with variables and operators.
 #pragma once
 
 #include <map>
@@ -9,23 +9,24 @@
 
 namespace palaver {
 
-// What the variables of a scenario stand for: each for one value, no two for the same.
+// Maps variables to values. The mapping is one-to-one.
 using Variables = std::map<std::string, JSON>;
 
-// Compares a value with a pattern: equal keys, equal values, in any depth, with these exceptions for strings
-// and objects of the pattern:
-//   "$name"                         any value, the same wherever the name occurs, another for another name
+// Compares a value with a pattern. Keys and values must be equal at every depth, except for these strings and
+// objects of the pattern:
+//
+//   "$name"                         any value; equal names match equal values, different names different ones
 //   "$$text"                        the string "$text"
-//   {"$startsWith": "text"}         a string that begins so
-//   {"$contains": "text"}           a string that contains it
-//   {"$matches": "expression"}      a string that matches as a whole, and with "is": "$name" that variable,
-//   too
-//   {"$near": 12.5, "within": 0.1}  a number near that one
-// Returns what differs and where, in words, or none. Binds variables only when nothing differs.
+//   {"$startsWith": "text"}         a string with this prefix
+//   {"$contains": "text"}           a string that contains the text
+//   {"$matches": "expression"}      a string that matches as a whole; "is": "$name" also binds that variable
+//   {"$near": 12.5, "within": 0.1}  a number within that distance
+//
+// Returns a description of the first difference and its place, or none. Binds variables only on a match.
 std::optional<std::string> difference(const JSON& pattern, const JSON& actual, Variables& variables);
 
-// Replaces times in a pattern or command: the string "@250" becomes the number `startsAt` + 250, "@now"
-// becomes `startsAt` + `now`, and "@@text" the string "@text". Throws FileError.
+// Replaces the time strings in a pattern or command. "@250" becomes the number `startsAt` + 250, "@now"
+// becomes `startsAt` + `now`, and "@@text" becomes the string "@text". Throws FileError.
 JSON withTimes(const JSON& value, double startsAt, double now, const std::string& where);
 
 }  // namespace palaver

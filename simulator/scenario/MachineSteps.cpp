@@ -10,9 +10,9 @@ namespace palaver {
 
 namespace {
 
-// What one task of the recognizer answers.
+// Holds one answer of a recognition task.
 struct RecognizerAnswer {
-  std::size_t task;  // by number from 1 as they start; 0 is the newest
+  std::size_t task;  // 1-based start order; 0 is the newest
   RecognitionAnswer answer;
 };
 
@@ -57,7 +57,7 @@ std::optional<std::string> Stage::perform(const MachineStep& step) {
     if (!machine_.speechAnalysis().emit(analyzer, std::move(result), after))
       return where + ": there is no such analyzer yet";
   } else {
-    // The services have changed their own state since, as a download does.
+    // Services also change their own state, for example when a download finishes.
     state_.recognition = machine_.speechRecognition().state();
     state_.analysis = machine_.speechAnalysis().state();
     readPlatformState(value, where, state_);

@@ -1,4 +1,4 @@
-// What scenarios do to a simulated machine while the helper runs on it.
+// Applies scenario steps to a simulated machine while the helper runs on it.
 #pragma once
 
 #include <optional>
@@ -9,23 +9,23 @@
 
 namespace palaver {
 
-// A step of the machine as the file has it, so that it can also be performed in another process.
+// Holds a machine step as JSON, so that another process can perform it.
 struct MachineStep {
   std::string key;  // "recognizer", "analyzer" or "platform"
   JSON value;
-  std::string where;  // in the file, for complaints
+  std::string where;  // location in the file, for error messages
 };
 
-// Checks the step now, so that it cannot fail to be understood in the middle of a run. Throws FileError.
+// Validates the step immediately, so that performing it later cannot fail on its syntax. Throws FileError.
 MachineStep readMachineStep(const std::string& key, const JSON& value, const std::string& where);
 
-// A machine in a scenario's hands. Lives on the thread that performs the steps.
+// Performs machine steps. Used only on the thread that performs the steps.
 class Stage {
  public:
-  // Puts the machine, which must outlive the stage, into that state.
+  // Applies `state` to the machine, which must outlive the stage.
   Stage(ControlledMachine& machine, PlatformState state);
 
-  // Returns what could not be done, or none.
+  // Returns an error message, or none.
   std::optional<std::string> perform(const MachineStep& step);
 
  private:

@@ -9,7 +9,7 @@ namespace palaver {
 JSON readJSONFile(const std::filesystem::path& path) {
   std::ifstream file(path);
   if (!file) throw FileError(path.string(), "cannot be opened");
-  std::vector<std::set<std::string>> keys;  // those seen in each open object
+  std::vector<std::set<std::string>> keys;  // keys seen so far, per open object
   std::string repeated;
   const auto watch = [&](int, JSON::parse_event_t event, JSON& value) {
     if (event == JSON::parse_event_t::object_start) keys.emplace_back();

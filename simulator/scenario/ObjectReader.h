@@ -1,5 +1,4 @@
-// Strict reading of JSON objects: every key must be known, every value of the right type, and a complaint
-// says where.
+// Reads JSON objects strictly: unknown keys and values of the wrong type are errors that name their location.
 #pragma once
 
 #include <filesystem>
@@ -14,26 +13,27 @@ namespace palaver {
 
 using JSON = nlohmann::json;
 
-// What is wrong with a file, and where in it.
+// Reports an error in a file, with its location.
 class FileError : public std::runtime_error {
  public:
   FileError(const std::string& where, const std::string& what) : std::runtime_error(where + ": " + what) {}
 };
 
-// Reads a JSON file in which comments are allowed and repeated keys are not. Throws FileError.
+// Reads a JSON file. Comments are allowed, duplicate keys are not. Throws FileError.
 JSON readJSONFile(const std::filesystem::path& path);
 
-// Reads one object key by key; finish() refuses what was not asked for. The object must outlive the reader.
+// Reads one object key by key. finish() rejects keys that have not been read. The object must outlive the
+// reader.
 class ObjectReader {
  public:
-  // `where` names the object in complaints. Throws FileError, as does every function here.
+  // `where` names the object in error messages. Throws FileError, as does every other member.
   ObjectReader(const JSON& value, std::string where);
 
   const std::string& where() const { return where_; }
   std::string where(const std::string& key) const { return where_ + "." + key; }
   [[noreturn]] void fail(const std::string& what) const { throw FileError(where_, what); }
 
-  // The value of a key, or null when there is none.
+  // Returns the value of a key, or null if it is absent.
   const JSON* find(const std::string& key);
 
   std::optional<std::string> text(const std::string& key);
@@ -41,7 +41,7 @@ class ObjectReader {
   std::optional<bool> boolean(const std::string& key);
   const JSON* array(const std::string& key);
 
-  // A number, or null for none; the outer level tells whether the key is there.
+  // Returns none for an absent key, and an inner none for a null value.
   std::optional<std::optional<double>> numberOrNull(const std::string& key);
 
   void finish() const;
@@ -52,7 +52,7 @@ class ObjectReader {
   std::set<std::string> known_;
 };
 
-// The value that a name stands for. Throws FileError.
+// Returns the value of the choice with that name. Throws FileError.
 template <typename Value, std::size_t count>
 Value oneOf(const std::pair<const char*, Value> (&choices)[count], const std::string& name,
             const std::string& where) {

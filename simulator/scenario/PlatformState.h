@@ -1,4 +1,4 @@
-// The state of the simulated machine as files give it.
+// Reads the state of the simulated machine from scenario and state files.
 #pragma once
 
 #include <optional>
@@ -18,19 +18,19 @@ struct PlatformState {
   bool slicesDeliverInsideJobs = true;
 };
 
-// The whole machine, as it stays.
+// Holds the initial state of the machine.
 struct MachineState {
-  std::optional<OperatingSystemVersion> macOS = SimulatedSettings().macOS;  // none: another system
+  std::optional<OperatingSystemVersion> macOS = SimulatedSettings().macOS;  // none: not macOS
   PlatformState platform;
 };
 
-// Reads an object with the keys system and platform, both optional. Throws FileError.
+// Reads an object with the optional keys "system" and "platform". Throws FileError.
 MachineState readMachineState(const JSON& value, const std::string& where);
 
-// Changes in `state` what the object names and leaves the rest. Throws FileError.
+// Applies the members of the object to `state` and keeps the rest. Throws FileError.
 void readPlatformState(const JSON& value, const std::string& where, PlatformState& state);
 
-// What a state is about: a machine whose services follow scripts and whose faults can be switched.
+// Exposes the scripted services and switchable faults of a simulated machine.
 class ControlledMachine {
  public:
   virtual ~ControlledMachine() = default;
@@ -48,16 +48,16 @@ class ControlledMachine {
   ControlledMachine& operator=(const ControlledMachine&) = default;
 };
 
-// Puts the machine into that state. Its services count too, also when the machine was made with them.
+// Applies `state` to the machine, including its services, even if the machine was created with them.
 void apply(const PlatformState& state, ControlledMachine& machine);
 
-// The system of a text such as "macOS 15.4"; none for "Linux". Throws FileError.
+// Parses a system such as "macOS 15.4". Returns none for "Linux". Throws FileError.
 std::optional<OperatingSystemVersion> readSystem(const std::string& text, const std::string& where);
 
-// A platform error: the name of a well-known one, or an object with domain, code and text. Throws FileError.
+// Reads a platform error: a well-known name, or an object with domain, code and text. Throws FileError.
 PlatformError readPlatformError(const JSON& value, const std::string& where);
 
-// What a recognizer answers: an object with partial or final (text), segments, error. Throws FileError.
+// Reads a recognizer's answer: an object with a partial or final text, segments and error. Throws FileError.
 RecognitionAnswer readRecognitionAnswer(ObjectReader& reader);
 
 }  // namespace palaver

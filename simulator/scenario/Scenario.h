@@ -1,4 +1,4 @@
-// A scenario: what the host says, what the platform does, and what must come out, with times.
+// Defines a scenario: what the host sends, what the platform does and what the helper must write, with times.
 #pragma once
 
 #include <cstdint>
@@ -16,43 +16,43 @@
 
 namespace palaver {
 
-// The host sends bytes, or closes the helper's input.
+// Sends bytes to the helper's input, or closes it.
 struct HostBytes {
   std::string bytes;
 };
 struct EndOfInput {};
 
-// Something that the host or the machine does, as data that every runner can perform in its own way.
+// Holds an action of the host or the machine as data that each runner performs in its own way.
 struct ScenarioAction {
   double time;  // ms since the start
   std::variant<HostBytes, EndOfInput, MachineStep> what;
 };
 
-// A line that must come out.
+// Describes an expected output line.
 struct ExpectedLine {
   double time;       // ms since the start
-  JSON event;        // the pattern of an event, or null
-  std::string text;  // the exact line, when there is no pattern
+  JSON event;        // event pattern, or null
+  std::string text;  // exact line, if there is no pattern
 };
 
 struct Scenario {
   std::string title;
   SimulatedSettings settings;  // without the seed
   PlatformState state;
-  JSON machine = JSON::object();  // system and platform as the file has them, for readMachineState()
-  std::vector<std::optional<std::uint64_t>> seeds{std::nullopt};  // one run for each
-  double until = 24 * 60 * 60 * 1000;  // ms since the start; time at which a helper that still runs is left
-  std::optional<int> exitStatus;       // none: it still runs in the end
+  JSON machine = JSON::object();  // "system" and "platform" of the file, for readMachineState()
+  std::vector<std::optional<std::uint64_t>> seeds{std::nullopt};  // one run per seed
+  double until = 24 * 60 * 60 * 1000;  // ms since the start; a helper still running then is abandoned
+  std::optional<int> exitStatus;       // none: still runs at the end
   std::vector<ScenarioAction> actions;
   std::vector<ExpectedLine> output;
   std::vector<ExpectedLine> errorOutput;
-  std::optional<std::vector<JSON>> requests;  // patterns, of which the keys given count
+  std::optional<std::vector<JSON>> requests;  // patterns; only the keys they name are compared
   std::optional<std::vector<JSON>> probes;
   std::optional<std::vector<JSON>> analyzers;
   std::vector<ScenarioFile> files;
 };
 
-// Reads and validates a scenario, with changes as those of ScenarioDifferences. Throws FileError.
+// Reads and validates a scenario after applying `changes` (see ScenarioDifferences). Throws FileError.
 Scenario readScenario(const std::filesystem::path& path, const JSON& changes = JSON::object());
 
 }  // namespace palaver

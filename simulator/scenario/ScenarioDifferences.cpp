@@ -7,7 +7,7 @@ namespace palaver {
 
 namespace {
 
-// Takes a member or an element away.
+// Deletes a member or an element.
 constexpr const char* removal = "$remove";
 
 std::size_t elementNumber(const std::string& text, std::size_t size, const std::string& where) {

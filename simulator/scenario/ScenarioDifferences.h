@@ -1,4 +1,4 @@
-// Where a helper on another platform is meant to do otherwise than scenarios say, and why.
+// Reads where a helper on another platform differs from scenarios by design, and why.
 #pragma once
 
 #include <filesystem>
@@ -9,32 +9,34 @@
 
 namespace palaver {
 
-// A file of them: an object of "reasons", texts by name, and of "scenarios", by name:
+// Reads a differences file. Its object "reasons" maps names to texts. Its object "scenarios" maps scenario
+// names to entries such as:
 //
-//   {"because": "REASON", "changes": {"analyzers": {"1": {"cancelledAt": 300}}, "conversation": {"8":
-//   "$remove"}}}
+//   {"because": "REASON",
+//    "changes": {"analyzers": {"1": {"cancelledAt": 300}}, "conversation": {"8": "$remove"}}}
 //
-// `changes` are those to the scenario's file. An object changes members of an object, or elements of a list
-// by their number from 0; "$remove" takes one away; anything else replaces.
+// `changes` apply to the scenario file. An object changes members of an object, or elements of a list by
+// 0-based index. "$remove" deletes the member or element. Any other value replaces it.
 class ScenarioDifferences {
  public:
-  // None.
+  // Creates an empty set.
   ScenarioDifferences() = default;
-  // Throws FileError.
+  // Reads the file. Throws FileError.
   explicit ScenarioDifferences(const std::filesystem::path& path);
 
   struct Difference {
     std::string reason;
     JSON changes;
   };
-  // That of a scenario, by the name of its file without ".json"; or none. Throws FileError.
+  // Returns the difference of a scenario, or none. `scenario` is its file name without ".json". Throws
+  // FileError.
   std::optional<Difference> of(const std::string& scenario) const;
 
  private:
   JSON file_ = JSON::object();
 };
 
-// A value with these changes. Throws FileError when there is nothing of the kind to be changed.
+// Returns `value` with `changes` applied. Throws FileError when the member or element to change is missing.
 JSON changed(const JSON& value, const JSON& changes, const std::string& where);
 
 }  // namespace palaver

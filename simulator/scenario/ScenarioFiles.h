@@ -1,4 +1,4 @@
-// Files that a scenario describes and the helper reads: sound files and vocabularies.
+// Creates the files that a scenario describes and the helper reads: sound files and vocabularies.
 #pragma once
 
 #include <filesystem>
@@ -13,14 +13,14 @@ namespace palaver {
 
 struct ScenarioFile {
   std::string name;
-  std::variant<std::string, SoundFileDescription> content;  // the bytes, or a sound file
-  std::optional<std::uint64_t> length;                      // bytes to cut it to
+  std::variant<std::string, SoundFileDescription> content;  // raw bytes, or a sound file
+  std::optional<std::uint64_t> length;                      // truncates to this many bytes
 };
 
-// Reads an object of file names. Throws FileError.
+// Reads an object that maps file names to descriptions. Throws FileError.
 std::vector<ScenarioFile> readScenarioFiles(const JSON& value, const std::string& where);
 
-// A new temporary directory with these files, removed in the end.
+// Writes the files to a new temporary directory and removes it on destruction.
 class ScenarioDirectory {
  public:
   explicit ScenarioDirectory(const std::vector<ScenarioFile>& files);
@@ -28,7 +28,7 @@ class ScenarioDirectory {
   ScenarioDirectory(const ScenarioDirectory&) = delete;
   ScenarioDirectory& operator=(const ScenarioDirectory&) = delete;
 
-  // An argument of the form "@files/name" as a path in here; others unchanged.
+  // Resolves an argument "@files/name" to a path in the directory. Other arguments are returned unchanged.
   std::string located(const std::string& argument) const;
 
  private:

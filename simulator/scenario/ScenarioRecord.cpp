@@ -11,7 +11,7 @@ namespace palaver {
 namespace {
 
 constexpr std::size_t linesBefore = 3;  // shown before a difference
-constexpr std::size_t linesAfter = 4;   // shown from it on
+constexpr std::size_t linesAfter = 4;   // from the difference on
 
 std::string shown(double number) {
   char digits[32];
@@ -28,7 +28,7 @@ std::string textOf(const ExpectedLine& line) {
   return line.event.is_null() ? line.text : line.event.dump();
 }
 
-// Whether the keys of all objects in the value are in ascending order.
+// Returns whether the keys of all nested objects are in ascending order.
 bool isSorted(const nlohmann::ordered_json& value) {
   if (!value.is_structured()) return true;
   std::string last;
@@ -40,7 +40,7 @@ bool isSorted(const nlohmann::ordered_json& value) {
   return true;
 }
 
-// What makes a line unfit as an event on the wire, or none.
+// Returns why a line is not a valid event, or none.
 std::optional<std::string> malformation(const std::string& line) {
   const auto value = nlohmann::ordered_json::parse(line, nullptr, false);
   if (!value.is_object()) return "the line is not a JSON object";
@@ -65,7 +65,7 @@ std::optional<std::string> difference(const ExpectedLine& expected, const Scenar
   return palaver::difference(expected.event, JSON::parse(actual.text), variables);
 }
 
-// The first difference between two lists of lines, with some lines around it, or none.
+// Returns the first difference between the expected and the written lines with surrounding lines, or none.
 std::optional<std::string> compareLines(const char* stream, const std::vector<ExpectedLine>& expected,
                                         const ScenarioRecord::Stream& output, Variables& variables) {
   const auto& actual = output.lines;
@@ -118,7 +118,8 @@ JSON toJSON(const RecordedRequest& request) {
   return value;
 }
 
-// Patterns against what reached the requests, probes or analyzers; the keys that a pattern names count.
+// Compares patterns with what requests, probes or analyzers received. Only keys that a pattern names are
+// compared.
 std::optional<std::string> compareReceived(const char* kind, const std::vector<JSON>& expected,
                                            const JSON& actual, Variables& variables) {
   std::string report;

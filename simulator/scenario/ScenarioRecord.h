@@ -1,4 +1,4 @@
-// What came of a run of a scenario, however it was played, and how that compares with what was expected.
+// Records the outcome of a scenario run, independent of the runner, and compares it with the expectations.
 #pragma once
 
 #include <optional>
@@ -14,21 +14,21 @@ struct ScenarioRecord {
   using Line = RecordingOutput::Line;
   struct Stream {
     std::vector<Line> lines;
-    std::string rest;  // what was written behind the last line feed
+    std::string rest;  // output after the last line feed
   };
 
   Stream output;
   Stream errorOutput;
   std::optional<int> exitStatus;  // none: the helper still runs
-  // What reached the services: an object of the lists requests, probes and analyzers.
+  // The input that the services received: an object with the lists "requests", "probes" and "analyzers".
   JSON received = JSON::object();
-  std::vector<std::string> complaints;  // what steps could not do
+  std::vector<std::string> complaints;  // errors of steps
 };
 
-// What has reached the services so far.
+// Returns what the services have received so far.
 JSON receivedBy(const SimulatedSpeechRecognition& recognition, const SimulatedSpeechAnalysis& analysis);
 
-// What went otherwise than expected as text for the reader, or none.
+// Returns a readable description of the mismatches, or none.
 std::optional<std::string> compare(const Scenario& scenario, const ScenarioRecord& record);
 
 }  // namespace palaver

@@ -9,7 +9,7 @@ namespace palaver {
 
 namespace {
 
-// The machine in virtual time.
+// Adapts the simulated platform in virtual time to ControlledMachine.
 class VirtualMachine final : public ControlledMachine {
  public:
   explicit VirtualMachine(SimulatedPlatform& platform) : platform_(platform) {}

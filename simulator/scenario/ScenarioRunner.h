@@ -9,11 +9,11 @@
 
 namespace palaver {
 
-// What runs on the simulated machine, on the platform that is made of it.
+// Runs on the simulated machine with the platform built from it.
 using ScenarioProgram = std::function<void(SimulatedPlatform&, Platform&)>;
 
-// Plays a scenario with the helper or another program, once for each of its seeds. Returns what went
-// otherwise than expected as text for the reader, or none.
+// Plays a scenario with the helper or another program, once per seed. Returns a readable description of the
+// mismatches, or none.
 std::optional<std::string> play(const Scenario& scenario);
 std::optional<std::string> play(const Scenario& scenario, const ScenarioProgram& program);
 

@@ -58,7 +58,7 @@ std::optional<std::string> ControlServer::readLine() {
 
 JSON ControlServer::readRequest() {
   const auto line = readLine();
-  if (!line) std::_Exit(internalError);  // whoever played with this process has gone
+  if (!line) std::_Exit(internalError);  // the controlling process has ended
   auto request = JSON::parse(*line, nullptr, false);
   if (!request.is_object()) fail("a request is no JSON object: " + *line);
   return request;
@@ -104,7 +104,7 @@ void ControlServer::serve(ControlledMachine& machine, PlatformState state, Stepp
         fail(error.what());
       }
     }
-  }).detach();  // lives until the process ends
+  }).detach();  // runs until the process ends
   answer(JSON::object());
 }
 

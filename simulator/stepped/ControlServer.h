@@ -1,18 +1,19 @@
-// The helper's side of the control channel: somebody outside of the process moves its time, performs what the
-// machine does, and asks what reached the services.
+// Serves the control channel in the helper: another process moves its time, performs machine steps and
+// queries what the services received.
 //
-// The channel is a stream socket whose descriptor the environment names. Both sides write JSON objects, one
-// per line; each request is answered by one object, and the next comes behind that:
+// The channel is a stream socket whose descriptor is in the environment. Both sides write one JSON object per
+// line. Each request gets one response, and the next request follows the response:
 //
-//   {"machine": {...}, "startsAt": ms}     first: the state of the machine (system, platform) and its clock;
-//                                          {} or {"refused": "why"}
-//   {"step": {"key", "value", "where"}}    performs a step of the machine; {}, or {"complaint": "why"}
-//   {"advanceTo": ms, "end": "excluded"}   runs what falls due next before that time, or moves the time
-//   there;
-//                                          {"ran": true, "now": ms}. "included": also what falls due then
-//   {"report": true}                       what reached the services, as receivedBy() gives it
+//   {"machine": {...}, "startsAt": ms}    first request: the machine's state (system, platform) and clock;
+//                                         {} or {"refused": "why"}
+//   {"step": {"key", "value", "where"}}   performs a machine step; {} or {"complaint": "why"}
+//   {"advanceTo": ms, "end": "excluded"}  runs the next job due before that time, or moves the time there;
+//                                         {"ran": true, "now": ms}. "included": also runs jobs due at that
+//                                         time
+//   {"report": true}                      returns what the services received, as receivedBy() formats it
 //
-// Unasked, right before the process ends: {"ends": status, "now": ms, "report": {...}}.
+// Right before the process ends, the helper sends {"ends": status, "now": ms, "report": {...}} without a
+// request.
 #pragma once
 
 #include <functional>
@@ -25,7 +26,7 @@
 
 namespace palaver {
 
-// The variable of the environment that holds the descriptor's number.
+// Names the environment variable that holds the descriptor's number.
 inline constexpr const char* controlVariable = "PALAVER_STT_CONTROL";
 
 class ControlServer {
@@ -35,22 +36,22 @@ class ControlServer {
     double startsAt = 0;  // ms since the Unix epoch
   };
 
-  // Takes the channel from the environment. It serves until the process ends, which it does at once, with a
-  // line on standard error and status 2, when there is no channel. Main thread, once.
+  // Opens the channel that the environment names. It serves until the process ends. Without a channel, writes
+  // a line to stderr and ends the process immediately with status 2. Main thread, once.
   static ControlServer& connect();
 
-  // Waits for the first request. Every failure below ends the process with status 70, after a line on
-  // standard error: there is nobody else to tell.
+  // Waits for the first request. On failure, this and the functions below write a line to stderr and end the
+  // process with status 70.
   Setup receiveSetup();
 
-  // Answers the first request: this helper cannot be on such a machine. The process ends with status 0.
+  // Answers the first request: the helper cannot run on this machine. Ends the process with status 0.
   [[noreturn]] void refuse(const std::string& why);
 
-  // Answers the first request and serves the rest on a thread of its own. The machine is in the state of the
-  // setup from then on.
+  // Answers the first request and serves the rest on its own thread. The machine is in the setup's state from
+  // then on.
   void serve(ControlledMachine& machine, PlatformState state, SteppedTimeline& timeline);
 
-  // Tells that the process ends now. Any thread.
+  // Reports that the process ends now. Any thread.
   void tellEnd(int status);
 
  private:

@@ -9,7 +9,7 @@ namespace palaver {
 
 namespace {
 
-// The permission prompt is waited for in slices of 50 ms, each of which costs a step of real threads.
+// The permission prompt is polled in slices of 50 ms, and each slice costs a step of real threads.
 constexpr double longestPrompt = 60'000;  // ms
 
 std::optional<std::string> reasonToSkip(const Scenario& scenario) {
@@ -26,7 +26,7 @@ std::optional<std::string> reasonToSkip(const Scenario& scenario) {
 
 void play(const Scenario& scenario, SteppedProcess& helper) {
   auto actions = scenario.actions;
-  // What is repeated stands in the file where it begins.
+  // Repeated steps are listed where the repetition starts.
   std::stable_sort(actions.begin(), actions.end(),
                    [](const auto& a, const auto& b) { return a.time < b.time; });
   for (const auto& [time, what] : actions) {

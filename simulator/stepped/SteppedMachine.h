@@ -1,4 +1,5 @@
-// The half of a helper's platform that is in somebody else's hands: time, and what scenarios take hold of.
+// Combines the parts of a helper's platform that another process controls: time, and the services that
+// scenarios script.
 #pragma once
 
 #include "platform/audio/SndfileAudioFile.h"
@@ -8,10 +9,10 @@
 
 namespace palaver {
 
-// The rest depends on the platform. Lives until the process ends.
+// The other parts depend on the platform. Lives until the process ends.
 class SteppedMachine : public ControlledMachine {
  public:
-  // `startsAt`: what the clock reads at time 0, ms since the Unix epoch.
+  // `startsAt` is the clock's value at time 0, ms since the Unix epoch.
   SteppedMachine(const PlatformState& state, double startsAt)
       : clock(timeline, startsAt),
         recognition(timeline, state.recognition),

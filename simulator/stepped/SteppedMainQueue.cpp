@@ -7,7 +7,7 @@ namespace palaver {
 
 namespace {
 
-// Longer than any test: who waits so long is woken by the timeline.
+// Exceeds any test's duration. The timeline wakes the waiting thread.
 constexpr double forEver = 24 * 60 * 60 * 1000;  // ms
 
 }  // namespace
@@ -38,7 +38,7 @@ bool SteppedSemaphore::wait(double timeoutMilliseconds) {
   state_->isWaiting = false;
   if (!woken || state_->count == 0) return false;
   --state_->count;
-  // Signalled as well as timed out: the time-out's own signal goes, too.
+  // Both a signal and the time-out arrived: also consume the time-out's signal.
   if (state_->hasTimedOut) state_->real->wait(0);
   return true;
 }
@@ -65,7 +65,7 @@ void SteppedMainQueue::serve() {
   real_.run();
 }
 
-// The callback runs in a slice or as a job of the queue, whichever comes first.
+// The callback runs in a slice or as a job of the queue, whichever is first.
 void SteppedMainQueue::deliver(Job callback) {
   {
     const std::lock_guard guard(lock_);

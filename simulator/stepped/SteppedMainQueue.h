@@ -1,5 +1,4 @@
-// The main thread of a helper in stepped time: the queue is a real one, and waits take the time that they are
-// given.
+// Wraps a helper's main queue and semaphores so that stepped time decides when waits time out.
 #pragma once
 
 #include <condition_variable>
@@ -12,7 +11,7 @@
 
 namespace palaver {
 
-// A real semaphore whose time-outs come from the timeline. One thread waits at a time.
+// Wraps a real semaphore and takes its time-outs from the timeline. One thread waits at a time.
 class SteppedSemaphore final : public Semaphore {
  public:
   // The timeline must live until the process ends.
@@ -28,18 +27,18 @@ class SteppedSemaphore final : public Semaphore {
 
     const std::unique_ptr<Semaphore> real;
     std::mutex lock;
-    int count = 0;            // signals not waited for
-    std::uint64_t waits = 0;  // begun
+    int count = 0;            // signals not yet consumed
+    std::uint64_t waits = 0;  // started
     bool isWaiting = false;
-    bool hasTimedOut = false;  // one signal of the real semaphore stands for the time-out
+    bool hasTimedOut = false;  // one signal of the real semaphore belongs to the time-out
   };
 
-  const std::shared_ptr<State> state_;  // shared with the time-outs, which come also after the wait
+  const std::shared_ptr<State> state_;  // shared with time-outs, which may fire after the wait
   SteppedTimeline& timeline_;
 };
 
-// For main queues whose own slices deliver nothing: callbacks are kept here, and delivered as the main thread
-// of macOS does, in slices and between the jobs of the queue. Lives until the process ends.
+// Wraps a main queue whose slices deliver no callbacks. Stores callbacks and delivers them as the macOS main
+// thread does: in slices and between queued jobs. Lives until the process ends.
 class SteppedMainQueue final : public MainQueue {
  public:
   SteppedMainQueue(MainQueue& real, SteppedTimeline& timeline);
@@ -49,7 +48,7 @@ class SteppedMainQueue final : public MainQueue {
   std::unique_ptr<Semaphore> makeSemaphore() override;
   bool isCurrent() const override { return real_.isCurrent(); }
 
-  // Whether a slice entered from inside a queued job delivers callbacks. When not, it returns at once.
+  // Sets whether a slice entered from a queued job delivers callbacks. If not, it returns immediately.
   void setSlicesDeliverInsideJobs(bool deliver);
 
  private:
@@ -62,8 +61,8 @@ class SteppedMainQueue final : public MainQueue {
   std::mutex lock_;
   std::condition_variable changed_;
   std::deque<Job> callbacks_;
-  std::uint64_t slices_ = 0;         // begun
-  std::uint64_t timedOutSlice_ = 0;  // the last one that has timed out
+  std::uint64_t slices_ = 0;         // started
+  std::uint64_t timedOutSlice_ = 0;  // the last one that timed out
   bool isServing_ = false;
   bool slicesDeliverInsideJobs_ = true;
 };

@@ -21,9 +21,10 @@ namespace {
 
 using RealTime = std::chrono::steady_clock;
 
-constexpr int looksAtOnce = 50;           // before looking costs others too much
-constexpr int millisecondsPerLook = 100;  // at most, for what ends by itself when there is anything to see
-// What may fall due on the way to the next step before the helper counts as running in a circle.
+constexpr int looksAtOnce = 50;  // snapshots before polling slows down
+// upper bound between snapshots of a process that may change without notice
+constexpr int millisecondsPerLook = 100;
+// Bounds the jobs between two steps. Above it the helper counts as looping.
 constexpr int mostJobs = 20'000;
 
 host::ChildProcess makeChild(const std::vector<std::string>& command,
@@ -116,11 +117,11 @@ std::string SteppedProcess::lastWords() {
   return words + record_.errorOutput.rest;
 }
 
-// Sends a request and waits for its answer; null when the process has ended instead.
+// Sends a request and waits for its response. Returns null when the process has ended instead.
 JSON SteppedProcess::ask(const JSON& request) {
   if (hasEnded()) return nullptr;
   const auto line = request.dump() + "\n";
-  // Requests are small against the socket's buffer, and each is read before the next is sent.
+  // Requests are small compared with the socket's buffer, and each is read before the next is sent.
   const auto count = ::send(control_.get(), line.data(), line.size(), MSG_NOSIGNAL);
   if (count < 0 && errno != EPIPE && errno != ECONNRESET)
     throw std::system_error(errno, std::generic_category(), "send");
@@ -140,7 +141,7 @@ JSON SteppedProcess::ask(const JSON& request) {
   }
 }
 
-// The next answer that has been received, or none.
+// Returns the next received message, or none.
 std::optional<JSON> SteppedProcess::nextMessage() {
   for (;;) {
     const auto end = controlText_.find('\n');
@@ -154,8 +155,7 @@ std::optional<JSON> SteppedProcess::nextMessage() {
   }
 }
 
-// Waits until the helper has done all that it can do for now, or has ended. All that it has written by then
-// came at the time that its clock shows.
+// Waits until the helper is idle or has ended. Output written by then gets the time of its clock.
 void SteppedProcess::settle() {
   awaitRest();
   stampLines();
@@ -167,7 +167,7 @@ void SteppedProcess::awaitRest() {
   for (int looks = 0; !hasEnded(); ++looks) {
     child_.flush();
     if (const auto end = child_.exitStatus()) {
-      drain();  // whatever it wrote is there to be read
+      drain();  // all output is available now
       if (nextMessage()) throw ConversationError("the helper answered what it was not asked");
       hasEnded_ = true;
       if (end->signal == 0) {
@@ -179,11 +179,11 @@ void SteppedProcess::awaitRest() {
     }
     const ThreadActivity now(child_.id());
     const bool isAtRest = now.isAsleep() && before == now;
-    // What was written before all threads slept is there to be read; a helper that had filled a pipe goes on.
+    // Output written before all threads slept is available now. A helper blocked on a full pipe continues.
     if (!drain() && isAtRest) return;
     before = now;
     if (RealTime::now() > deadline) throw ConversationError("the helper does not come to rest");
-    // The processor may be wanted by the helper; later by everybody else, too.
+    // Yields at first because the helper may need the processor, then sleeps.
     if (looks < looksAtOnce) {
       ::sched_yield();
     } else {
@@ -192,7 +192,7 @@ void SteppedProcess::awaitRest() {
   }
 }
 
-// Reads all that there is; whether there was anything.
+// Reads all available output. Returns whether there was any.
 bool SteppedProcess::drain() {
   bool any = false;
   for (std::string bytes; child_.readOutput(bytes) == host::ReadOutcome::data; any = true)
@@ -218,7 +218,7 @@ bool SteppedProcess::drainControl() {
   }
 }
 
-// Gives the time to the lines that have been read.
+// Sets the time of the lines read so far.
 void SteppedProcess::stampLines() {
   for (auto* const stream : {&record_.output, &record_.errorOutput})
     for (std::size_t end; (end = stream->rest.find('\n')) != std::string::npos;

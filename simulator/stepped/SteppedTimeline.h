@@ -1,4 +1,4 @@
-// Time that stands still until somebody outside of the process moves it, for a helper on real threads.
+// Implements a timeline that another process advances, for a helper on real threads.
 #pragma once
 
 #include <atomic>
@@ -14,31 +14,32 @@
 
 namespace palaver {
 
-// Jobs run on the thread that moves the time, except those that are callbacks on the main thread: they are
-// handed on when they fall due. Lives until the process ends.
+// Runs jobs on the thread that advances the time. Callbacks for the main thread are handed over when they
+// fall due. Lives until the process ends.
 class SteppedTimeline final : public Timeline {
  public:
-  // Takes a callback to the main thread, which runs it when it is willing to.
+  // Delivers a callback to the main thread, which decides when to run it.
   using CallbackDelivery = std::function<void(Job)>;
 
-  // Before anything is scheduled. Without it callbacks run in the background.
+  // Must be called before anything is scheduled. Without it callbacks run on the advancing thread.
   void setCallbackDelivery(CallbackDelivery deliver) { deliver_ = std::move(deliver); }
 
   double now() const override { return now_; }
   void schedule(double delay, Context context, const void* stream, Job job) override;
   bool hasEnded() const override { return false; }
 
-  // The end of a wait: runs `delay` ms from now, behind all that falls due at that time. Any thread.
+  // Schedules the end of a wait: runs `delay` ms from now, after everything else due at that time. Any
+  // thread.
   void scheduleTimeout(double delay, Job job);
 
-  // When the next job falls due (ms), or none. Any thread.
+  // Returns when the next job is due (ms), or none. Any thread.
   std::optional<double> nextDue() const;
 
-  // Whether what falls due at the very end of a step counts as well.
+  // Says whether jobs due exactly at the end of a step run.
   enum class End { excluded, included };
 
-  // Moves the time to the next job that falls due before `time` (ms) and runs it: true. With none, moves it
-  // to `time`: false. One thread.
+  // Moves the time to the next job due before `time` (ms), runs it and returns true. Without such a job,
+  // moves the time to `time` and returns false. One thread.
   bool runNext(double time, End end);
 
  private:
@@ -60,14 +61,14 @@ class SteppedTimeline final : public Timeline {
   std::uint64_t sequence_ = 0;
 };
 
-// Shows stepped time as a wall clock that read `startsAt` (ms since the Unix epoch) at its beginning.
+// Shows stepped time as a wall clock. `startsAt` is its value at time 0, ms since the Unix epoch.
 class SteppedClock final : public Clock {
  public:
   SteppedClock(const SteppedTimeline& timeline, double startsAt) : timeline_(timeline), startsAt_(startsAt) {}
 
   double nowMilliseconds() const override { return startsAt_ + timeline_.now() + shift_; }
 
-  // Sets the clock as far ahead (or back) of its regular time, in ms. Any thread.
+  // Shifts the clock by that many ms, forward or back. Any thread.
   void setShift(double shift) { shift_ = shift; }
 
  private:

@@ -1,4 +1,4 @@
-// Whether the threads of a process have come to rest.
+// Detects whether all threads of a process are idle.
 #pragma once
 
 #include <sys/types.h>
@@ -9,25 +9,24 @@
 
 namespace palaver {
 
-// One look at all threads of a process, as /proc shows them. Threads of a process that is at rest are all
-// asleep, and stay so until something from outside wakes one. A single look cannot tell, as it sees one
-// thread after the other; but a thread that has run between two looks has either not gone back to sleep, or
-// has been counted as having done so. So two equal looks, both with all threads asleep, show that none has
-// run in between.
+// Takes a snapshot of all threads of a process from /proc. In an idle process all threads sleep until an
+// external event wakes one. One snapshot cannot prove this, because it reads the threads one after the other.
+// A thread that ran between two snapshots is either awake or has a higher count of sleeps. Two equal
+// snapshots with all threads asleep therefore prove that none ran in between.
 //
-// Source of the files' format: proc(5), /proc/pid/status.
+// Source of the file format: proc(5), /proc/pid/status.
 class ThreadActivity {
  public:
-  // Of a process that has ended nothing is seen.
+  // The snapshot of a process that has ended is empty.
   explicit ThreadActivity(pid_t process);
 
-  // Whether there was a thread at all, and each of them slept, waiting for something other than a disk.
+  // Returns whether there was at least one thread and all slept, none of them in a disk wait.
   bool isAsleep() const { return isAsleep_; }
 
   friend bool operator==(const ThreadActivity&, const ThreadActivity&) = default;
 
  private:
-  std::map<pid_t, std::uint64_t> sleeps_;  // by thread: how often it has gone to sleep
+  std::map<pid_t, std::uint64_t> sleeps_;  // number of times each thread has gone to sleep
   bool isAsleep_ = false;
 };
 

@@ -1,4 +1,4 @@
-// A process whose end is told before it comes.
+// Notifies an observer before the process ends.
 #pragma once
 
 #include <functional>
@@ -10,8 +10,8 @@ namespace palaver {
 
 class WatchedProcess final : public Process {
  public:
-  // `beforeEnd` is called with the status on the thread that ends the process. The real process must outlive
-  // this one.
+  // Calls `beforeEnd` with the status, on the thread that ends the process. The real process must outlive
+  // this object.
   WatchedProcess(Process& real, std::function<void(int)> beforeEnd)
       : real_(real), beforeEnd_(std::move(beforeEnd)) {}
 

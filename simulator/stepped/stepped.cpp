@@ -16,7 +16,7 @@ namespace palaver {
 
 namespace {
 
-// The pieces of a POSIX platform in stepped time.
+// Builds a POSIX platform in stepped time.
 class POSIXMachine final : public SteppedMachine {
  public:
   POSIXMachine(const ControlServer::Setup& setup, std::span<char*> arguments, ControlServer& control)
@@ -38,7 +38,7 @@ class POSIXMachine final : public SteppedMachine {
   DescriptorInput standardInput_{STDIN_FILENO};
   DescriptorOutput standardOutput_{STDOUT_FILENO};
   DescriptorOutput standardError_{STDERR_FILENO};
-  // Of one thread, so that two sources do the same things in the same order in every run.
+  // One thread, so that two sources act in the same order in every run.
   ThreadPoolTasks tasks_{1};
   SimulatedAudioBuffers audioBuffers_;
   Platform platform_{clock,         process_,    mainQueue_, standardInput_,  standardOutput_, standardError_,
@@ -48,7 +48,7 @@ class POSIXMachine final : public SteppedMachine {
 }  // namespace
 
 void runStepped(std::span<char*> arguments) {
-  // Threads use all of this until the process ends, which takes nothing down.
+  // Threads use these objects until the process ends, so they are never destroyed.
   auto& control = ControlServer::connect();
   const auto setup = control.receiveSetup();
   prepareStandardStreams();

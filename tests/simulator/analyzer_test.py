@@ -1,4 +1,4 @@
-"""Holds the helper of macOS 26 against real recordings, on the recognizer of Linux, and measures its memory.
+"""Tests the helper of macOS 26 with real recordings and the recognizer of Linux, and measures its memory.
 
 Usage: analyzer_test.py SIMULATOR STATE [--memory]
 """
@@ -19,7 +19,7 @@ RECORDINGS = "/usr/share/pocketsphinx/test/data/librivox/sense_and_sensibility_0
 RATE = 16000  # Hz
 CHUNK = 1600  # frames, 100 ms
 
-# What is said, and how many of the words must be heard.
+# Spoken text, and the minimum number of its words to recognize.
 SENTENCES = {
     "0880": ("he was not an ill disposed young man", 4),
     "0930": ("he might even have been made amiable himself", 4),
@@ -36,7 +36,7 @@ def words_heard(said, heard):
 
 
 class Vocabulary:
-    """A vocabulary file of these phrases."""
+    """Writes a vocabulary file with these phrases."""
 
     def __init__(self, *phrases):
         self.file = tempfile.NamedTemporaryFile("w", suffix=".json")
@@ -46,7 +46,7 @@ class Vocabulary:
 
 
 def research(mode, recording, vocabulary):
-    """The exit status, the events, and the largest memory of the process in bytes."""
+    """Runs the research mode. Returns the exit status, the events and the peak memory in bytes."""
     with tempfile.TemporaryFile() as output:
         helper = subprocess.Popen([SIMULATOR, *mode, "--research-transcribe-file", recording, vocabulary.path],
                                   stdin=subprocess.DEVNULL, stdout=output)
@@ -57,7 +57,7 @@ def research(mode, recording, vocabulary):
 
 
 class RecordingTest(unittest.TestCase):
-    def test_the_research_mode_hears_the_words_of_a_recording(self):
+    def test_research_mode_transcribes_recordings(self):
         for number, (said, least) in SENTENCES.items():
             with self.subTest(number):
                 status, events, _ = research(["analyzer"], RECORDINGS % number, Vocabulary("amiable"))
@@ -77,8 +77,8 @@ class RecordingTest(unittest.TestCase):
                 self.assertLessEqual({final["utteranceId"] for final in finals},
                                      {partial["utteranceId"] for partial in partials})
 
-    @unittest.skipUnless(MEASURES_MEMORY, "the memory of sanitized programs says nothing")
-    def test_a_two_hour_recording_takes_no_more_memory_than_a_short_one(self):
+    @unittest.skipUnless(MEASURES_MEMORY, "memory figures of sanitized programs are meaningless")
+    def test_memory_is_independent_of_recording_length(self):
         def peak(seconds):
             with tempfile.NamedTemporaryFile(suffix=".wav") as file:
                 with wave.open(file, "wb") as recording:
@@ -94,7 +94,7 @@ class RecordingTest(unittest.TestCase):
 
         short, long = peak(10), peak(2 * 60 * 60)
         print(f"10 s: {short / 1e6:.1f} MB, 2 h: {long / 1e6:.1f} MB")
-        # The samples alone are 230 MB, the same as floats 460 MB.
+        # Two hours of 16-bit samples are 230 MB, as floats 460 MB.
         self.assertLess(long - short, 30e6)
 
 
@@ -117,7 +117,7 @@ class CommandLoopTest(unittest.TestCase):
     def receive(self):
         return json.loads(self.helper.stdout.readline())
 
-    def test_two_sentences_with_a_pause_become_two_finals_of_one_source(self):
+    def test_pause_separates_two_finals_of_one_source(self):
         self.assertEqual(self.receive()["status"], "checking-model")
         self.assertEqual(self.receive()["status"], "ready")
         self.send(type="session.start", sessionId="a", locale="en-US", vocabulary=["amiable"])

@@ -1,4 +1,4 @@
-"""Holds a conversation with the simulated helper in real time.
+"""Tests a conversation with the simulated helper in real time.
 
 Usage: live_test.py SIMULATOR STATE
 """
@@ -35,7 +35,7 @@ class LiveTest(unittest.TestCase):
             self.assertEqual(event[key], value, event)
         return event
 
-    def test_an_utterance_is_heard_and_closed_by_silence(self):
+    def test_silence_closes_utterance(self):
         self.expect("helper.status", available=True, implementation="sf-speech-recognizer", dictation="enabled")
         self.send(type="session.start", sessionId="a")
         self.expect("session.ready", available=True)
@@ -44,7 +44,7 @@ class LiveTest(unittest.TestCase):
         self.send_audio(3000)
         self.expect("transcript.partial", text="こんにちは", utteranceId=first["utteranceId"])
         voice = time.time()
-        while time.time() - voice < 1.0:  # as a microphone goes on in a pause
+        while time.time() - voice < 1.0:  # a microphone delivers silence in a pause
             self.send_audio(0)
             time.sleep(0.05)
         final = self.expect("transcript.final", text="こんにちは。", utteranceId=first["utteranceId"])
