@@ -48,10 +48,10 @@ class SpawnAttributes {
  public:
   SpawnAttributes() {
     check(::posix_spawnattr_init(&attributes_), "posix_spawnattr_init");
-    // No :: in front: on macOS these are macros.
+    // No leading "::": these are macros on macOS.
     sigset_t defaults;
     sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);  // which this process ignores
+    sigaddset(&defaults, SIGPIPE);  // ignored by this process
     sigset_t none;
     sigemptyset(&none);
     ::posix_spawnattr_setsigdefault(&attributes_, &defaults);
@@ -70,7 +70,7 @@ class SpawnAttributes {
   posix_spawnattr_t attributes_;
 };
 
-// This process's environment with further variables, of the form "name=value".
+// Returns this process's environment with additional variables, as "name=value" strings.
 std::vector<std::string> environmentWith(const std::map<std::string, std::string>& further) {
   std::vector<std::string> all;
   for (char** variable = environ; *variable; ++variable) {
@@ -121,8 +121,8 @@ std::string ExitStatus::description() const {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& command, const Inheritance& inheritance) {
   if (command.empty()) check(EINVAL, "no program");
-  // One at a time: a child started meanwhile by another thread would inherit a pipe not yet marked to be
-  // closed.
+  // Starts one child at a time. A child started concurrently would inherit a pipe that is not yet
+  // close-on-exec.
   static std::mutex starting;
   const std::scoped_lock lock(starting);
   auto input = makePipe(PipeEnd::write);
@@ -164,7 +164,7 @@ void ChildProcess::flush() {
       written_ += static_cast<std::size_t>(count);
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
       return;
-    } else if (errno != EINTR) {  // EPIPE: the child reads no more
+    } else if (errno != EINTR) {  // EPIPE: the child no longer reads
       broken_ = true;
       input_.close();
     }

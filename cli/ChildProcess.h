@@ -1,4 +1,4 @@
-// A child process with pipes to its standard streams, none of which ever blocks.
+// Runs a child process with non-blocking pipes to its standard streams.
 #pragma once
 
 #include <sys/types.h>
@@ -12,7 +12,7 @@
 
 namespace palaver::host {
 
-// A descriptor that is closed with its owner.
+// Owns a file descriptor.
 class Descriptor {
  public:
   Descriptor() = default;
@@ -29,7 +29,7 @@ class Descriptor {
   int descriptor_ = -1;
 };
 
-// The two ends of a pipe, both closed on exec; the end named is non-blocking. Throws std::system_error.
+// Creates a pipe, close-on-exec at both ends and non-blocking at the given end. Throws std::system_error.
 struct Pipe {
   Descriptor readEnd;
   Descriptor writeEnd;
@@ -37,63 +37,63 @@ struct Pipe {
 enum class PipeEnd { read, write };
 Pipe makePipe(PipeEnd nonBlockingEnd);
 
-// How a child ended.
+// Describes how a child ended.
 struct ExitStatus {
-  int code = 0;    // of exit(); 0 when a signal ended it
-  int signal = 0;  // that ended it, or 0
+  int code = 0;    // argument of exit(); 0 after a signal
+  int signal = 0;  // the terminating signal, or 0
 
   bool isSuccess() const { return code == 0 && signal == 0; }
   std::string description() const;  // "exit status 3", "signal 9 (Killed)"
 };
 
-// What a child gets beside its standard streams.
+// Describes what a child inherits besides its standard streams.
 struct Inheritance {
-  std::map<std::string, std::string> environment;  // added to this process's own
-  int descriptor = -1;                             // this one becomes the child's number 3; -1 for none
+  std::map<std::string, std::string> environment;  // added to this process's environment
+  int descriptor = -1;                             // becomes descriptor 3 of the child; -1 for none
 };
 
-// What a read from the child gave.
+// Outcome of a non-blocking read.
 enum class ReadOutcome { data, nothingNow, end };
 
-// Runs a program. The child leads a process group of its own, so that an interrupt from the keyboard ends the
-// host's session in order rather than the child in the middle of it. The host must ignore SIGPIPE. Used by
-// one thread at a time; several children may be used by several threads.
+// Starts and controls a program in its own process group, so that Ctrl-C reaches only the host, which then
+// ends the session in order. The host must ignore SIGPIPE. Used by one thread at a time; different children
+// may be used on different threads.
 class ChildProcess {
  public:
-  // Starts `command`: the program's path and its arguments. Throws std::system_error when it cannot be run.
+  // Starts `command`: the program's path and its arguments. Throws std::system_error when it cannot be
+  // started.
   explicit ChildProcess(const std::vector<std::string>& command, const Inheritance& inheritance = {});
 
-  // Ends a child that still runs (SIGKILL) and waits for it.
+  // Kills a running child (SIGKILL) and waits for it.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   pid_t id() const { return process_; }
 
-  // For poll(); -1 when closed.
+  // Descriptors for poll(); -1 when closed.
   int input() const { return input_.get(); }
   int output() const { return output_.get(); }
   int diagnostics() const { return diagnostics_.get(); }
 
-  // Queues bytes for the child's standard input. They are dropped once the input is closed or the child has
-  // closed its end.
+  // Queues bytes for the child's stdin. Drops them once stdin is closed or the child has closed its end.
   void write(std::string_view bytes);
-  // Writes as much of the queue as the pipe takes now.
+  // Writes as much of the queue as the pipe accepts.
   void flush();
   std::size_t queuedBytes() const { return queue_.size() - written_; }
-  // The child no longer reads its standard input.
+  // Returns whether the child has closed its stdin.
   bool inputBroken() const { return broken_; }
-  // Closes the child's standard input once the queue has been written.
+  // Closes the child's stdin once the queue is empty.
   void closeInput();
 
-  // Reads what there is, up to the buffer's size; sets `bytes` to it. Throws std::system_error.
+  // Reads up to one buffer into `bytes`. Throws std::system_error.
   ReadOutcome readOutput(std::string& bytes) { return read(output_, bytes); }
   ReadOutcome readDiagnostics(std::string& bytes) { return read(diagnostics_, bytes); }
 
-  // The status of a child that has ended, or none while it runs. Never blocks.
+  // Returns the status of a child that has ended, or none while it runs. Never blocks.
   std::optional<ExitStatus> exitStatus();
 
-  // Sends a signal to the child, if it still runs.
+  // Sends a signal to a running child.
   void signal(int number);
 
  private:
@@ -105,7 +105,7 @@ class ChildProcess {
   Descriptor output_;
   Descriptor diagnostics_;
   std::string queue_;
-  std::size_t written_ = 0;  // bytes of queue_ that the pipe has taken
+  std::size_t written_ = 0;  // bytes of queue_ already written
   bool closing_ = false;
   bool broken_ = false;
 };

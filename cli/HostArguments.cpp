@@ -47,14 +47,14 @@ std::vector<std::string> readVocabulary(const std::string& path) {
   return phrases;
 }
 
-// The arguments one after another, with "--option=value" taken apart.
+// Iterates over the arguments and splits "--option=value".
 class Reader {
  public:
   explicit Reader(std::span<const std::string> arguments) : left_(arguments) {}
 
   bool atEnd() const { return left_.empty(); }
 
-  // The next option or file.
+  // Returns the next option or file.
   std::string next() {
     auto argument = left_.front();
     left_ = left_.subspan(1);
@@ -68,7 +68,7 @@ class Reader {
     return argument;
   }
 
-  // The value of the option just read.
+  // Returns the value of the current option.
   std::string value() {
     if (value_) return *std::exchange(value_, std::nullopt);
     if (left_.empty()) throw UsageError(option_ + " needs a value");
@@ -77,7 +77,7 @@ class Reader {
     return value;
   }
 
-  // Throws when a value was given to an option that takes none.
+  // Throws when the current option has an unwanted value.
   void expectNoValue() const {
     if (value_) throw UsageError(option_ + " takes no value");
   }
@@ -112,15 +112,15 @@ HostArguments parseHostArguments(std::span<const std::string> arguments) {
     } else if (argument == "--help" || argument == "-h") {
       parsed.help = true;
     } else if (argument.starts_with("-") && argument != "-") {
-      throw UsageError("there is no option " + argument);
+      throw UsageError("unknown option " + argument);
     } else {
       files.push_back(argument);
     }
     reader.expectNoValue();
   }
   if (parsed.help) return parsed;
-  if (files.empty()) throw UsageError("a sound file is needed");
-  if (files.size() > 2) throw UsageError("there are two sources at most, remote and self");
+  if (files.empty()) throw UsageError("missing sound file");
+  if (files.size() > 2) throw UsageError("too many sound files: expected REMOTE and optionally SELF");
   parsed.remote = files[0];
   if (files.size() > 1) parsed.self = files[1];
   return parsed;
@@ -129,21 +129,21 @@ HostArguments parseHostArguments(std::span<const std::string> arguments) {
 const std::string_view hostUsage =
     R"(usage: palaver-host [options] REMOTE [SELF]
 
-Streams sound files to the helper as a host does, in real time, and shows what it
-transcribes. REMOTE is the far side of the call, SELF the user's own microphone: any
-sound file, or headerless 16 kHz mono 16-bit audio in a file named *.raw.
+Streams sound files to the helper in real time, as a host does, and shows the
+transcript. REMOTE is the far side of the call, SELF the user's own microphone. Each
+is a sound file, or headerless 16 kHz mono 16-bit audio in a file named *.raw.
 
-  --locale LOCALE         the language, such as ja-JP (en-US)
-  --vocabulary A,B,...    names and terms to listen for
+  --locale LOCALE         language, such as ja-JP (default: en-US)
+  --vocabulary A,B,...    names and terms to expect
   --vocabulary-file FILE  the same, as a JSON array of strings
-  --speed FACTOR          faster than real time (1); the helper times silence by the
-                          clock, so utterances are then cut at other places
-  --json                  print the helper's events as they are
-  --helper PATH           another helper than the one of this build
-  --helper-argument TEXT  an argument for the helper; may be repeated
-  --help                  print this
+  --speed FACTOR          factor of real time, 0.1 to 100 (default: 1). The helper measures
+                          silence in real time, so utterances then end at other places
+  --json                  print the helper's events unchanged
+  --helper PATH           helper to run (default: the one of this build)
+  --helper-argument TEXT  argument for the helper; may be repeated
+  --help                  print this help
 
-Ends with status 0 when all went right, 1 when something did not, 2 for bad usage.
+Exit status: 0 success, 1 failure, 2 invalid usage.
 )";
 
 }  // namespace palaver::host

@@ -1,4 +1,4 @@
-// The command line of palaver-host.
+// Parses the command line of palaver-host.
 #pragma once
 
 #include <optional>
@@ -21,14 +21,14 @@ struct HostArguments {
   std::vector<std::string> helperArguments;
   std::string locale = "en-US";
   std::vector<std::string> vocabulary;
-  double speed = 1;  // audio seconds a second
+  double speed = 1;  // factor of real time
   bool json = false;
   bool help = false;
 };
 
-// Reads the arguments behind the program's name; options and files in any order, "--option value" or
-// "--option=value". Reads the vocabulary's file, a JSON array of strings. Throws UsageError with a sentence
-// for the user.
+// Parses the arguments after the program's name. Options and files may be in any order. Both "--option value"
+// and "--option=value" are accepted. Reads the vocabulary file, a JSON array of strings. Throws UsageError
+// with a message for the user.
 HostArguments parseHostArguments(std::span<const std::string> arguments);
 
 extern const std::string_view hostUsage;

@@ -1,4 +1,4 @@
-// The command lines that a host writes, each with its line feed.
+// Encodes a host's commands as lines, each with its line feed.
 #pragma once
 
 #include <cstdint>
@@ -11,16 +11,16 @@
 
 namespace palaver::host {
 
-// Any thread. Throw nlohmann::json::exception when a text is not UTF-8.
+// Any thread. Throws nlohmann::json::exception when a text is not UTF-8.
 std::string sessionStart(std::string_view sessionId, std::string_view locale,
                          const std::vector<std::string>& vocabulary);
 std::string sessionStop(std::string_view sessionId);
 
-// `capturedAt`: ms since the Unix epoch at the first of the 16 kHz mono frames.
+// `capturedAt` is the time of the first frame, ms since the Unix epoch. Frames are 16 kHz mono.
 std::string audio(std::string_view sessionId, AudioSource source, std::int64_t sequence, double capturedAt,
                   std::span<const std::int16_t> frames);
 
-// Standard Base64 with padding (RFC 4648, section 4).
+// Encodes standard Base64 with padding (RFC 4648, section 4).
 std::string encodeBase64(std::span<const std::uint8_t> bytes);
 
 }  // namespace palaver::host

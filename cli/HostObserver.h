@@ -1,4 +1,4 @@
-// What a host session tells whoever shows or collects it.
+// Receives the events and progress of a host session.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -8,26 +8,27 @@
 
 namespace palaver::host {
 
-// All calls come on the thread of HostSession::run(), one at a time, and must not block for long: the
-// helper's output waits meanwhile.
+// Calls arrive on the thread of HostSession::run(), one at a time. They must not block for long, because the
+// helper's output is not read meanwhile.
 class HostObserver {
  public:
   virtual ~HostObserver() = default;
 
-  // An event of the helper: as it was written, without its line feed, and decoded.
+  // Reports an event of the helper: the line without its line feed, and the decoded JSON.
   virtual void onEvent(std::string_view line, const nlohmann::json& event) = 0;
 
-  // A line that the helper wrote to its standard error.
+  // Reports a line of the helper's stderr.
   virtual void onDiagnostic(std::string_view line) = 0;
 
-  // Something that went wrong, in words for the user. The session will not end well.
+  // Reports a problem in words for the user. The session will fail.
   virtual void onProblem(std::string_view message) = 0;
 
-  // Audio starts to flow; `startedAt` is the capture time of the first sample (ms since the Unix epoch).
+  // Reports that streaming starts. `startedAt` is the capture time of the first sample (ms since the Unix
+  // epoch).
   virtual void onStreamStart(double startedAt) = 0;
 
-  // How much has been streamed of how much there is, in ms of audio; `total` may be an estimate. After the
-  // end, `position` goes beyond `total` while the last words are awaited.
+  // Reports progress in ms of audio. `total` may be an estimate. After the end of the audio, `position`
+  // exceeds `total` while the last finals are awaited.
   virtual void onProgress(double position, double total) = 0;
 
  protected:

@@ -17,11 +17,11 @@ namespace {
 
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-// Above this, no more audio is queued for a helper that is slow to read: 6 s of one source.
+// Queue limit for a helper that reads slowly: 6 s of one source.
 constexpr std::size_t maxQueuedBytes = std::size_t{256} << 10;
-constexpr int maxReadsAtOnce = 16;   // of 64 KiB: a helper that floods must not hold up the audio
-constexpr int maxChunksAtOnce = 20;  // nor a late stream the reading
-constexpr double loudness = 0.008;  // root mean square, full scale 1, at which a helper takes audio for voice
+constexpr int maxReadsAtOnce = 16;      // of 64 KiB: output must not delay the audio
+constexpr int maxChunksAtOnce = 20;     // a late stream must not delay reading
+constexpr double loudness = 0.008;      // root mean square, full scale 1: the helper's threshold for voice
 constexpr double quietAfterText = 700;  // ms: held-back audio may open another utterance right after a final
 constexpr double killAfter = 2000;      // ms between SIGTERM and SIGKILL
 
@@ -83,7 +83,7 @@ void HostSession::waitForSomething() {
       {interruption_.readEnd.get(), POLLIN, 0},
       {helper_->queuedBytes() > 0 ? helper_->input() : -1, POLLOUT, 0},
   }};
-  // An interruption of poll() itself is as good as its end: the loop looks at everything in any case.
+  // An interrupted poll() counts as finished, because the loop checks every descriptor anyway.
   ::poll(descriptors.data(), descriptors.size(), static_cast<int>(std::ceil(timeout)));
   if (descriptors[2].revents != 0) endEarly();
 }
@@ -100,7 +100,7 @@ void HostSession::readHelper() {
     readOutput();
     readDiagnostics();
   } catch (const std::length_error& error) {
-    giveUp(std::string("the helper's output makes no sense: ") + error.what());
+    giveUp(std::string("invalid output from the helper: ") + error.what());
     helper_->signal(SIGTERM);
   }
 }
@@ -126,7 +126,7 @@ void HostSession::readDiagnostics() {
 void HostSession::handleLine(std::string_view line) {
   const auto event = nlohmann::json::parse(line, nullptr, false);
   if (!event.is_object()) {
-    problem("the helper wrote a line that is no event: " + std::string(line.substr(0, 100)));
+    problem("the helper wrote an invalid event: " + std::string(line.substr(0, 100)));
     return;
   }
   observer_.onEvent(line, event);
@@ -154,14 +154,14 @@ void HostSession::handleEvent(const nlohmann::json& event) {
     if (phase_ == Phase::stopping) {
       closeHelper();
     } else if (phase_ != Phase::closing) {
-      giveUp("the helper stopped the session by itself");
+      giveUp("the helper stopped the session early");
     }
   } else if (type == "transcript.partial" || type == "transcript.final") {
     handleTranscript(event, type == "transcript.final");
   }
 }
 
-// One "session.ready" for the session, or one for each source, as the helper's backend has it.
+// Handles one "session.ready" for the session or one per source, depending on the helper's backend.
 void HostSession::handleReady(const nlohmann::json& event) {
   if (phase_ != Phase::awaitingReady) return;
   const auto available = event.find("available");
@@ -180,7 +180,7 @@ void HostSession::handleReady(const nlohmann::json& event) {
 void HostSession::handleTranscript(const nlohmann::json& event, bool isFinal) {
   const auto source = audioSource(textOf(event, "source"));
   if (!source) {
-    problem("the helper wrote a transcript of no source");
+    problem("the helper wrote a transcript without a source");
     return;
   }
   auto& transcribed = stream(*source);
@@ -246,12 +246,12 @@ void HostSession::advance() {
 void HostSession::sendDueChunks() {
   const auto now = SteadyClock::now();
   const auto queued = helper_->queuedBytes();
-  const bool hasRead = queued < lastQueued_;  // nothing is added to a full queue
+  const bool hasRead = queued < lastQueued_;  // no audio is added to a full queue
   lastQueued_ = queued;
   if (queued < maxQueuedBytes || hasRead) {
     lastProgress_ = now;
   } else if (Milliseconds(now - lastProgress_).count() >= configuration_.limits.stall) {
-    giveUp("the helper has read nothing for " + seconds(configuration_.limits.stall));
+    giveUp("the helper has not read its input for " + seconds(configuration_.limits.stall));
     helper_->signal(SIGTERM);
     return;
   }
@@ -271,7 +271,7 @@ void HostSession::sendDueChunks() {
   }
 }
 
-// The next 100 ms of the source: silence from its end on, as a microphone goes on delivering.
+// Sends the next 100 ms of the source. After its end sends silence, like a microphone that stays open.
 void HostSession::sendChunk(AudioSource source, double capturedAt) {
   auto& sending = stream(source);
   std::array<std::int16_t, chunkFrames> frames{};
@@ -292,19 +292,19 @@ bool HostSession::finalsAreThere() const {
   });
 }
 
-// The helper has ended, by itself or because its input did.
+// Handles the end of the helper, whether early or after its input was closed.
 void HostSession::handleExit() {
   const auto status = helper_->exitStatus().value_or(ExitStatus{});
   std::string bytes;
   try {
-    // What it wrote last. Not to the end of the stream: a child of its own may hold that open.
+    // Reads the last output, but not up to the end of the stream, which a child of the helper may keep open.
     while (helper_->readOutput(bytes) == ReadOutcome::data)
       outputLines_.append(bytes, [this](std::string_view line) { handleLine(line); });
     outputLines_.finish([this](std::string_view line) { handleLine(line); });
     readDiagnostics();
     diagnosticLines_.finish([this](std::string_view line) { observer_.onDiagnostic(line); });
   } catch (const std::length_error& error) {
-    problem(std::string("the helper's output makes no sense: ") + error.what());
+    problem(std::string("invalid output from the helper: ") + error.what());
   }
   if (phase_ != Phase::closing) {
     problem("the helper ended early, with " + status.description());

@@ -1,4 +1,4 @@
-// A whole session of a host: starts the helper, streams audio in real time, and ends everything in order.
+// Runs one session of a host: starts the helper, streams audio in real time and ends everything in order.
 #pragma once
 
 #include <array>
@@ -19,45 +19,45 @@
 
 namespace palaver::host {
 
-// How long a host waits before it gives up, in ms of wall clock.
+// Limits how long a session waits, in ms of wall clock.
 struct HostLimits {
-  double status = 30000;    // for the first status: the helper may have to ask its system
-  double ready = 60000;     // for the session: a model may have to be loaded
+  double status = 30000;    // for the first status: the helper may have to query the system
+  double ready = 60000;     // for the session: the model may have to be loaded
   double reason = 3000;     // for the status that explains why a session is not available
-  double settle = 1500;     // of silence after the last audio, in any case: endpointing takes 900
-  double firstText = 5000;  // of silence, while a source that spoke has no text at all yet
-  double finals = 15000;    // of silence, until the finals of both sources are there
+  double settle = 1500;     // minimum silence after the last audio; endpointing takes 900
+  double firstText = 5000;  // silence while a source that spoke has no text yet
+  double finals = 15000;    // silence until the finals of both sources have arrived
   double stopped = 15000;   // for the end of the session, and again for the end of the helper
-  double stall = 15000;     // while the helper reads nothing of what is written to it
+  double stall = 15000;     // while the helper does not read its input
 };
 
 struct HostConfiguration {
-  std::vector<std::string> helper;  // the program's path, and arguments if any
+  std::vector<std::string> helper;  // the program's path and optional arguments
   std::string sessionId = "session-1";
   std::string locale = "en-US";
   std::vector<std::string> vocabulary;
-  double speed = 1;  // audio seconds a second; above 0. Other than 1, silence is cut off by the wrong clock
+  double speed = 1;  // factor of real time, above 0. Other than 1, silence is measured with the wrong clock
   HostLimits limits;
 };
 
-// One session over one helper, in one loop that never blocks on either of the helper's streams: whoever
-// writes to a child without reading from it will deadlock one day.
+// Runs one session with one helper. One loop serves both streams and never blocks on either, because writing
+// to a child without reading from it can deadlock.
 //
-// A chunk is due when its last sample has been captured, on an absolute schedule, so that delays do not add
-// up; its "capturedAt" follows the audio. A helper that is slow to read holds the stream back.
+// A chunk is due when its last sample has been captured. The schedule is absolute, so delays do not add up,
+// and "capturedAt" follows the audio. The stream waits for a helper that reads slowly.
 class HostSession {
  public:
-  // `self` may be null: then only the remote source is streamed. The observer outlives the session.
+  // Without `self` only the remote source is streamed. The observer must outlive the session.
   HostSession(HostConfiguration configuration, std::unique_ptr<SoundSource> remote,
               std::unique_ptr<SoundSource> self, HostObserver& observer);
 
-  // Runs the session to its end and returns whether all went right: ready, streamed, every final there, no
-  // error event, and the helper ended with status 0. Blocks; call once. Throws std::system_error when the
-  // helper cannot be started.
+  // Runs the session to its end. Returns true if the session was ready, all audio was streamed, every final
+  // arrived, no error event occurred and the helper ended with status 0. Blocks; call once. Throws
+  // std::system_error when the helper cannot be started.
   bool run();
 
-  // Ends the session early and in order: no more audio, the helper's input is closed, its last finals are
-  // read. run() then returns false. Safe from any thread and from a signal handler.
+  // Ends the session early and in order: stops the audio, closes the helper's input and reads the last
+  // finals. run() then returns false. Safe on any thread and in a signal handler.
   void interrupt() noexcept;
 
  private:
@@ -66,10 +66,10 @@ class HostSession {
   enum class Phase {
     awaitingStatus,
     awaitingReady,
-    awaitingReason,  // the session is not available; a status that says why may follow
+    awaitingReason,  // the session is not available; a status may follow with the reason
     streaming,
-    draining,  // silence, until the finals are there
-    stopping,  // "session.stop" was sent
+    draining,  // silence until the finals have arrived
+    stopping,  // "session.stop" has been sent
     closing,   // the helper's input is closed
     done,
   };
@@ -78,10 +78,10 @@ class HostSession {
     std::unique_ptr<SoundSource> sound;  // null when not streamed
     std::int64_t sequence = 0;
     bool ended = false;
-    bool spoke = false;         // something loud was sent
-    bool ready = false;         // its own "session.ready" came
-    bool gotText = false;       // a partial or a final came
-    std::string openUtterance;  // the utterance with partials and no final yet; empty when none is
+    bool spoke = false;         // audio above the loudness threshold was sent
+    bool ready = false;         // its own "session.ready" has arrived
+    bool gotText = false;       // a partial or a final has arrived
+    std::string openUtterance;  // has partials but no final yet; empty for none
   };
 
   void waitForSomething();
@@ -102,7 +102,7 @@ class HostSession {
   void enter(Phase phase);
   void startStreaming();
   void problem(std::string_view message);
-  void giveUp(std::string_view message);  // a problem that ends the session
+  void giveUp(std::string_view message);  // reports a problem that ends the session
 
   double inPhase() const;               // ms since the phase began
   SteadyClock::time_point due() const;  // of the next chunk
@@ -112,7 +112,7 @@ class HostSession {
   HostConfiguration configuration_;
   HostObserver& observer_;
   std::array<Stream, allAudioSources.size()> streams_;  // by AudioSource
-  Pipe interruption_;                                   // a byte in it wakes and interrupts the loop
+  Pipe interruption_;                                   // a byte wakes and interrupts the loop
   std::unique_ptr<ChildProcess> helper_;
   LineSplitter outputLines_;
   LineSplitter diagnosticLines_;
@@ -120,13 +120,13 @@ class HostSession {
   Phase phase_ = Phase::awaitingStatus;
   SteadyClock::time_point phaseStart_;
   SteadyClock::time_point streamStart_;
-  SteadyClock::time_point lastProgress_;    // when the helper last read, or had no reason to
-  std::size_t lastQueued_ = 0;              // bytes, when that was last looked at
-  SteadyClock::time_point lastTranscript_;  // when the last transcript event came
+  SteadyClock::time_point lastProgress_;    // when the helper last read, or the queue had room
+  std::size_t lastQueued_ = 0;              // bytes, at the last check
+  SteadyClock::time_point lastTranscript_;  // when the last transcript event arrived
   double startedAt_ = 0;                    // wall clock at streamStart_, ms since the Unix epoch
   double total_ = 0;                        // ms of audio to stream
   std::int64_t chunks_ = 0;                 // of each source, sent so far
-  std::string statusMessage_;               // of the newest "helper.status"
+  std::string statusMessage_;               // from the latest "helper.status"
   bool ok_ = true;
   int signalsSent_ = 0;  // to a helper that does not end
 };

@@ -18,7 +18,7 @@ void LineSplitter::append(std::string_view bytes, const LineHandler& handler) {
   }
   if (partial_.size() + bytes.size() > maxLineBytes) {
     partial_.clear();
-    throw std::length_error("a line has no end within 16 MiB");
+    throw std::length_error("a line exceeds 16 MiB");
   }
   partial_.append(bytes);
 }

@@ -16,7 +16,7 @@ namespace palaver::host {
 
 namespace {
 
-// Of 0 to 10, as the helper's own resampler has it: the lowest that keeps 95 dB at 7 kHz.
+// Scale 0 to 10, the same quality as the helper's resampler: the lowest quality that keeps 95 dB at 7 kHz.
 constexpr int resamplerQuality = 6;
 constexpr std::size_t blockFrames = 1024;  // read from a file at once
 constexpr std::int64_t maxRate = 1000000;  // Hz; the resampler's filter grows with the rate
@@ -25,7 +25,7 @@ std::runtime_error unreadable(const std::string& path, const std::string& reason
   return std::runtime_error("cannot read " + path + ": " + reason);
 }
 
-// Throws unless the path names a file with something in it. libsndfile's own words for these cases are vague.
+// Throws unless the path names a non-empty file. libsndfile's messages for these cases are vague.
 std::uintmax_t sizeOfFile(const std::string& path) {
   std::error_code error;
   const auto status = std::filesystem::status(path, error);
@@ -67,8 +67,8 @@ class SoundFileSource::Reader {
       info.channels = 1;
     }
     file_.reset(sf_open(path.c_str(), SFM_READ, &info));
-    if (!file_) throw unreadable(path, "it is not a sound file that can be read: " + sndfileMessage(nullptr));
-    if (info.frames == 0) throw unreadable(path, "it holds no audio");
+    if (!file_) throw unreadable(path, "not a readable sound file: " + sndfileMessage(nullptr));
+    if (info.frames == 0) throw unreadable(path, "it contains no audio");
     channels_ = static_cast<std::size_t>(info.channels);
     frames_ = info.frames;
     rate_ = info.samplerate;
@@ -80,7 +80,7 @@ class SoundFileSource::Reader {
     resampler_.reset(
         speex_resampler_init(1, static_cast<spx_uint32_t>(rate_), sampleRate, resamplerQuality, &error));
     if (!resampler_) throw unreadable(path, std::string("resampling: ") + speex_resampler_strerror(error));
-    // Drops the filter's delay from the start, so that the first output sample is the first input sample.
+    // Drops the filter's delay, so that the first output sample is the first input sample.
     speex_resampler_skip_zeros(resampler_.get());
   }
 
@@ -101,8 +101,8 @@ class SoundFileSource::Reader {
     return std::llround(static_cast<double>(frames) * sampleRate / static_cast<double>(rate_));
   }
 
-  // The next block of the file, mixed down; after the file's end silence, which pushes the last frames
-  // through the resampler. False when everything has been delivered.
+  // Reads and mixes the next block. After the file's end supplies silence, which pushes the last frames
+  // through the resampler. Returns false when everything has been delivered.
   bool readBlock() {
     consumed_ = 0;
     mono_.clear();
@@ -147,7 +147,7 @@ class SoundFileSource::Reader {
       const auto left = std::max<std::int64_t>(outputFramesFor(framesRead_) - framesMade_, 0);
       made = static_cast<spx_uint32_t>(std::min<std::int64_t>(made, left));
     }
-    if (made == 0) {  // only silence is left of the input
+    if (made == 0) {  // the remaining input is silence
       consumed_ = mono_.size();
       return 0;
     }
@@ -164,13 +164,13 @@ class SoundFileSource::Reader {
       nullptr, &speex_resampler_destroy};
   std::size_t channels_ = 1;
   std::int64_t rate_ = sampleRate;  // Hz
-  std::int64_t frames_ = 0;         // of the file, as its header says
-  std::int64_t framesRead_ = 0;     // of the file so far
-  std::int64_t framesMade_ = 0;     // by the resampler so far
+  std::int64_t frames_ = 0;         // of the file, from its header
+  std::int64_t framesRead_ = 0;     // of the file
+  std::int64_t framesMade_ = 0;     // by the resampler
   bool ended_ = false;              // the file has been read to its end
   std::vector<float> interleaved_;
   std::vector<float> mono_;   // one block, full scale 1
-  std::size_t consumed_ = 0;  // frames of mono_ that have been used
+  std::size_t consumed_ = 0;  // frames of mono_ already used
 };
 
 SoundFileSource::SoundFileSource(const std::string& path) : reader_(std::make_unique<Reader>(path)) {}

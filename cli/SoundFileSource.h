@@ -1,4 +1,4 @@
-// Sound files as 16 kHz mono audio.
+// Reads sound files as 16 kHz mono audio.
 #pragma once
 
 #include <memory>
@@ -8,13 +8,13 @@
 
 namespace palaver::host {
 
-// Any container, rate and number of channels that libsndfile reads, mixed down to mono and resampled block by
-// block, so that a file of any length takes the same memory. A name that ends in ".raw" is headerless 16 kHz
-// mono little-endian signed 16-bit audio.
+// Reads any container, rate and channel count that libsndfile supports. Mixes to mono and resamples block by
+// block, so memory use is independent of length. A name ending in ".raw" is headerless 16 kHz mono
+// little-endian signed 16-bit audio.
 class SoundFileSource final : public SoundSource {
  public:
-  // Opens the file. Throws std::runtime_error, with the path and the reason, for a file that is missing,
-  // empty or no sound file.
+  // Opens the file. Throws std::runtime_error with the path and the reason when the file is missing, empty or
+  // not a sound file.
   explicit SoundFileSource(const std::string& path);
   ~SoundFileSource() override;
 

@@ -15,7 +15,7 @@ struct Character {
   std::size_t bytes = 1;
 };
 
-// The first character of a text that is not empty.
+// Decodes the first character of a non-empty text.
 Character firstCharacter(std::string_view text) {
   const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
   const Character malformed{0xFFFD, 1};
@@ -41,8 +41,8 @@ bool isIn(const std::array<Range, size>& ranges, char32_t codePoint) {
                      [&](const Range& range) { return codePoint >= range.first && codePoint <= range.last; });
 }
 
-// The blocks of Unicode 15 whose characters take two columns (East Asian Width W and F), and those of
-// combining characters and other marks without a width.
+// Unicode 15 blocks of two-column characters (East Asian Width W and F), and of combining characters and
+// other marks without width.
 constexpr std::array<Range, 10> wide{{{0x1100, 0x115F},
                                       {0x2E80, 0x303E},
                                       {0x3041, 0xA4CF},

@@ -160,7 +160,7 @@ void TranscriptDisplay::finish(bool ok) {
   if (ok) {
     const bool silent =
         std::all_of(sources_.begin(), sources_.end(), [](const Source& each) { return each.finals == 0; });
-    printWrapped("done", silent ? "all went well, and nothing was said" : "all went well", green);
+    printWrapped("done", silent ? "completed without speech" : "completed", green);
   } else {
     printWrapped("failed", counted(std::max<std::size_t>(problems_, 1), "error"), red);
   }
@@ -198,15 +198,15 @@ void TranscriptDisplay::draw() {
   output_(bytes);
 }
 
-// Moves to the first live line and erases from there on.
+// Moves to the first live line and erases everything below.
 std::string TranscriptDisplay::eraseLive() {
   const auto count = std::exchange(liveCount_, 0);
   if (count == 0) return {};
   return (count > 1 ? "\x1b[" + std::to_string(count - 1) + "A" : std::string()) + "\r\x1b[J";
 }
 
-// The live lines, the cursor left at the end of the last. Each is shorter than the terminal is wide, as a
-// line that wraps could not be erased.
+// Returns the live lines. The cursor ends after the last one. Each is shorter than the terminal's width,
+// because a wrapped line could not be erased.
 std::string TranscriptDisplay::liveLines() {
   if (!style_.terminal || !streaming_) return {};
   const auto columns = width() - 1;

@@ -1,4 +1,4 @@
-// Shows a session to a person: on a terminal with live lines at the bottom, elsewhere as plain lines.
+// Shows a session to a person: with live lines on a terminal, as plain lines elsewhere.
 #pragma once
 
 #include <array>
@@ -12,17 +12,17 @@
 
 namespace palaver::host {
 
-// The newest partial of each source, and how far the stream is, are rewritten in place at the bottom of a
-// terminal; finals, errors and the status scroll above them. Without a terminal each new partial is a line.
+// Rewrites the latest partial of each source and the progress at the bottom of a terminal. Finals, errors and
+// the status scroll above. Without a terminal each new partial is a line.
 class TranscriptDisplay final : public HostObserver {
  public:
   struct Style {
     bool terminal = false;  // cursor movements and colours
-    bool latency = true;    // the helper's latency makes sense: the audio comes in real time
+    bool latency = true;    // show the helper's latency, valid for audio in real time
     bool diagnostics = true;
   };
-  using Output = std::function<void(std::string_view bytes)>;  // called for everything shown
-  using Width = std::function<std::size_t()>;                  // the terminal's columns now
+  using Output = std::function<void(std::string_view bytes)>;  // called with all output
+  using Width = std::function<std::size_t()>;                  // current width of the terminal
 
   TranscriptDisplay(Style style, Output output, Width width);
 
@@ -32,7 +32,7 @@ class TranscriptDisplay final : public HostObserver {
   void onStreamStart(double startedAt) override;
   void onProgress(double position, double total) override;
 
-  // The last lines, when the session has ended: what came in all and whether all went right.
+  // Prints a summary and whether the session succeeded. Call when the session has ended.
   void finish(bool ok);
 
  private:
@@ -48,7 +48,7 @@ class TranscriptDisplay final : public HostObserver {
   void showTranscript(const nlohmann::json& event, bool isFinal);
   void showError(std::string_view message);
 
-  std::string relative(const nlohmann::json& event, const char* key) const;  // to the stream's start
+  std::string relative(const nlohmann::json& event, const char* key) const;  // relative to the stream's start
   std::string styled(std::string_view text, std::string_view code) const;
   void print(const std::vector<std::string>& lines);  // above the live lines
   void printWrapped(std::string_view label, std::string_view text, std::string_view code);

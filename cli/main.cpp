@@ -1,4 +1,4 @@
-// palaver-host: streams sound files to the helper as a host does.
+// Streams sound files to the helper as a host does.
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ using namespace palaver::host;
 
 std::atomic<HostSession*> runningSession = nullptr;  // for the signal handler
 
-// The first signal ends the session in order, a second one the program at once.
+// The first signal ends the session in order, the second one ends the program immediately.
 void interruptSession(int) {
   const int error = errno;
   if (auto* const session = runningSession.load()) session->interrupt();
@@ -42,7 +42,7 @@ void handleSignals() {
   ::sigaction(SIGPIPE, &action, nullptr);
 }
 
-// Writes to standard output, whatever kind of descriptor it is. False when nobody reads it any more.
+// Writes to stdout, blocking or not. Returns false when the reader has closed it.
 bool writeOutput(std::string_view bytes) {
   while (!bytes.empty()) {
     const auto count = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
@@ -68,7 +68,7 @@ std::size_t terminalColumns() {
   return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
-// The events as they are on standard output, everything else on standard error.
+// Writes events unchanged to stdout and everything else to stderr.
 class EventLines final : public HostObserver {
  public:
   void onEvent(std::string_view line, const nlohmann::json&) override { output(std::string(line) + "\n"); }

@@ -52,9 +52,9 @@ TEST(HostArgumentsTest, TheDefaultsAreEnglishInRealTime) {
 }
 
 TEST(HostArgumentsTest, BadUsageIsExplained) {
-  EXPECT_EQ(failure({}), "a sound file is needed");
-  EXPECT_EQ(failure({"a", "b", "c"}), "there are two sources at most, remote and self");
-  EXPECT_EQ(failure({"a", "--fast"}), "there is no option --fast");
+  EXPECT_EQ(failure({}), "missing sound file");
+  EXPECT_EQ(failure({"a", "b", "c"}), "too many sound files: expected REMOTE and optionally SELF");
+  EXPECT_EQ(failure({"a", "--fast"}), "unknown option --fast");
   EXPECT_EQ(failure({"a", "--locale"}), "--locale needs a value");
   EXPECT_EQ(failure({"a", "--json=yes"}), "--json takes no value");
   for (const char* speed : {"0", "-1", "x", "nan", "inf", "1x", ""})

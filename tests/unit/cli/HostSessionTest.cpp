@@ -187,7 +187,7 @@ TEST_F(HostSessionTest, AHelperThatReadsNothingIsGivenUp) {
   fast.limits.stall = 200;
   EXPECT_FALSE(run(std::move(fast), loud(1000)));
   ASSERT_THAT(record.problems, testing::Not(IsEmpty()));
-  EXPECT_EQ(record.problems[0], "the helper has read nothing for 0.2 s");
+  EXPECT_EQ(record.problems[0], "the helper has not read its input for 0.2 s");
 }
 
 TEST_F(HostSessionTest, AnErrorEventMakesTheSessionFailAndGoesOn) {
@@ -198,7 +198,7 @@ TEST_F(HostSessionTest, AnErrorEventMakesTheSessionFailAndGoesOn) {
 
 TEST_F(HostSessionTest, ALineThatIsNoEventIsReported) {
   EXPECT_FALSE(run("writes-garbage"));
-  EXPECT_THAT(record.problems, ElementsAre("the helper wrote a line that is no event: hello"));
+  EXPECT_THAT(record.problems, ElementsAre("the helper wrote an invalid event: hello"));
   EXPECT_THAT(record.finals, SizeIs(1));
 }
 

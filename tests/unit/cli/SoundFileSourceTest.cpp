@@ -163,12 +163,12 @@ TEST_F(SoundFileSourceTest, AnEmptyFileIsNamed) {
 }
 
 TEST_F(SoundFileSourceTest, AFileWithoutAudioIsNamed) {
-  EXPECT_THAT(failure(writeSines("header.wav", wave, 16000, 1, 0)), HasSubstr("it holds no audio"));
+  EXPECT_THAT(failure(writeSines("header.wav", wave, 16000, 1, 0)), HasSubstr("it contains no audio"));
 }
 
 TEST_F(SoundFileSourceTest, ATextFileIsNoSoundFile) {
   EXPECT_THAT(failure(write("text.wav", "this is no sound at all, whatever its name says")),
-              AllOf(HasSubstr("text.wav"), HasSubstr("it is not a sound file that can be read")));
+              AllOf(HasSubstr("text.wav"), HasSubstr("not a readable sound file")));
 }
 
 TEST_F(SoundFileSourceTest, ADirectoryIsNoSoundFile) {

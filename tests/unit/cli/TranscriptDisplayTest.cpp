@@ -199,7 +199,7 @@ TEST_F(TranscriptDisplayTest, TheLiveLinesAreGoneAtTheEnd) {
   EXPECT_THAT(screen.text(), HasSubstr("awaiting the last words"));
   display.finish(true);
   EXPECT_THAT(screen.text(), EndsWith("remote  1 final, 3 words, mean latency 912 ms\n"
-                                      "done    all went well\n"));
+                                      "done    completed\n"));
   EXPECT_THAT(screen.text(), Not(HasSubstr("[#")));
 }
 
