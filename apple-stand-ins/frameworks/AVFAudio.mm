@@ -1,4 +1,4 @@
-// A stand-in for AVFAudio over the contracts of the audio converter and of sound files.
+// Implements AVFAudio on Linux with the contracts of the audio converter and of sound files.
 #import <AVFAudio/AVFAudio.h>
 
 #include <algorithm>
@@ -15,7 +15,7 @@ using palaver::PCMBuffer;
 
 namespace {
 
-// What AVFAudio calls the exceptions that it raises for programming errors. (Public reports.)
+// Name of the exceptions that AVFAudio raises for programming errors. Unverified: public reports.
 NSExceptionName const avfaudioException = @"com.apple.coreaudio.avfaudio";
 
 std::size_t bytesPerFrame(const AudioFormat &format) {
@@ -40,7 +40,7 @@ std::size_t bytesPerFrame(const AudioFormat &format) {
                           sampleRate:(double)sampleRate
                             channels:(AVAudioChannelCount)channels
                          interleaved:(BOOL)interleaved {
-  // More channels need a layout, which this initializer does not take.
+  // More than two channels require a layout, which this initializer does not take.
   if (channels > 2) return nil;
   return [self initWithFormat:{static_cast<palaver::CommonFormat>(format), sampleRate, channels,
                                static_cast<bool>(interleaved)}];
@@ -61,7 +61,7 @@ std::size_t bytesPerFrame(const AudioFormat &format) {
 - (BOOL)isInterleaved {
   return format_.interleaved;
 }
-// Interleaving does not count for one channel. (The SDK's comment on isEqual:.)
+// Ignores interleaving for one channel. Source: the SDK's comment on isEqual:.
 - (BOOL)isEqual:(id)other {
   return [other isKindOfClass:[AVAudioFormat class]] && format_ == ((AVAudioFormat *)other)->format_;
 }
@@ -124,7 +124,7 @@ std::size_t bytesPerFrame(const AudioFormat &format) {
 - (float *const *)floatChannelData {
   return floatChannels_.empty() ? nullptr : floatChannels_.data();
 }
-// Writes the frames of a buffer of the same format, and takes their number.
+// Copies the frames of a buffer of the same format and adopts their number.
 - (void)takeFrames:(const PCMBuffer &)samples {
   const auto &layout = format_->format_;
   const std::size_t values = samples.frameLength() * (layout.interleaved ? layout.channelCount : 1);
@@ -194,7 +194,8 @@ std::shared_ptr<PCMBuffer> copySamples(AVAudioPCMBuffer *buffer) {
     palaver::raise(avfaudioException,
                    "required condition is false: [outputBuffer.format isEqual: _outputFormat]");
   pcm.frameLength = 0;
-  // The end of the stream ends the converter until it is reset. (Public reports.)
+  // After the end of the stream the converter only reports the end, until it is reset. Unverified: public
+  // reports.
   if (hasEnded_) return AVAudioConverterOutputStatus_EndOfStream;
   PCMBuffer converted(palaver::formatOf(outputFormat_), pcm.frameCapacity);
   std::optional<palaver::PlatformError> failure;
@@ -205,7 +206,8 @@ std::shared_ptr<PCMBuffer> copySamples(AVAudioPCMBuffer *buffer) {
         constexpr AVAudioPacketCount asked = 1024;
         AVAudioConverterInputStatus answer = AVAudioConverterInputStatus_HaveData;
         auto *const input = static_cast<AVAudioPCMBuffer *>(block(asked, &answer));
-        // Data of no frames is the end. (Apple's documentation of AudioConverterComplexInputDataProc.)
+        // Data with no frames means the end. Source: Apple's documentation of
+        // AudioConverterComplexInputDataProc.
         if (answer == AVAudioConverterInputStatus_HaveData && input.frameLength == 0)
           answer = AVAudioConverterInputStatus_EndOfStream;
         given = static_cast<palaver::ConverterInputStatus>(answer);
@@ -255,7 +257,7 @@ std::shared_ptr<PCMBuffer> copySamples(AVAudioPCMBuffer *buffer) {
   try {
     PCMBuffer samples(file_->processingFormat(), buffer.frameCapacity);
     file_->read(samples);
-    // At the end a read fails, and leaves the error nil. (Public reports.)
+    // A read at the end fails and leaves the error nil. Unverified: public reports.
     if (samples.frameLength() == 0) return NO;
     [buffer takeFrames:samples];
     return YES;

@@ -1,4 +1,5 @@
-// The class of texts in the source, such as @"text". Compiled without ARC: they are never counted.
+// Implements the class of string literals such as @"text". Compiled without ARC: literals are not
+// reference-counted.
 #import <Foundation/Foundation.h>
 
 #include <string>
@@ -7,7 +8,7 @@
 
 namespace {
 
-// As the compiler writes them.
+// Layout as emitted by the compiler.
 struct ConstantString {
   static constexpr int isUTF16 = 0x10;  // a bit of flags
 
@@ -73,7 +74,7 @@ std::string toUTF8(const char16_t *units, long length) {
 extern "C" void *__CFConstantStringClassReference[32];
 void *__CFConstantStringClassReference[32];
 
-// After the classes have been loaded.
+// Runs after the classes have been loaded.
 __attribute__((constructor(103))) static void makeConstantStringsObjects() {
   palaver::objc::impersonate(__CFConstantStringClassReference,
                              reinterpret_cast<palaver::objc::Class *>([PalaverConstantString class]));

@@ -1,4 +1,4 @@
-// A stand-in for Foundation, on the small runtime: values, as documented.
+// Implements Foundation's value types on the small Objective-C runtime, as documented by Apple.
 #import <Foundation/Foundation.h>
 
 #include <functional>
@@ -49,8 +49,8 @@ NSExceptionName const NSInvalidArgumentException = @"NSInvalidArgumentException"
   NSUInteger units = 0;
   for (const char *next = self.UTF8String; *next; ++next) {
     const auto byte = static_cast<unsigned char>(*next);
-    units += (byte & 0xC0) != 0x80;  // a character's first byte
-    units += byte >= 0xF0;           // beyond 16 bits: a pair
+    units += (byte & 0xC0) != 0x80;  // first byte of a character
+    units += byte >= 0xF0;           // beyond 16 bits: a surrogate pair
   }
   return units;
 }

@@ -1,9 +1,9 @@
-// What lies behind the stand-ins for Apple's frameworks: they play no script of their own, but do what this
-// project's contracts do, in the way in which the frameworks are believed to do it. So the recognizer of
-// Linux can be heard through SFSpeechRecognizer, and so can a simulated one.
+// Defines the behaviour behind the stand-ins for Apple's frameworks. They play no script of their own but
+// forward to this project's contracts, in the way that the frameworks are believed to work. Both the Linux
+// recognizer and a simulated one can therefore run behind SFSpeechRecognizer.
 //
-// All that is believed of the frameworks beyond their documentation is a quirk here, named with where the
-// belief comes from.
+// Every belief about the frameworks beyond their documentation is a quirk here, with its source. "Public
+// report" means unverified.
 #pragma once
 
 #include <functional>
@@ -16,60 +16,60 @@
 
 namespace palaver {
 
-// All off: the frameworks as documented.
+// Switches deviations from the documentation. All are off by default.
 struct Quirks {
-  // --- Speech ---
+  // Speech:
 
-  // Every segment of a partial result is at 0 s and lasts 0 s; only the final has times. (Public report: a
-  // measurement on macOS 26.5 with 882 callbacks.)
+  // Every segment of a partial result has timestamp 0 s and duration 0 s. Only the final has times. (Public
+  // report: a measurement on macOS 26.5 with 882 callbacks.)
   bool partialsHaveNoTimes = false;
 
-  // The final result has no text, but one segment without a character, where the partials before it had the
-  // whole text. (Public report of the same measurement: after an end of utterance and silence.)
+  // The final result has no text but one empty segment, although the partials had the whole text. (Public
+  // report of the same measurement: after an end of utterance and silence.)
   bool finalIsEmpty = false;
 
-  // A cancelled task still calls its handler: with what was under way, and with an error like this one.
-  // (Public reports: kLSRErrorDomain 301, or kAFAssistantErrorDomain 216 from the service.)
+  // A cancelled task still calls its handler with the pending result and an error like this one. (Public
+  // reports: kLSRErrorDomain 301, or kAFAssistantErrorDomain 216 from the service.)
   std::optional<PlatformError> errorAfterCancel;
 
-  // Of several tasks that run at the same time, only the first that gets audio is served; the others hear
-  // nothing and end with error 1110. (Several public reports, macOS included.)
+  // Of several concurrent tasks only the first that receives audio is served. The others receive no result
+  // and end with error 1110. (Several public reports, including macOS.)
   bool onlyFirstTaskIsServed = false;
 
-  // A task that has ended is followed by another callback with an error. (Public reports, of both final
-  // results and errors.)
+  // A task that has ended calls its handler once more with an error. (Public reports, after final results and
+  // after errors.)
   std::optional<PlatformError> errorAfterEnd;
 
-  // Whoever asks for permission never hears of it: without a login session there is no prompt. (Public
+  // The permission request is never answered, because there is no prompt without a login session. (Public
   // report.)
   bool permissionIsNeverAnswered = false;
 
-  // Appending audio raises an exception with this reason. (Apple's documentation names no such case;
-  // exceptions are how its frameworks report what they call programming errors.)
+  // Appending audio raises an exception with this reason. (Not documented by Apple. Its frameworks report
+  // programming errors as exceptions.)
   const char* appendRaises = nullptr;
 
   // Starting a task raises an exception with this reason. (As above.)
   const char* taskRaises = nullptr;
 
-  // --- AVFAudio ---
+  // AVFAudio:
 
-  // No buffer over foreign memory can be made. (Apple's documentation: the result may be nil.)
+  // Buffers over foreign memory cannot be created. (Apple's documentation: the result may be nil.)
   bool refusesForeignMemory = false;
 
-  // Length of a file beyond what the decoder gives, in frames: the last read fails without an error. (Public
-  // report, of compressed files.)
+  // Frames by which the reported file length exceeds the decoded length. The last read fails without an
+  // error. (Public report, for compressed files.)
   long overstatedLength = 0;
 
-  // A file cannot be opened, and there is no error that says why. (Public report, of single files of 24
-  // bits.)
+  // Opening a file fails without an error. (Public report, for some 24-bit files.)
   bool opensNothingWithoutError = false;
 
   // Converting raises an exception with this reason.
   const char* convertRaises = nullptr;
 };
 
-// Make one before the first use of the frameworks; it goes after the last. One at a time. The quirks are set
-// on the main thread, before what they concern; a task keeps those that it began with.
+// Installs the behaviour. Create it before the first use of the frameworks and destroy it after the last. One
+// at a time. Set quirks on the main thread before the operation they affect. A task keeps the quirks it
+// started with.
 class FrameworkBehaviour {
  public:
   FrameworkBehaviour(SpeechRecognition& speechRecognition, AudioConverters& audioConverters,
@@ -78,17 +78,17 @@ class FrameworkBehaviour {
   FrameworkBehaviour(const FrameworkBehaviour&) = delete;
   FrameworkBehaviour& operator=(const FrameworkBehaviour&) = delete;
 
-  // Ends the program when there is none.
+  // Returns the installed behaviour. Aborts when there is none.
   static FrameworkBehaviour& current();
 
   SpeechRecognition& speechRecognition;
   AudioConverters& audioConverters;
   AudioFiles& audioFiles;
-  // As NSProcessInfo tells it.
+  // As reported by NSProcessInfo.
   OperatingSystemVersion systemVersion;
   Quirks quirks;
-  // Called when something has been put on the main dispatch queue, on the same thread: from inside one of the
-  // program's calls, or not. For a main thread that lives in virtual time and has to be told.
+  // Called on the same thread after a block was put on the main dispatch queue. `insideCall`: during a call
+  // of the program. Lets a main thread in virtual time schedule a drain.
   std::function<void(bool insideCall)> onDelivery = [](bool) {};
 };
 

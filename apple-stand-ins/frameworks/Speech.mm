@@ -1,5 +1,5 @@
-// A stand-in for Speech over the contract of speech recognition. Handlers of results are called from the main
-// dispatch queue, and so only while the main thread's run loop runs.
+// Implements Speech on Linux with the contract of speech recognition. Result handlers run on the main
+// dispatch queue, and therefore only while the main thread's run loop runs.
 #import <Speech/Speech.h>
 #include <dispatch/dispatch.h>
 
@@ -67,7 +67,7 @@ using ResultBlock = void (^)(SFSpeechRecognitionResult *_Nullable, NSError *_Nul
 
 namespace {
 
-// A task, as its recognizer, its request and its handler know it.
+// Shares the state of one task among its recognizer, request and handler.
 class Conversation : public std::enable_shared_from_this<Conversation> {
  public:
   explicit Conversation(ResultBlock handler) : handler_([handler copy]) {}
@@ -75,7 +75,7 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
   Conversation(const Conversation &) = delete;
   Conversation &operator=(const Conversation &) = delete;
 
-  // The contract's answer, on whatever thread.
+  // Receives the contract's answer on any thread.
   void hear(std::optional<RecognitionResult> result, std::optional<PlatformError> error) {
     const bool isEnd = error || (result && result->isFinal);
     if (quirks_.onlyFirstTaskIsServed && !isServed()) {
@@ -97,7 +97,7 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
     if (quirks_.errorAfterCancel) call(std::nullopt, quirks_.errorAfterCancel, true);
   }
 
-  // Audio comes: whichever task gets some first is the one that is served.
+  // Claims service for the first task that receives audio.
   void takesAudio() {
     const std::lock_guard guard(servedLock);
     if (!served) served = this;
@@ -130,7 +130,8 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
   static inline std::mutex servedLock;
   static inline const Conversation *served = nullptr;
 
-  // As they were when the task began: an abandoned task may answer when all else has gone.
+  // Values at the start of the task, because a cancelled task may still answer after its owners are
+  // destroyed.
   const palaver::Quirks quirks_ = FrameworkBehaviour::current().quirks;
   const std::function<void(bool)> onDelivery_ = FrameworkBehaviour::current().onDelivery;
   ResultBlock const handler_;
@@ -157,7 +158,7 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
 @end
 
 @implementation SFSpeechAudioBufferRecognitionRequest {
-  // Audio that came before the task: kept as it came, and read when the task begins.
+  // Audio received before the task starts is kept unchanged and read when it starts.
   NSMutableArray<AVAudioPCMBuffer *> *waiting_;
   BOOL hasEnded_;
   std::shared_ptr<palaver::RecognitionRequest> request_;
@@ -189,7 +190,7 @@ class Conversation : public std::enable_shared_from_this<Conversation> {
 }
 - (std::unique_ptr<palaver::RecognitionTask>)beginWith:(palaver::SpeechRecognizer &)recognizer
                                           conversation:(std::shared_ptr<Conversation>)conversation {
-  // (Public report, with this name.)
+  // Unverified: public report of an exception with this name.
   if (request_)
     palaver::raise(NSInternalInconsistencyException,
                    "SFSpeechAudioBufferRecognitionRequest cannot be re-used");

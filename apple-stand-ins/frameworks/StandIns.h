@@ -1,4 +1,4 @@
-// What the stand-ins share. For Objective-C++ with ARC.
+// Declares helpers shared by the stand-ins. For Objective-C++ with ARC.
 #pragma once
 
 #import <AVFAudio/AVFAudio.h>
@@ -8,7 +8,7 @@
 #include "platform/AudioBuffer.h"
 #include "platform/PlatformError.h"
 
-// The root class's: the object itself, which is right for what never changes.
+// The root class's implementation returns the object itself, which is correct for immutable objects.
 @interface NSObject (CopyingOfConstants)
 - (id)copyWithZone:(struct _NSZone *)zone;
 @end
@@ -21,7 +21,7 @@ NSError *makeError(const PlatformError &error);
 
 AudioFormat formatOf(AVAudioFormat *format);
 
-// The frames in use, copied. Of 16-bit integers or 32-bit floats.
+// Copies the frames in use: 16-bit integers or 32-bit floats.
 std::shared_ptr<PCMBuffer> copySamples(AVAudioPCMBuffer *buffer);
 
 }  // namespace palaver

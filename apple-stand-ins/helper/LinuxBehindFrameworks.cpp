@@ -1,5 +1,5 @@
-// What lies behind the stand-ins in a helper of macOS that hears on Linux: its recognizer, its converters and
-// its sound files. The variable PALAVER_STT_SYSTEM says which system to be, such as "macOS 15".
+// Backs the stand-ins of a macOS helper with the Linux recognizer, converters and sound files. The
+// environment variable PALAVER_STT_SYSTEM sets the simulated system, such as "macOS 15".
 #include <cstdio>
 #include <cstdlib>
 
@@ -30,7 +30,7 @@ OperatingSystemVersion claimedSystem() {
 
 struct LinuxBehindFrameworks {
   LinuxSpeechRecognition recognition;
-  // Status, health and the research mode ask for Japanese, for which there is no model here.
+  // Status, health and the research mode request Japanese, which has no model here.
   RecognizedSpeechAnalysis analysis{recognition, {{"ja-JP", "en-US"}}};
   SpeexAudioConverters converters;
   SndfileAudioFiles files;
@@ -38,8 +38,8 @@ struct LinuxBehindFrameworks {
   AnalysisBehaviour swiftFrameworks{analysis};
 };
 
-// Made before the program begins, which knows nothing of it. Nothing takes it down: threads use it until the
-// process ends.
+// Created before main() without its involvement. Never destroyed, because threads use it until the process
+// ends.
 const LinuxBehindFrameworks& behind = *new LinuxBehindFrameworks;
 
 }  // namespace

@@ -10,7 +10,7 @@ void PromptOnMainThread::requestAuthorization(std::function<void(AuthorizationSt
   if (!service_.state().callbacksOnMainThread) return service_.requestAuthorization(std::move(handler));
   service_.requestAuthorization(
       [handler = std::move(handler), caller = std::this_thread::get_id()](AuthorizationStatus status) {
-        // From inside the call.
+        // The answer arrived inside the call.
         if (std::this_thread::get_id() == caller) return handler(status);
         dispatch_async(dispatch_get_main_queue(), ^{
           handler(status);

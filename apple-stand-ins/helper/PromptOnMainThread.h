@@ -1,4 +1,4 @@
-// A recognition service whose answer to the permission prompt comes on the main thread where its results do.
+// Wraps a recognition service and delivers the permission answer on the main thread, as its results are.
 #pragma once
 
 #include <functional>
@@ -10,8 +10,8 @@
 
 namespace palaver {
 
-// The stand-in for the framework puts results on the main dispatch queue by itself, but passes the answer on
-// where it comes. Apple's documentation leaves the thread open. Any thread.
+// The framework stand-in puts results on the main dispatch queue but forwards the permission answer on the
+// thread where it arrives. Apple's documentation leaves that thread open. Any thread.
 class PromptOnMainThread final : public SpeechRecognition {
  public:
   explicit PromptOnMainThread(SimulatedSpeechRecognition& service) : service_(service) {}

@@ -8,7 +8,7 @@ namespace palaver {
 
 namespace {
 
-// Longer than any test: who waits so long is woken by the timeline.
+// Exceeds any test's duration. The timeline wakes the waiting thread.
 constexpr double forEver = 24 * 60 * 60 * 1000;  // ms
 
 }  // namespace
@@ -20,7 +20,7 @@ std::unique_ptr<Semaphore> SteppedRunLoop::makeSemaphore() {
 void SteppedRunLoop::runSlice(double milliseconds) {
   const auto number = ++slices_;
   running_ = number;
-  // A slice ends when something has been delivered, be it nothing.
+  // A slice ends after any delivery, even an empty block.
   timeline_.scheduleTimeout(milliseconds, [this, number] {
     if (running_ == number)
       dispatch_async(dispatch_get_main_queue(), ^{

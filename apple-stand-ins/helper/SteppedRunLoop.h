@@ -1,4 +1,4 @@
-// The main thread's real run loop in stepped time: slices end when the timeline says so.
+// Runs the real run loop of the main thread in stepped time: the timeline decides when slices end.
 #pragma once
 
 #include <atomic>
@@ -24,8 +24,8 @@ class SteppedRunLoop final : public MainQueue {
 
   MainQueue& real_;
   SteppedTimeline& timeline_;
-  std::uint64_t slices_ = 0;               // begun
-  std::atomic<std::uint64_t> running_{0};  // the slice that is being run, by number, or 0
+  std::uint64_t slices_ = 0;               // started
+  std::atomic<std::uint64_t> running_{0};  // number of the running slice, or 0
 };
 
 }  // namespace palaver

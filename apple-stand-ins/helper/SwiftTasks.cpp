@@ -8,7 +8,7 @@
 
 extern "C" {
 
-// Of Swift's runtime, which exports these for executors of other makes. Source: the Swift project's
+// Types of Swift's runtime, which exports these functions for custom executors. Source: the Swift project's
 // include/swift/Runtime/Concurrency.h.
 struct SwiftJob;
 struct SwiftSerialExecutor {

@@ -1,5 +1,5 @@
-// The helper of macOS on stand-ins, in stepped time: its own platform, of which the clock and the ends of
-// waits are in the hands of the control channel, as is what lies behind the stand-ins.
+// Runs the macOS helper on stand-ins in stepped time. It uses its own platform. The control channel drives
+// the clock, the ends of waits and the services behind the stand-ins.
 #include <string_view>
 
 #include "app/Helper.h"
@@ -29,23 +29,23 @@ class SteppedMac final : public SteppedMachine {
 
   Platform& platform() { return platform_; }
 
-  // A real run loop does so always.
+  // A real run loop always delivers inside jobs.
   void setSlicesDeliverInsideJobs(bool) override {}
 
  private:
   SimulatedAudioBuffers& audioBuffers() override { return audioBuffers_; }
 
-  // Behind the platform.
+  // Services behind the frameworks.
   PromptOnMainThread prompt_{recognition};
   FrameworkBehaviour frameworks_;
   AnalysisBehaviour swiftFrameworks_{analysis};
 
-  // The platform, and what stands in front of it.
+  // The platform and its wrappers.
   Platform& real_;
   WatchedProcess process_;
   SteppedRunLoop mainQueue_{real_.mainQueue, timeline};
   SimulatedAudioBuffers audioBuffers_{real_.audioBuffers};
-  // Of one thread, so that two sources do the same things in the same order in every run.
+  // One thread, so that two sources act in the same order in every run.
   ThreadPoolTasks tasks_{1};
   Platform platform_{clock,
                      process_,
@@ -61,7 +61,7 @@ class SteppedMac final : public SteppedMachine {
                      tasks_};
 };
 
-// Why the helper cannot be on such a machine, or none.
+// Returns why the helper cannot run on this machine, or none.
 std::optional<std::string> reasonToRefuse(const ControlServer::Setup& setup, bool isPrompting) {
   const auto& state = setup.machine.platform;
   if (!setup.machine.macOS) return "this is macOS";
@@ -83,7 +83,7 @@ int main(int argumentCount, char** arguments) {
   const bool isPrompting = argumentCount > 1 && std::string_view(arguments[1]) == "--authorize";
   if (const auto reason = palaver::reasonToRefuse(setup, isPrompting)) control.refuse(*reason);
   palaver::runSwiftTasksOneByOne();
-  // Threads use it until the process ends, which takes nothing down.
+  // Never destroyed, because threads use it until the process ends.
   auto& mac = *new palaver::SteppedMac(setup, argumentCount, arguments, control);
   control.serve(mac, setup.machine.platform, mac.timeline);
   palaver::runHelper(mac.platform());

@@ -1,4 +1,4 @@
-// Classes, selectors and methods: read when the program is loaded, constant afterwards.
+// Registers classes, selectors and methods when the program is loaded. They are constant afterwards.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,7 +19,7 @@ struct MethodTable {
 using namespace palaver::objc;
 
 extern "C" {
-// The bounds of the sections, as the linker knows them; null where the program has no such section.
+// Section bounds from the linker. Null when the program lacks the section.
 extern Selector __start_objc_selrefs[] __attribute__((weak));
 extern Selector __stop_objc_selrefs[] __attribute__((weak));
 extern Class* __start_objc_classlist[] __attribute__((weak));
@@ -43,8 +43,8 @@ bool isLoaded(const Class& which) {
   return which.table && static_cast<void*>(which.table) != static_cast<void*>(_objc_empty_cache);
 }
 
-// The compiler places the variables behind what it knows of the superclass; here they move behind what the
-// superclass really has.
+// The compiler places instance variables after those it knows of the superclass. This moves them after the
+// superclass's actual variables.
 void placeVariables(Class& of) {
   constexpr std::uint32_t alignment = 16;
   auto& data = *of.data;
@@ -61,14 +61,14 @@ void placeVariables(Class& of) {
 void load(Class* which) {
   if (!which || isLoaded(*which)) return;
   load(which->superclass);
-  which->table = new MethodTable;  // lives as long as the program, as classes do
+  which->table = new MethodTable;  // lives until the program ends, like the class
   addMethods(*which, which->data->methods);
   if (which->data->flags & ClassData::metaclass) return;
   placeVariables(*which);
   load(which->isa);
 }
 
-// Before all other constructors, which may already send messages.
+// Runs before all other constructors, which may send messages.
 __attribute__((constructor(101))) void loadProgram() {
   for (auto* selector = __start_objc_selrefs; selector < __stop_objc_selrefs; ++selector)
     *selector = registerSelector(*selector);
@@ -108,7 +108,7 @@ void impersonate(void* memory, const Class* as) {
 
 extern "C" {
 
-// For the message functions, which are written in assembly.
+// Looks up a method for the message functions in assembly.
 Implementation palaver_objc_method(const Class* receiver, Selector selector) {
   if (const auto method = find(receiver, selector)) return method;
   std::fprintf(stderr, "%c[%s %s]: no such method\n",
@@ -120,7 +120,7 @@ Selector sel_registerName(const char* name) {
   return registerSelector(name);
 }
 
-// Shorthands that the compiler uses in place of the commonest messages.
+// Entry points that the compiler calls instead of sending common messages.
 
 Object* objc_alloc(Class* of) {
   static const auto selector = registerSelector("alloc");

@@ -1,5 +1,5 @@
-// Exceptions. An Objective-C object is thrown as a C++ exception of a type of its own kind, which is caught
-// by the class of the object rather than by the type.
+// Throws and catches Objective-C objects as C++ exceptions. Handlers match by the class of the object, not by
+// the C++ type.
 #include <cstdlib>
 #include <cstring>
 #include <typeinfo>
@@ -9,7 +9,7 @@
 using namespace palaver::objc;
 
 extern "C" {
-// The C++ runtime's interface. Source: Itanium C++ ABI, Exception Handling.
+// Interface of the C++ runtime. Source: Itanium C++ ABI, Exception Handling.
 int __gxx_personality_v0(int version, int actions, std::uint64_t exceptionClass, void* exception,
                          void* context);
 void* __cxa_begin_catch(void* exception) noexcept;
@@ -18,19 +18,19 @@ void __cxa_end_catch();
 void* __cxa_allocate_exception(std::size_t size) noexcept;
 [[noreturn]] void __cxa_throw(void* thrown, std::type_info* type, void (*destroy)(void*));
 
-// The virtual functions of the types that the compiler writes for classes which are caught. It expects them
-// two words behind this symbol, as in any C++ object.
+// Virtual function table of the type descriptors that the compiler emits for caught classes. The compiler
+// refers to it two words after this symbol, as for any C++ object.
 void* objc_ehtype_vtable[16];
 }
 
 namespace {
 
-// Laid out as the compiler's: virtual functions, name, class.
+// Layout as emitted by the compiler: virtual functions, name, class.
 class CaughtType final : public std::type_info {
  public:
   CaughtType(const char* name, Class* caught) : std::type_info(name), caught_(caught) {}
 
-  // Called on the type that a handler names, with the type that was thrown.
+  // Called on the handler's type with the thrown type.
   bool __do_catch(const std::type_info* thrown, void** value, unsigned) const override {
     if (!dynamic_cast<const CaughtType*>(thrown)) return false;
     auto* const object = **reinterpret_cast<Object***>(value);
@@ -49,7 +49,7 @@ CaughtType& thrownType() {
 }
 
 __attribute__((constructor(102))) void prepare() {
-  constexpr std::size_t words = 8;  // offset to the top, type, and type_info's six virtual functions
+  constexpr std::size_t words = 8;  // offset to the top, type, and the six virtual functions of type_info
   void** const functions = *reinterpret_cast<void***>(&thrownType());
   std::memcpy(static_cast<void*>(objc_ehtype_vtable), static_cast<void*>(functions - 2),
               words * sizeof(void*));

@@ -1,4 +1,4 @@
-// Objects, their references, weak references, autorelease pools and properties.
+// Implements reference counting, weak references, autorelease pools and properties.
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -17,20 +17,20 @@ namespace palaver::objc {
 
 namespace {
 
-// What lies before each object. Its size keeps objects aligned as malloc does.
+// Precedes each object. Its size keeps objects aligned as malloc does.
 struct alignas(16) Header {
   std::atomic<std::size_t> references{1};
   std::atomic<bool> isWeaklyReferenced{false};
-  bool isGoing = false;  // with the weak references' lock
+  bool isGoing = false;  // being destroyed; guarded by the weak references' lock
 };
 
 Header& headerOf(const Object* object) {
   return reinterpret_cast<Header*>(const_cast<Object*>(object))[-1];
 }
 
-// Weak references: the addresses of the variables that refer to each object.
+// Maps each object to the addresses of the weak variables that refer to it.
 struct WeakReferences {
-  std::recursive_mutex lock;  // retaining a weakly referenced object sends it a message
+  std::recursive_mutex lock;  // recursive: retaining a weakly referenced object sends it a message
   std::unordered_map<Object*, std::vector<Object**>> variables;
 
   static WeakReferences& all() {
@@ -39,7 +39,7 @@ struct WeakReferences {
   }
 };
 
-// How many objects of each class there are.
+// Counts the objects of each class.
 struct LiveObjects {
   std::mutex lock;
   std::map<const Class*, std::size_t> counts;
@@ -50,7 +50,7 @@ struct LiveObjects {
   }
 };
 
-// Calls the method of each class that defines it itself, the root class's first or last.
+// Calls the method on each class that defines it, starting or ending with the root class.
 template <typename Function>
 void sendToEachClass(Object* object, Selector selector, bool rootFirst) {
   std::vector<Implementation> methods;
@@ -63,7 +63,7 @@ void sendToEachClass(Object* object, Selector selector, bool rootFirst) {
   for (const auto method : methods) reinterpret_cast<Function>(method)(object, selector);
 }
 
-// The innermost pool's objects lie behind those of the pools around it.
+// Objects of the innermost pool are at the end.
 struct Pools {
   std::vector<Object*> objects;
   std::size_t depth = 0;
@@ -129,7 +129,7 @@ void release(Object* object) {
   static const auto dealloc = registerSelector("dealloc");
   auto& header = headerOf(object);
   if (header.isWeaklyReferenced.load(std::memory_order_acquire)) {
-    // Nobody may load a weak reference between the last release and its clearing.
+    // No weak reference may be loaded between the last release and its clearing.
     auto& weak = WeakReferences::all();
     const std::lock_guard guard(weak.lock);
     if (header.references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
@@ -291,7 +291,7 @@ void objc_setProperty_atomic_copy(Object* object, Selector, Object* value, std::
   setProperty(object, offset, value, true);
 }
 
-// A collection that changed while it was being enumerated.
+// Called when a collection changed during enumeration.
 [[noreturn]] void objc_enumerationMutation(Object* collection) {
   std::fprintf(stderr, "An object of class %s changed while it was enumerated\n",
                collection->isa->data->name);

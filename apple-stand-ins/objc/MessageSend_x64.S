@@ -1,4 +1,5 @@
-// Sending messages: finds the method and jumps to it with all arguments as they came. System V calling convention.
+// Sends messages: looks up the method and jumps to it with all arguments unchanged. System V calling
+// convention.
 
 // Saves every register that may hold an argument.
 .macro SAVE_ARGUMENTS
@@ -25,7 +26,7 @@
   movaps %xmm7, -192(%rbp)
 .endm
 
-// Restores them, with the method found in %r11.
+// Restores the argument registers. The method is in %r11.
 .macro RESTORE_ARGUMENTS
   mov %rax, %r11
   mov -8(%rbp), %rdi
@@ -49,7 +50,7 @@
 
 .text
 
-// objc_msgSend(receiver, selector, ...): zero when the receiver is nil.
+// objc_msgSend(receiver, selector, ...). Returns zero when the receiver is nil.
 .globl objc_msgSend
 .type objc_msgSend, @function
 objc_msgSend:
@@ -70,8 +71,8 @@ objc_msgSend:
   .cfi_endproc
 .size objc_msgSend, . - objc_msgSend
 
-// objc_msgSend_stret(result's address, receiver, selector, ...), for results in memory. The compiler itself zeroes
-// the result of a message to nil.
+// objc_msgSend_stret(address of the result, receiver, selector, ...), for results in memory. The compiler
+// itself zeroes the result of a message to nil.
 .globl objc_msgSend_stret
 .type objc_msgSend_stret, @function
 objc_msgSend_stret:
@@ -90,7 +91,8 @@ objc_msgSend_stret:
   .cfi_endproc
 .size objc_msgSend_stret, . - objc_msgSend_stret
 
-// objc_msgSendSuper2({receiver, class of the calling method}, selector, ...): begins at the superclass.
+// objc_msgSendSuper2({receiver, class of the calling method}, selector, ...). The lookup starts at the
+// superclass.
 .globl objc_msgSendSuper2
 .type objc_msgSendSuper2, @function
 objc_msgSendSuper2:

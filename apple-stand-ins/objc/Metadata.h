@@ -1,5 +1,5 @@
-// What clang writes about classes into the object files for Apple's runtime of 64 bits, as the runtime reads
-// it. Source of the layouts: clang's own code generator (lib/CodeGen/CGObjCMac.cpp, "ABI version 2").
+// Defines the class metadata that clang emits for Apple's 64-bit runtime. Source of the layouts: clang's code
+// generator (lib/CodeGen/CGObjCMac.cpp, "ABI version 2").
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@ namespace palaver::objc {
 struct MethodTable;
 
 using Implementation = void (*)();
-// A selector is the address of its name; equal names have one address after registerSelector().
+// Identifies a selector by the address of its name. Equal names have one address after registerSelector().
 using Selector = const char*;
 
 struct Method {
@@ -22,17 +22,17 @@ template <typename Entry>
 struct List {
   std::uint32_t entrySize;
   std::uint32_t count;
-  Entry entries[1];  // of variable length
+  Entry entries[1];  // variable length
 
   Entry* begin() { return entries; }
   Entry* end() { return entries + count; }
 };
 
 struct InstanceVariable {
-  std::int32_t* offset;  // from the start of the object, in bytes
+  std::int32_t* offset;  // from the start of the object, bytes
   const char* name;
   const char* type;
-  std::uint32_t alignment;  // as a power of two
+  std::uint32_t alignment;  // base-2 logarithm
   std::uint32_t size;
 };
 
@@ -40,7 +40,7 @@ struct ClassData {
   static constexpr std::uint32_t metaclass = 1;  // a bit of flags
 
   std::uint32_t flags;
-  std::uint32_t instanceStart;  // where the class's own variables begin, as the compiler believed
+  std::uint32_t instanceStart;  // offset of the class's own variables, as the compiler assumed
   std::uint32_t instanceSize;
   std::uint32_t reserved;
   const std::uint8_t* strongLayout;
@@ -55,7 +55,7 @@ struct ClassData {
 struct Class {
   Class* isa;
   Class* superclass;
-  MethodTable* table;  // the compiler leaves the address of _objc_empty_cache here
+  MethodTable* table;  // the compiler stores the address of _objc_empty_cache here
   void* reserved;
   ClassData* data;
 };

@@ -1,11 +1,11 @@
-// NSObject, and what makes objects of blocks. Compiled without ARC.
+// Implements NSObject and the classes of blocks. Compiled without ARC.
 #import <objc/NSObject.h>
 
 #include <Block.h>
 
 #include "apple-stand-ins/objc/Runtime.h"
 
-// What ARC keeps for itself.
+// Declares the methods that ARC reserves.
 @interface NSObject (ReferenceCounting)
 - (instancetype)retain;
 - (oneway void)release;
@@ -33,7 +33,7 @@ palaver::objc::Class *classOf(Class which) { return reinterpret_cast<palaver::ob
 + (Class)class {
   return self;
 }
-// Classes are not counted.
+// Classes are not reference-counted.
 + (instancetype)retain {
   return reinterpret_cast<id>(self);
 }
@@ -76,14 +76,14 @@ palaver::objc::Class *classOf(Class which) { return reinterpret_cast<palaver::ob
 - (id)copy {
   return [self copyWithZone:nullptr];
 }
-// Right for what never changes; other classes define their own.
+// Correct for immutable objects. Other classes override it.
 - (id)copyWithZone:(struct _NSZone *)zone {
   (void)zone;
   return [self retain];
 }
 @end
 
-// The real Blocks runtime counts the references to blocks; this only answers the messages.
+// Answers messages to blocks. The real Blocks runtime counts their references.
 @interface PalaverBlock : NSObject
 @end
 
@@ -99,7 +99,7 @@ palaver::objc::Class *classOf(Class which) { return reinterpret_cast<palaver::ob
 }
 @end
 
-// A block on the stack lives as long as its function, whoever retains it; only a copy outlives that.
+// A block on the stack lives only as long as its function, regardless of retains. A copy outlives it.
 @interface PalaverStackBlock : PalaverBlock
 @end
 
@@ -116,8 +116,8 @@ palaver::objc::Class *classOf(Class which) { return reinterpret_cast<palaver::ob
 
 extern "C" {
 
-// The Blocks runtime's: classes of its three kinds of blocks, and what it calls for the objects that blocks
-// hold. Source: compiler-rt's and libdispatch's BlocksRuntime, Block_private.h.
+// Defines the classes of the three kinds of blocks and the functions that the Blocks runtime calls for
+// captured objects. Source: compiler-rt's and libdispatch's BlocksRuntime, Block_private.h.
 extern void *_NSConcreteStackBlock[32];
 extern void *_NSConcreteMallocBlock[32];
 extern void *_NSConcreteGlobalBlock[32];
@@ -135,7 +135,7 @@ palaver::objc::Object *objc_retainBlock(palaver::objc::Object *block) {
 }
 }
 
-// After the classes have been loaded.
+// Runs after the classes have been loaded.
 __attribute__((constructor(103))) static void makeBlocksObjects() {
   palaver::objc::impersonate(_NSConcreteStackBlock, classOf([PalaverStackBlock class]));
   palaver::objc::impersonate(_NSConcreteMallocBlock, classOf([PalaverBlock class]));

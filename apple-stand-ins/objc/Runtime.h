@@ -1,12 +1,12 @@
-// A small Objective-C runtime for x86-64 Linux: enough of Apple's to run sources that clang compiles with
-// -fobjc-runtime=macosx and ARC, for tests only. It reads the metadata of the program itself (no shared
-// libraries), once, before main.
+// Implements enough of Apple's Objective-C runtime on x86-64 Linux to run sources that clang compiles with
+// -fobjc-runtime=macosx and ARC. For tests only. Reads the metadata of the program itself (no shared
+// libraries) once, before main.
 //
-// Stricter than Apple's where that finds mistakes: an unknown method and an object autoreleased without a
-// pool end the process. Left out: protocols, associated objects, forwarding, and weak references to constant
-// strings and blocks.
+// Stricter than Apple's runtime to expose errors: an unknown method and an autorelease without a pool end the
+// process. Not supported: protocols, associated objects, forwarding, and weak references to constant strings
+// and blocks.
 //
-// Threads: everything may be called on any thread.
+// Any thread.
 #pragma once
 
 #include <cstddef>
@@ -17,23 +17,24 @@ namespace palaver::objc {
 
 Selector registerSelector(const char* name);
 
-// Null when neither the class nor a superclass has the method.
+// Returns null when neither the class nor a superclass has the method.
 Implementation find(const Class* receiver, Selector selector);
 
 bool isKindOf(const Object* object, const Class* wanted);
 
-// What a root class is made of. A new object has one reference; its C++ variables have been constructed.
+// Create and destroy objects for a root class. A new object has one reference and constructed C++ variables.
 Object* allocate(Class* of);
 void destroy(Object* object);
 Object* retain(Object* object);
-// Sends "dealloc" when that was the last reference.
+// Sends "dealloc" on the last release.
 void release(Object* object);
 std::size_t referenceCount(const Object* object);
 
-// Objects in existence whose class is `of` or a subclass.
+// Returns the number of objects whose class is `of` or a subclass.
 std::size_t liveObjects(const Class* of);
 
-// Makes a class object of foreign memory: the isa of blocks and of constant strings, which others define.
+// Turns foreign memory into a class object: the isa of blocks and of constant strings, which other libraries
+// define.
 void impersonate(void* memory, const Class* as);
 
 template <typename Result = Object*, typename... Arguments>
@@ -45,7 +46,7 @@ Result send(void* receiver, Selector selector, Arguments... arguments) {
 
 }  // namespace palaver::objc
 
-// The part of the compiler's interface that is also called from here. Source: clang's documentation of
+// Declares the part of the compiler's interface that is also called here. Source: clang's documentation of
 // Automatic Reference Counting, "Runtime support".
 extern "C" {
 palaver::objc::Object* objc_retain(palaver::objc::Object* object);

@@ -1,4 +1,5 @@
-// Stand-in for AVFAudio: formats and buffers of PCM audio in memory. Not Sendable, as they may not be on a Mac.
+// Implements AVFAudio on Linux: formats and buffers of PCM audio in memory. Not Sendable, as they may not be
+// on a Mac.
 
 internal import AnalysisSeam
 import Foundation
@@ -20,7 +21,7 @@ open class AVAudioFormat: NSObject {
     public let channelCount: AVAudioChannelCount
     public let isInterleaved: Bool
 
-    /// None above two channels (Apple's header).
+    /// Returns nil above two channels (Apple's header).
     public init?(
         commonFormat: AVAudioCommonFormat, sampleRate: Double, channels: AVAudioChannelCount,
         interleaved: Bool
@@ -63,7 +64,7 @@ open class AVAudioPCMBuffer: NSObject {
 
 private func runs(of format: AVAudioFormat) -> Int { format.isInterleaved ? 1 : Int(format.channelCount) }
 
-/// Zeros, one run of samples for each channel, or one for all when interleaved.
+/// Returns zeroed samples: one block per channel, or a single block if interleaved.
 private func channelData<Sample>(_ format: AVAudioFormat, _ frames: AVAudioFrameCount)
     -> UnsafePointer<UnsafeMutablePointer<Sample>>
 {

@@ -20,15 +20,14 @@ namespace {
 
 constexpr const char* speechErrorDomain = "SFSpeechErrorDomain";
 
-// The names are those of SFSpeechError.Code (Apple's documentation), the numbers from public reports.
+// Names as in SFSpeechError.Code (Apple's documentation). Numbers from public reports, unverified.
 enum SpeechErrorCode : long {
   assetLocaleNotAllocated = 10,
   tooManyAssetLocalesAllocated = 11,
   insufficientResources = 16
 };
 
-// Somebody in Swift who waits for an answer and gets exactly one: "cancelled" when nothing else has come by
-// the time this goes.
+// Delivers exactly one answer to a waiting Swift caller: "cancelled" if the question is destroyed unanswered.
 class Question {
  public:
   Question(AnalysisSeamCompletion completion, void* context) : completion_(completion), context_(context) {}
@@ -86,7 +85,7 @@ AudioFormat toFormat(const AnalysisSeamFormat& format) {
           format.interleaved};
 }
 
-// Hands all results of one transcriber to Swift, one after the other.
+// Passes all results of one transcriber to Swift, one after the other.
 class Pump : public std::enable_shared_from_this<Pump> {
  public:
   Pump(const std::shared_ptr<SpeechTranscriber>& transcriber, AnalysisSeamResultHandler handler,
@@ -96,7 +95,7 @@ class Pump : public std::enable_shared_from_this<Pump> {
   Pump(const Pump&) = delete;
   Pump& operator=(const Pump&) = delete;
 
-  // Without a transcriber the results have been cancelled.
+  // A destroyed transcriber counts as cancelled results.
   void next() {
     const auto transcriber = transcriber_.lock();
     if (!transcriber) return;
@@ -126,7 +125,7 @@ class Pump : public std::enable_shared_from_this<Pump> {
     handler_(context_, nullptr, &answer);
   }
 
-  const std::weak_ptr<SpeechTranscriber> transcriber_;  // which keeps the pump while it waits
+  const std::weak_ptr<SpeechTranscriber> transcriber_;  // owns the pump while it waits
   const AnalysisSeamResultHandler handler_;
   void* const context_;
   bool hasEnded_ = false;
@@ -144,13 +143,13 @@ struct Analyzer {
 
 }  // namespace
 
-// The objects of the framework, by number, and what is asked of them. One lock for all; the analysis is
+// Maps handles to framework objects and dispatches questions to them. One lock guards all. The analysis is
 // called without it.
 class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
  public:
   AnalysisSeam(SpeechAnalysis& analysis, AnalysisQuirks quirks) : analysis_(analysis), quirks_(quirks) {}
 
-  // Runs a call on the behaviour at hand, if there is one; destroying it waits for the end of the call.
+  // Runs a call on the installed behaviour, if any. Destroying the behaviour waits for the end of the call.
   template <typename Call>
   static void with(Call call) {
     std::shared_ptr<AnalysisSeam> seam;
@@ -329,7 +328,7 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     return found->second;
   }
 
-  // Nobody is left who could read. A reader that waits for ever would keep what it reads from.
+  // No reader remains. A reader that waits forever would keep the transcriber alive.
   static void endReading(const Transcriber& module) {
     if (module.transcriber) module.transcriber->cancelResults();
   }
@@ -346,7 +345,7 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     return newest_;
   }
 
-  // Counts an analyzer, and says why it may not be prepared.
+  // Counts an analyzer. Returns why it must not be prepared, or none.
   std::optional<PlatformError> take(std::int64_t number, const std::string& locale) {
     const std::lock_guard guard(lock_);
     prepared_.insert(number);
@@ -367,7 +366,8 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
   static std::mutex lock_;
   static std::condition_variable changed_;
   static std::shared_ptr<AnalysisSeam> current_;
-  static std::int64_t newest_;  // of all behaviours: a late call does not meet somebody else's object
+  // shared by all behaviours, so that a late call cannot reach another behaviour's object
+  static std::int64_t newest_;
 
   SpeechAnalysis& analysis_;
   const AnalysisQuirks quirks_;
@@ -405,7 +405,7 @@ bool AnalysisBehaviour::waitForObjects(std::size_t count, std::chrono::milliseco
 
 }  // namespace palaver
 
-// What Swift calls. A question that finds no object, or no behaviour, is answered as cancelled.
+// Functions called by Swift. A question without an object or a behaviour is answered as cancelled.
 
 using palaver::AnalysisSeam;
 

@@ -1,4 +1,4 @@
-// Stand-in for CoreMedia: the times that speech results carry. Shapes as in Apple's headers.
+// Implements the times of CoreMedia that speech results carry. Layouts follow Apple's headers.
 
 public struct CMTimeFlags: OptionSet, Sendable {
     public let rawValue: UInt32

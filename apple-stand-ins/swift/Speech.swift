@@ -1,12 +1,12 @@
-// Stand-in for the Swift half of the Speech module: the members that the helper uses, with the signatures of
-// macOS 26. Decides nothing: each question goes to the functions of AnalysisSeam.h.
+// Implements the Swift half of the Speech module: the members that the helper uses, with the signatures of
+// macOS 26. Forwards every question to the functions of AnalysisSeam.h.
 
 @_exported import AVFAudio
 internal import AnalysisSeam
 @_exported import CoreMedia
 import Foundation
 
-// MARK: Asking
+// MARK: Questions
 
 private struct Answer: Sendable {
     let text: String?
@@ -75,7 +75,7 @@ extension AVAudioFormat {
     }
 }
 
-/// As the framework's own error type, which bridges to NSError.
+/// Mirrors the framework's error type, which bridges to NSError.
 public struct SFSpeechError: CustomNSError {
     public static var errorDomain: String { "SFSpeechErrorDomain" }
     public let errorCode: Int
@@ -128,7 +128,7 @@ public final class SpeechTranscriber: LocaleDependentSpeechModule {
     let source = ResultSource()
 }
 
-/// Where the results of one transcriber arrive.
+/// Receives the results of one transcriber.
 @available(macOS 26.0, *)
 final class ResultSource: @unchecked Sendable {
     typealias Stream = AsyncThrowingStream<SpeechTranscriber.Result, any Error>
@@ -154,7 +154,7 @@ final class ResultSource: @unchecked Sendable {
     func end(_ error: (any Error)?) { continuation.finish(throwing: error) }
 }
 
-/// Seconds on a timescale of nanoseconds.
+/// Converts seconds to a time in nanoseconds.
 private func time(_ seconds: Double) -> CMTime {
     if seconds.isNaN { return CMTime(value: 0, timescale: 0, flags: []) }
     let scaled = (seconds * 1e9).rounded()
@@ -245,7 +245,7 @@ public final actor SpeechAnalyzer {
 
     deinit { analysisSeamForget(handle) }
 
-    /// None when the model is missing (Apple's documentation).
+    /// Returns nil when the model is missing (Apple's documentation).
     public static func bestAvailableAudioFormat(compatibleWith modules: [any SpeechModule]) async
         -> AVAudioFormat?
     {
@@ -285,14 +285,14 @@ public final actor SpeechAnalyzer {
 private func makeAnalyzer(_ transcriber: SpeechTranscriber, _ phrases: [String]) -> Int64 {
     let bytes = phrases.map { Array($0.utf8CString) }
     let lengths = phrases.map { $0.utf8.count }
-    // The arrays of an array do not move while it is there.
+    // Inner array buffers do not move while the outer array is alive.
     return withExtendedLifetime(bytes) {
         var pointers = bytes.map { array in array.withUnsafeBufferPointer { $0.baseAddress } }
         return analysisSeamMakeAnalyzer(transcriber.handle, &pointers, lengths, phrases.count)
     }
 }
 
-/// Samples of any other type end the process (public report).
+/// Passes the buffer on. Samples other than 16-bit integers end the process (unverified: public report).
 @available(macOS 26.0, *)
 private func feed(_ buffer: AVAudioPCMBuffer, to analyzer: Int64) {
     guard let channels = buffer.int16ChannelData else {

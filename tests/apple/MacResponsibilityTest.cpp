@@ -1,5 +1,4 @@
-// Responsibility of macOS: on the real CoreFoundation, with a function of this program in the place of the
-// system's.
+// Tests macOS responsibility on the real CoreFoundation. A function of this program replaces the system's.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -7,7 +6,7 @@
 #include "platform/Responsibility.h"
 
 #ifdef PALAVER_CAN_DISCLAIM
-// Exported from the program, as libSystem exports it on macOS.
+// Exported from the program as libSystem exports it on macOS.
 extern "C" [[gnu::visibility("default")]] int responsibility_spawnattrs_setdisclaim(posix_spawnattr_t*,
                                                                                     int flag) {
   return 40 + flag;
@@ -18,12 +17,12 @@ namespace palaver {
 namespace {
 
 #ifdef PALAVER_CAN_DISCLAIM
-TEST(MacResponsibilityTest, TheExecutableIsThisProgram) {
+TEST(MacResponsibilityTest, ExecutablePathIsThisProgram) {
   EXPECT_EQ(machineResponsibility().executablePath(),
             std::filesystem::read_symlink("/proc/self/exe").string());
 }
 
-TEST(MacResponsibilityTest, TheFunctionOfTheSystemIsFound) {
+TEST(MacResponsibilityTest, SetDisclaimIsFound) {
   const auto setDisclaim = machineResponsibility().findSetDisclaim();
   ASSERT_NE(setDisclaim, nullptr);
   posix_spawnattr_t attributes;
@@ -33,7 +32,7 @@ TEST(MacResponsibilityTest, TheFunctionOfTheSystemIsFound) {
   posix_spawnattr_destroy(&attributes);
 }
 #else
-TEST(MacResponsibilityTest, ASystemWithoutTheFunctionHasNone) {
+TEST(MacResponsibilityTest, SetDisclaimIsAbsentWithoutSystemFunction) {
   EXPECT_EQ(machineResponsibility().findSetDisclaim(), nullptr);
 }
 #endif

@@ -1,4 +1,4 @@
-// The main queue of macOS on the real run loop and the real dispatch main queue.
+// Tests the macOS main queue on the real run loop and the real dispatch main queue.
 #include "platform/macos/RunLoopMainQueue.h"
 
 #include <dispatch/dispatch.h>
@@ -15,7 +15,7 @@
 #include "platform/posix/SystemClock.h"
 #include "tests/unit/platform/MainQueueContract.h"
 
-// In the place of the Objective-C runtime: the pools of this thread, by number.
+// Replaces the Objective-C runtime: numbers the autorelease pools of this thread.
 namespace {
 
 thread_local std::vector<std::uintptr_t> livingPools;
@@ -55,13 +55,13 @@ class RunLoopWorld {
   std::vector<std::thread> threads_;
 };
 
-// How often a test turns a slice before it says that nothing is delivered in them. Not a time.
+// Number of slices, not a time, after which a test concludes that slices deliver nothing.
 constexpr int slicesAtMost = 100000;
 
 class RunLoopMainQueueTest : public testing::Test {
  protected:
-  // Answers on the dispatch main queue, as a recognizer does, from a thread of its own; the answer has been
-  // queued on return.
+  // Queues an answer on the dispatch main queue from another thread, as a recognizer does. It is queued on
+  // return.
   static void answer(std::function<void()> handler) {
     auto* const held = new std::function<void()>(std::move(handler));
     std::thread([held] {
@@ -71,12 +71,12 @@ class RunLoopMainQueueTest : public testing::Test {
       });
     }).join();
   }
-  // Turns slices until the flag is set. False when that takes too many.
+  // Runs slices until the flag is set. Returns false after slicesAtMost.
   bool sliceUntil(const bool& flag) {
     for (int slice = 0; slice < slicesAtMost && !flag; ++slice) queue_.runSlice(20);
     return flag;
   }
-  // Serves what has been queued until now.
+  // Runs the jobs queued so far.
   void serveAll() {
     queue_.async([this] { queue_.stop(); });
     queue_.serveUntilStopped();
@@ -85,7 +85,7 @@ class RunLoopMainQueueTest : public testing::Test {
   RunLoopMainQueue queue_;
 };
 
-TEST_F(RunLoopMainQueueTest, AnAnswerIsHeardInsideAJobThatTurnsSlices) {
+TEST_F(RunLoopMainQueueTest, SliceInsideJobDeliversAnswer) {
   bool answered = false, heardInside = false, heardOnMain = false;
   queue_.async([&] {
     answer([&] {
@@ -100,13 +100,13 @@ TEST_F(RunLoopMainQueueTest, AnAnswerIsHeardInsideAJobThatTurnsSlices) {
   EXPECT_TRUE(heardOnMain);
 }
 
-TEST_F(RunLoopMainQueueTest, AnAnswerIsHeardBetweenJobs) {
+TEST_F(RunLoopMainQueueTest, AnswerIsDeliveredBetweenJobs) {
   answer([&] { queue_.stop(); });
   queue_.serveUntilStopped();
 }
 
-TEST_F(RunLoopMainQueueTest, NoAnswerIsHeardInsideABlockOfTheMainQueue) {
-  // Why jobs are no such blocks.
+TEST_F(RunLoopMainQueueTest, SliceInsideMainQueueBlockDeliversNothing) {
+  // This is why jobs are not blocks of the main queue.
   bool answered = false, heardInside = true;
   answer([&] {
     answer([&] {
@@ -121,7 +121,7 @@ TEST_F(RunLoopMainQueueTest, NoAnswerIsHeardInsideABlockOfTheMainQueue) {
   EXPECT_TRUE(answered);
 }
 
-TEST_F(RunLoopMainQueueTest, ASliceRunsNoJobHoweverMuchIsDelivered) {
+TEST_F(RunLoopMainQueueTest, SliceNeverRunsJobs) {
   int answers = 0, jobs = 0, jobsInside = -1;
   queue_.async([&] {
     for (int i = 0; i < 50; ++i) {
@@ -139,7 +139,7 @@ TEST_F(RunLoopMainQueueTest, ASliceRunsNoJobHoweverMuchIsDelivered) {
   EXPECT_EQ(jobs, 50);
 }
 
-TEST_F(RunLoopMainQueueTest, JobsRunOneAtATimeAlsoWhenEachTurnsSlices) {
+TEST_F(RunLoopMainQueueTest, JobsRunningSlicesNeverOverlap) {
   std::vector<int> order;
   bool isInside = false, overlapped = false;
   for (int i = 0; i < 20; ++i)
@@ -147,7 +147,7 @@ TEST_F(RunLoopMainQueueTest, JobsRunOneAtATimeAlsoWhenEachTurnsSlices) {
       overlapped = overlapped || isInside;
       isInside = true;
       bool answered = false;
-      // An answer may queue a job, which comes behind all others.
+      // An answer may queue a job, which runs after all others.
       answer([&] {
         answered = true;
         queue_.async([&, i] { order.push_back(100 + i); });
@@ -157,7 +157,7 @@ TEST_F(RunLoopMainQueueTest, JobsRunOneAtATimeAlsoWhenEachTurnsSlices) {
       isInside = false;
     });
   serveAll();
-  serveAll();  // the jobs of the answers
+  serveAll();  // the jobs queued by the answers
   EXPECT_FALSE(overlapped);
   ASSERT_EQ(order.size(), 40U);
   for (int i = 0; i < 20; ++i) {
@@ -166,8 +166,8 @@ TEST_F(RunLoopMainQueueTest, JobsRunOneAtATimeAlsoWhenEachTurnsSlices) {
   }
 }
 
-TEST_F(RunLoopMainQueueTest, AJobQueuedWhileAnotherTurnsSlicesRunsWithoutFurtherAdo) {
-  // A slice takes the wake-up of the jobs that it does not run.
+TEST_F(RunLoopMainQueueTest, JobQueuedDuringSliceRuns) {
+  // A slice consumes the wake-up of the jobs that it does not run.
   for (int i = 0; i < 20; ++i) {
     queue_.async([&] {
       std::thread([&] { queue_.async([&] { queue_.stop(); }); }).join();
@@ -180,7 +180,7 @@ TEST_F(RunLoopMainQueueTest, AJobQueuedWhileAnotherTurnsSlicesRunsWithoutFurther
   }
 }
 
-TEST_F(RunLoopMainQueueTest, SlicesBeforeTheQueueIsServedHearAnswersAndKeepJobs) {
+TEST_F(RunLoopMainQueueTest, SlicesBeforeServingDeliverAnswersAndKeepJobs) {
   bool ran = false, answered = false;
   queue_.async([&] { ran = true; });
   answer([&] { answered = true; });
@@ -190,14 +190,14 @@ TEST_F(RunLoopMainQueueTest, SlicesBeforeTheQueueIsServedHearAnswersAndKeepJobs)
   EXPECT_TRUE(ran);
 }
 
-TEST_F(RunLoopMainQueueTest, ASliceWithNothingToDeliverTakesItsTime) {
+TEST_F(RunLoopMainQueueTest, IdleSliceTakesItsFullTime) {
   SystemClock clock;
   const double start = clock.nowMilliseconds();
   queue_.runSlice(5);
   EXPECT_GE(clock.nowMilliseconds() - start, 4);
   queue_.runSlice(0);
   queue_.runSlice(-1);
-  // Also where the dispatch main queue is not served, so that nothing at all could happen.
+  // Also without service of the dispatch main queue, where nothing can be delivered.
   bool waited = false;
   answer([&] {
     const double inside = clock.nowMilliseconds();
@@ -209,8 +209,8 @@ TEST_F(RunLoopMainQueueTest, ASliceWithNothingToDeliverTakesItsTime) {
   EXPECT_TRUE(waited);
 }
 
-TEST_F(RunLoopMainQueueTest, AnAnswerEndsASliceAtOnce) {
-  // Else this waited for years.
+TEST_F(RunLoopMainQueueTest, AnswerEndsSliceImmediately) {
+  // A slice that ignores the answer would block for years.
   bool answered = false;
   answer([&] { answered = true; });
   while (!answered) queue_.runSlice(1e11);
@@ -225,7 +225,7 @@ TEST_F(RunLoopMainQueueTest, AnAnswerEndsASliceAtOnce) {
   EXPECT_TRUE(answered);
 }
 
-TEST_F(RunLoopMainQueueTest, AStopOfTheRunLoopDoesNotEndTheQueue) {
+TEST_F(RunLoopMainQueueTest, RunLoopStopDoesNotStopQueue) {
   int jobs = 0;
   for (int i = 0; i < 3; ++i)
     queue_.async([&] {
@@ -236,7 +236,7 @@ TEST_F(RunLoopMainQueueTest, AStopOfTheRunLoopDoesNotEndTheQueue) {
   EXPECT_EQ(jobs, 3);
 }
 
-TEST_F(RunLoopMainQueueTest, EachJobEachSliceAndEachAnswerHasAPoolOfItsOwn) {
+TEST_F(RunLoopMainQueueTest, JobsSlicesAndAnswersHaveTheirOwnPools) {
   std::vector<std::uintptr_t> ofJobs, ofSlices, ofDestruction, ofAnswers;
   ASSERT_TRUE(livingPools.empty());
   for (int i = 0; i < 2; ++i) {
@@ -252,7 +252,7 @@ TEST_F(RunLoopMainQueueTest, EachJobEachSliceAndEachAnswerHasAPoolOfItsOwn) {
         ofSlices.push_back(livingPools.back());
       });
       EXPECT_TRUE(sliceUntil(answered));
-      EXPECT_EQ(livingPools.back(), ofJobs.back());  // that of the slice has gone
+      EXPECT_EQ(livingPools.back(), ofJobs.back());  // the slice's pool has been popped
     });
   }
   serveAll();
@@ -264,7 +264,7 @@ TEST_F(RunLoopMainQueueTest, EachJobEachSliceAndEachAnswerHasAPoolOfItsOwn) {
   EXPECT_NE(ofSlices[0], ofSlices[1]);
   EXPECT_GT(ofSlices[0], ofJobs[0]);
 
-  // Each answer queues the next one, so that they are delivered one by one.
+  // Each answer queues the next one, so that they are delivered separately.
   std::function<void()> deliver = [&] {
     ofAnswers.push_back(livingPools.back());
     if (ofAnswers.size() < 3)
@@ -280,7 +280,7 @@ TEST_F(RunLoopMainQueueTest, EachJobEachSliceAndEachAnswerHasAPoolOfItsOwn) {
   EXPECT_NE(ofAnswers[1], ofAnswers[2]);
 }
 
-// Counts itself while it lives, and where it goes.
+// Counts live instances and the thread that destroys them.
 class Counted {
  public:
   struct Counts {
@@ -299,7 +299,7 @@ class Counted {
   Counts& counts_;
 };
 
-TEST_F(RunLoopMainQueueTest, ThousandsOfJobsOfManyThreadsRunOnceEachInOrderAndAreDestroyedHere) {
+TEST_F(RunLoopMainQueueTest, JobsOfManyThreadsRunOnceInOrderAndDieOnMainThread) {
   constexpr int senders = 4, jobsOfEach = 5000;
   Counted::Counts counts;
   std::vector<std::vector<int>> order(senders);
@@ -325,13 +325,13 @@ TEST_F(RunLoopMainQueueTest, ThousandsOfJobsOfManyThreadsRunOnceEachInOrderAndAr
   EXPECT_EQ(counts.destroyedElsewhere, 0);
 }
 
-// The end of the process, each in a process of its own. Nobody else ends it: a test that does not reach its
-// exit runs into its time limit.
+// Ends the process, in one child process per test. A test that does not reach its exit runs into its time
+// limit.
 class RunLoopExitTest : public RunLoopMainQueueTest {
  protected:
   RunLoopExitTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-  // Jobs that wait for ever behind the one that is at work.
+  // Queues jobs that wait after the running one.
   void queueMany() {
     for (int i = 0; i < 1000; ++i) queue_.async([] { std::_Exit(1); });
   }
@@ -339,7 +339,7 @@ class RunLoopExitTest : public RunLoopMainQueueTest {
   POSIXProcess process_{0, nullptr};
 };
 
-TEST_F(RunLoopExitTest, AJobMayEndTheProcessWhileOthersWait) {
+TEST_F(RunLoopExitTest, JobEndsProcessWhileJobsWait) {
   EXPECT_EXIT(
       {
         queue_.async([&] {
@@ -351,7 +351,7 @@ TEST_F(RunLoopExitTest, AJobMayEndTheProcessWhileOthersWait) {
       testing::ExitedWithCode(41), "^$");
 }
 
-TEST_F(RunLoopExitTest, AThreadMayEndTheProcessWhileAJobTurnsSlicesAndOthersWait) {
+TEST_F(RunLoopExitTest, ThreadEndsProcessDuringSlice) {
   EXPECT_EXIT(
       {
         queue_.async([&] {
@@ -372,7 +372,7 @@ TEST_F(RunLoopExitTest, AThreadMayEndTheProcessWhileAJobTurnsSlicesAndOthersWait
       testing::ExitedWithCode(42), "^$");
 }
 
-TEST_F(RunLoopExitTest, AnAnswerMayEndTheProcessFromInsideASliceOfAJob) {
+TEST_F(RunLoopExitTest, AnswerEndsProcessInsideSlice) {
   EXPECT_EXIT(
       {
         queue_.async([&] {
@@ -385,7 +385,7 @@ TEST_F(RunLoopExitTest, AnAnswerMayEndTheProcessFromInsideASliceOfAJob) {
       testing::ExitedWithCode(43), "^$");
 }
 
-TEST_F(RunLoopExitTest, AThreadMayEndTheProcessWhileTheQueueWaits) {
+TEST_F(RunLoopExitTest, ThreadEndsProcessWhileQueueIsIdle) {
   EXPECT_EXIT(
       {
         bool isServing = false;
@@ -398,7 +398,7 @@ TEST_F(RunLoopExitTest, AThreadMayEndTheProcessWhileTheQueueWaits) {
       testing::ExitedWithCode(44), "^$");
 }
 
-TEST_F(RunLoopExitTest, TheQueueIsServedOnAfterTheRunLoopHasBeenStopped) {
+TEST_F(RunLoopExitTest, QueueKeepsRunningAfterStop) {
   EXPECT_EXIT(
       {
         queue_.async([&] {

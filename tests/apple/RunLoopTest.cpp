@@ -1,4 +1,4 @@
-// The run loop as it is, without any code of ours: what the main queue of macOS is built upon.
+// Tests the run loop without this project's code: the behaviour that the macOS main queue relies on.
 #include <CoreFoundation/CoreFoundation.h>
 #include <dispatch/dispatch.h>
 #include <gtest/gtest.h>
@@ -9,13 +9,13 @@
 namespace palaver {
 namespace {
 
-// A failure bound; nothing waits so long when all is well.
+// Time-out for failures only.
 constexpr CFTimeInterval secondsAtMost = 60;
 
 class RunLoopTest : public testing::Test {
  protected:
   RunLoopTest() {
-    // A mode needs a source, or running it ends at once.
+    // Running a mode without a source returns immediately.
     CFRunLoopSourceContext context{};
     context.perform = [](void*) {};
     source_ = CFRunLoopSourceCreate(nullptr, 0, &context);
@@ -28,7 +28,7 @@ class RunLoopTest : public testing::Test {
     CFRelease(mode_);
   }
 
-  // Another thread's answer on the dispatch main queue, as a recognizer gives it; it has been queued on
+  // Queues an answer on the dispatch main queue from another thread, as a recognizer does. It is queued on
   // return.
   void answer() {
     std::thread([this] {
@@ -37,7 +37,7 @@ class RunLoopTest : public testing::Test {
       });
     }).join();
   }
-  // Runs the default mode until the answer is heard, or it has shown that it handles nothing.
+  // Runs the default mode until the answer is delivered, up to 20 slices.
   bool hearInSlices() {
     for (int slice = 0; slice < 20 && !answered_; ++slice)
       CFRunLoopRunInMode(kCFRunLoopDefaultMode, 0.02, true);
@@ -51,7 +51,7 @@ class RunLoopTest : public testing::Test {
   bool answered_ = false;
 };
 
-TEST_F(RunLoopTest, ABlockOfAModeOfOurOwnHearsTheMainQueueInSlicesOfTheDefaultMode) {
+TEST_F(RunLoopTest, PrivateModeBlockServesMainQueueInDefaultModeSlices) {
   __block bool heard = false;
   CFRunLoopPerformBlock(loop_, mode_, ^{
     answer();
@@ -62,7 +62,7 @@ TEST_F(RunLoopTest, ABlockOfAModeOfOurOwnHearsTheMainQueueInSlicesOfTheDefaultMo
   EXPECT_TRUE(heard);
 }
 
-TEST_F(RunLoopTest, ABlockOfTheMainQueueHearsNoOther) {
+TEST_F(RunLoopTest, MainQueueBlockDoesNotServeMainQueue) {
   __block bool heard = true;
   dispatch_async(dispatch_get_main_queue(), ^{
     answer();

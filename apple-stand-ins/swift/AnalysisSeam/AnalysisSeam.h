@@ -1,9 +1,8 @@
-// Where the stand-in for the Speech module ends: everything that it is asked, it asks of these C functions,
-// which AnalysisBehaviour.cpp answers.
+// Defines the C functions that the Speech module stand-in calls. AnalysisBehaviour.cpp implements them.
 //
-// Any thread. An answer is given exactly once, on any thread, perhaps from inside the call; what it points to
-// is valid during the call only. Handles are numbers: nothing that the two sides share is left to the Swift
-// runtime to publish to another thread.
+// Any thread. Each answer is given exactly once, on any thread, possibly inside the call. Its pointers are
+// valid only during the call. Handles are numbers, so that the Swift runtime never has to publish shared
+// objects to another thread.
 #pragma once
 
 #include <stdbool.h>
@@ -15,19 +14,19 @@ extern "C" {
 #endif
 
 typedef struct {
-  uint32_t commonFormat;  // as AVAudioCommonFormat
+  uint32_t commonFormat;  // value of AVAudioCommonFormat
   double sampleRate;      // Hz
   uint32_t channelCount;
   bool interleaved;
 } AnalysisSeamFormat;
 
-// One answer of any kind; what does not belong to it is zero.
+// Holds one answer of any kind. Unused members are zero.
 typedef struct {
   const char* text;  // UTF-8; null for none
   size_t textLength;
-  int64_t number;  // a status, or a handle (0: none)
+  int64_t number;  // a status or a handle; 0: no handle
   const AnalysisSeamFormat* format;
-  // An error. The domain "CancellationError" stands for the error of that name.
+  // Error of the answer. The domain "CancellationError" stands for Swift's CancellationError.
   const char* errorDomain;
   int64_t errorCode;
   const char* errorText;
@@ -43,7 +42,7 @@ typedef struct {
   bool isFinal;
 } AnalysisSeamResult;
 
-// Every result, one after the other; then null, with the error if they failed.
+// Receives every result in order, then a null result with the error, if any.
 typedef void (*AnalysisSeamResultHandler)(void* context, const AnalysisSeamResult* result,
                                           const AnalysisSeamAnswer* end);
 
@@ -56,28 +55,28 @@ void analysisSeamStatus(int64_t transcriber, AnalysisSeamCompletion completion, 
 void analysisSeamInstallationRequest(int64_t transcriber, AnalysisSeamCompletion completion, void* context);
 void analysisSeamDownload(int64_t installation, AnalysisSeamCompletion completion, void* context);
 
-// Whether results that come before somebody iterates over them are lost.
+// Returns whether results that arrive before the first iteration are lost.
 bool analysisSeamLosesUnreadResults(void);
 
 int64_t analysisSeamMakeAnalyzer(int64_t transcriber, const char* const* phrases, const size_t* lengths,
                                  size_t count);
-// Results of the transcriber's analyzer come to the handler from now on.
+// Passes all further results of the transcriber's analyzer to the handler.
 void analysisSeamPumpResults(int64_t transcriber, AnalysisSeamResultHandler handler, void* context);
 void analysisSeamPrepare(int64_t analyzer, const AnalysisSeamFormat* format,
                          AnalysisSeamCompletion completion, void* context);
-// `channels`: one pointer for each channel, or one for all when interleaved.
+// `channels` has one pointer per channel, or a single pointer if interleaved.
 void analysisSeamYield(int64_t analyzer, const AnalysisSeamFormat* format, const void* const* channels,
                        uint32_t frames);
 void analysisSeamFinishInput(int64_t analyzer);
 void analysisSeamFinish(int64_t analyzer, AnalysisSeamCompletion completion, void* context);
 void analysisSeamCancel(int64_t analyzer, AnalysisSeamCompletion completion, void* context);
 
-// Memory for samples, zeroed. That they are let go on another thread than they were read on is only known to
-// the Swift runtime: a lock here shows it to the thread sanitizer.
+// Allocates zeroed memory for samples. Only the Swift runtime knows that the memory is freed on another
+// thread than it was read on. A lock here makes that order visible to the thread sanitizer.
 void* analysisSeamAllocateSamples(size_t bytes);
 void analysisSeamFreeSamples(void* samples);
 
-// The framework object is gone.
+// Reports that the framework object was destroyed.
 void analysisSeamForget(int64_t handle);
 
 #ifdef __cplusplus

@@ -1,5 +1,5 @@
-"""Holds the helper of macOS on stand-ins against that of Linux, on recordings of people: with the same recognizer behind
-both, they hear the same words.
+"""Compares the macOS helper on stand-ins with the Linux helper on recorded speech. Both use the same recognizer and must
+produce the same texts.
 
 Usage: recordings_test.py MACOS_HELPER LINUX_HELPER SIMULATOR
 """
@@ -19,7 +19,7 @@ SENTENCE = DATA + "librivox/sense_and_sensibility_01_austen_64kb-%s.wav"
 RECORDINGS = [SENTENCE % number for number in ("0880", "0890", "0930")]
 RATE = 16000  # Hz
 CHUNK = 1600  # frames, 100 ms
-SILENCE_MS = 900  # of the wall clock, after which an utterance with text ends
+SILENCE_MS = 900  # wall clock; ends an utterance that has text
 
 
 def samples(path):
@@ -28,7 +28,7 @@ def samples(path):
 
 
 class Helper:
-    """A helper as the child of a host."""
+    """Runs a helper as the child of a host."""
 
     def __init__(self, test, command, **environment):
         self.errors = tempfile.TemporaryFile()
@@ -36,7 +36,7 @@ class Helper:
                                         env={**os.environ, **environment})
         test.addCleanup(self.errors.close)
         for end in (self.process.wait, self.process.kill, self.process.stdout.close, self.process.stdin.close):
-            test.addCleanup(end)  # the last first
+            test.addCleanup(end)  # runs in reverse order
         self.test = test
 
     def send(self, **command):
@@ -73,12 +73,12 @@ class Helper:
         self.test.assertEqual(self.process.stdout.read(), b"")
         self.test.assertEqual(self.process.wait(), 0)
         self.errors.seek(0)
-        self.test.assertEqual(self.errors.read().decode(), "")  # where sanitizers report
+        self.test.assertEqual(self.errors.read().decode(), "")  # sanitizers report here
 
 
 def words_of_utterance(helper, audio):
-    """What the task-based backend hears of one chunk. The next one closes the utterance when there is text and it comes
-    late enough."""
+    """Returns the final text of one chunk sent to the task-based backend. The next chunk, sent after SILENCE_MS, closes
+    the utterance."""
     helper.start(readies=1)
     helper.send_audio(audio)
     sent = helper.now()
@@ -93,7 +93,7 @@ def words_of_utterance(helper, audio):
 
 
 def finals_of_session(helper, audio):
-    """What the analyzers hear, as text and stretch of the audio."""
+    """Returns the finals of a session with analyzers: text and time range."""
     helper.start(readies=2)
     for start in range(0, len(audio), 2 * CHUNK):
         helper.send_audio(audio[start:start + 2 * CHUNK], start // (2 * CHUNK))
@@ -119,13 +119,13 @@ def finals_of_research(test, command, recording, **environment):
 
 class RecordingsTest(unittest.TestCase):
     def assert_same_finals(self, here, there):
-        """The same texts, and the same times, which on macOS are whole nanoseconds."""
+        """Compares texts exactly, and times to 1e-6 ms because macOS times are whole nanoseconds."""
         self.assertEqual([text for text, *_ in here], [text for text, *_ in there])
         for one, other in zip(here, there):
             for time, expected in zip(one[1:], other[1:]):
                 self.assertAlmostEqual(time, expected, delta=1e-6)
 
-    def test_macos_15_hears_the_words_that_linux_hears(self):
+    def test_macos_15_matches_linux(self):
         for recording in RECORDINGS:
             with self.subTest(recording):
                 audio = samples(recording)
@@ -134,14 +134,14 @@ class RecordingsTest(unittest.TestCase):
                 print("macOS 15:", here)
                 self.assertEqual(here, there)
 
-    def test_macos_26_hears_the_words_of_a_meeting_that_the_same_backend_hears_on_linux(self):
+    def test_macos_26_session_matches_linux(self):
         pause = b"\0\0" * (2 * RATE)
         audio = samples(RECORDINGS[0]) + pause + samples(RECORDINGS[2])
         there = finals_of_session(Helper(self, [SIMULATOR, "analyzer"]), audio)
         here = finals_of_session(Helper(self, [MACOS], PALAVER_STT_SYSTEM="macOS 26"), audio)
         self.assert_same_finals(here, there)
 
-    def test_macos_26_hears_the_words_of_a_file_that_the_same_backend_hears_on_linux(self):
+    def test_macos_26_research_mode_matches_linux(self):
         for recording in RECORDINGS:
             with self.subTest(recording):
                 there = finals_of_research(self, [SIMULATOR, "analyzer"], recording)

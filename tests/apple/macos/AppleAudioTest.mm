@@ -1,5 +1,5 @@
-// The adapters for AVFAudio, over the resampler and the sound files of Linux, and what AVFAudio is believed
-// to do beyond its documentation.
+// Tests the AVFAudio adapters over the Linux resampler and sound files, including AVFAudio's believed
+// deviations from its documentation.
 #import <AVFAudio/AVFAudio.h>
 
 #include <gmock/gmock.h>
@@ -38,7 +38,7 @@ AudioFormat mono(CommonFormat commonFormat, double sampleRate, bool interleaved 
   return {commonFormat, sampleRate, 1, interleaved};
 }
 
-// A rising ramp.
+// Creates a rising ramp.
 std::shared_ptr<PCMBuffer> ramp(const AudioFormat& format, std::uint32_t frames, int from = 0) {
   auto buffer = std::make_shared<PCMBuffer>(format, frames);
   buffer->setFrameLength(frames);
@@ -67,7 +67,7 @@ class AppleAudio : public testing::Test {
     writeSoundFile(directory_ / name, description);
     return directory_ / name;
   }
-  // The message of the error that opening or reading gives.
+  // Returns the error message of opening or reading.
   static std::string failure(const std::function<void()>& attempt) {
     try {
       attempt();
@@ -89,9 +89,7 @@ class AppleAudio : public testing::Test {
   AppleAudioFiles files_;
 };
 
-// --- Formats and buffers ---
-
-TEST_F(AppleAudio, FormatsAreThoseOfTheSystem) {
+TEST_F(AppleAudio, FormatsMatchSystemFormats) {
   EXPECT_EQ(buffers_.makeFormat(CommonFormat::int16, 16000, 1, false), mono(CommonFormat::int16, 16000));
   const auto stereo = buffers_.makeFormat(CommonFormat::float32, 48000, 2, true);
   ASSERT_TRUE(stereo);
@@ -104,7 +102,7 @@ TEST_F(AppleAudio, FormatsAreThoseOfTheSystem) {
   EXPECT_FALSE(buffers_.makeFormat(CommonFormat::int16, 16000, 0, false));
 }
 
-TEST_F(AppleAudio, BuffersAreEmptyAndOfTheSizeAskedFor) {
+TEST_F(AppleAudio, NewBuffersAreEmptyWithRequestedCapacity) {
   const auto buffer = buffers_.makeBuffer(mono(CommonFormat::int16, 16000), 1600);
   ASSERT_TRUE(buffer);
   EXPECT_EQ(buffer->frameCapacity(), 1600U);
@@ -113,7 +111,7 @@ TEST_F(AppleAudio, BuffersAreEmptyAndOfTheSizeAskedFor) {
   EXPECT_FALSE(buffers_.makeBuffer(mono(CommonFormat::int16, 16000), 0x80000000)) << "4 GiB";
 }
 
-TEST_F(AppleAudio, SamplesAreSharedAndNotCopied) {
+TEST_F(AppleAudio, WrappedBufferSharesSamples) {
   const AutoreleasePool pool;
   for (const bool interleaved : {false, true})
     for (const auto type : {CommonFormat::int16, CommonFormat::float32})
@@ -133,14 +131,14 @@ TEST_F(AppleAudio, SamplesAreSharedAndNotCopied) {
       }
 }
 
-TEST_F(AppleAudio, OnlyTheFramesInUseAreShown) {
+TEST_F(AppleAudio, WrappedBufferShowsFramesInUse) {
   const AutoreleasePool pool;
   const auto buffer = ramp(mono(CommonFormat::int16, 16000), 100);
   buffer->setFrameLength(40);
   EXPECT_EQ(wrap(buffer, toAVAudioFormat(buffer->format())).frameLength, 40U);
 }
 
-TEST_F(AppleAudio, ABufferIsKeptAsLongAsTheSystemsIsThere) {
+TEST_F(AppleAudio, WrappedBufferRetainsBuffer) {
   auto buffer = ramp(mono(CommonFormat::int16, 16000), 100);
   const std::weak_ptr<PCMBuffer> watch = buffer;
   AVAudioPCMBuffer* wrapped = nil;
@@ -155,7 +153,7 @@ TEST_F(AppleAudio, ABufferIsKeptAsLongAsTheSystemsIsThere) {
   EXPECT_TRUE(watch.expired());
 }
 
-TEST_F(AppleAudio, ABufferThatCannotBeWrappedIsLetGo) {
+TEST_F(AppleAudio, FailedWrapReleasesBuffer) {
   const AutoreleasePool pool;
   auto buffer = ramp(mono(CommonFormat::int16, 16000), 100);
   const std::weak_ptr<PCMBuffer> watch = buffer;
@@ -167,9 +165,7 @@ TEST_F(AppleAudio, ABufferThatCannotBeWrappedIsLetGo) {
   EXPECT_EQ(wrap(std::make_shared<PCMBuffer>(mono(CommonFormat::float64, 16000), 10), format), nil);
 }
 
-// --- The converter ---
-
-// Converts a stream of one-hundred-frame chunks; the statuses, and the frames of each.
+// Converts a stream in chunks of 100 frames. Holds the statuses and the frames of each chunk.
 struct Converted {
   std::vector<ConverterOutputStatus> statuses;
   std::vector<std::int16_t> samples;
@@ -192,7 +188,7 @@ Converted convertChunks(AudioConverter& converter, const std::vector<std::shared
   return converted;
 }
 
-TEST_F(AppleAudio, AStreamIsConvertedAsWithoutTheFrameworks) {
+TEST_F(AppleAudio, ConversionMatchesDirectConverter) {
   const auto from = mono(CommonFormat::int16, 48000), to = mono(CommonFormat::int16, 16000);
   std::vector<std::shared_ptr<PCMBuffer>> chunks;
   for (int i = 0; i < 30; ++i) chunks.push_back(ramp(from, 100, i * 100));
@@ -205,11 +201,11 @@ TEST_F(AppleAudio, AStreamIsConvertedAsWithoutTheFrameworks) {
   const auto converted = convertChunks(*apple, chunks);
   EXPECT_EQ(converted.samples, direct.samples);
   EXPECT_GT(converted.samples.size(), 900U);
-  // Running dry is how a call ends that was given its one buffer.
+  // inputRanDry is the normal end of a call whose single buffer was consumed.
   for (const auto status : converted.statuses) EXPECT_EQ(status, ConverterOutputStatus::inputRanDry);
 }
 
-TEST_F(AppleAudio, ABufferWithoutFramesDoesNotEndTheStream) {
+TEST_F(AppleAudio, EmptyBufferDoesNotEndStream) {
   const auto from = mono(CommonFormat::int16, 16000), to = mono(CommonFormat::int16, 16000);
   const auto converter = converters_.makeConverter(from, to);
   const auto converted =
@@ -217,7 +213,7 @@ TEST_F(AppleAudio, ABufferWithoutFramesDoesNotEndTheStream) {
   EXPECT_THAT(converted.samples, ElementsAre(1, 2, 3, 4, 5, 6));
 }
 
-TEST_F(AppleAudio, TheEndOfTheStreamIsPassedOn) {
+TEST_F(AppleAudio, EndOfStreamIsForwarded) {
   const auto format = mono(CommonFormat::int16, 16000);
   const auto converter = converters_.makeConverter(format, format);
   PCMBuffer output(format, 10);
@@ -230,16 +226,16 @@ TEST_F(AppleAudio, TheEndOfTheStreamIsPassedOn) {
             ConverterOutputStatus::endOfStream);
 }
 
-TEST_F(AppleAudio, InterleavingOfOneChannelDoesNotCount) {
+TEST_F(AppleAudio, MonoInterleavingIsIgnored) {
   const auto converter = converters_.makeConverter(mono(CommonFormat::int16, 16000, false),
                                                    mono(CommonFormat::int16, 16000, true));
   const auto converted = convertChunks(*converter, {ramp(mono(CommonFormat::int16, 16000, true), 3)});
   EXPECT_THAT(converted.samples, ElementsAre(0, 1, 2));
-  // The analyzer's own format, as Macs report it, needs no conversion at all.
+  // The analyzer's own format, as Macs report it, needs no conversion.
   EXPECT_EQ(mono(CommonFormat::int16, 16000, true), mono(CommonFormat::int16, 16000, false));
 }
 
-TEST_F(AppleAudio, WhatDoesNotFitWaitsForTheNextCall) {
+TEST_F(AppleAudio, OverflowWaitsForNextCall) {
   const auto format = mono(CommonFormat::int16, 16000);
   const auto converter = converters_.makeConverter(format, format);
   int asked = 0;
@@ -256,7 +252,7 @@ TEST_F(AppleAudio, WhatDoesNotFitWaitsForTheNextCall) {
   EXPECT_EQ(small.int16ChannelData()[0], 60);
 }
 
-TEST_F(AppleAudio, WhatTheSystemRaisesIsAnErrorOfTheConversion) {
+TEST_F(AppleAudio, ExceptionIsAConversionError) {
   const auto format = mono(CommonFormat::int16, 16000);
   const auto converter = converters_.makeConverter(format, mono(CommonFormat::float32, 48000));
   PCMBuffer output(converter->outputFormat(), 300);
@@ -276,7 +272,7 @@ TEST_F(AppleAudio, WhatTheSystemRaisesIsAnErrorOfTheConversion) {
   EXPECT_EQ(error->localizedDescription(), "required condition is false: something");
 }
 
-TEST_F(AppleAudio, ABufferThatTheSystemRefusesIsAnErrorOfTheConversion) {
+TEST_F(AppleAudio, RefusedBufferIsAConversionError) {
   const auto format = mono(CommonFormat::int16, 16000);
   const auto converter = converters_.makeConverter(format, format);
   quirks().refusesForeignMemory = true;
@@ -287,7 +283,7 @@ TEST_F(AppleAudio, ABufferThatTheSystemRefusesIsAnErrorOfTheConversion) {
   EXPECT_TRUE(error);
 }
 
-TEST_F(AppleAudio, AnExceptionOfTheInputPassesAroundTheSystem) {
+TEST_F(AppleAudio, InputExceptionBypassesSystem) {
   const auto format = mono(CommonFormat::int16, 16000);
   const auto converter = converters_.makeConverter(format, format);
   PCMBuffer output(format, 10);
@@ -299,14 +295,14 @@ TEST_F(AppleAudio, AnExceptionOfTheInputPassesAroundTheSystem) {
   EXPECT_THAT(convertChunks(*converter, {ramp(format, 3)}).samples, ElementsAre(0, 1, 2)) << "and it goes on";
 }
 
-TEST_F(AppleAudio, APairOfFormatsThatCannotBeConvertedHasNoConverter) {
+TEST_F(AppleAudio, UnsupportedFormatPairHasNoConverter) {
   const auto format = mono(CommonFormat::int16, 16000);
   EXPECT_FALSE(converters_.makeConverter(format, {CommonFormat::int16, 16000, 2, false}));
   EXPECT_FALSE(converters_.makeConverter({CommonFormat::int16, 16000, 6, false}, format));
 }
 
-// The converter of a channel, on threads that have no pool of their own.
-TEST_F(AppleAudio, ChannelsConvertOnThreadsOfOurOwn) {
+// Channel converters run on threads without an autorelease pool.
+TEST_F(AppleAudio, ChannelsConvertWithoutAutoreleasePool) {
   std::vector<std::thread> threads;
   for (int thread = 0; thread < 3; ++thread)
     threads.emplace_back([this] {
@@ -322,9 +318,7 @@ TEST_F(AppleAudio, ChannelsConvertOnThreadsOfOurOwn) {
   for (auto& thread : threads) thread.join();
 }
 
-// --- Sound files ---
-
-TEST_F(AppleAudio, AFileIsReadToItsEnd) {
+TEST_F(AppleAudio, FileIsReadToEnd) {
   for (const int channels : {1, 2, 6}) {
     const auto file = files_.openForReading(write({"wav", "int16", 44100, channels, 10000, 0.25}));
     EXPECT_EQ(file->processingFormat(),
@@ -346,8 +340,8 @@ TEST_F(AppleAudio, AFileIsReadToItsEnd) {
   }
 }
 
-// The system would fail there, and not say why.
-TEST_F(AppleAudio, ReadingAtTheEndGivesNothing) {
+// The system's read would fail here without an error.
+TEST_F(AppleAudio, ReadAtEndReturnsNoFrames) {
   const auto file = files_.openForReading(write({"wav", "int16", 16000, 1, 5, 0}));
   PCMBuffer buffer(file->processingFormat(), 10);
   file->read(buffer);
@@ -362,7 +356,7 @@ TEST_F(AppleAudio, ReadingAtTheEndGivesNothing) {
   EXPECT_EQ(buffer.frameLength(), 0U);
 }
 
-TEST_F(AppleAudio, AFailureWithoutAnErrorHasAClearText) {
+TEST_F(AppleAudio, FailureWithoutErrorHasText) {
   quirks().overstatedLength = 100;
   const auto file = files_.openForReading(write({"wav", "int16", 16000, 1, 5, 0}));
   PCMBuffer buffer(file->processingFormat(), 10);
@@ -376,7 +370,7 @@ TEST_F(AppleAudio, AFailureWithoutAnErrorHasAClearText) {
             "PalaverSTT: The sound file cannot be opened; the system gives no reason");
 }
 
-TEST_F(AppleAudio, WhatIsNoSoundFileIsRefusedAsTheSystemPutsIt) {
+TEST_F(AppleAudio, InvalidSoundFileReportsSystemError) {
   std::ofstream(directory_ / "text") << "this is no sound";
   for (const auto* const name : {"text", "missing", ""}) {
     const auto path = directory_ / name;
@@ -386,13 +380,13 @@ TEST_F(AppleAudio, WhatIsNoSoundFileIsRefusedAsTheSystemPutsIt) {
   }
 }
 
-TEST_F(AppleAudio, ABufferOfAnotherFormatThanTheFileIsRefused) {
+TEST_F(AppleAudio, BufferOfOtherFormatIsRejected) {
   const auto file = files_.openForReading(write({"wav", "int16", 16000, 1, 5, 0}));
   PCMBuffer buffer(mono(CommonFormat::int16, 16000), 10);
   EXPECT_THAT(failure([&] { file->read(buffer); }), HasSubstr("another format"));
 }
 
-TEST_F(AppleAudio, ABufferThatTheSystemRefusesIsAnErrorOfTheReading) {
+TEST_F(AppleAudio, RefusedBufferIsAReadError) {
   const auto file = files_.openForReading(write({"wav", "int16", 16000, 1, 5, 0}));
   PCMBuffer buffer(file->processingFormat(), 10);
   quirks().refusesForeignMemory = true;

@@ -1,5 +1,5 @@
-// The legacy backend on the adapter for SFSpeechRecognizer, where the framework does what it is believed to
-// do beyond its documentation.
+// Tests the legacy backend on the SFSpeechRecognizer adapter, with the framework's believed deviations from
+// its documentation.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -24,7 +24,7 @@ class AppleConversation : public ConversationTest {
     host(100, {{"type", "session.start"}, {"sessionId", "a"}});
   }
 
-  // A second of voice, and as much silence, from that time on.
+  // Sends a second of voice and a second of silence, starting at `from`.
   void utterance(double from, const std::string& source = "remote") {
     for (int chunk = 0; chunk < 20; ++chunk) audio(from + chunk * 100.0, chunk < 10 ? 0.1 : 0, source);
   }
@@ -48,7 +48,7 @@ class AppleConversation : public ConversationTest {
   }
 };
 
-TEST_F(AppleConversation, AnUtteranceIsTranscribedThroughTheFramework) {
+TEST_F(AppleConversation, UtteranceIsTranscribed) {
   utterance(1000);
   play({});
   EXPECT_THAT(texts("transcript.partial"), ElementsAre("one", "one two"));
@@ -56,7 +56,7 @@ TEST_F(AppleConversation, AnUtteranceIsTranscribedThroughTheFramework) {
   EXPECT_TRUE(events("helper.error").empty());
 }
 
-TEST_F(AppleConversation, PartialsWithoutTimesStartWithTheAudio) {
+TEST_F(AppleConversation, PartialsWithoutTimesStartAtAudioStart) {
   utterance(1000);
   play({.partialsHaveNoTimes = true});
   const auto partials = events("transcript.partial");
@@ -67,14 +67,14 @@ TEST_F(AppleConversation, PartialsWithoutTimesStartWithTheAudio) {
   EXPECT_GT(finals[0].at("speechEndedAt").get<double>(), settings.startsAt + 1000);
 }
 
-TEST_F(AppleConversation, AnEmptyFinalFallsBackToTheNewestPartial) {
+TEST_F(AppleConversation, EmptyFinalFallsBackToLatestPartial) {
   utterance(1000);
   play({.finalIsEmpty = true});
   ASSERT_THAT(texts("transcript.final"), ElementsAre("one two"));
   EXPECT_EQ(events("transcript.final")[0].at("endpointing").at("reason"), "fallback");
 }
 
-TEST_F(AppleConversation, ACancelledTaskThatStillAnswersIsNotHeardOf) {
+TEST_F(AppleConversation, AnswerOfCancelledTaskIsIgnored) {
   audio(1000);
   audio(1100);
   audio(1200);
@@ -84,8 +84,8 @@ TEST_F(AppleConversation, ACancelledTaskThatStillAnswersIsNotHeardOf) {
   EXPECT_THAT(texts("helper.error"), testing::Not(testing::Contains(testing::HasSubstr("canceled"))));
 }
 
-// A meeting needs two; where only one is served, the other is silent, but nothing breaks.
-TEST_F(AppleConversation, WhereOnlyOneTaskIsServedTheOtherSourceIsSilent) {
+// A meeting needs two tasks. If only one is served, the other source is silent without an error.
+TEST_F(AppleConversation, UnservedSourceIsSilent) {
   for (int chunk = 0; chunk < 20; ++chunk) {
     audio(1000 + chunk * 100.0, chunk < 10 ? 0.1 : 0, "remote");
     audio(1050 + chunk * 100.0, chunk < 10 ? 0.1 : 0, "self");
@@ -97,10 +97,11 @@ TEST_F(AppleConversation, WhereOnlyOneTaskIsServedTheOtherSourceIsSilent) {
   EXPECT_TRUE(events("helper.error").empty());
 }
 
-TEST_F(AppleConversation, ARecognitionThatCannotStartIsReportedAndTheNextVoiceTriesAgain) {
+TEST_F(AppleConversation, FailedStartIsReportedAndNextVoiceRetries) {
   audio(1000);
   audio(2000);
-  // The adapter's own errors are on the main dispatch queue too. The first answers the probe for Dictation.
+  // The adapter's own errors also arrive on the main dispatch queue. The first answers the probe for
+  // Dictation.
   for (const double time : {10, 1050, 2050})
     machine().scheduler.schedule(time, Timeline::Context::mainThreadCallback, this, drainMainQueue);
   play({.taskRaises = "the service is not there"});

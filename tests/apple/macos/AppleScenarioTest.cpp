@@ -1,4 +1,4 @@
-// Every scenario, with the adapters for macOS between the helper and the simulated machine.
+// Plays every scenario with the macOS adapters between the helper and the simulated machine.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -26,18 +26,18 @@ std::vector<std::filesystem::path> scenarios() {
   return files;
 }
 
-// Where the frameworks make a difference, and which.
+// Expected differences due to the frameworks, by scenario.
 const std::map<std::string, std::string> differences{
-    // A buffer without frames never reaches the recognizer: what the system makes of one is not known.
+    // A buffer without frames never reaches the recognizer, because the system's behaviour for it is unknown.
     {"an-empty-payload-is-an-empty-buffer", "buffers is 0 instead of 1"},
-    // There are no results in the background; the probe hears its answer in the first slice of the run loop.
+    // There are no background results. The probe receives its answer in the first run-loop slice.
     {"callbacks-in-the-background-change-nothing",
      "standard output, line 1: it came at 20 ms instead of 0 ms"},
 };
 
 class AppleScenario : public testing::TestWithParam<std::filesystem::path> {};
 
-TEST_P(AppleScenario, GoesAsWithoutTheFrameworks) {
+TEST_P(AppleScenario, MatchesResultWithoutFrameworks) {
   const auto report = play(readScenario(GetParam()), [](SimulatedPlatform& machine, Platform& platform) {
     AppleSimulation apple(machine);
     Platform overApple = apple.over(platform);

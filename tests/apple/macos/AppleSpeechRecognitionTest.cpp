@@ -1,5 +1,5 @@
-// What every SpeechRecognition keeps to, kept by the one of macOS: over a simulated recognizer and over the
-// real one of Linux. The main thread's run loop is the real one.
+// Runs the SpeechRecognition contract against the macOS implementation, over a simulated recognizer and over
+// the real Linux one. The main thread uses the real run loop.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -33,12 +33,12 @@ std::vector<std::int16_t> sound() {
   return std::vector<std::int16_t>(16000, 3000);
 }
 
-// The frameworks over a recognition, and the adapter over the frameworks.
+// Builds the frameworks over a recognition and the adapter over the frameworks.
 class AppleSubject : public SpeechRecognitionContractSubject {
  public:
   explicit AppleSubject(SpeechRecognition& recognition)
       : behaviour_(recognition, converters_, files_, {15, 0, 0}) {}
-  // What is still on the main dispatch queue belongs to this subject.
+  // Drains the main dispatch queue, whose blocks belong to this subject.
   ~AppleSubject() override { drainMainQueue(); }
 
   SpeechRecognition& recognition() override { return recognition_; }
@@ -51,7 +51,7 @@ class AppleSubject : public SpeechRecognitionContractSubject {
   AppleSpeechRecognition recognition_;
 };
 
-// In virtual time.
+// Runs in virtual time.
 class SimulatedAppleSubject final : public SpeechRecognitionContractSubject {
  public:
   ~SimulatedAppleSubject() override { scheduler_.clear(); }
@@ -79,7 +79,7 @@ class SimulatedAppleSubject final : public SpeechRecognitionContractSubject {
   Subject apple_{simulated_};
 };
 
-// In real time, with a recognizer that answers on threads of its own.
+// Runs in real time with a recognizer that answers on its own threads.
 class ThreadedAppleSubject final : public AppleSubject {
  public:
   ThreadedAppleSubject() : AppleSubject(world().recognition) {}
@@ -94,7 +94,7 @@ class ThreadedAppleSubject final : public AppleSubject {
     ThreadedTimeline timeline{2};
     SimulatedSpeechRecognition recognition{timeline, permitting()};
   };
-  // Permission is answered from inside the call: later, the test that asks for it may have gone.
+  // Answers the permission request inside the call, because a later answer may outlive the test.
   static RecognitionState permitting() {
     auto state = answering();
     state.authorizationAnswer = {.status = AuthorizationStatus::authorized, .after = std::nullopt};
@@ -105,7 +105,7 @@ class ThreadedAppleSubject final : public AppleSubject {
     return *world_;
   }
 
-  static inline std::unique_ptr<World> world_;  // made before the base, and gone before it
+  static inline std::unique_ptr<World> world_;  // created before the base and destroyed before it
 };
 
 class LinuxAppleSubject final : public AppleSubject {
@@ -130,7 +130,7 @@ INSTANTIATE_TEST_SUITE_P(AppleOverThreads, SpeechRecognitionContract,
 INSTANTIATE_TEST_SUITE_P(AppleOverLinux, SpeechRecognitionContract,
                          testing::Values([] { return std::make_unique<LinuxAppleSubject>(); }));
 
-TEST(AppleSpeechRecognition, TheWordsOfARecordingAreHeardThroughTheFrameworks) {
+TEST(AppleSpeechRecognition, RecordingIsTranscribedThroughFrameworks) {
   LinuxAppleSubject subject;
   const auto recognizer = subject.recognition().makeRecognizer("en-US");
   ASSERT_TRUE(recognizer);

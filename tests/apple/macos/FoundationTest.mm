@@ -1,4 +1,4 @@
-// Texts, errors and the version of the system, between Foundation and the contracts.
+// Tests conversions of texts, errors and the system version between Foundation and the contracts.
 #import <Foundation/Foundation.h>
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@
 #include "simulator/machine/Scheduler.h"
 #include "simulator/machine/SimulatedSpeechRecognition.h"
 
-// A text that has no form in UTF-8.
+// A text without a UTF-8 representation.
 @interface HalfSurrogatePair : NSString
 @end
 
@@ -33,7 +33,7 @@
 namespace palaver {
 namespace {
 
-TEST(FoundationValues, TextsGoThereAndBack) {
+TEST(FoundationValues, TextsRoundTrip) {
   const AutoreleasePool pool;
   for (const std::string text : {"", "plain", "未来 für 😀", "a\"b\\c\n"})
     EXPECT_EQ(toString(toNSString(text)), text);
@@ -43,13 +43,13 @@ TEST(FoundationValues, TextsGoThereAndBack) {
   EXPECT_EQ(@"未来 für 😀".length, 9U);
 }
 
-TEST(FoundationValues, BytesThatAreNotUTF8AreTakenForLatin1) {
+TEST(FoundationValues, InvalidUTF8IsReadAsLatin1) {
   const AutoreleasePool pool;
   EXPECT_EQ(toString(toNSString("Z\xFCrich")), "Zürich");
   EXPECT_EQ(toString(toNSString("\xED\xA0\x80")), "\xC3\xAD\xC2\xA0\xC2\x80") << "a surrogate";
 }
 
-TEST(FoundationValues, NoTextIsEmptyAndAnUntellableOneIsMarked) {
+TEST(FoundationValues, NilTextIsEmptyAndUnencodableTextIsMarked) {
   const AutoreleasePool pool;
   EXPECT_EQ(toString(nil), "");
   EXPECT_EQ(toString([[HalfSurrogatePair alloc] init]), "\xEF\xBF\xBD");
@@ -75,7 +75,7 @@ TEST(FoundationValues, ExceptionsKeepNameAndReason) {
       "");
 }
 
-TEST(MacProcess, ComparesTheVersionOfTheSystem) {
+TEST(MacProcess, SystemVersionIsCompared) {
   Scheduler scheduler;
   SimulatedSpeechRecognition recognition(scheduler, {});
   SpeexAudioConverters converters;
@@ -94,7 +94,7 @@ TEST(MacProcess, ComparesTheVersionOfTheSystem) {
       {{26, 5, 1}, {26, 4, 9}, true},
       {{14, 0, 0}, {14, 0, 0}, true},
       {{27, 0, 0}, {26, 0, 0}, true},
-      // What macOS 26 says of itself to a program of an older SDK.
+      // The version that macOS 26 reports to a program built with an older SDK.
       {{16, 0, 0}, {26, 0, 0}, true},
       {{16, 5, 0}, {27, 0, 0}, false},
   };

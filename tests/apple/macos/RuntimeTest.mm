@@ -1,4 +1,4 @@
-// The runtime beneath the other tests here, through what the compiler makes of ordinary sources with ARC.
+// Tests the Objective-C runtime with code that the compiler generates from ordinary ARC sources.
 #import <Foundation/Foundation.h>
 
 #include <gtest/gtest.h>
@@ -118,7 +118,7 @@ class ObjectiveC : public testing::Test {
   }
 };
 
-TEST_F(ObjectiveC, MethodsAreFoundInTheirClassTheSuperclassAndCategories) {
+TEST_F(ObjectiveC, MethodsAreFoundInClassSuperclassAndCategories) {
   @autoreleasepool {
     RTDog *const dog = [[RTDog alloc] init];
     EXPECT_EQ([dog says], "woof after nothing");
@@ -131,7 +131,7 @@ TEST_F(ObjectiveC, MethodsAreFoundInTheirClassTheSuperclassAndCategories) {
   }
 }
 
-TEST_F(ObjectiveC, EveryArgumentAndResultGetsThrough) {
+TEST_F(ObjectiveC, MessagesPassArgumentsAndResults) {
   RTDog *const dog = [[RTDog alloc] init];
   const Three three = [dog three:2.5 plus:7 of:1 and:20 or:300 last:4000];
   EXPECT_EQ(three.a, 10);
@@ -140,7 +140,7 @@ TEST_F(ObjectiveC, EveryArgumentAndResultGetsThrough) {
   EXPECT_EQ([dog sumOf:1 b:2 c:3 d:4 e:5 f:6 g:7 h:8 i:9], 987654321.0);
 }
 
-TEST_F(ObjectiveC, AMessageToNilGivesZero) {
+TEST_F(ObjectiveC, MessageToNilReturnsZero) {
   RTAnimal *const nobody = nil;
   EXPECT_EQ(nobody.weight, 0);
   EXPECT_EQ(nobody.name, nil);
@@ -148,7 +148,7 @@ TEST_F(ObjectiveC, AMessageToNilGivesZero) {
   EXPECT_EQ([nobody hash], 0U);
 }
 
-TEST_F(ObjectiveC, VariablesOfTheSubclassLieBehindThoseOfTheSuperclass) {
+TEST_F(ObjectiveC, SubclassVariablesFollowSuperclassVariables) {
   RTDog *const dog = [[RTDog alloc] init];
   dog->fleas_ = 1000;
   dog.weight = 12.5;
@@ -159,7 +159,7 @@ TEST_F(ObjectiveC, VariablesOfTheSubclassLieBehindThoseOfTheSuperclass) {
   EXPECT_EQ(dog.weight, 12.5);
 }
 
-TEST_F(ObjectiveC, AnObjectLivesAsLongAsItIsReferredTo) {
+TEST_F(ObjectiveC, LastReleaseDestroysObject) {
   RTAnimal *one = [[RTAnimal alloc] init];
   RTAnimal *const other = [[RTAnimal alloc] init];
   other.friend_ = one;
@@ -169,7 +169,7 @@ TEST_F(ObjectiveC, AnObjectLivesAsLongAsItIsReferredTo) {
   EXPECT_EQ(alive([RTAnimal class]), 1U);
 }
 
-TEST_F(ObjectiveC, AnAutoreleasedObjectLivesUntilItsPoolEnds) {
+TEST_F(ObjectiveC, AutoreleasedObjectLivesUntilPoolEnds) {
   __weak RTAnimal *seen = nil;
   @autoreleasepool {
     @autoreleasepool {
@@ -183,17 +183,17 @@ TEST_F(ObjectiveC, AnAutoreleasedObjectLivesUntilItsPoolEnds) {
 
 using ObjectiveCDeathTest = ObjectiveC;
 
-TEST_F(ObjectiveCDeathTest, AutoreleasingWithoutAPoolEndsTheProcess) {
+TEST_F(ObjectiveCDeathTest, AutoreleaseWithoutPoolEndsProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH([RTAnimal animal], "class RTAnimal is autoreleased without a pool");
 }
 
-TEST_F(ObjectiveCDeathTest, AnUnknownMethodEndsTheProcess) {
+TEST_F(ObjectiveCDeathTest, UnknownMethodEndsProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH([(id)[[RTAnimal alloc] init] addObject:@"x"], "-\\[RTAnimal addObject:\\]: no such method");
 }
 
-TEST_F(ObjectiveC, AWeakReferenceDoesNotKeepAndIsClearedInTime) {
+TEST_F(ObjectiveC, WeakReferenceIsClearedOnDestruction) {
   @autoreleasepool {
     RTAnimal *const holder = [[RTAnimal alloc] init];
     @autoreleasepool {
@@ -208,7 +208,7 @@ TEST_F(ObjectiveC, AWeakReferenceDoesNotKeepAndIsClearedInTime) {
   }
 }
 
-TEST_F(ObjectiveC, ACopiedPropertyIsACopy) {
+TEST_F(ObjectiveC, CopyPropertyCopies) {
   @autoreleasepool {
     RTAnimal *const dog = [RTDog animal];
     dog.name = @"Rex";
@@ -218,7 +218,7 @@ TEST_F(ObjectiveC, ACopiedPropertyIsACopy) {
   }
 }
 
-TEST_F(ObjectiveC, ABlockKeepsWhatItUsesUntilItGoes) {
+TEST_F(ObjectiveC, BlockRetainsCapturesUntilDestroyed) {
   void (^block)() = nil;
   __block int calls = 0;
   {
@@ -243,7 +243,7 @@ int callTwice(int (^block)()) {
   return block() + kept();
 }
 
-TEST_F(ObjectiveC, ABlockOnTheStackGoesWithItsFunction) {
+TEST_F(ObjectiveC, StackBlockEndsWithItsFunction) {
   const auto tracker = std::make_shared<Tracker>();
   const std::weak_ptr<Tracker> watch = tracker;
   RTAnimal *const captured = [[RTAnimal alloc] init];
@@ -256,7 +256,7 @@ TEST_F(ObjectiveC, ABlockOnTheStackGoesWithItsFunction) {
   EXPECT_EQ(watch.use_count(), 1);
 }
 
-TEST_F(ObjectiveC, ABlockWithAWeakReferenceKeepsNothing) {
+TEST_F(ObjectiveC, BlockWithWeakReferenceRetainsNothing) {
   int (^block)() = nil;
   {
     RTAnimal *const captured = [[RTAnimal alloc] init];
@@ -270,7 +270,7 @@ TEST_F(ObjectiveC, ABlockWithAWeakReferenceKeepsNothing) {
   EXPECT_EQ(block(), -1);
 }
 
-TEST_F(ObjectiveC, AnExceptionIsCaughtByItsClass) {
+TEST_F(ObjectiveC, ExceptionIsCaughtByClass) {
   @autoreleasepool {
     std::string caught;
     bool cleaned = false;
@@ -290,7 +290,7 @@ TEST_F(ObjectiveC, AnExceptionIsCaughtByItsClass) {
   EXPECT_EQ(alive([NSException class]), 0U);
 }
 
-TEST_F(ObjectiveC, AnExceptionOfCPlusPlusPassesTheHandlersOfObjectiveC) {
+TEST_F(ObjectiveC, CppExceptionPassesObjectiveCHandlers) {
   std::string caught;
   try {
     RTAnimal *const local = [[RTAnimal alloc] init];
@@ -306,7 +306,7 @@ TEST_F(ObjectiveC, AnExceptionOfCPlusPlusPassesTheHandlersOfObjectiveC) {
   EXPECT_EQ(caught, "of C++");
 }
 
-TEST_F(ObjectiveC, ReferencesAreCountedOnManyThreads) {
+TEST_F(ObjectiveC, ReferenceCountIsThreadSafe) {
   constexpr int threads = 4;
   constexpr int rounds = 2000;
   std::vector<std::thread> running;
@@ -331,8 +331,8 @@ TEST_F(ObjectiveC, ReferencesAreCountedOnManyThreads) {
   }
 }
 
-// The last reference goes on one thread while another loads its weak one.
-TEST_F(ObjectiveC, AWeakReferenceIsEitherWholeOrGone) {
+// One thread releases the last reference while another loads its weak one.
+TEST_F(ObjectiveC, WeakLoadDuringReleaseYieldsObjectOrNil) {
   for (int round = 0; round < 200; ++round) {
     @autoreleasepool {
       RTAnimal *const holder = [[RTAnimal alloc] init];

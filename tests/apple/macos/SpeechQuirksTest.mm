@@ -1,4 +1,4 @@
-// The adapter for SFSpeechRecognizer, and what the frameworks are believed to do beyond their documentation.
+// Tests the SFSpeechRecognizer adapter and the frameworks' believed deviations from their documentation.
 #import <Speech/Speech.h>
 #include <dispatch/dispatch.h>
 
@@ -37,7 +37,7 @@ std::size_t alive(Class of) { return objc::liveObjects((__bridge objc::Class*)of
 
 class AppleSpeech : public testing::Test {
  protected:
-  // A task with its audio, on a recognizer of its own.
+  // Holds a task with its audio and its own recognizer.
   struct Speaker {
     std::unique_ptr<SpeechRecognizer> recognizer;
     std::shared_ptr<RecognitionRequest> request;
@@ -57,7 +57,7 @@ class AppleSpeech : public testing::Test {
     speaker.task = speaker.recognizer->recognitionTask(speaker.request, speaker.answers->handler());
     return speaker;
   }
-  // Lets a second of virtual time pass, and what it brought be heard.
+  // Advances virtual time by one second and delivers everything due.
   void pass() {
     for (const double end = scheduler_.now() + 1000; scheduler_.now() < end;) scheduler_.runSlice(10);
     drainMainQueue();
@@ -95,7 +95,7 @@ TEST_F(AppleSpeech, OptionsReachTheRequest) {
   EXPECT_THAT(requests[0].options.contextualStrings, ElementsAre("未来", "zwei"));
 }
 
-TEST_F(AppleSpeech, APhraseThatIsNotUTF8IsTakenForLatin1) {
+TEST_F(AppleSpeech, PhraseWithInvalidUTF8IsReadAsLatin1) {
   const auto speaker = begin({.shouldReportPartialResults = true,
                               .requiresOnDeviceRecognition = false,
                               .taskHint = TaskHint::unspecified,
@@ -104,7 +104,7 @@ TEST_F(AppleSpeech, APhraseThatIsNotUTF8IsTakenForLatin1) {
   EXPECT_EQ(recognition_.makeRecognizer("\xFF\xFE"), nullptr);
 }
 
-TEST_F(AppleSpeech, ResultsAreHeardOnTheRunLoopOnly) {
+TEST_F(AppleSpeech, ResultsArriveOnRunLoopOnly) {
   const auto speaker = begin();
   appendInBuffers(*speaker.request, sound);
   speaker.request->endAudio();
@@ -114,7 +114,7 @@ TEST_F(AppleSpeech, ResultsAreHeardOnTheRunLoopOnly) {
   EXPECT_THAT(texts(speaker), ElementsAre("one", "one two", "one two three"));
 }
 
-TEST_F(AppleSpeech, SegmentsKeepTheirTextAndTimes) {
+TEST_F(AppleSpeech, SegmentsKeepTextAndTimes) {
   const auto speaker = begin();
   simulated_.answer(0,
                     {RecognitionResult{"東京 and", {{"東京", 0.25, 0.5}, {"and", 1.5, 0.125}}, false}, {}});
@@ -132,7 +132,7 @@ TEST_F(AppleSpeech, SegmentsKeepTheirTextAndTimes) {
   EXPECT_EQ(result.segments[1].duration, 0.125);
 }
 
-TEST_F(AppleSpeech, PartialsMayHaveNoTimes) {
+TEST_F(AppleSpeech, PartialsWithoutTimesAreForwarded) {
   quirks().partialsHaveNoTimes = true;
   const auto speaker = begin();
   appendInBuffers(*speaker.request, sound);
@@ -147,7 +147,7 @@ TEST_F(AppleSpeech, PartialsMayHaveNoTimes) {
   EXPECT_GT(all[2].result->segments.at(0).duration, 0);
 }
 
-TEST_F(AppleSpeech, AFinalMayBeEmpty) {
+TEST_F(AppleSpeech, EmptyFinalIsForwarded) {
   quirks().finalIsEmpty = true;
   const auto speaker = begin();
   appendInBuffers(*speaker.request, sound);
@@ -157,7 +157,7 @@ TEST_F(AppleSpeech, AFinalMayBeEmpty) {
   EXPECT_TRUE(speaker.answers->all().back().result->isFinal);
 }
 
-// Domains, codes and texts of the errors that users report.
+// Errors that users have reported, with domains, codes and texts.
 TEST_F(AppleSpeech, ErrorsKeepDomainCodeAndText) {
   const std::vector<PlatformError> errors{
       {"kLSRErrorDomain", 102, "Failed to access assets"},
@@ -185,7 +185,7 @@ TEST_F(AppleSpeech, ErrorsKeepDomainCodeAndText) {
   }
 }
 
-TEST_F(AppleSpeech, AResultAndAnErrorMayComeTogether) {
+TEST_F(AppleSpeech, ResultAndErrorArriveTogether) {
   const auto speaker = begin();
   simulated_.answer(0, {RecognitionResult{"text", {}, true}, noSpeechError()});
   pass();
@@ -195,7 +195,7 @@ TEST_F(AppleSpeech, AResultAndAnErrorMayComeTogether) {
   EXPECT_EQ(all[0].error->code(), 1110);
 }
 
-TEST_F(AppleSpeech, ACancelledTaskMayStillAnswer) {
+TEST_F(AppleSpeech, CancelledTaskAnswerIsForwarded) {
   quirks().errorAfterCancel = cancelledError();
   const auto speaker = begin();
   appendInBuffers(*speaker.request, sound);
@@ -205,7 +205,7 @@ TEST_F(AppleSpeech, ACancelledTaskMayStillAnswer) {
   EXPECT_THAT(texts(speaker), ElementsAre("kLSRErrorDomain 301: Recognition request was canceled"));
 }
 
-TEST_F(AppleSpeech, AnAnswerBehindTheEndIsPassedOn) {
+TEST_F(AppleSpeech, AnswerAfterEndIsForwarded) {
   quirks().errorAfterEnd = PlatformError("kAFAssistantErrorDomain", 216, "late");
   const auto speaker = begin();
   appendInBuffers(*speaker.request, sound);
@@ -215,7 +215,7 @@ TEST_F(AppleSpeech, AnAnswerBehindTheEndIsPassedOn) {
               ElementsAre("one", "one two", "one two three", "kAFAssistantErrorDomain 216: late"));
 }
 
-TEST_F(AppleSpeech, OfTwoTasksOnlyTheFirstMayBeServed) {
+TEST_F(AppleSpeech, OnlyFirstOfTwoTasksIsServed) {
   quirks().onlyFirstTaskIsServed = true;
   auto first = begin();
   auto second = begin();
@@ -236,7 +236,7 @@ TEST_F(AppleSpeech, OfTwoTasksOnlyTheFirstMayBeServed) {
   EXPECT_EQ(texts(third).back(), "one two three") << "the first one has ended";
 }
 
-TEST_F(AppleSpeech, ARequestServesOneTaskOnly) {
+TEST_F(AppleSpeech, RequestServesOneTask) {
   const auto speaker = begin();
   RecordedAnswers answers;
   const auto again = speaker.recognizer->recognitionTask(speaker.request, answers.handler());
@@ -246,14 +246,14 @@ TEST_F(AppleSpeech, ARequestServesOneTaskOnly) {
   ASSERT_EQ(answers.all().size(), 1U);
   EXPECT_EQ(answers.all()[0].error->localizedDescription(), "A recognition request serves one task only");
   again->cancel();
-  // The first task goes on.
+  // The first task continues.
   appendInBuffers(*speaker.request, sound);
   speaker.request->endAudio();
   pass();
   EXPECT_EQ(texts(speaker).back(), "one two three");
 }
 
-TEST_F(AppleSpeech, AnExceptionAtTheStartIsAnError) {
+TEST_F(AppleSpeech, ExceptionAtStartIsAnError) {
   quirks().taskRaises = "the service is not there";
   const auto speaker = begin();
   EXPECT_TRUE(texts(speaker).empty());
@@ -264,7 +264,7 @@ TEST_F(AppleSpeech, AnExceptionAtTheStartIsAnError) {
   speaker.task->cancel();
 }
 
-TEST_F(AppleSpeech, AnExceptionForAudioIsOneErrorThatEndsTheTask) {
+TEST_F(AppleSpeech, ExceptionForAudioEndsTaskWithOneError) {
   const auto speaker = begin();
   quirks().appendRaises = "the format is wrong";
   appendInBuffers(*speaker.request, sound);
@@ -278,7 +278,7 @@ TEST_F(AppleSpeech, AnExceptionForAudioIsOneErrorThatEndsTheTask) {
   EXPECT_EQ(texts(speaker).size(), 1U) << "nothing follows";
 }
 
-TEST_F(AppleSpeech, AnExceptionForAudioBeforeTheTaskIsHeardWhenItStarts) {
+TEST_F(AppleSpeech, ExceptionForEarlyAudioIsReportedAtStart) {
   quirks().appendRaises = "the format is wrong";
   Speaker speaker;
   speaker.recognizer = recognition_.makeRecognizer("ja-JP");
@@ -291,7 +291,7 @@ TEST_F(AppleSpeech, AnExceptionForAudioBeforeTheTaskIsHeardWhenItStarts) {
   EXPECT_TRUE(simulated_.requests().empty());
 }
 
-TEST_F(AppleSpeech, ABufferThatTheSystemRefusesIsAnError) {
+TEST_F(AppleSpeech, BufferRefusedBySystemIsAnError) {
   quirks().refusesForeignMemory = true;
   const auto speaker = begin();
   appendInBuffers(*speaker.request, sound);
@@ -300,7 +300,7 @@ TEST_F(AppleSpeech, ABufferThatTheSystemRefusesIsAnError) {
               ElementsAre("PalaverSTT -1: The system cannot make an audio buffer for the recognizer"));
 }
 
-TEST_F(AppleSpeech, AudioBehindTheEndIsNotSentAtAll) {
+TEST_F(AppleSpeech, AudioAfterEndIsDropped) {
   const auto speaker = begin();
   speaker.request->endAudio();
   quirks().appendRaises = "audio after endAudio";
@@ -309,14 +309,14 @@ TEST_F(AppleSpeech, AudioBehindTheEndIsNotSentAtAll) {
   EXPECT_THAT(texts(speaker), ElementsAre("kAFAssistantErrorDomain 1110: No speech detected"));
 }
 
-TEST_F(AppleSpeech, ABufferWithoutFramesIsNotSentAtAll) {
+TEST_F(AppleSpeech, EmptyBufferIsDropped) {
   const auto speaker = begin();
   speaker.request->append(makeSpeechBuffer({}));
   appendInBuffers(*speaker.request, sound);
   EXPECT_EQ(simulated_.requests().at(0).buffers.size(), 10U);
 }
 
-TEST_F(AppleSpeech, PermissionIsThatOfTheSystemAlsoBeyondTheKnownValues) {
+TEST_F(AppleSpeech, PermissionForwardsUnknownValues) {
   for (const long value : {0L, 1L, 2L, 3L, 77L}) {
     auto state = simulated_.state();
     state.authorization = static_cast<AuthorizationStatus>(value);
@@ -329,7 +329,7 @@ TEST_F(AppleSpeech, PermissionIsThatOfTheSystemAlsoBeyondTheKnownValues) {
   }
 }
 
-TEST_F(AppleSpeech, PermissionMayNeverBeAnswered) {
+TEST_F(AppleSpeech, PermissionMayStayUnanswered) {
   quirks().permissionIsNeverAnswered = true;
   bool isAnswered = false;
   recognition_.requestAuthorization([&isAnswered](AuthorizationStatus) { isAnswered = true; });
@@ -337,7 +337,7 @@ TEST_F(AppleSpeech, PermissionMayNeverBeAnswered) {
   EXPECT_FALSE(isAnswered);
 }
 
-TEST_F(AppleSpeech, AModelThatIsNotInstalledIsSeen) {
+TEST_F(AppleSpeech, MissingModelIsReported) {
   auto state = simulated_.state();
   state.locales["fr-FR"] = false;
   simulated_.setState(state);
@@ -346,9 +346,7 @@ TEST_F(AppleSpeech, AModelThatIsNotInstalledIsSeen) {
   EXPECT_EQ(recognition_.makeRecognizer("xx-XX"), nullptr);
 }
 
-// --- What is kept, and for how long. ---
-
-TEST_F(AppleSpeech, NothingIsLeftOfATaskThatHasEnded) {
+TEST_F(AppleSpeech, EndedTaskReleasesEverything) {
   auto speaker = begin();
   EXPECT_EQ(alive([SFSpeechRecognizer class]), 1U);
   appendInBuffers(*speaker.request, sound);
@@ -358,7 +356,7 @@ TEST_F(AppleSpeech, NothingIsLeftOfATaskThatHasEnded) {
   EXPECT_EQ(alive([NSObject class]), 0U);
 }
 
-TEST_F(AppleSpeech, NothingIsLeftOfATaskThatWasCancelled) {
+TEST_F(AppleSpeech, CancelledTaskReleasesEverything) {
   auto speaker = begin();
   appendInBuffers(*speaker.request, sound);
   speaker.task->cancel();
@@ -367,8 +365,8 @@ TEST_F(AppleSpeech, NothingIsLeftOfATaskThatWasCancelled) {
   EXPECT_EQ(alive([NSObject class]), 0U);
 }
 
-// It is the system that keeps what a running task needs, and nothing of ours that would keep it for ever.
-TEST_F(AppleSpeech, NothingOfOursKeepsARunningTask) {
+// The system, not the adapter, retains what a running task needs.
+TEST_F(AppleSpeech, AdapterDoesNotRetainRunningTask) {
   auto speaker = begin();
   appendInBuffers(*speaker.request, sound);
   speaker.task.reset();
@@ -380,7 +378,7 @@ TEST_F(AppleSpeech, NothingOfOursKeepsARunningTask) {
   EXPECT_EQ(texts(speaker).back(), "one two three");
 }
 
-TEST_F(AppleSpeech, NothingIsLeftOfATaskThatCouldNotStart) {
+TEST_F(AppleSpeech, FailedStartReleasesEverything) {
   quirks().taskRaises = "no";
   auto speaker = begin();
   drainMainQueue();
@@ -390,12 +388,12 @@ TEST_F(AppleSpeech, NothingIsLeftOfATaskThatCouldNotStart) {
   EXPECT_EQ(alive([NSException class]), 0U);
 }
 
-TEST_F(AppleSpeech, ABufferLivesUntilTheSystemLetsGoOfIt) {
+TEST_F(AppleSpeech, BufferLivesUntilSystemReleasesIt) {
   const auto recognizer = recognition_.makeRecognizer("ja-JP");
   const auto request = recognizer->makeRequest({});
   auto buffer = makeSpeechBuffer(sound);
   const std::weak_ptr<const PCMBuffer> watch = buffer;
-  // Before the task the system keeps the audio as it was given.
+  // Before the task starts, the system keeps the audio unchanged.
   request->append(std::move(buffer));
   EXPECT_FALSE(watch.expired());
   EXPECT_EQ(alive([AVAudioPCMBuffer class]), 1U);
@@ -408,7 +406,7 @@ TEST_F(AppleSpeech, ABufferLivesUntilTheSystemLetsGoOfIt) {
   task->cancel();
 }
 
-TEST_F(AppleSpeech, NothingIsLeftOfManyUtterances) {
+TEST_F(AppleSpeech, ManyUtterancesReleaseEverything) {
   {
     const auto recognizer = recognition_.makeRecognizer("ja-JP");
     for (int i = 0; i < 20; ++i) {

@@ -6,8 +6,8 @@ namespace palaver {
 
 AppleSimulation::AppleSimulation(SimulatedPlatform& machine)
     : behaviour(machine.speechRecognition, machine.audioConverters, machine.audioFiles, {}) {
-  // What is on the main dispatch queue is heard when the simulated main thread hears its callbacks: now, if
-  // it is one of them that put it there.
+  // Drains the main dispatch queue immediately when a callback on the simulated main thread queued the block.
+  // Otherwise drains it when the simulated main thread delivers callbacks.
   behaviour.onDelivery = [&machine](bool insideCall) {
     if (!insideCall && machine.scheduler.isOnMainThread()) return drainMainQueue();
     machine.scheduler.schedule(0, Timeline::Context::mainThreadCallback, &machine, drainMainQueue);

@@ -1,5 +1,5 @@
-// A simulated machine seen through Apple's frameworks: recognition, converters and sound files go through the
-// adapters for macOS and the stand-ins to those of the simulation, in virtual time.
+// Runs a simulated machine through Apple's frameworks, in virtual time. Recognition, converters and sound
+// files pass through the macOS adapters and the stand-ins to the simulation.
 #pragma once
 
 #include "apple-stand-ins/frameworks/FrameworkBehaviour.h"
@@ -11,16 +11,16 @@
 
 namespace palaver {
 
-// Lives as long as the machine runs. Main thread.
+// Main thread. Destroy it with the machine.
 class AppleSimulation {
  public:
   explicit AppleSimulation(SimulatedPlatform& machine);
-  // Runs what is still on the main dispatch queue: it belongs to this machine.
+  // Drains the main dispatch queue, whose blocks belong to this machine.
   ~AppleSimulation();
   AppleSimulation(const AppleSimulation&) = delete;
   AppleSimulation& operator=(const AppleSimulation&) = delete;
 
-  // The simulated machine's platform with the adapters in their places.
+  // Returns the simulated platform with the adapters substituted.
   Platform over(const Platform& simulated);
 
   FrameworkBehaviour behaviour;

@@ -19,8 +19,8 @@ void drainMainQueue() {
 bool serveMainQueueUntil(const std::function<bool()>& condition) {
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::seconds(60);
-  // A slice ends when something has been delivered; its length only bounds how long a condition that changes
-  // by itself goes unseen.
+  // A slice ends after a delivery. Its length only bounds how late a condition that changes without a
+  // delivery is noticed.
   constexpr CFTimeInterval slice = 0.05;  // s
   while (!condition()) {
     if (Clock::now() >= deadline) return false;

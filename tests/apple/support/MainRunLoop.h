@@ -1,15 +1,15 @@
-// The main thread's run loop, for tests whose main thread is the test's own. Main thread, not from inside a
-// block of the main dispatch queue.
+// Runs the main thread's run loop in tests. Main thread only, not inside a block of the main dispatch queue.
 #pragma once
 
 #include <functional>
 
 namespace palaver {
 
-// Runs all that has been put on the main dispatch queue until now.
+// Runs all blocks currently on the main dispatch queue.
 void drainMainQueue();
 
-// Serves the main dispatch queue until the condition holds. False after a time that no slow machine needs.
+// Serves the main dispatch queue until the condition holds. Returns false after a time-out that slow machines
+// do not reach.
 bool serveMainQueueUntil(const std::function<bool()>& condition);
 
 }  // namespace palaver

@@ -1,4 +1,4 @@
-// The analysis of macOS over a stand-in framework that does what another analysis does.
+// Provides the macOS analysis over a framework stand-in that forwards to another analysis.
 #pragma once
 
 #include <memory>

@@ -1,4 +1,4 @@
-// The whole analyzer backend on the macOS analysis: conversations of a host, on real threads.
+// Tests the complete analyzer backend on the macOS analysis: host conversations on real threads.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -30,7 +30,7 @@ namespace {
 
 using nlohmann::json;
 
-// What was written, event by event.
+// Records output as events.
 class EventLog final : public OutputStream {
  public:
   void write(std::string_view bytes) override {
@@ -44,7 +44,7 @@ class EventLog final : public OutputStream {
     return parse(type);
   }
 
-  // Waits for so many events of a type, and returns them.
+  // Waits for `count` events of a type and returns them.
   std::vector<json> waitFor(const std::string& type, std::size_t count) {
     std::unique_lock lock(lock_);
     EXPECT_TRUE(changed_.wait_for(lock, awaitedDeadline, [&] { return parse(type).size() >= count; }))
@@ -69,14 +69,14 @@ class EventLog final : public OutputStream {
   std::string text_;
 };
 
-// A pool that stays, as the helper's own does: a thread of Swift may still be on its way out of a completion
+// Creates a pool that is never destroyed, as in the helper. A Swift thread may still be leaving a completion
 // when the last task has ended.
 ThreadPoolTasks& makeTasks() {
   static auto& all = *new std::vector<std::unique_ptr<ThreadPoolTasks>>;
   return *all.emplace_back(std::make_unique<ThreadPoolTasks>());
 }
 
-// A host and its helper, without what lies between them.
+// Connects a host and a helper backend directly.
 template <typename Subject>
 class Conversation {
  public:
@@ -91,7 +91,7 @@ class Conversation {
     }
   }
 
-  // Waits until no task of the backend is left; all channels must have been ended.
+  // Waits until the backend has no tasks. All channels must have been ended.
   void join() {
     auto& context = asio::query(tasks.executor(), asio::execution::context);
     static_cast<asio::thread_pool&>(context).join();
@@ -137,7 +137,7 @@ std::set<std::string> texts(const std::vector<json>& events) {
   return texts;
 }
 
-TEST(AppleAnalyzerBackend, TheStatusFollowsTheModel) {
+TEST(AppleAnalyzerBackend, StatusFollowsModel) {
   Simulated conversation;
   conversation.backend.emitStatus();
   const auto events = conversation.log.waitFor("helper.status", 2);
@@ -147,7 +147,7 @@ TEST(AppleAnalyzerBackend, TheStatusFollowsTheModel) {
   conversation.join();
 }
 
-TEST(AppleAnalyzerBackend, BothSourcesOfASessionAreTranscribed) {
+TEST(AppleAnalyzerBackend, BothSourcesAreTranscribed) {
   Simulated conversation;
   conversation.backend.startSession("s1", "ja-JP", {});
   const auto speech = conversation.subject.speech();
@@ -167,7 +167,7 @@ TEST(AppleAnalyzerBackend, BothSourcesOfASessionAreTranscribed) {
   EXPECT_TRUE(conversation.behaviour.waitForObjects(0));
 }
 
-TEST(AppleAnalyzerBackend, ASessionThatHeardNothingStopsWithoutHoldingAnAnalyzer) {
+TEST(AppleAnalyzerBackend, SilentSessionReleasesItsAnalyzers) {
   Simulated conversation({.finishingWithoutAudioIsNeverAnswered = true});
   conversation.backend.startSession("s1", "ja-JP", {});
   conversation.log.waitFor("session.ready", 2);
@@ -178,7 +178,7 @@ TEST(AppleAnalyzerBackend, ASessionThatHeardNothingStopsWithoutHoldingAnAnalyzer
   EXPECT_TRUE(conversation.log.events("helper.error").empty());
 }
 
-TEST(AppleAnalyzerBackend, MutingDropsWhatIsNotFinal) {
+TEST(AppleAnalyzerBackend, MutingDropsUnfinishedText) {
   Simulated conversation;
   conversation.backend.startSession("s1", "ja-JP", {});
   conversation.say(conversation.subject.speech(), "s1", AudioSource::remote);
@@ -191,7 +191,7 @@ TEST(AppleAnalyzerBackend, MutingDropsWhatIsNotFinal) {
   EXPECT_TRUE(conversation.behaviour.waitForObjects(0));
 }
 
-TEST(AppleAnalyzerBackend, ASessionTooManySaysSoAndTheNextOneWorks) {
+TEST(AppleAnalyzerBackend, SessionOverLimitFailsAndNextSucceeds) {
   Simulated conversation({.maxPreparedAnalyzers = 3});
   conversation.backend.startSession("s1", "ja-JP", {});
   conversation.log.waitFor("session.ready", 2);
@@ -211,7 +211,7 @@ TEST(AppleAnalyzerBackend, ASessionTooManySaysSoAndTheNextOneWorks) {
   conversation.join();
 }
 
-TEST(AppleAnalyzerBackend, TimesThatAreNotFiniteAreTheStartOfTheAudio) {
+TEST(AppleAnalyzerBackend, NonFiniteTimesMapToAudioStart) {
   Simulated conversation;
   auto& simulated = static_cast<SimulatedSpeechAnalysis&>(conversation.subject.analysis());
   conversation.backend.startSession("s1", "ja-JP", {});
@@ -228,7 +228,7 @@ TEST(AppleAnalyzerBackend, TimesThatAreNotFiniteAreTheStartOfTheAudio) {
   conversation.join();
 }
 
-TEST(AppleAnalyzerBackend, APersonIsUnderstood) {
+TEST(AppleAnalyzerBackend, RecordedSpeechIsTranscribed) {
   Conversation<RecognizedAnalysisSubject> conversation;
   conversation.backend.startSession("s1", "en-US", {});
   conversation.say(conversation.subject.speech(), "s1", AudioSource::selfAudio);

@@ -1,4 +1,4 @@
-// The macOS analysis as every analysis must be: over the simulated one, and over a real recognizer.
+// Runs the analysis contract against the macOS analysis, over the simulated one and over a real recognizer.
 #include "tests/apple/swift/AppleAnalysisSubject.h"
 #include "tests/support/SpeechAnalysisContract.h"
 #include "tests/support/SpeechAnalysisSubjects.h"

@@ -1,5 +1,5 @@
-// What is particular to the macOS analysis: each thing that is reported of the framework, and the translation
-// of every answer.
+// Tests macOS specifics of the analysis: every deviation reported of the framework, and the translation of
+// every answer.
 #include "platform/macos/AppleSpeechAnalysis.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ constexpr const char* speechErrorDomain = "SFSpeechErrorDomain";
 
 class AppleSpeechAnalysisTest : public testing::Test {
  protected:
-  // Before the first use of the analysis.
+  // Call before the first use of the analysis.
   void start(AnalysisState state = {}, AnalysisQuirks quirks = {}) {
     if (state.utterances.empty()) state.utterances = {tenMeters()};
     simulated.setState(std::move(state));
@@ -31,7 +31,7 @@ class AppleSpeechAnalysisTest : public testing::Test {
     analysis.emplace();
   }
 
-  // `prepare`: whether it is prepared, which must succeed.
+  // `prepare`: prepares the session and requires success.
   AnalysisSession open(bool prepare = true) {
     auto session = makeSession(*analysis, "ja-JP");
     if (prepare) EXPECT_FALSE(session.prepare());
@@ -53,11 +53,9 @@ class AppleSpeechAnalysisTest : public testing::Test {
   std::optional<AppleSpeechAnalysis> analysis;
 };
 
-// Quirks.
-
 constexpr AnalysisQuirks silentFinish{.finishingWithoutAudioIsNeverAnswered = true};
 
-TEST_F(AppleSpeechAnalysisTest, AnAnalyzerThatWasNeverFedFinishes) {
+TEST_F(AppleSpeechAnalysisTest, UnfedAnalyzerFinishes) {
   start({}, silentFinish);
   const auto session = open();
   EXPECT_FALSE(session.finish());
@@ -68,18 +66,18 @@ TEST_F(AppleSpeechAnalysisTest, AnAnalyzerThatWasNeverFedFinishes) {
   EXPECT_TRUE(simulated.analyses()[0].cancelledAt);
 }
 
-TEST_F(AppleSpeechAnalysisTest, AnAnalyzerThatWasFedWithNothingOrTooLateFinishes) {
+TEST_F(AppleSpeechAnalysisTest, AnalyzerFedNothingOrTooLateFinishes) {
   start({}, silentFinish);
   const auto session = open();
   session.input->yield(std::make_shared<PCMBuffer>(session.format, 0));
-  session.input->yield(std::make_shared<PCMBuffer>(session.format, 100));  // of no frames
+  session.input->yield(std::make_shared<PCMBuffer>(session.format, 100));  // no frames
   session.input->finish();
   session.feed(speech);
   EXPECT_FALSE(session.finish());
   EXPECT_TRUE(session.readAll().endWith<EndOfResults>());
 }
 
-TEST_F(AppleSpeechAnalysisTest, AnAnalyzerThatWasFedIsFinalized) {
+TEST_F(AppleSpeechAnalysisTest, FedAnalyzerIsFinalized) {
   start({}, silentFinish);
   const auto session = open();
   session.feed(speech);
@@ -89,7 +87,7 @@ TEST_F(AppleSpeechAnalysisTest, AnAnalyzerThatWasFedIsFinalized) {
   EXPECT_FALSE(simulated.analyses()[0].cancelledAt);
 }
 
-TEST_F(AppleSpeechAnalysisTest, AnAnalyzerTooManyIsRefusedAndDoesNotCount) {
+TEST_F(AppleSpeechAnalysisTest, AnalyzerOverLimitIsRejectedAndReleased) {
   start({}, {.maxPreparedAnalyzers = 3});
   const std::array sessions{open(), open(), open()};
   const auto tooMany = open(false);
@@ -102,7 +100,7 @@ TEST_F(AppleSpeechAnalysisTest, AnAnalyzerTooManyIsRefusedAndDoesNotCount) {
   EXPECT_EQ(next.readAll().finalText(), "go forward ten meters");
 }
 
-TEST_F(AppleSpeechAnalysisTest, ResultsThatComeBeforeTheirReaderAreNotLost) {
+TEST_F(AppleSpeechAnalysisTest, ResultsBeforeFirstReadAreKept) {
   start({}, {.unreadResultsAreLost = true});
   const auto session = open();
   session.feed(speech);
@@ -112,7 +110,7 @@ TEST_F(AppleSpeechAnalysisTest, ResultsThatComeBeforeTheirReaderAreNotLost) {
   EXPECT_EQ(read.finalText(), "go forward ten meters");
 }
 
-TEST_F(AppleSpeechAnalysisTest, TimesThatAreNotFiniteArePassedOn) {
+TEST_F(AppleSpeechAnalysisTest, NonFiniteTimesAreForwarded) {
   start();
   const auto session = open();
   constexpr auto infinity = std::numeric_limits<double>::infinity();
@@ -132,7 +130,7 @@ TEST_F(AppleSpeechAnalysisTest, TimesThatAreNotFiniteArePassedOn) {
   EXPECT_TRUE(read.results[3].isFinal);
 }
 
-TEST_F(AppleSpeechAnalysisTest, AudioOfAnotherSampleTypeIsRefusedBeforeItEndsTheProcess) {
+TEST_F(AppleSpeechAnalysisTest, WrongSampleTypeIsRejectedBeforeFramework) {
   start();
   const auto session = open();
   const auto floats = std::make_shared<PCMBuffer>(AudioFormat{CommonFormat::float32, 16000, 1, true}, 160);
@@ -143,9 +141,9 @@ TEST_F(AppleSpeechAnalysisTest, AudioOfAnotherSampleTypeIsRefusedBeforeItEndsThe
   EXPECT_EQ(session.readAll().finalText(), "go forward ten meters") << "the analyzer stays usable";
 }
 
-TEST_F(AppleSpeechAnalysisTest, AudioThatCannotBeReadIsRefused) {
+TEST_F(AppleSpeechAnalysisTest, UnreadableAudioIsRejected) {
   start();
-  const auto session = open(false);  // no format is known yet
+  const auto session = open(false);  // the format is not known yet
   const auto doubles = std::make_shared<PCMBuffer>(AudioFormat{CommonFormat::float64, 16000, 1, true}, 160);
   doubles->setFrameLength(160);
   EXPECT_THROW(session.input->yield(doubles), std::invalid_argument);
@@ -155,13 +153,13 @@ TEST_F(AppleSpeechAnalysisTest, AudioThatCannotBeReadIsRefused) {
   EXPECT_THROW(session.input->yield(quadraphonic), std::runtime_error) << "the system has no such format";
 }
 
-TEST_F(AppleSpeechAnalysisTest, AStatusThatLiesIsPassedOn) {
+TEST_F(AppleSpeechAnalysisTest, ReportedStatusIsForwarded) {
   start({}, {.reportedStatus = AssetStatus::supported});
   const auto transcriber = makeTranscriber(*analysis, "ja-JP");
   EXPECT_EQ(askForStatus(*analysis, transcriber), AssetStatus::supported);
 }
 
-TEST_F(AppleSpeechAnalysisTest, AskingForAnInstallationReservesTheLocale) {
+TEST_F(AppleSpeechAnalysisTest, InstallationRequestReservesLocale) {
   AnalysisState state;
   state.locales = {{"ja-JP", "ja_JP"}, {"en-US", "en_US"}};
   start(state, {.maxReservedLocales = 1});
@@ -175,9 +173,7 @@ TEST_F(AppleSpeechAnalysisTest, AskingForAnInstallationReservesTheLocale) {
   expectError(std::get<PlatformError>(*other), speechErrorDomain, 11, "Too many allocated locales");
 }
 
-// Translation.
-
-TEST_F(AppleSpeechAnalysisTest, AvailabilityIsTheTranscribers) {
+TEST_F(AppleSpeechAnalysisTest, AvailabilityFollowsTranscriber) {
   AnalysisState state;
   start(state);
   EXPECT_TRUE(analysis->isTranscriberAvailable());
@@ -186,7 +182,7 @@ TEST_F(AppleSpeechAnalysisTest, AvailabilityIsTheTranscribers) {
   EXPECT_FALSE(analysis->isTranscriberAvailable());
 }
 
-TEST_F(AppleSpeechAnalysisTest, TheSupportedLocaleIsTheSystemsIdentifier) {
+TEST_F(AppleSpeechAnalysisTest, SupportedLocaleIsSystemIdentifier) {
   AnalysisState state;
   state.locales = {{"ja-JP", "ja_JP"}, {"zh-Hant-TW", "zh_TW"}};
   start(state);
@@ -197,7 +193,7 @@ TEST_F(AppleSpeechAnalysisTest, TheSupportedLocaleIsTheSystemsIdentifier) {
   EXPECT_EQ(askForLocale(*analysis, "\xff\xfe"), std::nullopt) << "no UTF-8";
 }
 
-TEST_F(AppleSpeechAnalysisTest, TextGoesThroughAsItIs) {
+TEST_F(AppleSpeechAnalysisTest, TextIsUnchanged) {
   start();
   const std::vector<std::string> phrases{"会議", "", "naïve café", std::string("a\0b", 3), "👩‍💻"};
   auto session = makeSession(*analysis, "ja-JP", phrases);
@@ -211,7 +207,7 @@ TEST_F(AppleSpeechAnalysisTest, TextGoesThroughAsItIs) {
   EXPECT_EQ(texts, phrases);
 }
 
-TEST_F(AppleSpeechAnalysisTest, EveryStatusHasItsName) {
+TEST_F(AppleSpeechAnalysisTest, EveryStatusIsTranslated) {
   AnalysisState state;
   start(state);
   const auto transcriber = makeTranscriber(*analysis, "ja-JP");
@@ -223,14 +219,14 @@ TEST_F(AppleSpeechAnalysisTest, EveryStatusHasItsName) {
   }
 }
 
-TEST_F(AppleSpeechAnalysisTest, AFormatThatIsMissingIsNone) {
+TEST_F(AppleSpeechAnalysisTest, MissingFormatIsNone) {
   AnalysisState state;
   state.format = std::nullopt;
   start(state);
   EXPECT_EQ(askForFormat(*analysis, makeTranscriber(*analysis, "ja-JP")), std::nullopt);
 }
 
-TEST_F(AppleSpeechAnalysisTest, AudioArrivesInTheAnalyzersOwnFormat) {
+TEST_F(AppleSpeechAnalysisTest, AudioArrivesInAnalyzerFormat) {
   for (const AudioFormat format :
        {AudioFormat{CommonFormat::int16, 16000, 1, true}, AudioFormat{CommonFormat::int16, 48000, 1, false},
         AudioFormat{CommonFormat::int16, 24000, 2, true},
@@ -243,7 +239,7 @@ TEST_F(AppleSpeechAnalysisTest, AudioArrivesInTheAnalyzersOwnFormat) {
     const auto session = open();
     EXPECT_EQ(session.format, format);
     EXPECT_EQ(session.format.interleaved, format.interleaved);
-    // Mono audio may say that it is interleaved or not: it is the same.
+    // For mono audio, interleaved and non-interleaved are equal.
     auto mine = format;
     if (format.channelCount == 1) mine.interleaved = !format.interleaved;
     const auto buffer = std::make_shared<PCMBuffer>(mine, 300);
@@ -261,7 +257,7 @@ TEST_F(AppleSpeechAnalysisTest, AudioArrivesInTheAnalyzersOwnFormat) {
   }
 }
 
-TEST_F(AppleSpeechAnalysisTest, EveryChunkArrivesInOrder) {
+TEST_F(AppleSpeechAnalysisTest, ChunksArriveInOrder) {
   start();
   const auto session = open();
   std::vector<std::int16_t> expected;
@@ -276,7 +272,7 @@ TEST_F(AppleSpeechAnalysisTest, EveryChunkArrivesInOrder) {
   EXPECT_EQ(arrived, expected);
 }
 
-TEST_F(AppleSpeechAnalysisTest, ErrorsHaveTheirDomainCodeAndText) {
+TEST_F(AppleSpeechAnalysisTest, ErrorsKeepDomainCodeAndText) {
   AnalysisState state;
   state.prepare.error = PlatformError(speechErrorDomain, 3, "音声形式に対応していません");
   state.finalize.error = PlatformError("NSOSStatusErrorDomain", -50, "wrong parameter");
@@ -291,7 +287,7 @@ TEST_F(AppleSpeechAnalysisTest, ErrorsHaveTheirDomainCodeAndText) {
   expectError(std::get<PlatformError>(*request), speechErrorDomain, 15, "cannot be reserved");
 }
 
-TEST_F(AppleSpeechAnalysisTest, ResultsThatFailSayWhy) {
+TEST_F(AppleSpeechAnalysisTest, FailedResultsReportError) {
   start();
   const auto session = open();
   simulated.emit(0, TranscriptionResult{"so far", 0, 1, false});
@@ -302,14 +298,14 @@ TEST_F(AppleSpeechAnalysisTest, ResultsThatFailSayWhy) {
   expectError(std::get<PlatformError>(*read.end), speechErrorDomain, 2, "overlapping audio");
 }
 
-TEST_F(AppleSpeechAnalysisTest, ACancelledResultStreamIsNoFailure) {
+TEST_F(AppleSpeechAnalysisTest, CancelledResultStreamIsNotAnError) {
   start();
   const auto session = open();
   simulated.emit(0, ResultsCancelled{});
   EXPECT_TRUE(session.readAll().endWith<ResultsCancelled>());
 }
 
-TEST_F(AppleSpeechAnalysisTest, AnOperationThatTheSystemCancelsIsAnError) {
+TEST_F(AppleSpeechAnalysisTest, OperationCancelledBySystemIsAnError) {
   AnalysisState state;
   state.prepare.error = PlatformError("CancellationError", 1, "");
   start(state);
@@ -319,7 +315,7 @@ TEST_F(AppleSpeechAnalysisTest, AnOperationThatTheSystemCancelsIsAnError) {
   EXPECT_FALSE(error->localizedDescription().empty());
 }
 
-TEST_F(AppleSpeechAnalysisTest, AMissingModelIsDownloaded) {
+TEST_F(AppleSpeechAnalysisTest, MissingModelIsDownloaded) {
   AnalysisState state;
   state.model = AssetStatus::supported;
   state.download.takes = 5;
@@ -337,7 +333,7 @@ TEST_F(AppleSpeechAnalysisTest, AMissingModelIsDownloaded) {
   EXPECT_EQ(askForStatus(*analysis, transcriber), AssetStatus::installed);
 }
 
-TEST_F(AppleSpeechAnalysisTest, ADownloadThatFailsSaysWhy) {
+TEST_F(AppleSpeechAnalysisTest, FailedDownloadReportsError) {
   AnalysisState state;
   state.model = AssetStatus::supported;
   state.download.error =
@@ -352,9 +348,7 @@ TEST_F(AppleSpeechAnalysisTest, ADownloadThatFailsSaysWhy) {
   expectError(*error, "NSURLErrorDomain", -1009, "The Internet connection appears to be offline.");
 }
 
-// Lifetimes.
-
-TEST_F(AppleSpeechAnalysisTest, NothingOfTheFrameworkIsLeftBehind) {
+TEST_F(AppleSpeechAnalysisTest, FrameworkObjectsAreReleased) {
   AnalysisState state;
   state.model = AssetStatus::supported;
   start(state);
@@ -369,7 +363,7 @@ TEST_F(AppleSpeechAnalysisTest, NothingOfTheFrameworkIsLeftBehind) {
   EXPECT_TRUE(behaviour->waitForObjects(0));
 }
 
-TEST_F(AppleSpeechAnalysisTest, AnswersThatComeTooLateAreHarmless) {
+TEST_F(AppleSpeechAnalysisTest, LateAnswersAreIgnored) {
   AnalysisState state;
   start(state);
   auto session = open();
@@ -406,7 +400,7 @@ TEST_F(AppleSpeechAnalysisTest, AnswersThatComeTooLateAreHarmless) {
   EXPECT_FALSE(locale.hasAnswer() || format.hasAnswer() || status.hasAnswer() || installation.hasAnswer() ||
                prepared.hasAnswer() || finished.hasAnswer() || cancelled.hasAnswer() || result.hasAnswer());
   session = {};
-  // The framework answers now, also those of its tasks that have only just come to ask.
+  // Abandons pending questions repeatedly, because tasks may still be starting one.
   int attempts = 0;
   do simulated.abandon();
   while (!behaviour->waitForObjects(0, std::chrono::milliseconds(10)) && ++attempts < 6000);
@@ -415,12 +409,12 @@ TEST_F(AppleSpeechAnalysisTest, AnswersThatComeTooLateAreHarmless) {
 
 using AppleSpeechAnalysisDeathTest = AppleSpeechAnalysisTest;
 
-TEST_F(AppleSpeechAnalysisDeathTest, TheFrameworkEndsTheProcessOverFloats) {
+TEST_F(AppleSpeechAnalysisDeathTest, FrameworkEndsProcessForFloatSamples) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
       {
         start();
-        auto session = open(false);  // so that nobody refuses them
+        auto session = open(false);  // unprepared, so that the adapter does not reject the floats
         const auto floats =
             std::make_shared<PCMBuffer>(AudioFormat{CommonFormat::float32, 16000, 1, true}, 160);
         floats->setFrameLength(160);

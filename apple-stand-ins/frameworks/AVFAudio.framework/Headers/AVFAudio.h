@@ -1,14 +1,14 @@
-// AVFAudio, as far as the sources of this project use it: declarations written here after Apple's
-// documentation (developer.apple.com/documentation/avfaudio). On a Mac the SDK's own header is used instead.
+// Declares the parts of AVFAudio that this project uses. Written for this project after Apple's documentation
+// (developer.apple.com/documentation/avfaudio). A Mac uses the SDK's header instead.
 #pragma once
 
 #import <Foundation/Foundation.h>
 
 NS_ASSUME_NONNULL_BEGIN
 
-// The SDK has these two in CoreAudioTypes, which its AVFAudio includes.
+// The SDK declares these two in CoreAudioTypes, which its AVFAudio includes.
 struct AudioBuffer {
-  uint32_t mNumberChannels;  // interleaved ones; 1 for each buffer of a format that is not interleaved
+  uint32_t mNumberChannels;  // interleaved channels; 1 per buffer of a non-interleaved format
   uint32_t mDataByteSize;
   void *_Nullable mData;
 };
@@ -16,7 +16,7 @@ typedef struct AudioBuffer AudioBuffer;
 
 struct AudioBufferList {
   uint32_t mNumberBuffers;
-  AudioBuffer mBuffers[1];  // of variable length
+  AudioBuffer mBuffers[1];  // variable length
 };
 typedef struct AudioBufferList AudioBufferList;
 
@@ -39,7 +39,7 @@ API_AVAILABLE(macos(10.10))
 @property(nonatomic, readonly) double sampleRate;  // Hz
 @property(nonatomic, readonly) AVAudioChannelCount channelCount;
 @property(nonatomic, readonly, getter=isInterleaved) BOOL interleaved;
-// Nil for more than two channels.
+// Returns nil for more than two channels.
 - (nullable instancetype)initWithCommonFormat:(AVAudioCommonFormat)format
                                    sampleRate:(double)sampleRate
                                      channels:(AVAudioChannelCount)channels

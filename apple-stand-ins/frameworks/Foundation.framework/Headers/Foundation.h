@@ -1,6 +1,6 @@
-// Foundation, as far as the sources of this project use it: declarations written here, so that the sources
-// for macOS compile where its SDK is not. Names, types and nullability are those that Apple documents
-// (developer.apple.com/documentation/foundation). On a Mac the SDK's own header is used instead.
+// Declares the parts of Foundation that this project uses, so that the macOS sources compile without its SDK.
+// Written for this project. Names, types and nullability follow Apple's documentation
+// (developer.apple.com/documentation/foundation). A Mac uses the SDK's header instead.
 #pragma once
 
 #import <objc/NSObject.h>
@@ -111,7 +111,7 @@ __attribute__((objc_exception))
 @end
 
 @interface NSURL : NSObject <NSCopying>
-// The path's bytes, for the system's calls.
+// Returns the path's bytes, for system calls.
 @property(readonly) const char *fileSystemRepresentation;
 + (NSURL *)fileURLWithFileSystemRepresentation:(const char *)path
                                    isDirectory:(BOOL)isDirectory

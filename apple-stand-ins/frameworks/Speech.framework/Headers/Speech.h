@@ -1,6 +1,5 @@
-// Speech, as far as the sources of this project use it from Objective-C++: declarations written here after
-// Apple's documentation (developer.apple.com/documentation/speech). On a Mac the SDK's own header is used
-// instead.
+// Declares the parts of Speech that this project uses from Objective-C++. Written for this project after
+// Apple's documentation (developer.apple.com/documentation/speech). A Mac uses the SDK's header instead.
 #pragma once
 
 #import <AVFAudio/AVFAudio.h>

@@ -1,4 +1,4 @@
-// The root class, for systems that have none.
+// Declares the root class, for systems without one.
 #pragma once
 
 #include <objc/objc.h>

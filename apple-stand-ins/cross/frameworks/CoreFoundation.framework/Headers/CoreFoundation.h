@@ -1,7 +1,7 @@
-// CoreFoundation, as far as the sources of this project use it, for the cross build alone: declarations
-// written here. Types and signatures are those that Apple documents
-// (developer.apple.com/documentation/corefoundation). On a Mac the SDK's own header is used, and in the tests
-// on Linux the one of the library itself, which is open.
+// Declares the parts of CoreFoundation that this project uses, for the cross build only. Written for this
+// project. Types and signatures follow Apple's documentation
+// (developer.apple.com/documentation/corefoundation). A Mac uses the SDK's header, and tests on Linux use the
+// header of the open-source library.
 #pragma once
 
 #include <stddef.h>
