@@ -38,7 +38,7 @@ class RecognizedSpeechAnalysis final : public SpeechAnalysis, public AssetInvent
 
   void status(const std::shared_ptr<SpeechTranscriber>& transcriber,
               UniqueFunction<void(AssetStatus)> completion) override;
-  // Nothing can be installed here: null, or an error when the model is missing.
+  // Never installs anything: passes null, or an error when the model is missing.
   void assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>& transcriber,
                                 UniqueFunction<void(InstallationRequest)> completion) override;
 
