@@ -43,7 +43,7 @@ class CommandLoopTest : public ::testing::Test {
   nlohmann::json status_;
 };
 
-TEST_F(CommandLoopTest, TheFirstLineIsTheStatus) {
+TEST_F(CommandLoopTest, StatusIsFirstLine) {
   EXPECT_THAT(keysOf(status_), ElementsAre("authorization", "available", "dictation", "implementation",
                                            "message", "modelStatus", "protocolVersion", "status", "type"));
   EXPECT_EQ(status_["type"], "helper.status");
@@ -52,7 +52,7 @@ TEST_F(CommandLoopTest, TheFirstLineIsTheStatus) {
   expectCleanEnd();
 }
 
-TEST_F(CommandLoopTest, APingIsAnsweredWithBothTimes) {
+TEST_F(CommandLoopTest, PongHasBothTimes) {
   const double before = now();
   const auto pong = ask(R"({"type":"ping","sentAt":1234.5,"sessionId":"s"})");
   const double after = now();
@@ -66,13 +66,13 @@ TEST_F(CommandLoopTest, APingIsAnsweredWithBothTimes) {
   expectCleanEnd();
 }
 
-TEST_F(CommandLoopTest, ATimeThatNoDoubleHoldsIsRefusedAndNotLost) {
+TEST_F(CommandLoopTest, TimeBeyondDoubleRangeIsRejected) {
   EXPECT_EQ(ask(R"({"type":"ping","sentAt":9e308})")["message"], "Invalid JSON command: a number is too big");
   EXPECT_EQ(ask(R"({"type":"ping","sentAt":1.7e308})")["sentAt"], 1.7e308);
   expectCleanEnd();
 }
 
-TEST_F(CommandLoopTest, AMissingFieldIsReportedWithoutASession) {
+TEST_F(CommandLoopTest, MissingFieldIsReportedWithoutSession) {
   const std::vector<std::pair<std::string, std::string>> cases{
       {R"({"type":"session.start","source":"self"})", "session.start requires sessionId"},
       {R"({"type":"session.stop"})", "session.stop requires sessionId"},
@@ -89,7 +89,7 @@ TEST_F(CommandLoopTest, AMissingFieldIsReportedWithoutASession) {
   expectCleanEnd();
 }
 
-TEST_F(CommandLoopTest, AnUnknownTypeIsReportedWithItsSessionAndSource) {
+TEST_F(CommandLoopTest, UnknownTypeIsReportedWithSessionAndSource) {
   const auto error = ask(R"({"type":"dance","sessionId":"s","source":"self"})");
   EXPECT_THAT(keysOf(error), ElementsAre("at", "message", "sessionId", "source", "type"));
   EXPECT_EQ(error["message"], "Unsupported command type: dance");
@@ -99,7 +99,7 @@ TEST_F(CommandLoopTest, AnUnknownTypeIsReportedWithItsSessionAndSource) {
   expectCleanEnd();
 }
 
-TEST_F(CommandLoopTest, AnUnknownSourceIsAnInvalidCommandAndNotAMissingField) {
+TEST_F(CommandLoopTest, UnknownSourceMakesCommandInvalid) {
   const auto error =
       ask(R"({"type":"audio","sessionId":"a","source":"mic","sequence":1,"capturedAt":1,"pcmBase64":""})");
   EXPECT_THAT(keysOf(error), ElementsAre("at", "message", "type"));
@@ -107,7 +107,7 @@ TEST_F(CommandLoopTest, AnUnknownSourceIsAnInvalidCommandAndNotAMissingField) {
   expectCleanEnd();
 }
 
-TEST_F(CommandLoopTest, ASessionIsOpenedAndClosed) {
+TEST_F(CommandLoopTest, SessionStartsAndStops) {
   const auto ready = ask(R"({"type":"session.start","sessionId":"s"})");
   EXPECT_THAT(keysOf(ready), ElementsAre("available", "implementation", "locale", "sessionId", "type"));
   EXPECT_EQ(ready["type"], "session.ready");
@@ -124,7 +124,7 @@ TEST_F(CommandLoopTest, ASessionIsOpenedAndClosed) {
   expectCleanEnd();
 }
 
-TEST_F(CommandLoopTest, AudioOfNoSessionIsReportedWithItsSessionAndSource) {
+TEST_F(CommandLoopTest, AudioWithoutSessionIsReportedWithIdAndSource) {
   const auto error = ask(
       R"({"type":"audio","sessionId":"s/1","source":"remote","sequence":1,"capturedAt":1,"pcmBase64":"AAA="})");
   EXPECT_EQ(error["message"], "Audio received before session.start");
@@ -133,14 +133,14 @@ TEST_F(CommandLoopTest, AudioOfNoSessionIsReportedWithItsSessionAndSource) {
   expectCleanEnd();
 }
 
-TEST_F(CommandLoopTest, ShutdownEndsTheProcessWithStatus0WhileTheInputStaysOpen) {
+TEST_F(CommandLoopTest, ShutdownExits0WhileInputIsOpen) {
   EXPECT_TRUE(helper_.sendLine(R"({"type":"shutdown"})"));
   EXPECT_EQ(helper_.readRest(), "");
   EXPECT_EQ(helper_.wait(), exited(0));
   EXPECT_EQ(helper_.errorText(), "");
 }
 
-TEST_F(CommandLoopTest, LinesBehindAShutdownAreNeverHandled) {
+TEST_F(CommandLoopTest, LinesAfterShutdownAreIgnored) {
   EXPECT_TRUE(helper_.send(R"({"type":"ping","sentAt":1})"
                            "\n"
                            R"({"type":"shutdown"})"
@@ -155,7 +155,7 @@ TEST_F(CommandLoopTest, LinesBehindAShutdownAreNeverHandled) {
   EXPECT_EQ(helper_.wait(), exited(0));
 }
 
-TEST_F(CommandLoopTest, TheEndOfInputComesAfterEveryCommandOfABurst) {
+TEST_F(CommandLoopTest, EndOfInputHandlesBurstFirst) {
 #ifdef PALAVER_SANITIZED
   constexpr int count = 5000;
 #else
@@ -171,7 +171,7 @@ TEST_F(CommandLoopTest, TheEndOfInputComesAfterEveryCommandOfABurst) {
   EXPECT_EQ(helper_.errorText(), "");
 }
 
-TEST(CommandLoopStartTest, TheStatusComesBeforeAnyAnswerHoweverEarlyTheCommand) {
+TEST(CommandLoopStartTest, StatusPrecedesAnswersToEarlyCommands) {
   for (int round = 0; round < 20; ++round) {
     HelperProcess helper;
     ASSERT_TRUE(helper.send("bad\n{\"type\":\"ping\"}\n"));
@@ -185,7 +185,7 @@ TEST(CommandLoopStartTest, TheStatusComesBeforeAnyAnswerHoweverEarlyTheCommand) 
   }
 }
 
-TEST(CommandLoopStartTest, AnInputThatEndsAtOnceEndsTheProcessWithStatus0) {
+TEST(CommandLoopStartTest, EmptyInputExits0) {
   HelperProcess helper;
   helper.closeInput();
   EXPECT_EQ(helper.readEvents().size(), 1U);
@@ -193,7 +193,7 @@ TEST(CommandLoopStartTest, AnInputThatEndsAtOnceEndsTheProcessWithStatus0) {
   EXPECT_EQ(helper.errorText(), "");
 }
 
-TEST(CommandLoopStartTest, SignalsEndTheProcessAsTheyEndAnyOther) {
+TEST(CommandLoopStartTest, SignalsHaveDefaultEffect) {
   for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGKILL}) {
     HelperProcess helper;
     ASSERT_EQ(helper.readEvent()["type"], "helper.status");
@@ -203,7 +203,7 @@ TEST(CommandLoopStartTest, SignalsEndTheProcessAsTheyEndAnyOther) {
   }
 }
 
-TEST(CommandLoopStartTest, ABrokenPipeSignalFromOutsideIsIgnored) {
+TEST(CommandLoopStartTest, ExternalSIGPIPEIsIgnored) {
   HelperProcess helper;
   ASSERT_EQ(helper.readEvent()["type"], "helper.status");
   helper.signal(SIGPIPE);
@@ -213,7 +213,7 @@ TEST(CommandLoopStartTest, ABrokenPipeSignalFromOutsideIsIgnored) {
   EXPECT_EQ(helper.wait(), exited(0));
 }
 
-TEST(CommandLoopStartTest, AStopAndAContinueLoseNothing) {
+TEST(CommandLoopStartTest, StopAndContinueLoseNothing) {
   HelperProcess helper;
   ASSERT_EQ(helper.readEvent()["type"], "helper.status");
   helper.signal(SIGSTOP);
@@ -225,7 +225,7 @@ TEST(CommandLoopStartTest, AStopAndAContinueLoseNothing) {
 }
 
 // A bad line is reported by the reader while the main thread may be ending the process.
-TEST(CommandLoopStartTest, AnEndInTheMiddleOfErrorsLeavesOnlyWholeLines) {
+TEST(CommandLoopStartTest, EndDuringErrorsLeavesOnlyWholeLines) {
   for (int round = 0; round < 20; ++round) {
     HelperProcess helper;
     std::string input = R"({"type":"shutdown"})"

@@ -38,49 +38,49 @@ class InputTest : public ::testing::Test {
   int pings_ = 0;
 };
 
-TEST_F(InputTest, ABlankLineProducesNoOutput) {
+TEST_F(InputTest, BlankLineProducesNoOutput) {
   ASSERT_TRUE(helper_.send("\n\n   \n\t\r\n\r\n\xE3\x80\x80\n\xC2\xA0\n\xE2\x80\xA8\n"));
   expectAlive();
 }
 
-TEST_F(InputTest, ALineMayEndInCarriageReturnAndLineFeed) {
+TEST_F(InputTest, LineMayEndInCRLF) {
   ASSERT_TRUE(helper_.send("{\"type\":\"ping\",\"sentAt\":5}\r\n"));
   EXPECT_EQ(helper_.readEvent()["sentAt"], 5);
 }
 
-TEST_F(InputTest, ACommandMayComeByteByByte) {
+TEST_F(InputTest, CommandMayArriveByteByByte) {
   const std::string line = "{\"type\":\"dance\",\"sessionId\":\"あ\"}\n";
   for (const char byte : line) ASSERT_TRUE(helper_.send({&byte, 1}));
   EXPECT_EQ(helper_.readEvent()["sessionId"], "あ");
 }
 
-TEST_F(InputTest, ACommandWithoutATypeIsInvalid) {
+TEST_F(InputTest, CommandWithoutTypeIsInvalid) {
   expectInvalid("{}", "type is missing");
 }
 
-TEST_F(InputTest, WhatIsNoJSONIsInvalid) {
+TEST_F(InputTest, NonJSONIsInvalid) {
   expectInvalid("hello", "a value is malformed at byte 0");
   expectInvalid("{\"type\":\"ping\"", "the line ends too early at byte 14");
   expectInvalid("[]", "expected an object");
   expectInvalid("null", "expected an object");
 }
 
-TEST_F(InputTest, AByteOrderMarkIsInvalid) {
+TEST_F(InputTest, ByteOrderMarkIsInvalid) {
   expectInvalid("\xEF\xBB\xBF{\"type\":\"ping\"}", "a value is malformed at byte 0");
 }
 
-TEST_F(InputTest, InvalidUTF8IsInvalid) {
+TEST_F(InputTest, InvalidUTF8IsRejected) {
   expectInvalid("{\"type\":\"ping\xFF\"}", "the line is not valid UTF-8");
   expectInvalid("\xFF\xFE\xFD", "the line is not valid UTF-8");
   expectInvalid("{\"type\":\"\xED\xA0\x80\"}", "the line is not valid UTF-8");
 }
 
-TEST_F(InputTest, HalfASurrogatePairIsInvalid) {
+TEST_F(InputTest, LoneSurrogateIsInvalid) {
   expectInvalid(R"({"type":"\ud800"})", "an escape sequence is half of a surrogate pair at byte 9");
   expectInvalid(R"({"type":"\udc00"})", "an escape sequence is half of a surrogate pair");
 }
 
-TEST_F(InputTest, ANULByteIsInvalid) {
+TEST_F(InputTest, NULByteIsInvalid) {
   using namespace std::string_view_literals;
   expectInvalid("\0"sv, "a value is malformed at byte 0");
   expectInvalid("{\"type\":\"ping\"}\0"sv, "something follows the object at byte 15");
@@ -94,7 +94,7 @@ TEST_F(InputTest, DeepNestingIsInvalid) {
   expectInvalid(objects, "nested deeper than 512 levels");
 }
 
-TEST_F(InputTest, AHugeLineIsHandledLikeAnyOther) {
+TEST_F(InputTest, HugeLineIsHandledNormally) {
   const std::string huge(std::size_t{64} << 20, 'x');
   ASSERT_TRUE(helper_.send(R"({"type":"ping","sentAt":1,"extra":")" + huge + "\"}\n"));
   EXPECT_EQ(helper_.readEvent()["sentAt"], 1);
@@ -104,13 +104,13 @@ TEST_F(InputTest, AHugeLineIsHandledLikeAnyOther) {
   expectAlive();
 }
 
-TEST_F(InputTest, AHugeUnknownTypeIsEchoedWhole) {
+TEST_F(InputTest, HugeUnknownTypeIsEchoedWhole) {
   const std::string type(std::size_t{1} << 20, 't');
   ASSERT_TRUE(helper_.sendLine("{\"type\":\"" + type + "\"}"));
   EXPECT_TRUE(helper_.readEvent()["message"] == "Unsupported command type: " + type);
 }
 
-TEST_F(InputTest, EveryTextOfAnUnknownTypeComesBackEscaped) {
+TEST_F(InputTest, UnknownTypeIsEchoedEscaped) {
   ASSERT_TRUE(helper_.sendLine(R"({"type":"a\n\u0000\"\\/\u2028😀","sessionId":"\r\n"})"));
   const auto line = helper_.readLine();
   ASSERT_TRUE(line);
@@ -120,20 +120,20 @@ TEST_F(InputTest, EveryTextOfAnUnknownTypeComesBackEscaped) {
   EXPECT_EQ(error["sessionId"], "\r\n");
 }
 
-TEST_F(InputTest, AnErrorNeverRepeatsThePayload) {
+TEST_F(InputTest, ErrorNeverRepeatsPayload) {
   ASSERT_TRUE(helper_.sendLine(R"({"type":"audio","sessionId":"Geheimnis","pcmBase64":Geheimnis})"));
   const auto line = helper_.readLine();
   ASSERT_TRUE(line);
   EXPECT_THAT(*line, Not(HasSubstr("Geheimnis")));
 }
 
-TEST_F(InputTest, TheLastLineMayLackItsLineFeed) {
+TEST_F(InputTest, LastLineMayLackLineFeed) {
   ASSERT_TRUE(helper_.send(R"({"type":"ping","sentAt":77})"));
   helper_.closeInput();
   EXPECT_EQ(helper_.readEvent()["sentAt"], 77);
 }
 
-TEST_F(InputTest, ATruncatedLastLineIsReported) {
+TEST_F(InputTest, TruncatedLastLineIsReported) {
   ASSERT_TRUE(helper_.send(R"({"type":"pi)"));
   helper_.closeInput();
   EXPECT_EQ(helper_.readEvent()["message"], "Invalid JSON command: the line ends too early at byte 11");

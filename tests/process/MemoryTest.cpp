@@ -40,18 +40,18 @@ class MemoryTest : public ::testing::Test {
   std::size_t base_ = 0;
 };
 
-TEST_F(MemoryTest, TheHelperIsSmall) {
+TEST_F(MemoryTest, HelperIsSmall) {
   EXPECT_LT(base_, 16 * mebibyte);
 }
 
-TEST_F(MemoryTest, TheMemoryOfAHugeLineComesBack) {
+TEST_F(MemoryTest, MemoryOfHugeLineIsReleased) {
   ASSERT_TRUE(
       helper_.send(R"({"type":"ping","sentAt":1,"extra":")" + std::string(64 * mebibyte, 'x') + "\"}\n"));
   ASSERT_EQ(helper_.readEvent()["sentAt"], 1);
   EXPECT_LT(residentMemoryOnceBelow(base_ + 2 * mebibyte), base_ + 2 * mebibyte);
 }
 
-TEST_F(MemoryTest, TheMemoryOfAStallComesBack) {
+TEST_F(MemoryTest, MemoryOfStallIsReleased) {
   std::string commands;
   for (int i = 0; i < 20000; ++i)
     commands += "{\"type\":\"ping\",\"sentAt\":0}\n";  // the answers fill the pipe
@@ -65,7 +65,7 @@ TEST_F(MemoryTest, TheMemoryOfAStallComesBack) {
   EXPECT_LT(residentMemoryOnceBelow(base_ + 4 * mebibyte), base_ + 4 * mebibyte);
 }
 
-TEST_F(MemoryTest, ASteadyStreamDoesNotGrow) {
+TEST_F(MemoryTest, SteadyStreamDoesNotGrow) {
   const std::string audio =
       R"({"type":"audio","sessionId":"none","source":"self","sequence":1,"capturedAt":1,)"
       R"("pcmBase64":")" +

@@ -50,7 +50,7 @@ constexpr auto researchNeedsMacOS26 =
 constexpr auto assetsNeedMacOS26 =
     "SpeechAnalyzer assets require macOS 26 and the macOS 26 SDK (Xcode/Command Line Tools 26)";
 
-TEST(ModesTest, HealthWritesOneReportAndExitsWithStatus0) {
+TEST(ModesTest, HealthWritesOneReportAndExits0) {
   const auto outcome = run({"--health"});
   ASSERT_EQ(outcome.events.size(), 1U) << outcome.text;
   const auto& report = outcome.events[0];
@@ -67,14 +67,14 @@ TEST(ModesTest, HealthWritesOneReportAndExitsWithStatus0) {
   EXPECT_EQ(outcome.errorText, "");
 }
 
-TEST(ModesTest, OnlyTheFirstArgumentChoosesTheMode) {
+TEST(ModesTest, OnlyFirstArgumentSelectsMode) {
   const auto outcome = run({"--health", "--authorize", "--install-assets"});
   ASSERT_EQ(outcome.events.size(), 1U);
   EXPECT_EQ(outcome.events[0]["type"], "helper.status");
   EXPECT_EQ(outcome.end, exited(0));
 }
 
-TEST(ModesTest, AuthorizeWritesTheAnswerAndExitsWithStatus0) {
+TEST(ModesTest, AuthorizeWritesAnswerAndExits0) {
   for (const auto& arguments : {std::vector<std::string>{"--authorize"}, {"--authorize", "--health", "x"}}) {
     const auto outcome = run(arguments);
     ASSERT_EQ(outcome.events.size(), 1U) << outcome.text;
@@ -86,24 +86,24 @@ TEST(ModesTest, AuthorizeWritesTheAnswerAndExitsWithStatus0) {
   }
 }
 
-TEST(ModesTest, InstallAssetsNeedsANewerSystemAndExitsWithStatus1) {
+TEST(ModesTest, InstallAssetsExits1OnOlderSystem) {
   expectOneError(run({"--install-assets"}), assetsNeedMacOS26, 1);
   expectOneError(run({"--install-assets", "en-US"}), assetsNeedMacOS26, 1);
   expectOneError(run({"--install-assets", "en-US", "more"}), assetsNeedMacOS26, 1);
 }
 
-TEST(ModesTest, ResearchNeedsExactlyTwoPathsBeforeAnythingElse) {
+TEST(ModesTest, ResearchWithoutTwoPathsExits2) {
   expectOneError(run({"--research-transcribe-file"}), usage, 2);
   expectOneError(run({"--research-transcribe-file", "a.wav"}), usage, 2);
   expectOneError(run({"--research-transcribe-file", "a.wav", "v.json", "more"}), usage, 2);
 }
 
-TEST(ModesTest, ResearchNeedsANewerSystemAndExitsWithStatus1) {
+TEST(ModesTest, ResearchExits1OnOlderSystem) {
   expectOneError(run({"--research-transcribe-file", "a.wav", "v.json"}), researchNeedsMacOS26, 1);
   expectOneError(run({"--research-transcribe-file", "", ""}), researchNeedsMacOS26, 1);
 }
 
-TEST(ModesTest, EventsAreWrittenAsLinesWithSortedKeysAndNoWhiteSpace) {
+TEST(ModesTest, EventsHaveSortedKeysAndNoWhiteSpace) {
   for (const auto& arguments :
        {std::vector<std::string>{"--health"}, {"--authorize"}, {"--install-assets"}}) {
     const auto outcome = run(arguments);
@@ -112,7 +112,7 @@ TEST(ModesTest, EventsAreWrittenAsLinesWithSortedKeysAndNoWhiteSpace) {
   }
 }
 
-TEST(ModesTest, AnythingElseIsTheCommandLoop) {
+TEST(ModesTest, OtherArgumentsSelectCommandLoop) {
   const std::vector<std::vector<std::string>> all{{},
                                                   {"--helth"},
                                                   {"--Health"},
@@ -145,7 +145,7 @@ TEST(ModesTest, AnythingElseIsTheCommandLoop) {
   }
 }
 
-TEST(ModesTest, TheNameOfTheProgramIsNoArgument) {
+TEST(ModesTest, ProgramNameIsNotAnArgument) {
   for (const auto* const name : {"", "--health", "--authorize", "--install-assets"}) {
     HelperProcess helper(HelperProcess::Options{.argument0 = name});
     EXPECT_EQ(helper.readEvent()["type"], "helper.status");
@@ -155,7 +155,7 @@ TEST(ModesTest, TheNameOfTheProgramIsNoArgument) {
   }
 }
 
-TEST(ModesTest, AMarkerInTheEnvironmentChangesNothingHere) {
+TEST(ModesTest, EnvironmentMarkerHasNoEffectHere) {
   for (const auto* const variable : {"PALAVER_DISCLAIMED=1", "PALAVER_DISCLAIMED=0", "LC_ALL=de_DE.UTF-8"}) {
     HelperProcess helper(HelperProcess::Options{.environment = {variable}});
     EXPECT_EQ(helper.readEvent()["type"], "helper.status");

@@ -107,7 +107,7 @@ void expectCarriedOn(const Reexec& helper) {
   EXPECT_EQ(after, helper.before()[0]);
 }
 
-TEST(ReexecTest, TheChildGetsTheSameOfEverythingAndTheMarkerLast) {
+TEST(ReexecTest, ChildInheritsEverythingPlusMarkerLast) {
   Strings environment;
   for (int i = 0; i < 500; ++i)
     environment.push_back("VARIABLE_" + std::to_string(i * 7919 % 500) + "=" + std::string(100, 'v') +
@@ -140,7 +140,7 @@ TEST(ReexecTest, TheChildGetsTheSameOfEverythingAndTheMarkerLast) {
   EXPECT_EQ(helper.errorText(), "");
 }
 
-TEST(ReexecTest, TheResponsibilityIsDisclaimedOnTheAttributesThatTheChildIsStartedWith) {
+TEST(ReexecTest, ChildIsSpawnedDisclaimed) {
   Reexec helper;
   const auto disclaim = [&] {
     while (const auto event = helper.readOne())
@@ -157,7 +157,7 @@ TEST(ReexecTest, TheResponsibilityIsDisclaimedOnTheAttributesThatTheChildIsStart
   EXPECT_THAT(helper.calls(), ElementsAre("init", "disclaim", "spawn", "destroy"));
 }
 
-TEST(ReexecTest, TheChildMayUseEveryDescriptor) {
+TEST(ReexecTest, ChildInheritsDescriptors) {
   std::array<int, 2> ends{};
   ASSERT_EQ(::pipe(ends.data()), 0);
   Reexec helper;
@@ -175,7 +175,7 @@ TEST(ReexecTest, TheChildMayUseEveryDescriptor) {
   ::close(ends[0]);
 }
 
-TEST(ReexecTest, TheChildKeepsIgnoredAndBlockedSignals) {
+TEST(ReexecTest, ChildKeepsIgnoredAndBlockedSignals) {
   for (const int signal : forwardedSignals) {
     const auto number = std::to_string(signal);
     Reexec ignoring({"REEXEC_IGNORE=" + number});
@@ -193,7 +193,7 @@ TEST(ReexecTest, TheChildKeepsIgnoredAndBlockedSignals) {
   }
 }
 
-TEST(ReexecTest, TheFirstProcessEndsWithTheStatusOfTheChild) {
+TEST(ReexecTest, WrapperExitsWithStatusOfChild) {
   for (const int status : {0, 1, 3, 127, 255}) {
     Reexec helper;
     EXPECT_EQ(helper.tellAndWait("exit " + std::to_string(status)), exited(status));
@@ -202,7 +202,7 @@ TEST(ReexecTest, TheFirstProcessEndsWithTheStatusOfTheChild) {
   }
 }
 
-TEST(ReexecTest, TheFirstProcessEndsWithStatus1WhenASignalEndedTheChild) {
+TEST(ReexecTest, WrapperExits1WhenSignalKillsChild) {
   for (const int signal : {SIGKILL, SIGTERM, SIGUSR1}) {
     Reexec helper;
     EXPECT_EQ(helper.tellAndWait("die " + std::to_string(signal)), exited(1));
@@ -211,7 +211,7 @@ TEST(ReexecTest, TheFirstProcessEndsWithStatus1WhenASignalEndedTheChild) {
   }
 }
 
-TEST(ReexecTest, TheEndOfTheInputReachesTheChild) {
+TEST(ReexecTest, EndOfInputReachesChild) {
   Reexec helper;
   helper.closeInput();
   while (helper.readOne()) {
@@ -219,7 +219,7 @@ TEST(ReexecTest, TheEndOfTheInputReachesTheChild) {
   EXPECT_EQ(helper.wait(), exited(99));
 }
 
-TEST(ReexecTest, ASignalReachesTheChildAndTheFirstProcessOutlivesIt) {
+TEST(ReexecTest, SignalReachesChildAndWrapperSurvives) {
   for (const int signal : forwardedSignals) {
     Reexec helper;
     helper.readUntilReady();
@@ -232,7 +232,7 @@ TEST(ReexecTest, ASignalReachesTheChildAndTheFirstProcessOutlivesIt) {
   }
 }
 
-TEST(ReexecTest, EachOfManySignalsReachesTheChild) {
+TEST(ReexecTest, EveryForwardedSignalReachesChild) {
   Reexec helper;
   helper.readUntilReady();
   for (int i = 0; i < 300; ++i) {
@@ -244,7 +244,7 @@ TEST(ReexecTest, EachOfManySignalsReachesTheChild) {
   EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
 }
 
-TEST(ReexecTest, ABurstOfSignalsEndsNeitherProcess) {
+TEST(ReexecTest, SignalBurstEndsNeitherProcess) {
   Reexec helper;
   helper.readUntilReady();
   for (int i = 0; i < 1000; ++i)
@@ -268,7 +268,7 @@ std::optional<HelperProcess::End> endAfterSignal(Reexec& helper) {
   return helper.wait();
 }
 
-TEST(ReexecTest, ASignalRightAfterTheStartReachesTheChild) {
+TEST(ReexecTest, SignalRightAfterSpawnReachesChild) {
   for (const int signal : forwardedSignals) {
     Reexec helper({"REEXEC_RAISE=" + std::to_string(signal)});
     const auto end = endAfterSignal(helper);
@@ -278,7 +278,7 @@ TEST(ReexecTest, ASignalRightAfterTheStartReachesTheChild) {
   }
 }
 
-TEST(ReexecTest, ASignalAtAnyMomentOfTheStartLeavesNoProcessBehind) {
+TEST(ReexecTest, SignalDuringStartLeavesNoProcessBehind) {
   for (int i = 0; i < 90; ++i) {
     const int signal = forwardedSignals[static_cast<std::size_t>(i) % 3];
     Reexec helper;
@@ -295,7 +295,7 @@ TEST(ReexecTest, ASignalAtAnyMomentOfTheStartLeavesNoProcessBehind) {
   }
 }
 
-TEST(ReexecTest, AMarkedProcessStartsNoOther) {
+TEST(ReexecTest, MarkedProcessStartsNoChild) {
   for (const Strings& environment :
        {Strings{"PALAVER_DISCLAIMED=1"}, {"PALAVER_DISCLAIMED=0", "PALAVER_DISCLAIMED=1"}}) {
     Reexec helper(environment);
@@ -306,7 +306,7 @@ TEST(ReexecTest, AMarkedProcessStartsNoOther) {
   }
 }
 
-TEST(ReexecTest, AnyOtherValueIsNoMarkerAndStaysInTheEnvironment) {
+TEST(ReexecTest, OtherMarkerValueIsIgnoredAndKept) {
   for (const std::string entry :
        {"PALAVER_DISCLAIMED=0", "PALAVER_DISCLAIMED=", "PALAVER_DISCLAIMED=11", "PALAVER_DISCLAIMED= 1",
         "PALAVER_DISCLAIMED=true", "PALAVER_DISCLAIMED", "PALAVER_DISCLAIMED2=1", "palaver_disclaimed=1"}) {
@@ -322,7 +322,7 @@ TEST(ReexecTest, AnyOtherValueIsNoMarkerAndStaysInTheEnvironment) {
   }
 }
 
-TEST(ReexecTest, TheFirstProcessCarriesOnSilentlyWhereItCannotBeStartedAgain) {
+TEST(ReexecTest, ProcessContinuesSilentlyWhenReexecFails) {
   struct Case {
     const char* description;
     Strings settings, calls;
@@ -354,7 +354,7 @@ TEST(ReexecTest, TheFirstProcessCarriesOnSilentlyWhereItCannotBeStartedAgain) {
   }
 }
 
-TEST(ReexecTest, TheProgramsOwnNameIsStartedWhereThereIsNoPath) {
+TEST(ReexecTest, Argument0IsSpawnedWithoutExecutablePath) {
   Reexec helper({"REEXEC_EXECUTABLE=none"}, {"argument"}, PALAVER_REEXEC_PROGRAM);
   helper.readUntilReady();
   expectStartedAgain(helper);
@@ -362,12 +362,12 @@ TEST(ReexecTest, TheProgramsOwnNameIsStartedWhereThereIsNoPath) {
   EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
 }
 
-TEST(ReexecTest, AnInterruptedWaitGoesOn) {
+TEST(ReexecTest, InterruptedWaitResumes) {
   Reexec helper({"REEXEC_WAIT=" + std::to_string(EINTR)});
   EXPECT_EQ(helper.tellAndWait("exit 6"), exited(6));
 }
 
-TEST(ReexecTest, AWaitThatFailsEndsTheFirstProcessWithStatus0) {
+TEST(ReexecTest, FailedWaitExits0) {
   Reexec helper({"REEXEC_WAIT=" + std::to_string(ECHILD)});
   EXPECT_EQ(helper.tellAndWait("exit 6"), exited(0));
   // The system forgets how children ended whose parent ignores that.
@@ -395,7 +395,7 @@ bool hasChild(pid_t parent) {
   return false;
 }
 
-TEST(ReexecTest, TheHelperStartsNoSecondProcessHere) {
+TEST(ReexecTest, HelperStartsNoChildHere) {
   ASSERT_TRUE(hasChild(::getppid()));  // this test itself is found
   for (const auto& [environment, expected] :
        {std::pair<Strings, std::string>{{"A=b"}, std::string("A=b\0", 4)},

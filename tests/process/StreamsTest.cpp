@@ -31,7 +31,7 @@ void expectBurstAnswered(HelperProcess& helper) {
   EXPECT_EQ(helper.errorText(), "");
 }
 
-TEST(StreamsTest, EveryKindOfStreamServes) {
+TEST(StreamsTest, EveryKindOfStreamWorks) {
   for (const auto kind : {Kind::pipe, Kind::socket})
     for (const bool nonBlockingInput : {false, true})
       for (const bool nonBlockingOutput : {false, true}) {
@@ -44,7 +44,7 @@ TEST(StreamsTest, EveryKindOfStreamServes) {
       }
 }
 
-TEST(StreamsTest, AHostThatReadsOneByteAtATimeGetsEverything) {
+TEST(StreamsTest, ByteWiseReaderGetsEverything) {
   HelperProcess helper(Options{.input = {.kind = Kind::socket, .nonBlocking = true},
                                .output = {.kind = Kind::socket, .nonBlocking = true}});
   constexpr int count = 500;
@@ -56,7 +56,7 @@ TEST(StreamsTest, AHostThatReadsOneByteAtATimeGetsEverything) {
   EXPECT_EQ(helper.wait(), exited(0));
 }
 
-TEST(StreamsTest, ALineLargerThanTheSocketArrivesWholeOnANonBlockingOutput) {
+TEST(StreamsTest, LargeLineIsWholeOnNonBlockingOutput) {
   HelperProcess helper(Options{.output = {.kind = Kind::socket, .nonBlocking = true}});
   const std::string type(std::size_t{4} << 20, 'x');
   ASSERT_TRUE(helper.sendLine("{\"type\":\"" + type + "\"}"));
@@ -67,7 +67,7 @@ TEST(StreamsTest, ALineLargerThanTheSocketArrivesWholeOnANonBlockingOutput) {
   EXPECT_EQ(helper.wait(), exited(0));
 }
 
-TEST(StreamsTest, AHostThatDoesNotReadIsStillReadFrom) {
+TEST(StreamsTest, InputIsReadWhileHostDoesNotRead) {
   for (const bool nonBlocking : {false, true}) {
     HelperProcess helper(Options{.output = {.kind = Kind::socket, .nonBlocking = nonBlocking}});
     // Far more than all buffers between the two hold, in both directions, while nobody reads.
@@ -86,7 +86,7 @@ TEST(StreamsTest, AHostThatDoesNotReadIsStillReadFrom) {
   }
 }
 
-TEST(StreamsTest, AReaderThatHasGoneDoesNotKillTheHelper) {
+TEST(StreamsTest, ClosedReaderDoesNotKillHelper) {
   for (const auto kind : {Kind::pipe, Kind::socket})
     for (const bool nonBlocking : {false, true}) {
       HelperProcess helper(Options{.output = {.kind = kind, .nonBlocking = nonBlocking}});
@@ -99,7 +99,7 @@ TEST(StreamsTest, AReaderThatHasGoneDoesNotKillTheHelper) {
     }
 }
 
-TEST(StreamsTest, AReaderThatGoesWhileTheHelperIsStuckInAWriteFreesIt) {
+TEST(StreamsTest, ReaderClosingDuringWriteUnblocksHelper) {
   for (const bool nonBlocking : {false, true}) {
     HelperProcess helper(Options{.output = {.kind = Kind::socket, .nonBlocking = nonBlocking}});
     ASSERT_TRUE(helper.send(pings(burst)));
@@ -109,7 +109,7 @@ TEST(StreamsTest, AReaderThatGoesWhileTheHelperIsStuckInAWriteFreesIt) {
   }
 }
 
-TEST(StreamsTest, AFullDiskDoesNotStopTheHelper) {
+TEST(StreamsTest, FullDiskDoesNotStopHelper) {
   HelperProcess helper(Options{.output = {.kind = Kind::file, .path = "/dev/full"}});
   EXPECT_TRUE(helper.send(pings(100)));
   helper.closeInput();
@@ -117,7 +117,7 @@ TEST(StreamsTest, AFullDiskDoesNotStopTheHelper) {
   EXPECT_EQ(helper.errorText(), "");
 }
 
-TEST(StreamsTest, AnInputThatCannotBeReadIsAnInputThatHasEnded) {
+TEST(StreamsTest, UnreadableInputCountsAsEnded) {
   for (const auto* const path : {"/dev/null", "/"}) {
     HelperProcess helper(Options{.input = {.kind = Kind::file, .path = path}});
     EXPECT_EQ(helper.readEvents().size(), 1U);
@@ -126,7 +126,7 @@ TEST(StreamsTest, AnInputThatCannotBeReadIsAnInputThatHasEnded) {
   }
 }
 
-TEST(StreamsTest, AClosedInputIsAnInputThatHasEnded) {
+TEST(StreamsTest, ClosedInputCountsAsEnded) {
   HelperProcess helper(Options{.input = {.kind = Kind::closed}});
   const auto events = helper.readEvents();
   ASSERT_EQ(events.size(), 1U);
@@ -134,7 +134,7 @@ TEST(StreamsTest, AClosedInputIsAnInputThatHasEnded) {
   EXPECT_EQ(helper.wait(), exited(0));
 }
 
-TEST(StreamsTest, AClosedOutputLosesTheEventsAndNothingElse) {
+TEST(StreamsTest, ClosedOutputLosesOnlyEvents) {
   HelperProcess helper(Options{.output = {.kind = Kind::closed}});
   EXPECT_TRUE(helper.send(pings(100)));
   helper.closeInput();
@@ -142,12 +142,12 @@ TEST(StreamsTest, AClosedOutputLosesTheEventsAndNothingElse) {
   EXPECT_EQ(helper.errorText(), "");
 }
 
-TEST(StreamsTest, AClosedErrorStreamChangesNothing) {
+TEST(StreamsTest, ClosedErrorStreamChangesNothing) {
   HelperProcess helper(Options{.error = {.kind = Kind::closed}});
   expectBurstAnswered(helper);
 }
 
-TEST(StreamsTest, EveryCombinationOfClosedStreamsEndsWithStatus0) {
+TEST(StreamsTest, EveryCombinationOfClosedStreamsExits0) {
   for (int closed = 0; closed < 8; ++closed) {
     const auto stream = [closed](int bit) {
       return Stream{.kind = closed & bit ? Kind::closed : Kind::pipe};
@@ -160,7 +160,7 @@ TEST(StreamsTest, EveryCombinationOfClosedStreamsEndsWithStatus0) {
   }
 }
 
-TEST(StreamsTest, AOneShotModeServesWhateverItsStreamsAre) {
+TEST(StreamsTest, OneShotModesWorkOnAnyStreams) {
   for (int closed = 0; closed < 8; ++closed) {
     const auto stream = [closed](int bit) {
       return Stream{.kind = closed & bit ? Kind::closed : Kind::pipe};

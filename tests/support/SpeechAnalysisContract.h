@@ -38,12 +38,12 @@ class SpeechAnalysisContract : public testing::TestWithParam<SpeechAnalysisContr
   std::unique_ptr<SpeechAnalysisContractSubject> subject_ = GetParam()();
 };
 
-TEST_P(SpeechAnalysisContract, ALocaleThatNobodyKnowsIsNotSupported) {
+TEST_P(SpeechAnalysisContract, UnknownLocaleIsNotSupported) {
   EXPECT_EQ(askForLocale(analysis(), "not a locale"), std::nullopt);
   EXPECT_EQ(askForLocale(analysis(), ""), std::nullopt);
 }
 
-TEST_P(SpeechAnalysisContract, AnInstalledModelNeedsNoInstallation) {
+TEST_P(SpeechAnalysisContract, InstalledModelNeedsNoInstallation) {
   const auto transcriber = makeTranscriber(analysis(), subject_->locale());
   EXPECT_EQ(askForStatus(analysis(), transcriber), AssetStatus::installed);
   const auto request = askForInstallation(analysis(), transcriber);
@@ -51,12 +51,12 @@ TEST_P(SpeechAnalysisContract, AnInstalledModelNeedsNoInstallation) {
   EXPECT_FALSE(std::get<std::shared_ptr<AssetInstallationRequest>>(*request));
 }
 
-TEST_P(SpeechAnalysisContract, AnalyzersWant16BitsAt16Kilohertz) {
+TEST_P(SpeechAnalysisContract, AnalyzerFormatIs16Bit16KHz) {
   const auto transcriber = makeTranscriber(analysis(), subject_->locale());
   EXPECT_EQ(askForFormat(analysis(), transcriber), (AudioFormat{CommonFormat::int16, 16000, 1, true}));
 }
 
-TEST_P(SpeechAnalysisContract, SpeechGivesVolatileResultsAndAFinalOne) {
+TEST_P(SpeechAnalysisContract, SpeechYieldsVolatileResultsAndFinal) {
   const auto session = open();
   const auto speech = subject_->speech();
   session.feed(speech);
@@ -78,7 +78,7 @@ TEST_P(SpeechAnalysisContract, SpeechGivesVolatileResultsAndAFinalOne) {
   }
 }
 
-TEST_P(SpeechAnalysisContract, ResultsWaitForTheirReader) {
+TEST_P(SpeechAnalysisContract, ResultsAreKeptUntilRead) {
   const auto session = open();
   session.feed(subject_->speech());
   EXPECT_FALSE(session.finish());
@@ -87,7 +87,7 @@ TEST_P(SpeechAnalysisContract, ResultsWaitForTheirReader) {
   EXPECT_TRUE(read.endWith<EndOfResults>());
 }
 
-TEST_P(SpeechAnalysisContract, AReaderMayWaitForTheFirstResult) {
+TEST_P(SpeechAnalysisContract, ReaderMayWaitForFirstResult) {
   const auto session = open();
   Awaited<NextResult> first;
   session.transcriber->nextResult(first.completion());
@@ -98,7 +98,7 @@ TEST_P(SpeechAnalysisContract, AReaderMayWaitForTheFirstResult) {
   EXPECT_FALSE(session.readAll().finalText().empty());
 }
 
-TEST_P(SpeechAnalysisContract, AnAnalysisWithoutAudioEndsWithoutResults) {
+TEST_P(SpeechAnalysisContract, AnalysisWithoutAudioEndsWithoutResults) {
   const auto session = open();
   Awaited<NextResult> first;
   session.transcriber->nextResult(first.completion());
@@ -108,7 +108,7 @@ TEST_P(SpeechAnalysisContract, AnAnalysisWithoutAudioEndsWithoutResults) {
   EXPECT_TRUE(std::holds_alternative<EndOfResults>(*result));
 }
 
-TEST_P(SpeechAnalysisContract, SilenceGivesNoText) {
+TEST_P(SpeechAnalysisContract, SilenceYieldsNoText) {
   const auto session = open();
   session.feed(std::vector<std::int16_t>(1600));
   EXPECT_FALSE(session.finish());
@@ -117,7 +117,7 @@ TEST_P(SpeechAnalysisContract, SilenceGivesNoText) {
   EXPECT_TRUE(read.endWith<EndOfResults>());
 }
 
-TEST_P(SpeechAnalysisContract, AudioBehindTheEndOfTheInputIsDropped) {
+TEST_P(SpeechAnalysisContract, AudioAfterEndOfInputIsDropped) {
   const auto session = open();
   session.input->finish();
   session.feed(subject_->speech());
@@ -125,7 +125,7 @@ TEST_P(SpeechAnalysisContract, AudioBehindTheEndOfTheInputIsDropped) {
   EXPECT_TRUE(session.readAll().results.empty());
 }
 
-TEST_P(SpeechAnalysisContract, CancellingTheAnalysisEndsTheResults) {
+TEST_P(SpeechAnalysisContract, CancellingAnalysisEndsResults) {
   const auto session = open();
   session.feed(subject_->speech());
   EXPECT_TRUE(session.cancel());
@@ -134,7 +134,7 @@ TEST_P(SpeechAnalysisContract, CancellingTheAnalysisEndsTheResults) {
   EXPECT_TRUE(read.results.empty()) << "what nobody has read by then is dropped";
 }
 
-TEST_P(SpeechAnalysisContract, CancellingTheAnalysisAnswersTheWaitingReader) {
+TEST_P(SpeechAnalysisContract, CancellingAnalysisResumesWaitingReader) {
   const auto session = open();
   Awaited<NextResult> waiting;
   session.transcriber->nextResult(waiting.completion());
@@ -144,7 +144,7 @@ TEST_P(SpeechAnalysisContract, CancellingTheAnalysisAnswersTheWaitingReader) {
   EXPECT_TRUE(std::holds_alternative<ResultsCancelled>(*result));
 }
 
-TEST_P(SpeechAnalysisContract, CancellingTheResultsAnswersTheWaitingReader) {
+TEST_P(SpeechAnalysisContract, CancellingResultsResumesWaitingReader) {
   const auto session = open();
   Awaited<NextResult> waiting;
   session.transcriber->nextResult(waiting.completion());
@@ -155,7 +155,7 @@ TEST_P(SpeechAnalysisContract, CancellingTheResultsAnswersTheWaitingReader) {
   EXPECT_TRUE(session.cancel());
 }
 
-TEST_P(SpeechAnalysisContract, ResultsThatWereCancelledStaySo) {
+TEST_P(SpeechAnalysisContract, CancelledResultsStayCancelled) {
   const auto session = open();
   session.transcriber->cancelResults();
   session.feed(subject_->speech());
@@ -165,7 +165,7 @@ TEST_P(SpeechAnalysisContract, ResultsThatWereCancelledStaySo) {
   EXPECT_TRUE(read.results.empty());
 }
 
-TEST_P(SpeechAnalysisContract, AnalyzersWorkSideBySide) {
+TEST_P(SpeechAnalysisContract, AnalyzersRunConcurrently) {
   const auto speech = subject_->speech();
   const auto one = open();
   const auto silent = open();
@@ -182,7 +182,7 @@ TEST_P(SpeechAnalysisContract, AnalyzersWorkSideBySide) {
   EXPECT_EQ(silent.readAll().finalText(), "");
 }
 
-TEST_P(SpeechAnalysisContract, AHundredPhrasesMayBePreferred) {
+TEST_P(SpeechAnalysisContract, Accepts100ContextualPhrases) {
   std::vector<std::string> phrases(98, "meters");
   phrases.push_back("会議の議事録");
   phrases.push_back("");
@@ -192,7 +192,7 @@ TEST_P(SpeechAnalysisContract, AHundredPhrasesMayBePreferred) {
   EXPECT_FALSE(session.readAll().finalText().empty());
 }
 
-TEST_P(SpeechAnalysisContract, AnOperationNeedsNoneOfTheObjectsThatItBeganWith) {
+TEST_P(SpeechAnalysisContract, OperationOutlivesItsObjects) {
   auto session = makeSession(analysis(), subject_->locale());
   Awaited<std::optional<PlatformError>> prepared;
   session.analyzer->prepareToAnalyze(session.format, prepared.completion());
@@ -210,7 +210,7 @@ TEST_P(SpeechAnalysisContract, AnOperationNeedsNoneOfTheObjectsThatItBeganWith) 
   EXPECT_FALSE(session.readAll().finalText().empty());
 }
 
-TEST_P(SpeechAnalysisContract, AReaderThatStillWaitsIsLetGoWithThePlatform) {
+TEST_P(SpeechAnalysisContract, WaitingReaderIsReleasedWithPlatform) {
   auto session = open();
   Awaited<NextResult> waiting;
   session.transcriber->nextResult(waiting.completion());

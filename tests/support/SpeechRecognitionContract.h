@@ -96,11 +96,11 @@ class SpeechRecognitionContract : public testing::TestWithParam<SpeechRecognitio
   const std::unique_ptr<SpeechRecognitionContractSubject> subject_ = GetParam()();
 };
 
-TEST_P(SpeechRecognitionContract, AnUnintelligibleLocaleIsNotSupported) {
+TEST_P(SpeechRecognitionContract, InvalidLocaleIsNotSupported) {
   EXPECT_FALSE(recognition().makeRecognizer("not a locale"));
 }
 
-TEST_P(SpeechRecognitionContract, AnInstalledLocaleIsRecognizedOnTheDevice) {
+TEST_P(SpeechRecognitionContract, InstalledLocaleIsRecognizedOnDevice) {
   EXPECT_TRUE(makeRecognizer()->supportsOnDeviceRecognition());
 }
 
@@ -111,7 +111,7 @@ TEST_P(SpeechRecognitionContract, AuthorizationIsAnsweredAtMostOnce) {
   EXPECT_LE(answers, 1);
 }
 
-TEST_P(SpeechRecognitionContract, SpeechIsAnsweredWithPartialResultsAndOneFinal) {
+TEST_P(SpeechRecognitionContract, SpeechYieldsPartialsAndOneFinal) {
   const auto recognizer = makeRecognizer();
   const auto request = recognizer->makeRequest(options());
   RecordedAnswers answers;
@@ -132,7 +132,7 @@ TEST_P(SpeechRecognitionContract, SpeechIsAnsweredWithPartialResultsAndOneFinal)
   EXPECT_TRUE(all.back().isLast()) << "nothing follows the final";
 }
 
-TEST_P(SpeechRecognitionContract, SegmentsAreInOrderAndInsideTheAudio) {
+TEST_P(SpeechRecognitionContract, SegmentsAreOrderedAndInsideAudio) {
   const auto recognizer = makeRecognizer();
   const auto request = recognizer->makeRequest(options());
   RecordedAnswers answers;
@@ -156,7 +156,7 @@ TEST_P(SpeechRecognitionContract, SegmentsAreInOrderAndInsideTheAudio) {
   }
 }
 
-TEST_P(SpeechRecognitionContract, WithoutPartialResultsTheFinalIsTheOnlyAnswer) {
+TEST_P(SpeechRecognitionContract, FinalIsOnlyAnswerWithoutPartials) {
   const auto recognizer = makeRecognizer();
   const auto request = recognizer->makeRequest(options(false));
   RecordedAnswers answers;
@@ -170,7 +170,7 @@ TEST_P(SpeechRecognitionContract, WithoutPartialResultsTheFinalIsTheOnlyAnswer) 
   EXPECT_EQ(answers.all().size(), 1U);
 }
 
-TEST_P(SpeechRecognitionContract, ARequestWithoutAudioEndsWithNoSpeech) {
+TEST_P(SpeechRecognitionContract, RequestWithoutAudioEndsWithNoSpeech) {
   const auto recognizer = makeRecognizer();
   const auto request = recognizer->makeRequest(options());
   RecordedAnswers answers;
@@ -191,7 +191,7 @@ TEST_P(SpeechRecognitionContract, SilenceEndsWithNoSpeech) {
   expectNoSpeech(last(answers));
 }
 
-TEST_P(SpeechRecognitionContract, AudioAndItsEndMayComeBeforeTheTaskStarts) {
+TEST_P(SpeechRecognitionContract, AudioAndItsEndMayPrecedeTask) {
   const auto recognizer = makeRecognizer();
   const auto request = recognizer->makeRequest(options());
   appendInBuffers(*request, subject_->speech());
@@ -204,7 +204,7 @@ TEST_P(SpeechRecognitionContract, AudioAndItsEndMayComeBeforeTheTaskStarts) {
   EXPECT_FALSE(answers.wasAnsweredInsideCall());
 }
 
-TEST_P(SpeechRecognitionContract, AudioAfterItsEndIsDropped) {
+TEST_P(SpeechRecognitionContract, AudioAfterEndIsDropped) {
   const auto recognizer = makeRecognizer();
   const auto request = recognizer->makeRequest(options());
   RecordedAnswers answers;
@@ -217,7 +217,7 @@ TEST_P(SpeechRecognitionContract, AudioAfterItsEndIsDropped) {
   EXPECT_EQ(answers.all().size(), 1U);
 }
 
-TEST_P(SpeechRecognitionContract, ACancelledTaskGivesNoFinal) {
+TEST_P(SpeechRecognitionContract, CancelledTaskYieldsNoFinal) {
   const auto recognizer = makeRecognizer();
   const auto request = recognizer->makeRequest(options());
   RecordedAnswers answers;
@@ -230,7 +230,7 @@ TEST_P(SpeechRecognitionContract, ACancelledTaskGivesNoFinal) {
   for (const auto& answer : answers.all()) EXPECT_FALSE(answer.result && answer.result->isFinal);
 }
 
-TEST_P(SpeechRecognitionContract, ATaskCancelledAfterItsEndOfAudioLeavesTheNextOneAlone) {
+TEST_P(SpeechRecognitionContract, CancellingFinishingTaskDoesNotAffectNext) {
   const auto recognizer = makeRecognizer();
   const auto abandoned = recognizer->makeRequest(options());
   RecordedAnswers ignored;
@@ -249,7 +249,7 @@ TEST_P(SpeechRecognitionContract, ATaskCancelledAfterItsEndOfAudioLeavesTheNextO
   EXPECT_FALSE(final->result->formattedString.empty());
 }
 
-TEST_P(SpeechRecognitionContract, TasksFollowOneAnotherOnOneRecognizer) {
+TEST_P(SpeechRecognitionContract, RecognizerRunsTasksInSequence) {
   const auto recognizer = makeRecognizer();
   for (int i = 0; i < 3; ++i) {
     const auto request = recognizer->makeRequest(options());
@@ -263,7 +263,7 @@ TEST_P(SpeechRecognitionContract, TasksFollowOneAnotherOnOneRecognizer) {
   }
 }
 
-TEST_P(SpeechRecognitionContract, TheEndOfATaskNeedsNeitherItsHandleNorItsRecognizer) {
+TEST_P(SpeechRecognitionContract, TaskOutlivesHandleAndRecognizer) {
   auto recognizer = makeRecognizer();
   auto request = recognizer->makeRequest(options());
   RecordedAnswers answers;
@@ -278,7 +278,7 @@ TEST_P(SpeechRecognitionContract, TheEndOfATaskNeedsNeitherItsHandleNorItsRecogn
   EXPECT_TRUE(final->result->isFinal);
 }
 
-TEST_P(SpeechRecognitionContract, ARequestThatIsNeverStartedDoesNoHarm) {
+TEST_P(SpeechRecognitionContract, UnstartedRequestIsHarmless) {
   const auto recognizer = makeRecognizer();
   {
     const auto request = recognizer->makeRequest(options());

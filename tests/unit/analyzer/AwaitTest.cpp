@@ -28,13 +28,13 @@ class AwaitTest : public testing::Test {
   std::vector<int> results;
 };
 
-TEST_F(AwaitTest, ACompletionInsideTheCallIsAnAnswer) {
+TEST_F(AwaitTest, CompletionInsideCallIsAnswer) {
   spawn(context.get_executor(), keep([](const Completion& completion) { completion(5); }));
   context.run();
   EXPECT_EQ(results, std::vector{5});
 }
 
-TEST_F(AwaitTest, ACompletionInsideTheCallDoesNotOvertakeWhatIsQueued) {
+TEST_F(AwaitTest, CompletionInsideCallKeepsQueueOrder) {
   spawn(context.get_executor(), keep([this](const Completion& completion) {
           asio::post(context, [this] { results.push_back(1); });
           completion(2);
@@ -43,7 +43,7 @@ TEST_F(AwaitTest, ACompletionInsideTheCallDoesNotOvertakeWhatIsQueued) {
   EXPECT_EQ(results, (std::vector{1, 2}));
 }
 
-TEST_F(AwaitTest, ACompletionFromAnotherThreadGoesOnWhereTheCoroutineRuns) {
+TEST_F(AwaitTest, CompletionOnOtherThreadResumesOnExecutor) {
   std::thread platform;
   std::thread::id resumedOn;
   const auto await = [&]() -> asio::awaitable<void> {
@@ -58,7 +58,7 @@ TEST_F(AwaitTest, ACompletionFromAnotherThreadGoesOnWhereTheCoroutineRuns) {
   EXPECT_EQ(resumedOn, std::this_thread::get_id());
 }
 
-TEST_F(AwaitTest, ACompletionLongAfterTheCallIsAnAnswer) {
+TEST_F(AwaitTest, CompletionLongAfterCallIsAnswer) {
   Completion kept;
   spawn(context.get_executor(), keep([&](Completion completion) { kept = std::move(completion); }));
   context.poll();
@@ -69,7 +69,7 @@ TEST_F(AwaitTest, ACompletionLongAfterTheCallIsAnAnswer) {
   EXPECT_EQ(results, std::vector{9});
 }
 
-TEST_F(AwaitTest, ACompletionThatIsDestroyedUncalledDestroysTheCoroutine) {
+TEST_F(AwaitTest, DestroyedCompletionDestroysCoroutine) {
   Completion kept;
   auto local = std::make_shared<int>(0);
   const std::weak_ptr<int> watched = local;
@@ -87,7 +87,7 @@ TEST_F(AwaitTest, ACompletionThatIsDestroyedUncalledDestroysTheCoroutine) {
   EXPECT_TRUE(watched.expired());
 }
 
-TEST_F(AwaitTest, ACompletionDestroyedInsideTheCallDestroysTheCoroutine) {
+TEST_F(AwaitTest, CompletionDestroyedInsideCallDestroysCoroutine) {
   auto local = std::make_shared<int>(0);
   const std::weak_ptr<int> watched = local;
   const auto await = [](std::shared_ptr<int> held) -> asio::awaitable<void> {
@@ -100,7 +100,7 @@ TEST_F(AwaitTest, ACompletionDestroyedInsideTheCallDestroysTheCoroutine) {
   EXPECT_TRUE(watched.expired());
 }
 
-TEST_F(AwaitTest, AnErrorIsThrownAndItsAbsenceIsNot) {
+TEST_F(AwaitTest, OnlyErrorIsThrown) {
   std::vector<std::string> log;
   const auto await = [&log](std::optional<PlatformError> answer) -> asio::awaitable<void> {
     try {
@@ -117,7 +117,7 @@ TEST_F(AwaitTest, AnErrorIsThrownAndItsAbsenceIsNot) {
 }
 
 // Coroutines directly on a pool: the answer may come, and another thread go on, before the call has returned.
-TEST(Await, CoroutinesOnAPoolSurviveAnswersFromEverywhere) {
+TEST(Await, PoolCoroutinesSurviveAnswersFromAnyThread) {
   constexpr int coroutines = 200;
   constexpr int rounds = 20;
   asio::thread_pool pool(4);

@@ -115,7 +115,7 @@ class BufferConverterTest : public testing::Test {
   std::optional<BufferConverter::ConversionError> failure;
 };
 
-TEST_F(BufferConverterTest, ABufferInTheTargetFormatComesBackAsTheSameObject) {
+TEST_F(BufferConverterTest, BufferInTargetFormatIsReturnedItself) {
   const auto buffer = silence(1600);
   EXPECT_EQ(converter.convert(buffer, helperFormat), buffer);
   EXPECT_EQ(converter.convert(buffer, {CommonFormat::int16, 16000, 1, true}), buffer)
@@ -123,7 +123,7 @@ TEST_F(BufferConverterTest, ABufferInTheTargetFormatComesBackAsTheSameObject) {
   EXPECT_EQ(record.made, 0);
 }
 
-TEST_F(BufferConverterTest, TheCapacityIsTheRatioRoundedUpAndAtLeastOne) {
+TEST_F(BufferConverterTest, CapacityIsRatioRoundedUpAndAtLeast1) {
   const std::vector<std::tuple<std::uint32_t, double, std::uint32_t>> cases{
       {1600, 48000, 4800}, {1600, 44100, 4410}, {1, 22050, 2}, {0, 48000, 1}, {1601, 8000, 801}};
   for (const auto& [frames, rate, capacity] : cases) {
@@ -133,12 +133,12 @@ TEST_F(BufferConverterTest, TheCapacityIsTheRatioRoundedUpAndAtLeastOne) {
   }
 }
 
-TEST_F(BufferConverterTest, AnEmptyBufferIsConvertedToAnEmptyBuffer) {
+TEST_F(BufferConverterTest, EmptyBufferStaysEmpty) {
   const auto output = converter.convert(silence(0), mono(CommonFormat::float32, 48000));
   EXPECT_EQ(output->frameLength(), 0u);
 }
 
-TEST_F(BufferConverterTest, OneConverterServesUntilAFormatChanges) {
+TEST_F(BufferConverterTest, ConverterIsReusedUntilFormatChanges) {
   const auto target = mono(CommonFormat::float32, 48000);
   converter.convert(silence(1600), target);
   converter.convert(silence(1600), target);
@@ -150,7 +150,7 @@ TEST_F(BufferConverterTest, OneConverterServesUntilAFormatChanges) {
   EXPECT_EQ(record.primeMethods, std::vector(3, ConverterPrimeMethod::none));
 }
 
-TEST_F(BufferConverterTest, EachCallGivesTheBufferOnceAndNeverEndsTheStream) {
+TEST_F(BufferConverterTest, EachCallProvidesBufferOnceAndNeverEndsStream) {
   converter.convert(silence(1600), mono(CommonFormat::int16, 48000));
   converter.convert(silence(1600), mono(CommonFormat::int16, 48000));
   const auto once = {ConverterInputStatus::haveData, ConverterInputStatus::noDataNow};
@@ -159,7 +159,7 @@ TEST_F(BufferConverterTest, EachCallGivesTheBufferOnceAndNeverEndsTheStream) {
   EXPECT_EQ(record.statuses, twice);
 }
 
-TEST_F(BufferConverterTest, WithoutAConverterTheNextCallTriesAgain) {
+TEST_F(BufferConverterTest, MissingConverterIsRetriedAtNextCall) {
   record.refuseToMake = true;
   EXPECT_EQ(failureOf(1600, mono(CommonFormat::int16, 48000)), Case::failedToCreateConverter);
   EXPECT_STREQ(
@@ -170,7 +170,7 @@ TEST_F(BufferConverterTest, WithoutAConverterTheNextCallTriesAgain) {
   EXPECT_EQ(record.made, 2);
 }
 
-TEST_F(BufferConverterTest, ARefusedOutputBufferIsAnErrorAndKeepsTheConverter) {
+TEST_F(BufferConverterTest, RefusedOutputBufferIsErrorAndKeepsConverter) {
   record.refuseBuffers = true;
   EXPECT_EQ(failureOf(1600, mono(CommonFormat::int16, 48000)), Case::failedToCreateBuffer);
   EXPECT_STREQ(
@@ -181,7 +181,7 @@ TEST_F(BufferConverterTest, ARefusedOutputBufferIsAnErrorAndKeepsTheConverter) {
   EXPECT_EQ(record.made, 1);
 }
 
-TEST_F(BufferConverterTest, AFailedConversionCarriesTheConvertersErrorAndKeepsTheConverter) {
+TEST_F(BufferConverterTest, FailedConversionHasItsErrorAndKeepsConverter) {
   record.failConversions = true;
   EXPECT_EQ(failureOf(1600, mono(CommonFormat::int16, 48000)), Case::conversionFailed);
   EXPECT_STREQ(

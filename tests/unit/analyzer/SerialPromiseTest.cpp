@@ -50,7 +50,7 @@ class SerialPromiseTest : public testing::Test {
 
 using Log = std::vector<std::string>;
 
-TEST_F(SerialPromiseTest, ThoseWhoWaitGoOnInOrderInsideResolve) {
+TEST_F(SerialPromiseTest, WaitersResumeInOrderInsideResolve) {
   for (const auto* const name : {"a", "b", "c"}) spawn(context.get_executor(), await(name));
   run();
   EXPECT_EQ(log, Log());
@@ -58,7 +58,7 @@ TEST_F(SerialPromiseTest, ThoseWhoWaitGoOnInOrderInsideResolve) {
   EXPECT_EQ(log, (Log{"a has 7", "b has 7", "c has 7"}));
 }
 
-TEST_F(SerialPromiseTest, WhoComesLaterHasTheValueAtOnce) {
+TEST_F(SerialPromiseTest, LateWaiterGetsValueImmediately) {
   promise.resolve(7);
   spawn(context.get_executor(), await("a"));
   spawn(context.get_executor(), await("b"));
@@ -66,7 +66,7 @@ TEST_F(SerialPromiseTest, WhoComesLaterHasTheValueAtOnce) {
   EXPECT_EQ(log, (Log{"a has 7", "b has 7"}));
 }
 
-TEST_F(SerialPromiseTest, AnErrorIsThrownToAll) {
+TEST_F(SerialPromiseTest, ErrorIsThrownToAllWaiters) {
   spawn(context.get_executor(), await("a"));
   run();
   promise.reject(std::make_exception_ptr(std::runtime_error("no")));
@@ -75,7 +75,7 @@ TEST_F(SerialPromiseTest, AnErrorIsThrownToAll) {
   EXPECT_EQ(log, (Log{"a failed: no", "b failed: no"}));
 }
 
-TEST_F(SerialPromiseTest, AbandoningDestroysThoseWhoWait) {
+TEST_F(SerialPromiseTest, AbandonDestroysWaiters) {
   spawn(context.get_executor(), await("a"));
   spawn(context.get_executor(), await("b"));
   run();
@@ -85,7 +85,7 @@ TEST_F(SerialPromiseTest, AbandoningDestroysThoseWhoWait) {
   EXPECT_EQ(log, Log());
 }
 
-TEST_F(SerialPromiseTest, AKeeperAbandonsWhenItsCoroutineEndsWithoutAValue) {
+TEST_F(SerialPromiseTest, KeeperAbandonsWithoutValue) {
   spawn(context.get_executor(), await("a"));
   run();
   { const SerialPromise<int>::Keeper keeper(promise); }
@@ -93,7 +93,7 @@ TEST_F(SerialPromiseTest, AKeeperAbandonsWhenItsCoroutineEndsWithoutAValue) {
   EXPECT_EQ(gone, 1);
 }
 
-TEST_F(SerialPromiseTest, AKeeperChangesNothingOnceTheValueIsThere) {
+TEST_F(SerialPromiseTest, KeeperIsInertOnceValueIsSet) {
   spawn(context.get_executor(), await("a"));
   run();
   {
@@ -105,7 +105,7 @@ TEST_F(SerialPromiseTest, AKeeperChangesNothingOnceTheValueIsThere) {
   EXPECT_EQ(log, (Log{"a has 3", "b has 3"}));
 }
 
-TEST_F(SerialPromiseTest, AWaiterMayWaitAgainAndStartOthers) {
+TEST_F(SerialPromiseTest, WaiterMayWaitAgainAndStartOthers) {
   const auto twice = [this]() -> asio::awaitable<void> {
     const int first = co_await promise.value();
     spawn(context.get_executor(), await("other"));
@@ -120,7 +120,7 @@ TEST_F(SerialPromiseTest, AWaiterMayWaitAgainAndStartOthers) {
 
 // A cycle of a promise and one who waits for it and keeps it alive is broken by abandoning; the address
 // sanitizer would find it otherwise.
-TEST(SerialPromise, WhoKeepsThePromiseAliveIsLetGo) {
+TEST(SerialPromise, WaiterOwningPromiseIsReleased) {
   struct Owner {
     explicit Owner(int& count) : witness(count) {}
     Witness witness;
@@ -142,7 +142,7 @@ TEST(SerialPromise, WhoKeepsThePromiseAliveIsLetGo) {
   EXPECT_EQ(gone, 1);
 }
 
-TEST(SerialPromise, WaitersOnAStrandOfAPoolGoOnInOrder) {
+TEST(SerialPromise, WaitersOnPoolStrandResumeInOrder) {
   constexpr int count = 1000;
   SerialPromise<int> promise;
   std::vector<int> order;

@@ -41,7 +41,7 @@ class SpeechAnalyzerBackendTest : public ConversationTest {
   }
 };
 
-TEST_F(SpeechAnalyzerBackendTest, AHundredSessionsAreServedAtOnce) {
+TEST_F(SpeechAnalyzerBackendTest, Serves100ConcurrentSessions) {
   constexpr int count = 100;
   constexpr int chunks = 10;
   settings.analysis.utterances = {
@@ -126,7 +126,7 @@ std::multiset<std::string> eventsWithSeed(std::optional<std::uint64_t> seed) {
   return timedEvents(machine);
 }
 
-TEST(SpeechAnalyzerBackendOrder, TheSameEventsComeAtTheSameTimesUnderEveryOrder) {
+TEST(SpeechAnalyzerBackendOrder, EventsAndTimesAreSameInEveryOrder) {
   const auto expected = eventsWithSeed(std::nullopt);
   const std::size_t statuses = 2, readies = 6 + 2 + 6, suppressions = 12, stops = 3 + 3;
   const std::size_t partials = 2 * 6 + 2, finals = 6 + 2 + 6;
@@ -137,7 +137,7 @@ TEST(SpeechAnalyzerBackendOrder, TheSameEventsComeAtTheSameTimesUnderEveryOrder)
 
 class BackendStormTest : public testing::TestWithParam<std::uint64_t> {};
 
-TEST_P(BackendStormTest, EveryChunkReachesTheChannelThatWasThereWhenItCame) {
+TEST_P(BackendStormTest, ChunkReachesChannelOfItsArrival) {
   const auto seed = GetParam();
   SimulatedSettings settings;
   settings.macOS = macOS26;

@@ -134,7 +134,7 @@ class SpeechAnalyzerThreadsTest : public testing::Test {
   JSONLineWriter writer{clock, output, errors};
 };
 
-TEST_F(SpeechAnalyzerThreadsTest, ThousandsOfChunksReachEachAnalyzerInOrder) {
+TEST_F(SpeechAnalyzerThreadsTest, ThousandsOfChunksArriveInOrder) {
   AnalysisState state;
   state.prepare.takes = 30;  // many chunks wait
   state.utterances = {
@@ -158,7 +158,7 @@ TEST_F(SpeechAnalyzerThreadsTest, ThousandsOfChunksReachEachAnalyzerInOrder) {
 class ThreadedStormTest : public SpeechAnalyzerThreadsTest,
                           public testing::WithParamInterface<std::uint64_t> {};
 
-TEST_P(ThreadedStormTest, OperationsInAnyTimingLoseAndMixNothing) {
+TEST_P(ThreadedStormTest, AnyTimingLosesAndMixesNothing) {
   std::mt19937_64 random(GetParam());
   SpeechAnalyzerBackend backend(platform, writer);
   BackendStorm storm(backend, GetParam(), 5);
@@ -189,7 +189,7 @@ TEST_P(ThreadedStormTest, OperationsInAnyTimingLoseAndMixNothing) {
 
 INSTANTIATE_TEST_SUITE_P(Seeds, ThreadedStormTest, testing::Range<std::uint64_t>(1, 7));
 
-TEST_F(SpeechAnalyzerThreadsTest, OperationsReturnAtOnceAlsoWhenThePlatformBlocks) {
+TEST_F(SpeechAnalyzerThreadsTest, OperationsReturnWhilePlatformBlocks) {
   SpeechAnalyzerBackend backend(blockingPlatform, writer);
   BackendStorm storm(backend, 1, 20);
   // Runs on a thread of its own, so that a backend that blocks fails the test and does not hang it.
@@ -216,7 +216,7 @@ TEST_F(SpeechAnalyzerThreadsTest, OperationsReturnAtOnceAlsoWhenThePlatformBlock
   storm.expectAnalyzers(analysis.analyses());
 }
 
-TEST_F(SpeechAnalyzerThreadsTest, ChannelsThatThePlatformNeverAnswersAreLetGoWithIt) {
+TEST_F(SpeechAnalyzerThreadsTest, UnansweredChannelsAreReleasedWithPlatform) {
   AnalysisState state;
   state.prepare.takes = std::nullopt;
   analysis.setState(state);

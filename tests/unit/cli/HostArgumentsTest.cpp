@@ -25,7 +25,7 @@ std::string failure(const std::vector<std::string>& arguments) {
   return "no failure";
 }
 
-TEST(HostArgumentsTest, OptionsAndFilesComeInAnyOrder) {
+TEST(HostArgumentsTest, OptionsAndFilesMayBeInAnyOrder) {
   const auto arguments = parse({"a.wav", "--locale", "ja-JP", "b.wav", "--speed=2.5", "--json",
                                 "--vocabulary", "甲,b,,c d", "--helper=x"});
   EXPECT_EQ(arguments.remote, "a.wav");
@@ -37,12 +37,12 @@ TEST(HostArgumentsTest, OptionsAndFilesComeInAnyOrder) {
   EXPECT_EQ(arguments.helper, "x");
 }
 
-TEST(HostArgumentsTest, TheHelperMayHaveArguments) {
+TEST(HostArgumentsTest, HelperMayHaveArguments) {
   EXPECT_THAT(parse({"a", "--helper-argument", "b", "--helper-argument=--c=d"}).helperArguments,
               ElementsAre("b", "--c=d"));
 }
 
-TEST(HostArgumentsTest, TheDefaultsAreEnglishInRealTime) {
+TEST(HostArgumentsTest, DefaultsAreEnglishInRealTime) {
   const auto arguments = parse({"a.wav"});
   EXPECT_EQ(arguments.locale, "en-US");
   EXPECT_EQ(arguments.speed, 1);
@@ -62,7 +62,7 @@ TEST(HostArgumentsTest, BadUsageIsExplained) {
               std::string("--speed takes a number from 0.1 to 100, not '") + speed + "'");
 }
 
-TEST(HostArgumentsTest, AVocabularyFileIsAnArrayOfStrings) {
+TEST(HostArgumentsTest, VocabularyFileIsArrayOfStrings) {
   const auto path =
       std::filesystem::temp_directory_path() / ("palaver-vocabulary-" + std::to_string(::getpid()));
   const auto write = [&](const char* json) { std::ofstream(path) << json; };

@@ -13,7 +13,7 @@ std::string base64(std::string_view text) {
   return encodeBase64({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
 }
 
-TEST(HostCommandsTest, Base64FollowsTheTestVectorsOfRFC4648) {
+TEST(HostCommandsTest, Base64MatchesRFC4648Vectors) {
   EXPECT_EQ(base64(""), "");
   EXPECT_EQ(base64("f"), "Zg==");
   EXPECT_EQ(base64("fo"), "Zm8=");
@@ -22,7 +22,7 @@ TEST(HostCommandsTest, Base64FollowsTheTestVectorsOfRFC4648) {
   EXPECT_EQ(base64("\xFB\xEF\xBE\xFF"), "++++/w==");
 }
 
-TEST(HostCommandsTest, ACommandIsOneLine) {
+TEST(HostCommandsTest, CommandIsOneLine) {
   const auto line = sessionStart("s\n1", "ja-JP", {"甲", "b\nc"});
   EXPECT_EQ(line.find('\n'), line.size() - 1);
   EXPECT_EQ(nlohmann::json::parse(line), (nlohmann::json{{"type", "session.start"},

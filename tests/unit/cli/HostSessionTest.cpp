@@ -95,7 +95,7 @@ class HostSessionTest : public ::testing::Test {
   Record record;
 };
 
-TEST_F(HostSessionTest, AServedSessionEndsWell) {
+TEST_F(HostSessionTest, ServedSessionEndsWell) {
   EXPECT_TRUE(run(configuration("well"), loud(10), loud(3)));
   EXPECT_THAT(record.problems, IsEmpty());
   EXPECT_THAT(record.finals, SizeIs(2));
@@ -107,14 +107,14 @@ TEST_F(HostSessionTest, AServedSessionEndsWell) {
   EXPECT_EQ(record.types.back(), "session.stopped");
 }
 
-TEST_F(HostSessionTest, EveryChunkArrivesInOrderAndIsTimedByTheAudio) {
+TEST_F(HostSessionTest, ChunksArriveInOrderTimedByAudio) {
   EXPECT_TRUE(run(configuration("well"), loud(30)));
   ASSERT_THAT(record.finals, SizeIs(1));
   // 30 loud chunks, numbered from 0; the stand-in closes with the fifth quiet one.
   EXPECT_EQ(record.finals[0].at("text"), "chunk 34");
 }
 
-TEST_F(HostSessionTest, TheStreamKeepsRealTime) {
+TEST_F(HostSessionTest, StreamKeepsRealTime) {
   auto realTime = configuration("well");
   realTime.speed = 2;
   const auto start = std::chrono::steady_clock::now();
@@ -123,29 +123,29 @@ TEST_F(HostSessionTest, TheStreamKeepsRealTime) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
-TEST_F(HostSessionTest, ASilentSourceHasNoFinalToWaitFor) {
+TEST_F(HostSessionTest, SilentSourceNeedsNoFinal) {
   EXPECT_TRUE(run(configuration("well"), std::make_unique<MadeUpSound>(MadeUpSound::Kind::silent, 5)));
   EXPECT_THAT(record.finals, IsEmpty());
 }
 
-TEST_F(HostSessionTest, AHelperThatCannotBeStartedIsAnError) {
+TEST_F(HostSessionTest, UnstartableHelperIsError) {
   HostConfiguration missing;
   missing.helper = {"/nowhere/at/all"};
   HostSession session(missing, loud(1), nullptr, record);
   EXPECT_THROW(session.run(), std::system_error);
 }
 
-TEST_F(HostSessionTest, AHelperThatDiesIsReportedWithItsStatus) {
+TEST_F(HostSessionTest, HelperExitIsReportedWithStatus) {
   EXPECT_FALSE(run("dies"));
   EXPECT_THAT(record.problems, ElementsAre("the helper ended early, with exit status 3"));
 }
 
-TEST_F(HostSessionTest, AHelperThatIsKilledIsReportedWithTheSignal) {
+TEST_F(HostSessionTest, KilledHelperIsReportedWithSignal) {
   EXPECT_FALSE(run("killed"));
   EXPECT_THAT(record.problems, ElementsAre(HasSubstr("signal 9")));
 }
 
-TEST_F(HostSessionTest, AStatusThatDoesNotComeIsNotAwaitedForEver) {
+TEST_F(HostSessionTest, MissingStatusTimesOut) {
   auto impatient = configuration("silent");
   impatient.limits.status = 200;
   impatient.limits.stopped = 200;
@@ -154,25 +154,25 @@ TEST_F(HostSessionTest, AStatusThatDoesNotComeIsNotAwaitedForEver) {
   EXPECT_EQ(record.problems[0], "the helper has not reported its status within 0.2 s");
 }
 
-TEST_F(HostSessionTest, ASessionThatIsNeverReadyIsNotAwaitedForEver) {
+TEST_F(HostSessionTest, MissingSessionReadyTimesOut) {
   auto impatient = configuration("never-ready");
   impatient.limits.ready = 200;
   EXPECT_FALSE(run(std::move(impatient), loud(1)));
   EXPECT_THAT(record.problems, ElementsAre("the session was not ready within 0.2 s"));
 }
 
-TEST_F(HostSessionTest, AnUnavailableSessionIsReportedWithTheReason) {
+TEST_F(HostSessionTest, UnavailableSessionIsReportedWithReason) {
   EXPECT_FALSE(run("unavailable"));
   EXPECT_THAT(record.problems, ElementsAre("the session is not available: there is no model"));
 }
 
-TEST_F(HostSessionTest, AFloodOfOutputIsReadWhileAudioIsWritten) {
+TEST_F(HostSessionTest, OutputFloodIsReadWhileAudioIsWritten) {
   EXPECT_TRUE(run("floods"));
   EXPECT_THAT(record.problems, IsEmpty());
   EXPECT_THAT(record.finals, SizeIs(1));
 }
 
-TEST_F(HostSessionTest, AHelperThatReadsSlowlyHoldsTheStreamBackAndLosesNothing) {
+TEST_F(HostSessionTest, SlowHelperDelaysStreamAndLosesNothing) {
   auto fast = configuration("slow");
   fast.speed = 100;
   EXPECT_TRUE(run(std::move(fast), loud(400), loud(400)));
@@ -181,7 +181,7 @@ TEST_F(HostSessionTest, AHelperThatReadsSlowlyHoldsTheStreamBackAndLosesNothing)
   for (const auto& final : record.finals) EXPECT_EQ(final.at("text"), "chunk 404");
 }
 
-TEST_F(HostSessionTest, AHelperThatReadsNothingIsGivenUp) {
+TEST_F(HostSessionTest, HelperThatStopsReadingTimesOut) {
   auto fast = configuration("reads-nothing");
   fast.speed = 100;
   fast.limits.stall = 200;
@@ -190,19 +190,19 @@ TEST_F(HostSessionTest, AHelperThatReadsNothingIsGivenUp) {
   EXPECT_EQ(record.problems[0], "the helper has not read its input for 0.2 s");
 }
 
-TEST_F(HostSessionTest, AnErrorEventMakesTheSessionFailAndGoesOn) {
+TEST_F(HostSessionTest, ErrorEventFailsSessionWithoutEndingIt) {
   EXPECT_FALSE(run("reports-error"));
   EXPECT_THAT(record.finals, SizeIs(1));
   EXPECT_THAT(record.types, testing::Contains("helper.error"));
 }
 
-TEST_F(HostSessionTest, ALineThatIsNoEventIsReported) {
+TEST_F(HostSessionTest, NonEventLineIsReported) {
   EXPECT_FALSE(run("writes-garbage"));
   EXPECT_THAT(record.problems, ElementsAre("the helper wrote an invalid event: hello"));
   EXPECT_THAT(record.finals, SizeIs(1));
 }
 
-TEST_F(HostSessionTest, AMissingFinalIsReported) {
+TEST_F(HostSessionTest, MissingFinalIsReported) {
   auto impatient = configuration("leaves-open");
   impatient.limits.finals = 300;
   EXPECT_FALSE(run(std::move(impatient), loud(5)));
@@ -210,12 +210,12 @@ TEST_F(HostSessionTest, AMissingFinalIsReported) {
                                            "the last final of remote is missing"));
 }
 
-TEST_F(HostSessionTest, AFailureStatusAtTheEndIsReported) {
+TEST_F(HostSessionTest, NonzeroExitStatusIsReported) {
   EXPECT_FALSE(run("fails"));
   EXPECT_THAT(record.problems, ElementsAre("the helper ended with exit status 5"));
 }
 
-TEST_F(HostSessionTest, AHelperThatDoesNotEndIsEnded) {
+TEST_F(HostSessionTest, HelperThatDoesNotExitIsTerminated) {
   auto impatient = configuration("stays");
   impatient.limits.stopped = 200;
   EXPECT_FALSE(run(std::move(impatient), loud(2)));
@@ -223,17 +223,17 @@ TEST_F(HostSessionTest, AHelperThatDoesNotEndIsEnded) {
                                            HasSubstr("the helper ended with signal 15")));
 }
 
-TEST_F(HostSessionTest, StandardErrorIsPassedOnByTheLine) {
+TEST_F(HostSessionTest, StandardErrorIsForwardedByLine) {
   EXPECT_TRUE(run("chatters"));
   EXPECT_THAT(record.diagnostics, ElementsAre("so far so good"));
 }
 
-TEST_F(HostSessionTest, ASoundThatCannotBeReadOnEndsTheSessionInOrder) {
+TEST_F(HostSessionTest, SoundReadErrorEndsSessionInOrder) {
   EXPECT_FALSE(run(configuration("well"), std::make_unique<MadeUpSound>(MadeUpSound::Kind::failing, 5)));
   EXPECT_THAT(record.problems, ElementsAre("the disk is gone"));
 }
 
-TEST_F(HostSessionTest, AnInterruptedSessionEndsTheHelperInOrder) {
+TEST_F(HostSessionTest, InterruptEndsHelperInOrder) {
   auto long_ = configuration("well");
   HostSession session(std::move(long_), loud(100000), nullptr, record);
   record.interruptOnText = &session;

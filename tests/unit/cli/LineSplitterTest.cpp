@@ -25,17 +25,17 @@ class LineSplitterTest : public ::testing::Test {
   std::vector<std::string> lines;
 };
 
-TEST_F(LineSplitterTest, LinesMayComeInPieces) {
+TEST_F(LineSplitterTest, LineMayArriveInPieces) {
   for (const char byte : std::string("one\n\ntwo\n")) append({&byte, 1});
   EXPECT_THAT(lines, ElementsAre("one", "", "two"));
 }
 
-TEST_F(LineSplitterTest, OnlyALineFeedEndsALine) {
+TEST_F(LineSplitterTest, OnlyLineFeedEndsLine) {
   append("a\u2028b\u2029c\u0085d\re\vf\n");
   EXPECT_THAT(lines, ElementsAre("a\u2028b\u2029c\u0085d\re\vf"));
 }
 
-TEST_F(LineSplitterTest, TheLastLineMayLackItsLineFeed) {
+TEST_F(LineSplitterTest, LastLineMayLackLineFeed) {
   append("one\ntwo");
   EXPECT_THAT(lines, ElementsAre("one"));
   finish();
@@ -44,7 +44,7 @@ TEST_F(LineSplitterTest, TheLastLineMayLackItsLineFeed) {
   EXPECT_EQ(lines.size(), 2U);
 }
 
-TEST_F(LineSplitterTest, ALineWithoutEndIsRefused) {
+TEST_F(LineSplitterTest, EndlessLineIsRejected) {
   const std::string megabyte(std::size_t{1} << 20, 'x');
   for (int i = 0; i < 16; ++i) append(megabyte);
   EXPECT_THROW(append("x"), std::length_error);

@@ -128,7 +128,7 @@ TEST_F(SoundFileSourceTest, OtherContainersAreRead) {
   }
 }
 
-TEST_F(SoundFileSourceTest, SamplesAt16KHzArePassedOnAsTheyAre) {
+TEST_F(SoundFileSourceTest, SamplesAt16KHzAreUnchanged) {
   std::string bytes;
   std::vector<std::int16_t> expected;
   for (int value = -32768; value < 32768; value += 13) {
@@ -141,41 +141,41 @@ TEST_F(SoundFileSourceTest, SamplesAt16KHzArePassedOnAsTheyAre) {
   EXPECT_EQ(readAll(source), expected);
 }
 
-TEST_F(SoundFileSourceTest, AFileShorterThanTheFilterIsResampledToItsLength) {
+TEST_F(SoundFileSourceTest, FileShorterThanFilterKeepsItsLength) {
   SoundFileSource source(writeSines("short.wav", wave, 48000, 1, 30));
   EXPECT_EQ(readAll(source).size(), 10U);
 }
 
-TEST_F(SoundFileSourceTest, ReadingOnAtTheEndGivesNothing) {
+TEST_F(SoundFileSourceTest, ReadAfterEndYieldsNothing) {
   SoundFileSource source(writeSines("sines.wav", wave, 44100, 1, 4410));
   EXPECT_EQ(readAll(source).size(), 1600U);
   std::vector<std::int16_t> more(100);
   EXPECT_EQ(source.read(more), 0U);
 }
 
-TEST_F(SoundFileSourceTest, AMissingFileIsNamed) {
+TEST_F(SoundFileSourceTest, MissingFileIsNamed) {
   EXPECT_EQ(failure(path("none.wav")), "cannot read " + path("none.wav") + ": there is no such file");
 }
 
-TEST_F(SoundFileSourceTest, AnEmptyFileIsNamed) {
+TEST_F(SoundFileSourceTest, EmptyFileIsNamed) {
   EXPECT_THAT(failure(write("empty.wav", "")), HasSubstr("empty.wav: the file is empty"));
   EXPECT_THAT(failure(write("empty.raw", "")), HasSubstr("empty.raw: the file is empty"));
 }
 
-TEST_F(SoundFileSourceTest, AFileWithoutAudioIsNamed) {
+TEST_F(SoundFileSourceTest, FileWithoutAudioIsNamed) {
   EXPECT_THAT(failure(writeSines("header.wav", wave, 16000, 1, 0)), HasSubstr("it contains no audio"));
 }
 
-TEST_F(SoundFileSourceTest, ATextFileIsNoSoundFile) {
+TEST_F(SoundFileSourceTest, TextFileIsRejected) {
   EXPECT_THAT(failure(write("text.wav", "this is no sound at all, whatever its name says")),
               AllOf(HasSubstr("text.wav"), HasSubstr("not a readable sound file")));
 }
 
-TEST_F(SoundFileSourceTest, ADirectoryIsNoSoundFile) {
+TEST_F(SoundFileSourceTest, DirectoryIsRejected) {
   EXPECT_THAT(failure(path("")), HasSubstr("it is a directory"));
 }
 
-TEST_F(SoundFileSourceTest, HalfASampleIsRefused) {
+TEST_F(SoundFileSourceTest, HalfSampleIsRejected) {
   EXPECT_THAT(failure(write("odd.raw", "abc")), HasSubstr("an odd number of bytes"));
 }
 

@@ -125,7 +125,7 @@ const char* const longText =
     "do "
     "for them and so on";
 
-TEST_F(TranscriptDisplayTest, TheStatusAndWhatItMeansComeFirst) {
+TEST_F(TranscriptDisplayTest, StatusAndItsMeaningAreFirst) {
   auto display = makeDisplay(false);
   show(display, {{"type", "helper.status"},
                  {"status", "setup-required"},
@@ -140,7 +140,7 @@ TEST_F(TranscriptDisplayTest, TheStatusAndWhatItMeansComeFirst) {
             "session en-US is ready\n");
 }
 
-TEST_F(TranscriptDisplayTest, AFinalShowsItsTimesLatencyAndReason) {
+TEST_F(TranscriptDisplayTest, FinalShowsTimesLatencyAndReason) {
   auto display = makeDisplay(false);
   display.onStreamStart(1000);
   show(display, final("remote", "good morning"));
@@ -149,14 +149,14 @@ TEST_F(TranscriptDisplayTest, AFinalShowsItsTimesLatencyAndReason) {
             "        0.5 s - 2.2 s, latency 912 ms, ended by silence\n");
 }
 
-TEST_F(TranscriptDisplayTest, OutOfRealTimeNoLatencyIsShown) {
+TEST_F(TranscriptDisplayTest, NoLatencyIsShownOutsideRealTime) {
   auto display = makeDisplay(false, false);
   show(display, final("self", "good morning"));
   display.finish(true);
   EXPECT_THAT(bytesWritten, Not(HasSubstr("latency")));
 }
 
-TEST_F(TranscriptDisplayTest, WithoutATerminalEachNewPartialIsALineAndNoControlIsWritten) {
+TEST_F(TranscriptDisplayTest, WithoutTerminalPartialsAreLinesWithoutControls) {
   auto display = makeDisplay(false);
   show(display, partial("remote", "good"));
   show(display, partial("remote", "good"));
@@ -171,7 +171,7 @@ TEST_F(TranscriptDisplayTest, WithoutATerminalEachNewPartialIsALineAndNoControlI
             "failed  1 error\n");
 }
 
-TEST_F(TranscriptDisplayTest, OnATerminalPartialsAreRewrittenInPlaceBelowTheFinals) {
+TEST_F(TranscriptDisplayTest, OnTerminalPartialsAreRewrittenBelowFinals) {
   auto display = makeDisplay(true);
   display.onStreamStart(1000);
   display.onProgress(100, 1000);
@@ -190,7 +190,7 @@ TEST_F(TranscriptDisplayTest, OnATerminalPartialsAreRewrittenInPlaceBelowTheFina
             "        [####----------------------------------] 0.1 s of 1.0 s\n");
 }
 
-TEST_F(TranscriptDisplayTest, TheLiveLinesAreGoneAtTheEnd) {
+TEST_F(TranscriptDisplayTest, LiveLinesAreErasedAtEnd) {
   auto display = makeDisplay(true);
   display.onStreamStart(1000);
   show(display, partial("remote", "good"));
@@ -203,7 +203,7 @@ TEST_F(TranscriptDisplayTest, TheLiveLinesAreGoneAtTheEnd) {
   EXPECT_THAT(screen.text(), Not(HasSubstr("[#")));
 }
 
-TEST_F(TranscriptDisplayTest, NothingIsWiderThanTheTerminal) {
+TEST_F(TranscriptDisplayTest, NothingIsWiderThanTerminal) {
   auto display = makeDisplay(true);
   display.onStreamStart(1000);
   display.onProgress(100, 7100);
@@ -217,7 +217,7 @@ TEST_F(TranscriptDisplayTest, NothingIsWiderThanTheTerminal) {
   EXPECT_FALSE(screen.wrapped);
 }
 
-TEST_F(TranscriptDisplayTest, TextCannotMoveTheCursor) {
+TEST_F(TranscriptDisplayTest, TextCannotMoveCursor) {
   auto display = makeDisplay(true);
   show(display, final("remote", "good\x1b[2Jmorning"));
   EXPECT_THAT(screen.text(), HasSubstr("good?[2Jmorning"));

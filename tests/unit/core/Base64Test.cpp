@@ -69,7 +69,7 @@ Bytes randomBytes(std::size_t size, std::mt19937& random) {
   return bytes;
 }
 
-TEST(Base64Test, TheVectorsOfTheStandardAreDecoded) {
+TEST(Base64Test, RFC4648VectorsAreDecoded) {
   // RFC 4648, section 10.
   const auto decoded = [](std::string_view text) {
     const auto bytes = decode(text);
@@ -84,7 +84,7 @@ TEST(Base64Test, TheVectorsOfTheStandardAreDecoded) {
   EXPECT_EQ(decoded("Zm9vYmFy"), "foobar");
 }
 
-TEST(Base64Test, EveryLengthFrom0To600IsDecoded) {
+TEST(Base64Test, Lengths0To600AreDecoded) {
   std::mt19937 random(1);
   for (std::size_t size = 0; size <= 600; ++size) {
     const auto bytes = randomBytes(size, random);
@@ -92,14 +92,14 @@ TEST(Base64Test, EveryLengthFrom0To600IsDecoded) {
   }
 }
 
-TEST(Base64Test, AllBytesOfOneValueAreDecoded) {
+TEST(Base64Test, RunsOfOneByteValueAreDecoded) {
   for (const int value : {0x00, 0x01, 0x7F, 0x80, 0xFB, 0xFF}) {
     const Bytes bytes(777, static_cast<std::uint8_t>(value));
     ASSERT_EQ(decode(encode(bytes)), bytes) << value;
   }
 }
 
-TEST(Base64Test, EveryCharacterInEveryPositionIsJudgedAsTheRulesSay) {
+TEST(Base64Test, EveryCharacterAtEveryPositionMatchesReference) {
   // Long enough for the vector run of 256, what follows it, and the last four.
   std::mt19937 random(2);
   const std::string text = encode(randomBytes(213, random));
@@ -118,12 +118,12 @@ TEST(Base64Test, EveryCharacterInEveryPositionIsJudgedAsTheRulesSay) {
     }
 }
 
-TEST(Base64Test, ALengthThatIsNoMultipleOfFourIsRefused) {
+TEST(Base64Test, LengthNotMultipleOf4IsRejected) {
   for (std::size_t size = 0; size <= 600; ++size)
     EXPECT_EQ(decode(std::string(size, 'A')).has_value(), size % 4 == 0) << size;
 }
 
-TEST(Base64Test, PaddingStandsOnlyAtTheEndAndAtMostTwice) {
+TEST(Base64Test, PaddingIsAllowedOnlyAtEndAndAtMostTwice) {
   for (const auto* const text : {"=",        "==",       "===",   "====",   "A===",  "AA=A",     "A=AA",
                                  "=AAA",     "==AA",     "A==A",  "A=A=",   "=AA=",  "AA==AAAA", "AAA=AAAA",
                                  "AA==AA==", "AAAA====", "AAAA=", "AAAA==", "AA= =", "AA=\n",    "AA==\n"})
@@ -132,20 +132,20 @@ TEST(Base64Test, PaddingStandsOnlyAtTheEndAndAtMostTwice) {
   EXPECT_EQ(decode("AAA="), Bytes(2));
 }
 
-TEST(Base64Test, BitsBehindTheLastByteAreDropped) {
+TEST(Base64Test, TrailingBitsAreDropped) {
   EXPECT_EQ(decode("Zh=="), Bytes{'f'});
   EXPECT_EQ(decode("Z/=="), Bytes{'g'});
   EXPECT_EQ(decode("Zm9="), (Bytes{'f', 'o'}));
 }
 
-TEST(Base64Test, LineBreaksSpacesAndOtherAlphabetsAreRefused) {
+TEST(Base64Test, LineBreaksSpacesAndOtherAlphabetsAreRejected) {
   using namespace std::string_view_literals;
   for (const auto text : {"AAAA\nAAA"sv, "AAA\nAAAA"sv, "AAAA\r\nAA"sv, "AA AAAA="sv, " AAA"sv, "AAA "sv,
                           "A-__"sv, "AAA\0"sv, "AAA\xC3"sv, "あA"sv, "AA%3D%3D"sv, "ＡＡ=="sv})
     EXPECT_FALSE(decode(text)) << text;
 }
 
-TEST(Base64Test, RandomTextsAreJudgedAsTheRulesSay) {
+TEST(Base64Test, RandomTextsMatchReference) {
   std::mt19937 random(3);
   int valid = 0;
   constexpr int rounds = 20000;

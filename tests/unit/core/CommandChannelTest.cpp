@@ -68,7 +68,7 @@ std::string stop(std::string_view id) {
   return std::string(R"({"type":"session.stop","sessionId":")").append(id) + "\"}";
 }
 
-TEST(CommandChannelTest, CommandsWaitForTheMainThread) {
+TEST(CommandChannelTest, CommandsWaitForMainThread) {
   Conversation host;
   host.receive(stop("a") + "\n");
   EXPECT_THAT(host.backend.calls, IsEmpty());
@@ -90,7 +90,7 @@ TEST(CommandChannelTest, OneReadIsOneJob) {
                                               "stopSession('d')", "stopSession('e')"));
 }
 
-TEST(CommandChannelTest, ALineSplitAtEveryByteIsOneLine) {
+TEST(CommandChannelTest, LineSplitAtAnyByteIsOneLine) {
   const std::string input = stop("あ") + "\r\n" + stop("b") + "\n\n" + stop("c\\u0041") + "\n";
   for (std::size_t at = 0; at <= input.size(); ++at) {
     Conversation host;
@@ -104,7 +104,7 @@ TEST(CommandChannelTest, ALineSplitAtEveryByteIsOneLine) {
   }
 }
 
-TEST(CommandChannelTest, TheSizeOfReadsDoesNotShow) {
+TEST(CommandChannelTest, ReadSizeDoesNotMatter) {
   std::string input;
   for (int i = 0; i < 40; ++i)
     input += stop(std::to_string(i)) + (i % 3 == 0 ? "\r\n" : "\n") + (i % 7 == 0 ? "{]\n" : "");
@@ -122,7 +122,7 @@ TEST(CommandChannelTest, TheSizeOfReadsDoesNotShow) {
   }
 }
 
-TEST(CommandChannelTest, ABlankLineProducesNoOutput) {
+TEST(CommandChannelTest, BlankLineProducesNoOutput) {
   Conversation host;
   host.receive(
       "\n\r\n \n\t \r\n\v\f\n\xC2\x85\n\xC2\xA0\n\xE3\x80\x80\xE3\x80\x80\n\xE2\x80\xA8\xE2\x80\xA9\n");
@@ -132,7 +132,7 @@ TEST(CommandChannelTest, ABlankLineProducesNoOutput) {
   EXPECT_EQ(host.fake.standardOutput.text(), "");
 }
 
-TEST(CommandChannelTest, WhiteSpaceThatIsNotJSONsIsTrimmedOnlyToFindBlankLines) {
+TEST(CommandChannelTest, UnicodeWhiteSpaceIsTrimmedOnlyForBlankLineCheck) {
   Conversation host;
   host.receive("\xC2\xA0" + stop("a") + "\n" + stop("b") + "\xE3\x80\x80\n \t" + stop("c") + " \r\n");
   EXPECT_EQ(host.end(), 0);
@@ -141,7 +141,7 @@ TEST(CommandChannelTest, WhiteSpaceThatIsNotJSONsIsTrimmedOnlyToFindBlankLines) 
                                            "Invalid JSON command: something follows the object at byte 39"));
 }
 
-TEST(CommandChannelTest, AnUndecodableLineIsReportedAtOnceAndTheNextIsHandled) {
+TEST(CommandChannelTest, UndecodableLineIsReportedAndNextIsHandled) {
   Conversation host;
   host.receive("{}\n" + stop("a") + "\n{\"type\":\"audio\",\"source\":\"mic\",\"sessionId\":\"s\"}\n");
   EXPECT_EQ(
@@ -155,7 +155,7 @@ TEST(CommandChannelTest, AnUndecodableLineIsReportedAtOnceAndTheNextIsHandled) {
   EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopAll"));
 }
 
-TEST(CommandChannelTest, TheLastLineMayLackItsLineFeed) {
+TEST(CommandChannelTest, LastLineMayLackLineFeed) {
   Conversation host;
   host.receive(stop("a") + "\n" + stop("b"));
   EXPECT_EQ(host.end(), 0);
@@ -168,13 +168,13 @@ TEST(CommandChannelTest, TheLastLineMayLackItsLineFeed) {
   EXPECT_THAT(truncated.backend.calls, ElementsAre("stopAll"));
 }
 
-TEST(CommandChannelTest, AnInputOfNothingEndsAtOnce) {
+TEST(CommandChannelTest, EmptyInputEndsImmediately) {
   Conversation host;
   EXPECT_EQ(host.end(), 0);
   EXPECT_THAT(host.backend.calls, ElementsAre("stopAll"));
 }
 
-TEST(CommandChannelTest, OnlyLineFeedsEndALine) {
+TEST(CommandChannelTest, OnlyLineFeedEndsLine) {
   Conversation host;
   host.receive(stop("a\xE2\x80\xA8") + "\r" + stop("b") + "\n");
   EXPECT_EQ(host.end(), 0);
@@ -182,7 +182,7 @@ TEST(CommandChannelTest, OnlyLineFeedsEndALine) {
   EXPECT_EQ(host.messages().size(), 1U);
 }
 
-TEST(CommandChannelTest, LinesAroundEveryBlockBoundaryArriveWhole) {
+TEST(CommandChannelTest, LinesAcrossBlockBoundariesAreWhole) {
   // Lines of many lengths, so that they end, begin and cross at every place of a block.
   for (const std::size_t reads :
        {std::size_t{1} << 20, std::size_t{65536}, std::size_t{4096}, std::size_t{1777}}) {
@@ -202,7 +202,7 @@ TEST(CommandChannelTest, LinesAroundEveryBlockBoundaryArriveWhole) {
   }
 }
 
-TEST(CommandChannelTest, LinesOfAboutABlockArriveWhole) {
+TEST(CommandChannelTest, LinesOfAboutOneBlockAreWhole) {
   for (const std::size_t length :
        {131071UL, 131072UL, 131073UL, 196608UL, 262143UL, 262144UL, 262145UL, 400000UL}) {
     Conversation host;
@@ -216,7 +216,7 @@ TEST(CommandChannelTest, LinesOfAboutABlockArriveWhole) {
   }
 }
 
-TEST(CommandChannelTest, AHugeLineArrivesWholeAndItsMemoryGoesWithIt) {
+TEST(CommandChannelTest, HugeLineIsWholeAndItsMemoryReleased) {
   constexpr std::size_t size = std::size_t{64} << 20;
   Conversation host;
   host.receive(stop("before") + "\n");
@@ -236,7 +236,7 @@ TEST(CommandChannelTest, AHugeLineArrivesWholeAndItsMemoryGoesWithIt) {
   EXPECT_LT(allocatedBytes(), std::size_t{8} << 20) << "the block of the huge line is still held";
 }
 
-TEST(CommandChannelTest, ALineBeyondTheLimitIsReportedOnceAndTheNextIsHandled) {
+TEST(CommandChannelTest, OverlongLineIsReportedOnceAndNextIsHandled) {
   constexpr std::size_t limit = 300'000;
   Conversation host(limit);
   host.receiveInReadsOf(7'000, stop("a") + "\n" + std::string(3 * limit, 'x') + "\n" + stop("b") + "\n");
@@ -245,7 +245,7 @@ TEST(CommandChannelTest, ALineBeyondTheLimitIsReportedOnceAndTheNextIsHandled) {
   EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopSession('b')", "stopAll"));
 }
 
-TEST(CommandChannelTest, ALineOfTheLimitIsDecodedAndOneByteMoreIsNotWhateverTheReads) {
+TEST(CommandChannelTest, LineLimitIsExactForAnyReadSize) {
   const std::string line = stop(std::string(400'000, 'a'));
   for (const std::size_t read : {std::size_t{7'000}, std::size_t{1'000'000}}) {
     Conversation exact(line.size());
@@ -262,7 +262,7 @@ TEST(CommandChannelTest, ALineOfTheLimitIsDecodedAndOneByteMoreIsNotWhateverTheR
   }
 }
 
-TEST(CommandChannelTest, ALineWithoutEndTakesNoMemoryBeyondTheLimit) {
+TEST(CommandChannelTest, EndlessLineTakesNoMemoryBeyondLimit) {
   constexpr std::size_t limit = 1'000'000;
   Conversation host(limit);
   const std::string piece(100'000, 'x');
@@ -277,7 +277,7 @@ TEST(CommandChannelTest, ALineWithoutEndTakesNoMemoryBeyondTheLimit) {
   EXPECT_THAT(host.messages(), ::testing::SizeIs(1));
 }
 
-TEST(CommandChannelTest, ASteadyStreamTouchesNoNewBlocks) {
+TEST(CommandChannelTest, SteadyStreamAllocatesNoBlocks) {
   Conversation host;
   const std::string line = stop(std::string(4000, 'a')) + "\n";
   const auto stream = [&](int lines) {
@@ -293,7 +293,7 @@ TEST(CommandChannelTest, ASteadyStreamTouchesNoNewBlocks) {
   EXPECT_EQ(largeAllocations(), before);
 }
 
-TEST(CommandChannelTest, TheMemoryOfAStallGoesWhenItIsOver) {
+TEST(CommandChannelTest, MemoryOfStallIsReleased) {
   Conversation host;
   const auto before = allocatedBytes();
   const std::string line = stop(std::string(4000, 'a')) + "\n";
@@ -309,7 +309,7 @@ TEST(CommandChannelTest, TheMemoryOfAStallGoesWhenItIsOver) {
   EXPECT_LT(allocatedBytes() - before, std::size_t{4} << 20);
 }
 
-TEST(CommandChannelTest, CommandsOutliveTheChannelsProgress) {
+TEST(CommandChannelTest, CommandsStayValidAfterLaterReads) {
   // The views of early commands must not be overwritten by later input.
   Conversation host;
   std::vector<std::string> expected;

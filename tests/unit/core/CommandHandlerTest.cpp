@@ -34,33 +34,33 @@ class CommandHandlerTest : public ::testing::Test {
   CommandHandler handler_{fake_.platform, writer_, backend_};
 };
 
-TEST_F(CommandHandlerTest, APingIsAnsweredWithItsTimeAndOurs) {
+TEST_F(CommandHandlerTest, PongHasTimesOfHostAndHelper) {
   EXPECT_EQ(handle(R"({"type":"ping","sentAt":1234.5})"),
             R"({"helperAt":1700000000123.5,"sentAt":1234.5,"type":"pong"})"
             "\n");
   EXPECT_THAT(backend_.calls, IsEmpty());
 }
 
-TEST_F(CommandHandlerTest, APingWithoutATimeIsAnsweredWithZero) {
+TEST_F(CommandHandlerTest, PingWithoutTimeEchoes0) {
   const std::string pong = R"({"helperAt":1700000000123.5,"sentAt":0,"type":"pong"})"
                            "\n";
   EXPECT_EQ(handle(R"({"type":"ping"})"), pong);
   EXPECT_EQ(handle(R"({"type":"ping","sentAt":null})"), pong);
 }
 
-TEST_F(CommandHandlerTest, APongEchoesEveryTimeUnchanged) {
+TEST_F(CommandHandlerTest, PongEchoesTimeUnchanged) {
   for (const std::string sentAt : {"0.1", "1700000000123.4568", "-5", "1e-07", "123456789012"})
     EXPECT_EQ(handle(R"({"type":"ping","sentAt":)" + sentAt + "}"),
               R"({"helperAt":1700000000123.5,"sentAt":)" + sentAt + R"(,"type":"pong"})" + "\n");
 }
 
-TEST_F(CommandHandlerTest, APongNamesNoSession) {
+TEST_F(CommandHandlerTest, PongNamesNoSession) {
   EXPECT_EQ(handle(R"({"type":"ping","sessionId":"s","source":"self"})"),
             R"({"helperAt":1700000000123.5,"sentAt":0,"type":"pong"})"
             "\n");
 }
 
-TEST_F(CommandHandlerTest, EachCommandReachesTheBackendInOrder) {
+TEST_F(CommandHandlerTest, CommandsReachBackendInOrder) {
   handle(R"({"type":"session.start","sessionId":"s","locale":"en-US","vocabulary":["a","会議",""]})");
   handle(
       R"({"type":"audio","sessionId":"s","source":"remote","sequence":-3,"capturedAt":12.5,"pcmBase64":"AAA="})");
@@ -74,7 +74,7 @@ TEST_F(CommandHandlerTest, EachCommandReachesTheBackendInOrder) {
   EXPECT_EQ(fake_.standardOutput.text(), "");
 }
 
-TEST_F(CommandHandlerTest, ASessionStartsInJapaneseWithoutVocabularyWhereNoneIsGiven) {
+TEST_F(CommandHandlerTest, SessionDefaultsToJapaneseAndNoVocabulary) {
   handle(R"({"type":"session.start","sessionId":"s"})");
   handle(R"({"type":"session.start","sessionId":"","locale":null,"vocabulary":null})");
   handle(R"({"type":"session.start","sessionId":"s","locale":"","vocabulary":[]})");
@@ -82,7 +82,7 @@ TEST_F(CommandHandlerTest, ASessionStartsInJapaneseWithoutVocabularyWhereNoneIsG
                                           "startSession('s', '', [])"));
 }
 
-TEST_F(CommandHandlerTest, AudioIsHandedOverAsGiven) {
+TEST_F(CommandHandlerTest, AudioReachesBackendUnchanged) {
   handle(
       R"({"type":"audio","sessionId":"s","source":"self","sequence":9223372036854775807,"capturedAt":-0.5,"pcmBase64":"not base64!"})");
   handle(R"({"type":"audio","sessionId":"","source":"self","sequence":0,"capturedAt":0,"pcmBase64":""})");
@@ -91,7 +91,7 @@ TEST_F(CommandHandlerTest, AudioIsHandedOverAsGiven) {
                           "appendAudio('', self, 0, 0.000000, '')"));
 }
 
-TEST_F(CommandHandlerTest, ASessionStartWithoutASessionIsRefused) {
+TEST_F(CommandHandlerTest, SessionStartWithoutIdIsRejected) {
   const auto expected = errorLine("session.start requires sessionId");
   EXPECT_EQ(handle(R"({"type":"session.start"})"), expected);
   EXPECT_EQ(handle(R"({"type":"session.start","sessionId":null,"source":"self","locale":"en-US"})"),
@@ -99,14 +99,14 @@ TEST_F(CommandHandlerTest, ASessionStartWithoutASessionIsRefused) {
   EXPECT_THAT(backend_.calls, IsEmpty());
 }
 
-TEST_F(CommandHandlerTest, ASessionStopWithoutASessionIsRefused) {
+TEST_F(CommandHandlerTest, SessionStopWithoutIdIsRejected) {
   const auto expected = errorLine("session.stop requires sessionId");
   EXPECT_EQ(handle(R"({"type":"session.stop"})"), expected);
   EXPECT_EQ(handle(R"({"type":"session.stop","source":"remote"})"), expected);
   EXPECT_THAT(backend_.calls, IsEmpty());
 }
 
-TEST_F(CommandHandlerTest, EveryMissingFieldOfAudioHasTheOneMessageAndNoSession) {
+TEST_F(CommandHandlerTest, AudioWithMissingFieldHasOneMessageAndNoSession) {
   const std::vector<std::string> members{R"("sessionId":"s")", R"("source":"self")", R"("sequence":1)",
                                          R"("capturedAt":2)", R"("pcmBase64":"AAA=")"};
   for (unsigned present = 0; present + 1 < 1U << members.size(); ++present) {
@@ -120,7 +120,7 @@ TEST_F(CommandHandlerTest, EveryMissingFieldOfAudioHasTheOneMessageAndNoSession)
   EXPECT_THAT(backend_.calls, IsEmpty());
 }
 
-TEST_F(CommandHandlerTest, EveryMissingFieldOfSuppressionHasTheOneMessageAndNoSession) {
+TEST_F(CommandHandlerTest, SuppressWithMissingFieldHasOneMessageAndNoSession) {
   const std::vector<std::string> members{R"("sessionId":"s")", R"("source":"self")", R"("suppressed":false)"};
   for (unsigned present = 0; present + 1 < 1U << members.size(); ++present) {
     std::string line = R"({"type":"source.suppress")";
@@ -132,7 +132,7 @@ TEST_F(CommandHandlerTest, EveryMissingFieldOfSuppressionHasTheOneMessageAndNoSe
   EXPECT_THAT(backend_.calls, IsEmpty());
 }
 
-TEST_F(CommandHandlerTest, AnUnknownTypeIsReportedWithItsSessionAndSource) {
+TEST_F(CommandHandlerTest, UnknownTypeIsReportedWithSessionAndSource) {
   EXPECT_EQ(handle(R"({"type":"dance"})"), errorLine("Unsupported command type: dance"));
   EXPECT_EQ(handle(R"({"type":"dance","sessionId":"s"})"),
             errorLine("Unsupported command type: dance", R"(,"sessionId":"s")"));
@@ -150,7 +150,7 @@ TEST_F(CommandHandlerTest, TypesMatchExactly) {
   EXPECT_THAT(backend_.calls, IsEmpty());
 }
 
-TEST_F(CommandHandlerTest, FieldsThatACommandDoesNotUseAreIgnored) {
+TEST_F(CommandHandlerTest, UnusedFieldsAreIgnored) {
   const std::string all =
       R"(,"sessionId":"s","source":"self","locale":"xx","vocabulary":["v"],"sequence":1,"capturedAt":2,)"
       R"("pcmBase64":"AAA=","suppressed":true,"sentAt":3})";
@@ -166,7 +166,7 @@ TEST_F(CommandHandlerTest, FieldsThatACommandDoesNotUseAreIgnored) {
                                          "\n");
 }
 
-TEST_F(CommandHandlerTest, ShutdownStopsEverythingAndThenExitsWithStatus0) {
+TEST_F(CommandHandlerTest, ShutdownStopsBackendThenExits0) {
   for (const auto* const line : {R"({"type":"shutdown"})", R"({"type":"shutdown","sessionId":"s"})"}) {
     backend_.calls.clear();
     try {

@@ -76,7 +76,7 @@ const std::vector<std::string>& corpus() {
   return lines;
 }
 
-TEST(HelperCommandDifferentialTest, TheCorpusIsJudgedAsTheReferencesJudgeIt) {
+TEST(HelperCommandDifferentialTest, CorpusMatchesReferences) {
   simdjson::dom::parser parser;
   int accepted = 0;
   for (const auto& line : corpus()) accepted += compare(parser, line);
@@ -178,7 +178,7 @@ std::string mutated(std::string line, std::mt19937& random) {
   return line;
 }
 
-TEST(HelperCommandDifferentialTest, RandomMutationsAreJudgedAsTheReferencesJudgeThem) {
+TEST(HelperCommandDifferentialTest, RandomMutationsMatchReferences) {
   constexpr int rounds = 60000;
   simdjson::dom::parser parser;
   std::mt19937 random(20240607);
@@ -190,7 +190,7 @@ TEST(HelperCommandDifferentialTest, RandomMutationsAreJudgedAsTheReferencesJudge
   EXPECT_LT(accepted, rounds * 19 / 20);
 }
 
-TEST(HelperCommandDifferentialTest, TheDocumentedDifferencesAreAllThereAre) {
+TEST(HelperCommandDifferentialTest, OnlyDocumentedDifferencesExist) {
   using namespace std::string_literals;
   struct Difference {
     std::string line;

@@ -62,7 +62,7 @@ TEST(HelperCommandTest, EveryFieldIsDecoded) {
   EXPECT_EQ(command.sentAt, -2.5);
 }
 
-TEST(HelperCommandTest, TheOrderOfKeysDoesNotMatter) {
+TEST(HelperCommandTest, KeyOrderDoesNotMatter) {
   const DecodedLine line(R"({"suppressed":false,"source":"remote","sessionId":"","type":"x"})");
   ASSERT_EQ(line.failure(), "");
   EXPECT_EQ(line.command().type, "x");
@@ -83,13 +83,13 @@ void expectAllOptionalFieldsAbsent(const HelperCommand& command) {
   EXPECT_EQ(command.sentAt, std::nullopt);
 }
 
-TEST(HelperCommandTest, AMissingKeyLeavesItsFieldAbsent) {
+TEST(HelperCommandTest, MissingKeyLeavesFieldAbsent) {
   const DecodedLine line(R"({"type":"ping"})");
   ASSERT_EQ(line.failure(), "");
   expectAllOptionalFieldsAbsent(line.command());
 }
 
-TEST(HelperCommandTest, ANullLeavesItsFieldAbsent) {
+TEST(HelperCommandTest, NullLeavesFieldAbsent) {
   const DecodedLine line(
       R"({"type":"ping","sessionId":null,"source":null,"locale":null,"vocabulary":null,"sequence":null,)"
       R"("capturedAt":null,"pcmBase64":null,"suppressed":null,"sentAt":null})");
@@ -97,7 +97,7 @@ TEST(HelperCommandTest, ANullLeavesItsFieldAbsent) {
   expectAllOptionalFieldsAbsent(line.command());
 }
 
-TEST(HelperCommandTest, ACommandWithoutATypeIsRefused) {
+TEST(HelperCommandTest, MissingTypeIsRejected) {
   EXPECT_EQ(failureOf("{}"), "type is missing");
   EXPECT_EQ(failureOf(R"({"sessionId":"s"})"), "type is missing");
   EXPECT_EQ(failureOf(R"({"type":null})"), "type is missing");
@@ -106,13 +106,13 @@ TEST(HelperCommandTest, ACommandWithoutATypeIsRefused) {
   EXPECT_EQ(failureOf(R"({"a":{"type":"ping"}})"), "type is missing");
 }
 
-TEST(HelperCommandTest, AnEmptyTypeIsAType) {
+TEST(HelperCommandTest, EmptyTypeIsAccepted) {
   const DecodedLine line(R"({"type":""})");
   EXPECT_EQ(line.failure(), "");
   EXPECT_EQ(line.command().type, "");
 }
 
-TEST(HelperCommandTest, EveryWrongTypeHasItsError) {
+TEST(HelperCommandTest, WrongValueTypeHasItsOwnError) {
   const std::vector<std::pair<std::string, std::string>> values{
       {"string", R"("x")"}, {"number", "1"}, {"boolean", "true"}, {"array", R"(["x"])"}, {"object", "{}"}};
   struct Field {
@@ -139,7 +139,7 @@ TEST(HelperCommandTest, EveryWrongTypeHasItsError) {
     }
 }
 
-TEST(HelperCommandTest, ATypeMayBeFalseOnlyWhereABooleanIsDue) {
+TEST(HelperCommandTest, ValuesAreNotCoerced) {
   EXPECT_EQ(failureOf(R"({"type":"x","suppressed":0})"), "suppressed must be true or false");
   EXPECT_EQ(failureOf(R"({"type":"x","suppressed":"true"})"), "suppressed must be true or false");
   EXPECT_EQ(failureOf(R"({"type":"x","sequence":"1"})"),
@@ -148,14 +148,14 @@ TEST(HelperCommandTest, ATypeMayBeFalseOnlyWhereABooleanIsDue) {
             "sequence must be a whole number of at most 64 bits");
 }
 
-TEST(HelperCommandTest, AnUnknownSourceIsRefused) {
+TEST(HelperCommandTest, UnknownSourceIsRejected) {
   for (const auto* const source : {"mic", "", "Remote", "SELF", "selfAudio", "self ", "remote\\u0000"})
     EXPECT_EQ(failureOf(pingWith(std::string(R"("source":")") + source + "\"")),
               R"(source must be "remote" or "self")")
         << source;
 }
 
-TEST(HelperCommandTest, AVocabularyHoldsOnlyStrings) {
+TEST(HelperCommandTest, VocabularyHoldsOnlyStrings) {
   for (const auto* const vocabulary :
        {"[1]", "[null]", "[true]", "[\"a\",null]", "[[]]", "[[\"a\"]]", "[{}]", R"([{"type":"a"}])"})
     EXPECT_EQ(failureOf(pingWith(std::string("\"vocabulary\":") + vocabulary)),
@@ -168,7 +168,7 @@ TEST(HelperCommandTest, AVocabularyHoldsOnlyStrings) {
   EXPECT_THAT(empty.command().vocabulary, Optional(ElementsAre("", "")));
 }
 
-TEST(HelperCommandTest, AVocabularyOfOneMebibyteIsDecoded) {
+TEST(HelperCommandTest, VocabularyOf1MiBIsDecoded) {
   constexpr std::size_t count = 1 << 17;
   std::string vocabulary = "\"vocabulary\":[\"abcde\"";
   for (std::size_t i = 1; i < count; ++i) vocabulary += ",\"abcde\"";
@@ -182,7 +182,7 @@ TEST(HelperCommandTest, AVocabularyOfOneMebibyteIsDecoded) {
   EXPECT_THAT(one.command().vocabulary, Optional(ElementsAre(phrase)));
 }
 
-TEST(HelperCommandTest, UnknownKeysAreIgnoredWhateverTheirValue) {
+TEST(HelperCommandTest, UnknownKeysAreIgnored) {
   for (const auto* const value :
        {"null", "true", "false", "0", "-0", "1.5e-300", "123456789012345678901234567890", "\"text\"", "[]",
         "{}", R"([1,"a",null,[[{}]],{"type":3}])",
@@ -195,7 +195,7 @@ TEST(HelperCommandTest, UnknownKeysAreIgnoredWhateverTheirValue) {
   }
 }
 
-TEST(HelperCommandTest, KeysInsideAnUnknownValueAreNotTheCommands) {
+TEST(HelperCommandTest, KeysInsideUnknownValueAreIgnored) {
   const DecodedLine line(R"({"extra":{"type":"inner","sessionId":"inner"},"type":"outer"})");
   EXPECT_EQ(line.failure(), "");
   EXPECT_EQ(line.command().type, "outer");
@@ -210,14 +210,14 @@ TEST(HelperCommandTest, KeysMatchExactly) {
   }
 }
 
-TEST(HelperCommandTest, AKeyMayBeWrittenWithEscapes) {
+TEST(HelperCommandTest, KeyMayContainEscapes) {
   const DecodedLine line(R"({"\u0074ype":"ping","sess\u0069onId":"s"})");
   EXPECT_EQ(line.failure(), "");
   EXPECT_EQ(line.command().type, "ping");
   EXPECT_EQ(line.command().sessionId, "s");
 }
 
-TEST(HelperCommandTest, TheFirstOfARepeatedKeyCounts) {
+TEST(HelperCommandTest, FirstOfRepeatedKeyCounts) {
   const DecodedLine line(
       R"({"type":"a","type":"b","sessionId":"1","sessionId":"2","vocabulary":["a"],"vocabulary":["b","c"],)"
       R"("sequence":1,"sequence":2,"capturedAt":1,"capturedAt":2,"suppressed":true,"suppressed":false})");
@@ -230,21 +230,21 @@ TEST(HelperCommandTest, TheFirstOfARepeatedKeyCounts) {
   EXPECT_EQ(line.command().suppressed, true);
 }
 
-TEST(HelperCommandTest, AFirstNullCountsAsWell) {
+TEST(HelperCommandTest, FirstNullCounts) {
   const DecodedLine line(R"({"type":"a","sessionId":null,"sessionId":"2"})");
   EXPECT_EQ(line.failure(), "");
   EXPECT_EQ(line.command().sessionId, std::nullopt);
   EXPECT_EQ(failureOf(R"({"type":null,"type":"ping"})"), "type is missing");
 }
 
-TEST(HelperCommandTest, ALaterRepetitionMayHaveAnyType) {
+TEST(HelperCommandTest, LaterRepetitionMayHaveAnyType) {
   const DecodedLine line(R"({"type":"a","type":[1,{"type":2}],"source":"self","source":"mic"})");
   EXPECT_EQ(line.failure(), "");
   EXPECT_EQ(line.command().type, "a");
   EXPECT_EQ(line.command().source, AudioSource::selfAudio);
 }
 
-TEST(HelperCommandTest, ASequenceIsAnyWholeNumberThatFits) {
+TEST(HelperCommandTest, SequenceIsAnyWholeNumberIn64Bits) {
   EXPECT_EQ(sequenceOf("3"), 3);
   EXPECT_EQ(sequenceOf("3.0"), 3);
   EXPECT_EQ(sequenceOf("3.000000000000000000000000"), 3);
@@ -264,7 +264,7 @@ TEST(HelperCommandTest, ASequenceIsAnyWholeNumberThatFits) {
   EXPECT_EQ(sequenceOf("9007199254740993"), 9007199254740993);
 }
 
-TEST(HelperCommandTest, ASequenceIsTakenExactlyHoweverItIsWritten) {
+TEST(HelperCommandTest, SequenceIsExactInAnyNotation) {
   EXPECT_EQ(sequenceOf("9007199254740993.0"), 9007199254740993);
   EXPECT_EQ(sequenceOf("9007199254740993e0"), 9007199254740993);
   EXPECT_EQ(sequenceOf("9.223372036854775807e18"), std::numeric_limits<std::int64_t>::max());
@@ -275,7 +275,7 @@ TEST(HelperCommandTest, ASequenceIsTakenExactlyHoweverItIsWritten) {
   EXPECT_EQ(sequenceOf("7" + std::string(300, '0') + "e-300"), 7);
 }
 
-TEST(HelperCommandTest, ASequenceThatIsNotWholeOrDoesNotFitIsRefused) {
+TEST(HelperCommandTest, FractionalOrOutOfRangeSequenceIsRejected) {
   for (const auto* const number :
        {"3.5", "-3.5", "1e-1", "0.1", "15e-1", "9223372036854775808", "-9223372036854775809",
         "-9223372036854775808.5", "9223372036854775807.5", "9.3e18", "1e19", "-1e19", "1e300",
@@ -286,7 +286,7 @@ TEST(HelperCommandTest, ASequenceThatIsNotWholeOrDoesNotFitIsRefused) {
         << number;
 }
 
-TEST(HelperCommandTest, ATimeIsReadExactlyAsTheCLibraryReadsIt) {
+TEST(HelperCommandTest, TimeMatchesStrtod) {
   for (const auto* const number :
        {"0", "-0", "1700000000000", "1700000000000.123456789012345678", "0.123456789012345678", "1e3", "1E-3",
         "1.7976931348623157e308", "-1.7976931348623157e308", "4.9e-324", "1e-400", "2.2250738585072011e-308",
@@ -299,7 +299,7 @@ TEST(HelperCommandTest, ATimeIsReadExactlyAsTheCLibraryReadsIt) {
   }
 }
 
-TEST(HelperCommandTest, RandomTimesAreReadExactlyAsTheCLibraryReadsThem) {
+TEST(HelperCommandTest, RandomTimesMatchStrtod) {
   std::mt19937_64 random(7);
   for (int i = 0; i < 20000; ++i) {
     std::string number = std::to_string(random() % 2000000000000);
@@ -309,7 +309,7 @@ TEST(HelperCommandTest, RandomTimesAreReadExactlyAsTheCLibraryReadsThem) {
   }
 }
 
-TEST(HelperCommandTest, ANumberTooBigForADoubleIsRefusedWhereverItStands) {
+TEST(HelperCommandTest, NumberBeyondDoubleRangeIsRejectedAnywhere) {
   for (const std::string number : {"1e400", "-1e400", "1e309", "1.8e308", "-1.8e308", "9e308", "99e307",
                                    "12345678e308", "1e99999999999999999999"})
     for (const std::string key : {"sentAt", "capturedAt", "extra"})
@@ -328,14 +328,14 @@ TEST(HelperCommandTest, EscapesAreDecoded) {
   EXPECT_EQ(line.command().type, "A\b\f\n\r\t\"\\/あ😀\0z"sv);
 }
 
-TEST(HelperCommandTest, InvalidEscapesAreRefused) {
+TEST(HelperCommandTest, InvalidEscapesAreRejected) {
   for (const auto* const text : {"\\x41", "\\u12", "\\u12G4", "\\U0041", "\\'", "\\0", "\\ ", "\\u-123"})
     EXPECT_THAT(failureOf(std::string("{\"type\":\"") + text + "\"}"),
                 HasSubstr("an escape sequence is invalid at byte "))
         << text;
 }
 
-TEST(HelperCommandTest, HalfASurrogatePairIsRefusedInKeysAndValues) {
+TEST(HelperCommandTest, LoneSurrogateIsRejectedInKeysAndValues) {
   for (const auto* const half : {"\\ud800", "\\udbff", "\\udc00", "\\udfff", "\\ud800\\ud800",
                                  "\\udc00\\ud800", "\\ud800x", "\\ud800\\n", "\\ud800\\u0041"}) {
     for (const std::string& line :
@@ -347,7 +347,7 @@ TEST(HelperCommandTest, HalfASurrogatePairIsRefusedInKeysAndValues) {
   }
 }
 
-TEST(HelperCommandTest, ARawControlCharacterInAStringIsRefusedAtEveryPlace) {
+TEST(HelperCommandTest, RawControlCharacterIsRejectedAtEveryPosition) {
   // At every offset from the parser's vector steps, before and behind an escape.
   for (int character = 0; character < 0x20; ++character) {
     const std::string raw(1, static_cast<char>(character));
@@ -365,7 +365,7 @@ TEST(HelperCommandTest, ARawControlCharacterInAStringIsRefusedAtEveryPlace) {
   EXPECT_TRUE(DecodedLine("{\"type\":\"a\x7F\"}").accepted());
 }
 
-TEST(HelperCommandTest, WhiteSpaceIsWhatTheStandardCallsIt) {
+TEST(HelperCommandTest, OnlyJSONWhiteSpaceIsAccepted) {
   EXPECT_TRUE(DecodedLine(" \t\r{ \t\r\"type\" \t\r: \t\r\"ping\" \t\r, \"x\":[ ] } \t\r").accepted());
   EXPECT_TRUE(DecodedLine("{\"type\":\"ping\"}\r").accepted());
   EXPECT_TRUE(DecodedLine("\n{\n\"type\"\n:\n\"ping\"\n}\n").accepted());
@@ -375,11 +375,11 @@ TEST(HelperCommandTest, WhiteSpaceIsWhatTheStandardCallsIt) {
   }
 }
 
-TEST(HelperCommandTest, AByteOrderMarkIsRefused) {
+TEST(HelperCommandTest, ByteOrderMarkIsRejected) {
   EXPECT_EQ(failureOf("\xEF\xBB\xBF{\"type\":\"ping\"}"), "a value is malformed at byte 0");
 }
 
-TEST(HelperCommandTest, InvalidUTF8IsRefusedWhereverItStands) {
+TEST(HelperCommandTest, InvalidUTF8IsRejectedAnywhere) {
   using namespace std::string_literals;
   for (const std::string& bytes :
        {"\x80"s, "\xBF"s, "\xC0\x80"s, "\xC1\xBF"s, "\xC3"s, "\xE0\x9F\xBF"s, "\xED\xA0\x80"s,
@@ -392,7 +392,7 @@ TEST(HelperCommandTest, InvalidUTF8IsRefusedWhereverItStands) {
       EXPECT_EQ(failureOf(line), "the line is not valid UTF-8");
 }
 
-TEST(HelperCommandTest, ANULByteIsRefusedWhereverItStands) {
+TEST(HelperCommandTest, NULByteIsRejectedAnywhere) {
   using namespace std::string_literals;
   const std::string valid = R"({"type":"a","sequence":1,"x":[true]})";
   ASSERT_TRUE(DecodedLine(valid).accepted());
@@ -403,7 +403,7 @@ TEST(HelperCommandTest, ANULByteIsRefusedWhereverItStands) {
   }
 }
 
-TEST(HelperCommandTest, EveryTruncationOfALineIsRefused) {
+TEST(HelperCommandTest, EveryTruncationIsRejected) {
   const std::string valid =
       R"({"type":"audio","sessionId":"\u0041é","source":"self","vocabulary":["a","b"],"sequence":12,)"
       R"("capturedAt":1.5e3,"suppressed":false,"sentAt":null,"x":{"y":[[]]}})";
@@ -415,7 +415,7 @@ TEST(HelperCommandTest, EveryTruncationOfALineIsRefused) {
   EXPECT_EQ(failureOf(""), "the line is empty at byte 0");
 }
 
-TEST(HelperCommandTest, MalformedJSONIsRefusedWithItsPlace) {
+TEST(HelperCommandTest, MalformedJSONIsRejectedWithPosition) {
   const std::vector<std::pair<std::string, std::string>> cases{
       {R"({"type":"a"}x)", "something follows the object at byte 12"},
       {R"({"type":"a"}{"type":"b"})", "something follows the object at byte 12"},
@@ -446,7 +446,7 @@ TEST(HelperCommandTest, MalformedJSONIsRefusedWithItsPlace) {
   for (const auto& [line, failure] : cases) EXPECT_EQ(failureOf(line), failure) << line;
 }
 
-TEST(HelperCommandTest, ValuesOutsideTheGrammarAreRefused) {
+TEST(HelperCommandTest, ValuesOutsideGrammarAreRejected) {
   for (const auto* const value :
        {"NaN",   "nan",   "Infinity", "-Infinity", "inf", "undefined", "True", "TRUE", "Null", "nul",
         "truex", "+1",    "01",       "-01",       "00",  "-",         ".5",   "-.5",  "1.",   "1.e5",
@@ -457,7 +457,7 @@ TEST(HelperCommandTest, ValuesOutsideTheGrammarAreRefused) {
           << key << ":" << value;
 }
 
-TEST(HelperCommandTest, ALineThatIsNoObjectIsRefused) {
+TEST(HelperCommandTest, NonObjectIsRejected) {
   for (const auto* const line :
        {"3", "-1.5", "\"type\"", "true", "false", "null", "[]", R"([{"type":"ping"}])"})
     EXPECT_EQ(failureOf(line), "expected an object") << line;
@@ -467,7 +467,7 @@ TEST(HelperCommandTest, ALineThatIsNoObjectIsRefused) {
   EXPECT_EQ(failureOf("   "), "the line is empty at byte 3");
 }
 
-TEST(HelperCommandTest, NestingIsAcceptedUpToItsLimit) {
+TEST(HelperCommandTest, NestingIsAcceptedUpToLimit) {
   // The command itself is the first level.
   const auto nested = [](std::size_t levels, std::string_view open, std::string_view close) {
     return pingWith("\"x\":" + repeated(open, levels - 1) + repeated(close, levels - 1));
@@ -481,7 +481,7 @@ TEST(HelperCommandTest, NestingIsAcceptedUpToItsLimit) {
   EXPECT_EQ(failureOf(objects(maxNestingDepth + 1)), "nested deeper than 512 levels");
 }
 
-TEST(HelperCommandTest, AMillionLevelsAreRefusedAndDoNotOverflowTheStack) {
+TEST(HelperCommandTest, MillionLevelsDoNotOverflowStack) {
   constexpr std::size_t levels = 1000000;
   EXPECT_EQ(failureOf(pingWith("\"x\":" + std::string(levels, '['))), "nested deeper than 512 levels");
   EXPECT_EQ(failureOf(pingWith("\"x\":" + repeated("{\"a\":", levels))), "nested deeper than 512 levels");
@@ -489,11 +489,11 @@ TEST(HelperCommandTest, AMillionLevelsAreRefusedAndDoNotOverflowTheStack) {
   EXPECT_EQ(failureOf(std::string(levels, ']')), "a value is malformed at byte 0");
 }
 
-TEST(HelperCommandTest, ManySiblingsAreNoNesting) {
+TEST(HelperCommandTest, SiblingsAreNotNesting) {
   EXPECT_EQ(failureOf(pingWith("\"x\":[" + repeated("[],{},", 100000) + "1]")), "");
 }
 
-TEST(HelperCommandTest, AnErrorNeverRepeatsThePayload) {
+TEST(HelperCommandTest, ErrorNeverRepeatsPayload) {
   const std::string secret = "Geheimnis";
   for (const std::string& line :
        {"{\"type\":1,\"sessionId\":\"" + secret + "\"}", "{\"type\":\"a\",\"source\":\"" + secret + "\"}",
@@ -508,7 +508,7 @@ TEST(HelperCommandTest, AnErrorNeverRepeatsThePayload) {
   }
 }
 
-TEST(HelperCommandTest, EveryTextIsAViewIntoTheLine) {
+TEST(HelperCommandTest, TextsAreViewsIntoLine) {
   const DecodedLine line(
       R"({"type":"a\n","sessionId":"s","locale":"","pcmBase64":"AAAA","vocabulary":["","\u3042","long enough text"]})");
   ASSERT_EQ(line.failure(), "");
@@ -520,7 +520,7 @@ TEST(HelperCommandTest, EveryTextIsAViewIntoTheLine) {
   for (const auto phrase : *command.vocabulary) EXPECT_TRUE(line.holds(phrase));
 }
 
-TEST(HelperCommandTest, StringsOfEveryLengthAreDecodedWhole) {
+TEST(HelperCommandTest, StringsOfEveryLengthAreDecoded) {
   // Crosses every boundary of the parser's vector steps.
   for (std::size_t length = 0; length < 200; ++length)
     for (const auto* const ending : {"", "\\n", "é", "\\u3042"}) {

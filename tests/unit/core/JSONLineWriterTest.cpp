@@ -25,19 +25,19 @@ std::string serialized(double number) {
   return serializeEvent(number);
 }
 
-TEST(JSONLineWriterTest, AnEventIsOneLineWithSortedKeysAndNoWhiteSpace) {
+TEST(JSONLineWriterTest, EventIsOneLineWithSortedKeysAndNoWhiteSpace) {
   EXPECT_EQ(serializeEvent({{"type", "x"}, {"b", 1}, {"a", true}, {"Z", "z"}, {"aa", false}, {"", "empty"}}),
             R"({"":"empty","Z":"z","a":true,"aa":false,"b":1,"type":"x"})");
 }
 
-TEST(JSONLineWriterTest, KeysAreSortedInNestedObjectsToo) {
+TEST(JSONLineWriterTest, NestedKeysAreSorted) {
   EXPECT_EQ(serializeEvent({{"type", "x"}, {"endpointing", {{"b", {{"d", 1}, {"c", 2}}}, {"a", 0}}}}),
             R"({"endpointing":{"a":0,"b":{"c":2,"d":1}},"type":"x"})");
   EXPECT_EQ(serializeEvent({{"list", Event::array({{{"b", 1}, {"a", 2}}, 3})}}),
             R"({"list":[{"a":2,"b":1},3]})");
 }
 
-TEST(JSONLineWriterTest, TheOrderOfInsertionDoesNotShow) {
+TEST(JSONLineWriterTest, InsertionOrderDoesNotMatter) {
   Event first, second;
   const std::vector<std::string> keys{"type", "message", "at", "sessionId", "source", "é", "Ä"};
   for (std::size_t i = 0; i < keys.size(); ++i) {
@@ -47,7 +47,7 @@ TEST(JSONLineWriterTest, TheOrderOfInsertionDoesNotShow) {
   EXPECT_EQ(serializeEvent(first), serializeEvent(second));
 }
 
-TEST(JSONLineWriterTest, SlashesAreWrittenAsTheyAre) {
+TEST(JSONLineWriterTest, SlashesAreNotEscaped) {
   EXPECT_EQ(serializeEvent({{"a/b", "/tmp/x.wav"}}), R"({"a/b":"/tmp/x.wav"})");
 }
 
@@ -62,7 +62,7 @@ TEST(JSONLineWriterTest, ControlCharactersQuotesAndBackslashesAreEscaped) {
   EXPECT_EQ(read[all], 1);
 }
 
-TEST(JSONLineWriterTest, TextBeyondASCIIIsWrittenAsUTF8) {
+TEST(JSONLineWriterTest, NonASCIITextIsWrittenAsUTF8) {
   EXPECT_EQ(serializeEvent({{"text", "会議 é 😀 \xE2\x80\xA8"}}), "{\"text\":\"会議 é 😀 \xE2\x80\xA8\"}");
 }
 
@@ -74,7 +74,7 @@ TEST(JSONLineWriterTest, EmptyContainersAndIntegersAreWritten) {
             R"({"i":-9223372036854775808,"u":18446744073709551615,"z":0})");
 }
 
-TEST(JSONLineWriterTest, AWholeDoubleHasNoFraction) {
+TEST(JSONLineWriterTest, WholeDoubleHasNoFraction) {
   EXPECT_EQ(serialized(0), "0");
   EXPECT_EQ(serialized(-0.0), "-0");
   EXPECT_EQ(serialized(1234), "1234");
@@ -82,7 +82,7 @@ TEST(JSONLineWriterTest, AWholeDoubleHasNoFraction) {
   EXPECT_EQ(serialized(-1), "-1");
 }
 
-TEST(JSONLineWriterTest, AFractionIsKept) {
+TEST(JSONLineWriterTest, FractionIsKept) {
   EXPECT_EQ(serialized(1234.5), "1234.5");
   EXPECT_EQ(serialized(1700000000123.4568), "1700000000123.4568");
   EXPECT_EQ(serialized(0.1), "0.1");
@@ -113,7 +113,7 @@ bool isJSONNumber(std::string_view text) {
   return at == text.size();
 }
 
-TEST(JSONLineWriterTest, EveryDoubleReadsBackToItself) {
+TEST(JSONLineWriterTest, EveryDoubleRoundTrips) {
   std::mt19937_64 random(11);
   const auto check = [](double number) {
     const auto text = serialized(number);
@@ -134,7 +134,7 @@ TEST(JSONLineWriterTest, EveryDoubleReadsBackToItself) {
     check(number);
 }
 
-TEST(JSONLineWriterTest, ALineIsItsTextAndOneLineFeed) {
+TEST(JSONLineWriterTest, LineIsTextAndOneLineFeed) {
   FakePlatform fake;
   JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
   writer.write({{"type", "x"}});
@@ -143,7 +143,7 @@ TEST(JSONLineWriterTest, ALineIsItsTextAndOneLineFeed) {
   EXPECT_THAT(fake.standardError.writes(), IsEmpty());
 }
 
-TEST(JSONLineWriterTest, AnEventThatCannotBeEncodedIsDroppedWithADiagnostic) {
+TEST(JSONLineWriterTest, UnencodableEventIsDroppedWithDiagnostic) {
   const std::vector<Event> events{
       {{"type", "x"}, {"text", "\xFF"}},
       {{"type", "x"}, {"\xC3", 1}},
@@ -168,7 +168,7 @@ TEST(JSONLineWriterTest, AnEventThatCannotBeEncodedIsDroppedWithADiagnostic) {
   }
 }
 
-TEST(JSONLineWriterTest, AnErrorHasExactlyItsKeys) {
+TEST(JSONLineWriterTest, ErrorHasExactKeys) {
   FakePlatform fake;
   JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
   writer.error("It / failed");
@@ -186,7 +186,7 @@ TEST(JSONLineWriterTest, AnErrorHasExactlyItsKeys) {
             "\n");
 }
 
-TEST(JSONLineWriterTest, ManyThreadsWriteOnlyWholeLines) {
+TEST(JSONLineWriterTest, ThreadsWriteWholeLines) {
   FakePlatform fake;
   JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
   constexpr int threads = 8, each = 500;
@@ -219,7 +219,7 @@ TEST(JSONLineWriterTest, ManyThreadsWriteOnlyWholeLines) {
   for (const auto& [thread, count] : lines) EXPECT_EQ(count, each) << thread;
 }
 
-TEST(JSONLineWriterTest, HeldLinesAreBegunOnlyAfterwards) {
+TEST(JSONLineWriterTest, LinesWaitWhileHeld) {
   FakePlatform fake;
   JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
   std::jthread other;
@@ -232,7 +232,7 @@ TEST(JSONLineWriterTest, HeldLinesAreBegunOnlyAfterwards) {
   EXPECT_EQ(fake.standardOutput.text(), "{\"type\":\"x\"}\n");
 }
 
-TEST(JSONLineWriterTest, EachAuthorizationStatusHasItsLabel) {
+TEST(JSONLineWriterTest, AuthorizationStatusesHaveLabels) {
   const auto label = [](long status) { return authorizationLabel(static_cast<AuthorizationStatus>(status)); };
   EXPECT_EQ(label(0), "not-determined");
   EXPECT_EQ(label(1), "denied");

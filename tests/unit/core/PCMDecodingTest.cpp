@@ -61,7 +61,7 @@ TEST(PCMDecodingTest, TwoZeroBytesAreOneFrame) {
   EXPECT_EQ(buffer->int16ChannelData()[0], 0);
 }
 
-TEST(PCMDecodingTest, TheFormatIs16KilohertzMonoSigned16Bit) {
+TEST(PCMDecodingTest, FormatIs16KHzMonoSigned16Bit) {
   MemoryAudioBuffers buffers;
   const auto format = makePCMBuffer(buffers, "AAA=")->format();
   EXPECT_EQ(format.commonFormat, CommonFormat::int16);
@@ -70,7 +70,7 @@ TEST(PCMDecodingTest, TheFormatIs16KilohertzMonoSigned16Bit) {
   EXPECT_FALSE(format.interleaved);
 }
 
-TEST(PCMDecodingTest, AnOddNumberOfBytesIsRefused) {
+TEST(PCMDecodingTest, OddByteCountIsRejected) {
   MemoryAudioBuffers buffers;
   for (const auto* const text : {"AAAA", "AA=="})
     EXPECT_EQ(errorOf(buffers, text), PCMError(PCMError::Case::oddByteCount)) << text;
@@ -78,14 +78,14 @@ TEST(PCMDecodingTest, AnOddNumberOfBytesIsRefused) {
     EXPECT_EQ(errorOf(buffers, encoded(std::vector<std::uint8_t>(size))).has_value(), size % 2 == 1) << size;
 }
 
-TEST(PCMDecodingTest, WhatIsNotBase64IsRefused) {
+TEST(PCMDecodingTest, InvalidBase64IsRejected) {
   MemoryAudioBuffers buffers;
   for (const auto* const text : {"A", "AA", "AAA", "AA=A", "A===", "AAA\n", "AA\nA", "AAAA\nAAA", "AA-_",
                                  "AA A", "!!!!", "AAAAAAA=AAAA", "é=="})
     EXPECT_EQ(errorOf(buffers, text), PCMError(PCMError::Case::invalidBase64)) << text;
 }
 
-TEST(PCMDecodingTest, ATenthOfASecondIs1600LittleEndianSamples) {
+TEST(PCMDecodingTest, Payload100MsIs1600LittleEndianSamples) {
   std::vector<std::uint8_t> bytes(3200);
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i * 7 + i / 256);
   MemoryAudioBuffers buffers;
@@ -97,7 +97,7 @@ TEST(PCMDecodingTest, ATenthOfASecondIs1600LittleEndianSamples) {
         << i;
 }
 
-TEST(PCMDecodingTest, TheExtremeSamplesAreKept) {
+TEST(PCMDecodingTest, ExtremeSamplesAreKept) {
   MemoryAudioBuffers buffers;
   const auto buffer = makePCMBuffer(buffers, encoded({0x00, 0x80, 0xFF, 0x7F, 0xFF, 0xFF, 0x01, 0x00}));
   ASSERT_EQ(buffer->frameLength(), 4U);
@@ -108,28 +108,28 @@ TEST(PCMDecodingTest, TheExtremeSamplesAreKept) {
   EXPECT_EQ(samples[3], 1);
 }
 
-TEST(PCMDecodingTest, AnEmptyTextIsAnEmptyBuffer) {
+TEST(PCMDecodingTest, EmptyTextIsEmptyBuffer) {
   MemoryAudioBuffers buffers;
   const auto buffer = makePCMBuffer(buffers, "");
   EXPECT_EQ(buffer->frameLength(), 0U);
   EXPECT_EQ(buffer->frameCapacity(), 0U);
 }
 
-TEST(PCMDecodingTest, APlatformThatRefusesAnEmptyBufferIsReported) {
+TEST(PCMDecodingTest, RefusedEmptyBufferIsReported) {
   FaultyAudioBuffers buffers;
   buffers.refusesEmptyBuffer = true;
   EXPECT_EQ(errorOf(buffers, ""), PCMError(PCMError::Case::bufferUnavailable));
   EXPECT_EQ(errorOf(buffers, "AAA="), std::nullopt);
 }
 
-TEST(PCMDecodingTest, TheCapacityAskedForIsTheNumberOfFrames) {
+TEST(PCMDecodingTest, RequestedCapacityIsFrameCount) {
   FaultyAudioBuffers buffers;
   for (const std::size_t frames : {0U, 1U, 3U, 160U, 4096U})
     makePCMBuffer(buffers, encoded(std::vector<std::uint8_t>(frames * 2)));
   EXPECT_EQ(buffers.capacities, (std::vector<std::uint32_t>{0, 1, 3, 160, 4096}));
 }
 
-TEST(PCMDecodingTest, EachFaultOfThePlatformHasItsError) {
+TEST(PCMDecodingTest, PlatformFaultsHaveTheirErrors) {
   FaultyAudioBuffers noFormat;
   noFormat.refusesFormat = true;
   EXPECT_EQ(errorOf(noFormat, "AAA="), PCMError(PCMError::Case::formatUnavailable));
@@ -141,7 +141,7 @@ TEST(PCMDecodingTest, EachFaultOfThePlatformHasItsError) {
   EXPECT_EQ(errorOf(noSamples, "AAA="), PCMError(PCMError::Case::bufferUnavailable));
 }
 
-TEST(PCMDecodingTest, ThePayloadIsJudgedBeforeThePlatformIsAsked) {
+TEST(PCMDecodingTest, PayloadIsCheckedBeforePlatform) {
   FaultyAudioBuffers buffers;
   buffers.refusesFormat = true;
   EXPECT_EQ(errorOf(buffers, "?"), PCMError(PCMError::Case::invalidBase64));
@@ -150,7 +150,7 @@ TEST(PCMDecodingTest, ThePayloadIsJudgedBeforeThePlatformIsAsked) {
   EXPECT_TRUE(buffers.capacities.empty());
 }
 
-TEST(PCMDecodingTest, EachErrorHasItsText) {
+TEST(PCMDecodingTest, ErrorsHaveTheirTexts) {
   EXPECT_STREQ(PCMError(PCMError::Case::invalidBase64).what(), "pcmBase64 is not valid Base64");
   EXPECT_STREQ(PCMError(PCMError::Case::oddByteCount).what(),
                "PCM16 payload must contain an even number of bytes");
@@ -160,7 +160,7 @@ TEST(PCMDecodingTest, EachErrorHasItsText) {
   EXPECT_FALSE(PCMError(PCMError::Case::invalidBase64) == PCMError(PCMError::Case::oddByteCount));
 }
 
-TEST(PCMDecodingTest, EachCallMakesABufferOfItsOwn) {
+TEST(PCMDecodingTest, EachCallCreatesOwnBuffer) {
   MemoryAudioBuffers buffers;
   const auto first = makePCMBuffer(buffers, "AQA=");
   const auto second = makePCMBuffer(buffers, "AgA=");

@@ -42,7 +42,7 @@ bool isMember(char32_t point) {
   }
 }
 
-TEST(TextTest, EveryCodePointOfTheBasicPlaneIsTrimmedIfAndOnlyIfItIsAMember) {
+TEST(TextTest, ExactlyWhiteSpaceOfBasicPlaneIsTrimmed) {
   int members = 0;
   for (char32_t point = 0; point < 0x10000; ++point) {
     if (point >= 0xD800 && point <= 0xDFFF) continue;
@@ -57,13 +57,13 @@ TEST(TextTest, EveryCodePointOfTheBasicPlaneIsTrimmedIfAndOnlyIfItIsAMember) {
   EXPECT_EQ(members, 25);
 }
 
-TEST(TextTest, InvisibleCharactersThatAreNoWhiteSpaceStay) {
+TEST(TextTest, OtherInvisibleCharactersAreKept) {
   for (const char32_t point :
        {U'\u200B', U'\u200C', U'\u200D', U'\u2060', U'\uFEFF', U'\u180E', U'\u00AD', U'\0', U'\x1C', U'\x1F'})
     EXPECT_EQ(trimWhitespaceAndNewlines(utf8(point)), utf8(point)) << std::hex << std::uint32_t{point};
 }
 
-TEST(TextTest, RunsOfDifferentMembersAreTrimmedWhole) {
+TEST(TextTest, MixedWhiteSpaceIsTrimmedWhole) {
   std::string all;
   for (char32_t point = 0; point <= 0x3000; ++point)
     if (isMember(point)) all += utf8(point);
@@ -73,7 +73,7 @@ TEST(TextTest, RunsOfDifferentMembersAreTrimmedWhole) {
   EXPECT_EQ(trimWhitespaceAndNewlines(""), "");
 }
 
-TEST(TextTest, MalformedBytesStay) {
+TEST(TextTest, MalformedBytesAreKept) {
   for (const std::string bytes : {"\xC2", "\xE3\x80", "\xE2\x80", "\x80", "\xA0", "\x85", "\x80\x80", "\xE3",
                                   "\xFF", "\xC2\x20\xA0", "\xE2\xC2\xA0\x80"}) {
     const std::string spaced = " " + bytes + "\n";
@@ -82,14 +82,14 @@ TEST(TextTest, MalformedBytesStay) {
   }
 }
 
-TEST(TextTest, TheTrimmedTextIsAViewIntoTheText) {
+TEST(TextTest, TrimmedTextIsView) {
   const std::string text = "\t  text \n";
   const auto trimmed = trimWhitespaceAndNewlines(text);
   EXPECT_EQ(trimmed.data(), text.data() + 3);
   EXPECT_EQ(trimmed.size(), 4U);
 }
 
-TEST(TextTest, ANeedleIsFoundWhateverTheLetterCase) {
+TEST(TextTest, SearchIgnoresCase) {
   EXPECT_TRUE(containsCaseInsensitively("Siri and Dictation are disabled", "dictation"));
   EXPECT_TRUE(containsCaseInsensitively("DICTATION", "dictation"));
   EXPECT_TRUE(containsCaseInsensitively("xdictation", "dictation"));

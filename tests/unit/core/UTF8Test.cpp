@@ -53,11 +53,11 @@ std::string text(std::uint32_t bytes, int size) {
   return out;
 }
 
-TEST(UTF8Test, NothingIsValid) {
+TEST(UTF8Test, EmptyTextIsValid) {
   EXPECT_TRUE(isValidUTF8({}));
 }
 
-TEST(UTF8Test, AllSequencesOfOneTwoAndThreeBytesAreJudgedByTheDefinition) {
+TEST(UTF8Test, Sequences1To3BytesMatchDefinition) {
   for (int size = 1; size <= 3; ++size)
     for (std::uint32_t bytes = 0; bytes < 1U << (8 * size); ++bytes) {
       const auto sequence = text(bytes, size);
@@ -65,7 +65,7 @@ TEST(UTF8Test, AllSequencesOfOneTwoAndThreeBytesAreJudgedByTheDefinition) {
     }
 }
 
-TEST(UTF8Test, TheEdgesOfFourByteSequencesAreJudgedByTheDefinition) {
+TEST(UTF8Test, FourByteSequenceEdgesMatchDefinition) {
   constexpr std::uint32_t edges[] = {0x00, 0x22, 0x7F, 0x80, 0x81, 0x8F, 0x90,
                                      0x9F, 0xA0, 0xBE, 0xBF, 0xC0, 0xFF};
   int valid = 0;
@@ -105,7 +105,7 @@ TEST(UTF8Test, EveryCodePointIsValid) {
   EXPECT_FALSE(isValidUTF8(all));
 }
 
-TEST(UTF8Test, AnErrorIsFoundAtEveryPlace) {
+TEST(UTF8Test, ErrorIsFoundAtEveryPosition) {
   const std::string valid = "ascii é あ 😀 ascii ascii ascii";
   ASSERT_TRUE(isValidUTF8(valid));
   for (std::size_t at = 0; at <= valid.size(); ++at)
@@ -115,7 +115,7 @@ TEST(UTF8Test, AnErrorIsFoundAtEveryPlace) {
     }
 }
 
-TEST(UTF8Test, NothingBehindTheTextIsRead) {
+TEST(UTF8Test, NoByteAfterTextIsRead) {
   // Truncated at the end of its memory: the address sanitizer sees a byte more.
   for (const auto* const truncated : {"\xC3", "\xE3\x81", "\xE3", "\xF0\x9F\x98", "\xF0\x9F", "\xF0"}) {
     const std::vector<char> exact(truncated, truncated + std::char_traits<char>::length(truncated));

@@ -10,7 +10,7 @@
 namespace palaver {
 namespace {
 
-TEST(UUIDTest, TheFormIsThatOfAVersion4Identifier) {
+TEST(UUIDTest, FormIsVersion4) {
   std::set<char> variants;
   for (int i = 0; i < 1000; ++i) {
     const auto text = makeUUIDString();
@@ -26,7 +26,7 @@ TEST(UUIDTest, TheFormIsThatOfAVersion4Identifier) {
   EXPECT_THAT(variants, ::testing::ElementsAre('8', '9', 'A', 'B'));
 }
 
-TEST(UUIDTest, EveryOtherDigitTakesEveryValue) {
+TEST(UUIDTest, FreeDigitsTakeEveryValue) {
   std::vector<std::set<char>> seen(36);
   for (int i = 0; i < 2000; ++i) {
     const auto text = makeUUIDString();

@@ -21,7 +21,7 @@ TEST(DictationDisabledError, IsCode1700OfAnyDomain) {
   EXPECT_FALSE(isDictationDisabledError({"kAFAssistantErrorDomain", 1701, ""}));
 }
 
-TEST(DictationDisabledError, IsATextThatNamesDictationAndDisabledInAnyCase) {
+TEST(DictationDisabledError, IsTextWithDictationAndDisabledInAnyCase) {
   EXPECT_TRUE(isDictationDisabledError({"any", 201, "Siri and Dictation are disabled"}));
   EXPECT_TRUE(isDictationDisabledError({"any", 0, "Dictation is DISABLED on this Mac"}));
   EXPECT_TRUE(isDictationDisabledError({"any", 0, "disabled: dictation"}));
@@ -122,19 +122,19 @@ class DictationProbeTest : public testing::Test {
   HandDrivenRecognition recognition_;
 };
 
-TEST_F(DictationProbeTest, TheFirstOutcomeCountsDisabledThenFinal) {
+TEST_F(DictationProbeTest, DisabledBeforeFinalMeansDisabled) {
   answer(1, failure(dictationDisabledError()));
   answer(1, result(true));
   with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), disabled); });
 }
 
-TEST_F(DictationProbeTest, TheFirstOutcomeCountsFinalThenDisabled) {
+TEST_F(DictationProbeTest, FinalBeforeDisabledMeansEnabled) {
   answer(1, result(true));
   answer(1, failure(dictationDisabledError()));
   with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), enabled); });
 }
 
-TEST_F(DictationProbeTest, ACallWithNothingOrAPartialIsNoOutcome) {
+TEST_F(DictationProbeTest, EmptyOrPartialCallIsNoOutcome) {
   answer(1, {});
   answer(2, result(false));
   answer(3, failure(dictationDisabledError()));
@@ -144,19 +144,19 @@ TEST_F(DictationProbeTest, ACallWithNothingOrAPartialIsNoOutcome) {
   });
 }
 
-TEST_F(DictationProbeTest, AnErrorThatComesWithAResultCounts) {
+TEST_F(DictationProbeTest, ErrorWithResultCounts) {
   RecognitionAnswer both = failure(dictationDisabledError());
   both.result = RecognitionResult{"", {}, true};
   answer(1, both);
   with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), disabled); });
 }
 
-TEST_F(DictationProbeTest, AnOutcomeDuringTheCancellationStillCounts) {
+TEST_F(DictationProbeTest, OutcomeDuringCancellationCounts) {
   recognition_.onCancel = [this] { call(failure(dictationDisabledError())); };
   with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), disabled); });
 }
 
-TEST_F(DictationProbeTest, ACallAfterTheVerdictChangesNothing) {
+TEST_F(DictationProbeTest, CallAfterVerdictIsIgnored) {
   answer(1, result(true));
   answer(5000, failure(dictationDisabledError()));
   with([this](DictationProbe& probe) {
@@ -167,7 +167,7 @@ TEST_F(DictationProbeTest, ACallAfterTheVerdictChangesNothing) {
   });
 }
 
-TEST_F(DictationProbeTest, AProbeThatHearsNothingEndsByItsTimeout) {
+TEST_F(DictationProbeTest, UnansweredProbeTimesOut) {
   with([this](DictationProbe& probe) {
     EXPECT_EQ(probe.cachedVerdict(), std::nullopt);
     EXPECT_EQ(probe.availability("ja-JP", 100), unknown);
@@ -179,7 +179,7 @@ TEST_F(DictationProbeTest, AProbeThatHearsNothingEndsByItsTimeout) {
   });
 }
 
-TEST_F(DictationProbeTest, ARecordedVerdictNeedsNoProbeAndTheCacheIsReadWhateverItsAge) {
+TEST_F(DictationProbeTest, RecordedVerdictHolds30sButCacheNeverExpires) {
   with([this](DictationProbe& probe) {
     probe.recordDisabled();
     EXPECT_EQ(probe.availability("ja-JP"), disabled);

@@ -20,23 +20,23 @@ double loudness(const std::vector<std::int16_t>& samples) {
   return LegacyRecognitionChannel::normalizedRms(buffer);
 }
 
-TEST(NormalizedRms, OfFullScaleIsOne) {
+TEST(NormalizedRms, FullScaleIs1) {
   EXPECT_EQ(loudness(std::vector<std::int16_t>(1600, -32768)), 1.0);
 }
 
-TEST(NormalizedRms, OfSilenceAndOfNothingIsZero) {
+TEST(NormalizedRms, SilenceAndEmptyBufferAre0) {
   EXPECT_EQ(loudness(std::vector<std::int16_t>(1600, 0)), 0.0);
   EXPECT_EQ(loudness({}), 0.0);
 }
 
-TEST(NormalizedRms, OfABufferWithoutSixteenBitSamplesIsZero) {
+TEST(NormalizedRms, BufferWithout16BitSamplesIs0) {
   PCMBuffer buffer({CommonFormat::float32, 16000, 1, false}, 4);
   buffer.setFrameLength(4);
   std::fill_n(buffer.floatChannelData(), 4, 1.0F);
   EXPECT_EQ(LegacyRecognitionChannel::normalizedRms(buffer), 0.0);
 }
 
-TEST(NormalizedRms, CountsTheFramesInUseOnly) {
+TEST(NormalizedRms, CountsOnlyFramesInUse) {
   PCMBuffer buffer({CommonFormat::int16, 16000, 1, false}, 4);
   std::fill_n(buffer.int16ChannelData(), 4, std::int16_t{16384});
   buffer.int16ChannelData()[3] = 0;
@@ -45,7 +45,7 @@ TEST(NormalizedRms, CountsTheFramesInUseOnly) {
 }
 
 // One sample of full scale among 15625 has a root mean square of exactly 1/125.
-TEST(NormalizedRms, ReachesTheThresholdExactly) {
+TEST(NormalizedRms, ReachesThresholdExactly) {
   std::vector<std::int16_t> samples(15625, 0);
   samples[7000] = -32768;
   EXPECT_EQ(loudness(samples), LegacyRecognitionChannel::voiceRmsThreshold);
@@ -55,7 +55,7 @@ TEST(NormalizedRms, ReachesTheThresholdExactly) {
 }
 
 // Summed one by one in doubles, as the definition says.
-TEST(NormalizedRms, AgreesWithTheDefinitionForAnySamples) {
+TEST(NormalizedRms, MatchesDefinitionForRandomSamples) {
   std::uint32_t state = 1;
   for (std::size_t count = 1; count < 200; ++count) {
     std::vector<std::int16_t> samples;
@@ -69,7 +69,7 @@ TEST(NormalizedRms, AgreesWithTheDefinitionForAnySamples) {
   }
 }
 
-TEST(NoSpeechError, IsCode1110OrATextThatSaysSo) {
+TEST(NoSpeechError, IsCode1110OrMatchingText) {
   EXPECT_TRUE(LegacyRecognitionChannel::isNoSpeechError({"any", 1110, ""}));
   EXPECT_TRUE(LegacyRecognitionChannel::isNoSpeechError({"any", 5, "There was NO SPEECH in it"}));
   EXPECT_FALSE(LegacyRecognitionChannel::isNoSpeechError({"any", 203, "Retry"}));
@@ -78,7 +78,7 @@ TEST(NoSpeechError, IsCode1110OrATextThatSaysSo) {
 
 using LegacyConversation = ConversationTest;
 
-TEST_F(LegacyConversation, ATextThatIsNotUTF8IsDroppedWithAWordOnStandardError) {
+TEST_F(LegacyConversation, InvalidUTF8TextIsDroppedWithDiagnostic) {
   host(100, {{"type", "session.start"}, {"sessionId", "a"}});
   audio(1000);
   partial(1100, "broken \xFF");
@@ -90,7 +90,7 @@ TEST_F(LegacyConversation, ATextThatIsNotUTF8IsDroppedWithAWordOnStandardError) 
   EXPECT_TRUE(errorOutput().starts_with("Failed to encode helper event: ")) << errorOutput();
 }
 
-TEST_F(LegacyConversation, EveryUtteranceHasAnIdOfItsOwnInTheUsualForm) {
+TEST_F(LegacyConversation, EveryUtteranceHasUniqueUUID) {
   host(100, {{"type", "session.start"}, {"sessionId", "a"}});
   for (int i = 1; i <= 50; ++i) {
     audio(i * 1000);
@@ -109,7 +109,7 @@ TEST_F(LegacyConversation, EveryUtteranceHasAnIdOfItsOwnInTheUsualForm) {
 }
 
 // Two speakers at a time, who pause after each sentence.
-TEST_F(LegacyConversation, SpeechOfTwoMinutesHasOneFinalForEachUtterance) {
+TEST_F(LegacyConversation, TwoMinutesYieldOneFinalPerUtterance) {
   settings.recognition.answersAfterEndAudio = 300;
   settings.recognition.utterances = {{{{200, "one"}, {800, "one two"}}, "one two three"}};
   host(100, {{"type", "session.start"}, {"sessionId", "a"}});

@@ -32,7 +32,7 @@ class MainQueueContract : public testing::Test {
 
 TYPED_TEST_SUITE_P(MainQueueContract);
 
-TYPED_TEST_P(MainQueueContract, RunsJobsInTheOrderInWhichTheyWereQueued) {
+TYPED_TEST_P(MainQueueContract, RunsJobsInOrder) {
   std::vector<int> order;
   for (int i = 0; i < 100; ++i) this->queue().async([&order, i] { order.push_back(i); });
   EXPECT_TRUE(order.empty());
@@ -41,7 +41,7 @@ TYPED_TEST_P(MainQueueContract, RunsJobsInTheOrderInWhichTheyWereQueued) {
   for (int i = 0; i < 100; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
 }
 
-TYPED_TEST_P(MainQueueContract, RunsAJobQueuedByAJobBehindThoseQueuedBefore) {
+TYPED_TEST_P(MainQueueContract, JobQueuedByJobRunsLast) {
   std::vector<char> order;
   this->queue().async([&] {
     this->queue().async([&] {
@@ -55,7 +55,7 @@ TYPED_TEST_P(MainQueueContract, RunsAJobQueuedByAJobBehindThoseQueuedBefore) {
   EXPECT_EQ(order, (std::vector<char>{'a', 'b', 'c'}));
 }
 
-TYPED_TEST_P(MainQueueContract, RunsJobsOfTheBackgroundOnTheMainThread) {
+TYPED_TEST_P(MainQueueContract, BackgroundJobsRunOnMainThread) {
   bool backgroundIsCurrent = true, jobIsCurrent = false;
   this->world_.inBackground([&] {
     backgroundIsCurrent = this->queue().isCurrent();
@@ -70,7 +70,7 @@ TYPED_TEST_P(MainQueueContract, RunsJobsOfTheBackgroundOnTheMainThread) {
   EXPECT_TRUE(this->queue().isCurrent());
 }
 
-TYPED_TEST_P(MainQueueContract, KeepsTheOrderOfEachOfTwoSenders) {
+TYPED_TEST_P(MainQueueContract, KeepsOrderPerSender) {
   std::vector<int> background, main;
   int left = 200;
   const auto done = [&] {
@@ -95,7 +95,7 @@ TYPED_TEST_P(MainQueueContract, KeepsTheOrderOfEachOfTwoSenders) {
   }
 }
 
-TYPED_TEST_P(MainQueueContract, DestroysAJobOnTheMainThreadBeforeTheNextRuns) {
+TYPED_TEST_P(MainQueueContract, JobIsDestroyedOnMainThreadBeforeNext) {
   bool destroyedOnMain = false, destroyedInTime = false;
   this->world_.inBackground([&] {
     std::shared_ptr<int> held(new int(0), [&](int* number) {
@@ -112,7 +112,7 @@ TYPED_TEST_P(MainQueueContract, DestroysAJobOnTheMainThreadBeforeTheNextRuns) {
   EXPECT_TRUE(destroyedInTime);
 }
 
-TYPED_TEST_P(MainQueueContract, ASignalBeforeTheWaitIsKept) {
+TYPED_TEST_P(MainQueueContract, SignalBeforeWaitIsKept) {
   const auto semaphore = this->queue().makeSemaphore();
   semaphore->signal();
   semaphore->signal();
@@ -121,20 +121,20 @@ TYPED_TEST_P(MainQueueContract, ASignalBeforeTheWaitIsKept) {
   EXPECT_FALSE(semaphore->wait(0));
 }
 
-TYPED_TEST_P(MainQueueContract, AWaitWithoutSignalTakesItsTime) {
+TYPED_TEST_P(MainQueueContract, WaitWithoutSignalTimesOut) {
   const auto semaphore = this->queue().makeSemaphore();
   const double start = this->world_.now();
   EXPECT_FALSE(semaphore->wait(5));
   EXPECT_GE(this->world_.now() - start, 5);
 }
 
-TYPED_TEST_P(MainQueueContract, ASignalOfTheBackgroundEndsAWait) {
+TYPED_TEST_P(MainQueueContract, BackgroundSignalEndsWait) {
   const std::shared_ptr<Semaphore> semaphore = this->queue().makeSemaphore();
   this->world_.inBackground([semaphore] { semaphore->signal(); });
   EXPECT_TRUE(semaphore->wait(10000));
 }
 
-TYPED_TEST_P(MainQueueContract, NeitherAWaitNorASliceRunsQueuedJobs) {
+TYPED_TEST_P(MainQueueContract, WaitAndSliceRunNoQueuedJobs) {
   bool ran = false;
   this->queue().async([&] { ran = true; });
   const auto semaphore = this->queue().makeSemaphore();
@@ -145,7 +145,7 @@ TYPED_TEST_P(MainQueueContract, NeitherAWaitNorASliceRunsQueuedJobs) {
   EXPECT_TRUE(ran);
 }
 
-TYPED_TEST_P(MainQueueContract, AJobMayWaitWhileOthersStayQueued) {
+TYPED_TEST_P(MainQueueContract, JobMayWaitWhileOthersStayQueued) {
   std::vector<char> order;
   const std::shared_ptr<Semaphore> semaphore = this->queue().makeSemaphore();
   this->queue().async([&] {
@@ -158,11 +158,10 @@ TYPED_TEST_P(MainQueueContract, AJobMayWaitWhileOthersStayQueued) {
   EXPECT_EQ(order, (std::vector<char>{'a', 'b'}));
 }
 
-REGISTER_TYPED_TEST_SUITE_P(MainQueueContract, RunsJobsInTheOrderInWhichTheyWereQueued,
-                            RunsAJobQueuedByAJobBehindThoseQueuedBefore,
-                            RunsJobsOfTheBackgroundOnTheMainThread, KeepsTheOrderOfEachOfTwoSenders,
-                            DestroysAJobOnTheMainThreadBeforeTheNextRuns, ASignalBeforeTheWaitIsKept,
-                            AWaitWithoutSignalTakesItsTime, ASignalOfTheBackgroundEndsAWait,
-                            NeitherAWaitNorASliceRunsQueuedJobs, AJobMayWaitWhileOthersStayQueued);
+REGISTER_TYPED_TEST_SUITE_P(MainQueueContract, RunsJobsInOrder, JobQueuedByJobRunsLast,
+                            BackgroundJobsRunOnMainThread, KeepsOrderPerSender,
+                            JobIsDestroyedOnMainThreadBeforeNext, SignalBeforeWaitIsKept,
+                            WaitWithoutSignalTimesOut, BackgroundSignalEndsWait, WaitAndSliceRunNoQueuedJobs,
+                            JobMayWaitWhileOthersStayQueued);
 
 }  // namespace palaver

@@ -42,7 +42,7 @@ class AnalysisScenarioTest : public testing::Test {
 
 constexpr const char* differs = "  analyzer ";
 
-TEST_F(AnalysisScenarioTest, EveryKeyOfAnAnalyzerIsCompared) {
+TEST_F(AnalysisScenarioTest, EveryAnalyzerKeyIsCompared) {
   EXPECT_THAT(
       reportOnAnalyzers(R"([{"locale": "ja_JP", "contextualStrings": [], "buffers": 1, "frames": [1600],
     "firstSamples": [7], "droppedBuffers": 0, "inputFinishedAt": 300, "finalizedAt": 300, "cancelledAt": null,
@@ -57,17 +57,17 @@ TEST_F(AnalysisScenarioTest, EveryKeyOfAnAnalyzerIsCompared) {
         << wrong;
 }
 
-TEST_F(AnalysisScenarioTest, TheNumberOfAnalyzersIsCompared) {
+TEST_F(AnalysisScenarioTest, AnalyzerCountIsCompared) {
   EXPECT_THAT(reportOnAnalyzers("[{}]"), HasSubstr("analyzers: 2 were made instead of 1"));
   EXPECT_THAT(reportOnAnalyzers("[{}, {}]"), Not(HasSubstr("were made")));
 }
 
-TEST_F(AnalysisScenarioTest, AStepForAnAnalyzerThatIsNotThereFails) {
+TEST_F(AnalysisScenarioTest, StepForMissingAnalyzerFails) {
   EXPECT_THAT(played("", R"({"analyzer": {"number": 1, "partial": "a"}})"),
               HasSubstr("no such analyzer yet"));
 }
 
-TEST_F(AnalysisScenarioTest, WhatMakesNoSenseIsRefused) {
+TEST_F(AnalysisScenarioTest, InvalidInputIsRejected) {
   EXPECT_THAT(reportOnAnalyzers(R"([{"words": 1}])"), HasSubstr("unknown key \"words\""));
   EXPECT_THAT(played(R"("platform": {"analysis": {"modell": "installed"}})"),
               HasSubstr("unknown key \"modell\""));

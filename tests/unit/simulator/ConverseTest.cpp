@@ -58,33 +58,33 @@ class ConverseTest : public testing::Test {
 
 constexpr const char* ping = R"({"at": 100, "host": {"type": "ping", "sentAt": 5}})";
 
-TEST_F(ConverseTest, HoldsWhenAllIsAsExpected) {
+TEST_F(ConverseTest, PassesWhenEverythingMatches) {
   EXPECT_EQ(report(""), "");
   EXPECT_EQ(report(std::string(ping) + R"(, {"out": {"type": "pong", "sentAt": 5, "helperAt": "@100"}})"),
             "");
 }
 
-TEST_F(ConverseTest, FailsOnAnEventThatWasNotExpected) {
+TEST_F(ConverseTest, FailsOnUnexpectedEvent) {
   EXPECT_THAT(report(ping), AllOf(HasSubstr("line 2: it was not expected"), HasSubstr("pong")));
 }
 
-TEST_F(ConverseTest, FailsOnAnEventThatDoesNotCome) {
+TEST_F(ConverseTest, FailsOnMissingEvent) {
   EXPECT_THAT(report(R"({"at": 100, "out": {"type": "pong"}})"), HasSubstr("line 2: it never came"));
 }
 
-TEST_F(ConverseTest, FailsOnAnotherTime) {
+TEST_F(ConverseTest, FailsOnDifferentTime) {
   EXPECT_THAT(report(std::string(ping) +
                      R"(, {"at": 101, "out": {"type": "pong", "sentAt": 5, "helperAt": "@100"}})"),
               HasSubstr("it came at 100 ms instead of 101 ms"));
 }
 
-TEST_F(ConverseTest, FailsOnAnotherEnd) {
+TEST_F(ConverseTest, FailsOnDifferentEnd) {
   EXPECT_THAT(report("", R"("exit": 0, )"), HasSubstr("still runs"));
   EXPECT_THAT(report(R"({"at": 100, "host": {"type": "shutdown"}})"), HasSubstr("exits with status 0"));
   EXPECT_EQ(report(R"({"at": 100, "closeInput": true})", R"("exit": 0, )"), "");
 }
 
-TEST_F(ConverseTest, FailsOnAnotherInputOfTheServices) {
+TEST_F(ConverseTest, FailsOnDifferentServiceInput) {
   EXPECT_THAT(report("", R"("probes": [], )"), HasSubstr("probes: 1 were made instead of 0"));
   EXPECT_THAT(report("", R"("probes": [{"frames": 1}], )"), HasSubstr("frames is 1920"));
   EXPECT_THAT(report("", R"("requests": [{}], )"), HasSubstr("0 were made instead of 1"));
@@ -93,48 +93,48 @@ TEST_F(ConverseTest, FailsOnAnotherInputOfTheServices) {
               HasSubstr("probes: 1 were made instead of 0"));
 }
 
-TEST_F(ConverseTest, FailsWhenAStepCannotBePerformed) {
+TEST_F(ConverseTest, FailsWhenStepCannotBePerformed) {
   EXPECT_THAT(report(R"({"at": 100, "recognizer": {"partial": "x"}})"), HasSubstr("there is no such task"));
 }
 
-TEST_F(ConverseTest, SkipsAPromptThatStandsForEver) {
+TEST_F(ConverseTest, SkipsUnansweredPrompt) {
   const auto found =
       outcome("", R"("arguments": ["--authorize"], "platform": {"authorizationAnswer": "never"}, )");
   EXPECT_TRUE(found.skipped);
   EXPECT_FALSE(found.report);
 }
 
-TEST_F(ConverseTest, SkipsAMachineThatTheProgramRefuses) {
+TEST_F(ConverseTest, SkipsMachineRefusedByProgram) {
   const auto found = outcome("", "", {"/bin/sh", "-c", R"(read x <&3; echo '{"refused": "too loud"}' >&3)"});
   EXPECT_EQ(found.skipped, "too loud");
 }
 
-TEST_F(ConverseTest, FailsOnAProgramThatEndsOtherwise) {
+TEST_F(ConverseTest, FailsOnDifferentExitStatus) {
   EXPECT_THAT(reportOn("exit 3"), AllOf(HasSubstr("exits with status 3"), HasSubstr("it never came")));
   EXPECT_THAT(reportOn("kill -9 $$"), HasSubstr("ended by signal 9"));
 }
 
-TEST_F(ConverseTest, FailsOnAProgramThatHangs) {
+TEST_F(ConverseTest, FailsOnHangingProgram) {
   EXPECT_THAT(reportOn("read x", 100ms), HasSubstr("does not answer"));
   EXPECT_THAT(reportOn("read x <&3; echo {} >&3; while :; do :; done", 100ms),
               HasSubstr("does not come to rest"));
 }
 
-TEST_F(ConverseTest, TellsTheLastWordsOfAProgramThatFails) {
+TEST_F(ConverseTest, ReportsLastOutputOfFailingProgram) {
   EXPECT_THAT(reportOn("read x <&3; echo {} >&3; read x <&3; exec 3>&-; read x; echo farewell >&2; exit 1"),
               AllOf(HasSubstr("closed the control channel"), HasSubstr("its last words:\nfarewell")));
 }
 
-TEST_F(ConverseTest, FailsOnAProgramThatMisusesTheChannel) {
+TEST_F(ConverseTest, FailsOnMisuseOfControlChannel) {
   EXPECT_THAT(reportOn("read x <&3; echo hello >&3; read x"), HasSubstr("no JSON object"));
   EXPECT_THAT(reportOn("exec 3>&-; read x"), HasSubstr("closed the control channel"));
 }
 
-TEST(ThreadActivity, AThreadThatLooksIsAwake) {
+TEST(ThreadActivity, CallingThreadIsAwake) {
   EXPECT_FALSE(ThreadActivity(::getpid()).isAsleep());
 }
 
-TEST(ThreadActivity, NothingIsSeenOfAProcessThatIsNotThere) {
+TEST(ThreadActivity, MissingProcessIsNotAsleep) {
   EXPECT_FALSE(ThreadActivity(-1).isAsleep());
 }
 

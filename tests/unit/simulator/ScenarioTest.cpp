@@ -56,64 +56,64 @@ class ScenarioTest : public testing::Test {
 
 constexpr const char* ping = R"({"at": 100, "host": {"type": "ping", "sentAt": 5}})";
 
-TEST_F(ScenarioTest, HoldsWhenAllIsAsExpected) {
+TEST_F(ScenarioTest, PassesWhenEverythingMatches) {
   EXPECT_EQ(report(""), "");
   EXPECT_EQ(report(std::string(ping) + R"(, {"out": {"type": "pong", "sentAt": 5, "helperAt": "@100"}})"),
             "");
 }
 
-TEST_F(ScenarioTest, FailsOnAnEventThatWasNotExpected) {
+TEST_F(ScenarioTest, FailsOnUnexpectedEvent) {
   EXPECT_THAT(report(ping), AllOf(HasSubstr("line 2: it was not expected"), HasSubstr("pong")));
 }
 
-TEST_F(ScenarioTest, FailsOnAnEventThatDoesNotCome) {
+TEST_F(ScenarioTest, FailsOnMissingEvent) {
   EXPECT_THAT(report(R"({"at": 100, "out": {"type": "pong"}})"), HasSubstr("line 2: it never came"));
 }
 
-TEST_F(ScenarioTest, FailsOnAnotherTime) {
+TEST_F(ScenarioTest, FailsOnDifferentTime) {
   EXPECT_THAT(report(std::string(ping) +
                      R"(, {"at": 101, "out": {"type": "pong", "sentAt": 5, "helperAt": "@100"}})"),
               HasSubstr("it came at 100 ms instead of 101 ms"));
 }
 
-TEST_F(ScenarioTest, FailsOnAnotherValueAndSaysWhich) {
+TEST_F(ScenarioTest, FailsOnDifferentValueAndNamesIt) {
   EXPECT_THAT(report(std::string(ping) + R"(, {"out": {"type": "pong", "sentAt": 6, "helperAt": "@100"}})"),
               HasSubstr("sentAt is 5"));
 }
 
-TEST_F(ScenarioTest, FailsOnAnotherOrder) {
+TEST_F(ScenarioTest, FailsOnDifferentOrder) {
   EXPECT_NE(report(std::string(ping) + R"(, {"host": {"type": "x"}},
             {"out": {"type": "helper.error", "message": "Unsupported command type: x", "at": "@100"}},
             {"out": {"type": "pong", "sentAt": 5, "helperAt": "@100"}})"),
             "");
 }
 
-TEST_F(ScenarioTest, FailsOnAnotherEnd) {
+TEST_F(ScenarioTest, FailsOnDifferentEnd) {
   EXPECT_THAT(report("", R"("exit": 0, )"), HasSubstr("still runs"));
   EXPECT_THAT(report(R"({"at": 100, "host": {"type": "shutdown"}})"), HasSubstr("exits with status 0"));
   EXPECT_THAT(report(R"({"at": 100, "host": {"type": "shutdown"}})", R"("exit": 1, )"),
               HasSubstr("exits with status 0"));
 }
 
-TEST_F(ScenarioTest, FailsOnAnotherInputOfTheRecognizer) {
+TEST_F(ScenarioTest, FailsOnDifferentRecognizerInput) {
   EXPECT_THAT(report("", R"("probes": [], )"), HasSubstr("1 were made instead of 0"));
   EXPECT_THAT(report("", R"("probes": [{"frames": 1}], )"), HasSubstr("frames is 1920"));
   EXPECT_THAT(report("", R"("requests": [{}], )"), HasSubstr("0 were made instead of 1"));
 }
 
-TEST_F(ScenarioTest, FailsOnAMissingErrorLine) {
+TEST_F(ScenarioTest, FailsOnMissingErrorLine) {
   EXPECT_THAT(report(R"({"at": 100, "errorLine": "x"})"), HasSubstr("standard error, line 1: it never came"));
 }
 
-TEST_F(ScenarioTest, FailsWhenATaskIsToAnswerThatIsNotThere) {
+TEST_F(ScenarioTest, FailsWhenAnsweringTaskIsMissing) {
   EXPECT_THAT(report(R"({"at": 100, "recognizer": {"partial": "x"}})"), HasSubstr("there is no such task"));
 }
 
-TEST_F(ScenarioTest, SaysUnderWhichSeedItFails) {
+TEST_F(ScenarioTest, ReportsFailingSeed) {
   EXPECT_THAT(report(ping, R"("seed": [4, 5], )"), HasSubstr("with seed 4"));
 }
 
-TEST_F(ScenarioTest, RefusesWhatItDoesNotKnow) {
+TEST_F(ScenarioTest, RejectsUnknownInput) {
   EXPECT_THAT(complaint("{"), HasSubstr("parse error"));
   EXPECT_THAT(complaint("[]"), HasSubstr("must be an object"));
   EXPECT_THAT(complaint(R"({"conversation": []})"), HasSubstr("has no title"));

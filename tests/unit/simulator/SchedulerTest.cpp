@@ -24,7 +24,7 @@ class SchedulerTest : public testing::Test {
   std::vector<std::string> noted_;
 };
 
-TEST_F(SchedulerTest, EverythingRunsByTimeAndThenBySequence) {
+TEST_F(SchedulerTest, RunsByTimeThenSequence) {
   note(20, Context::background, "c");
   note(10, Context::mainThreadCallback, "a");
   note(10, Context::background, "b");
@@ -34,7 +34,7 @@ TEST_F(SchedulerTest, EverythingRunsByTimeAndThenBySequence) {
   EXPECT_EQ(scheduler_.now(), 20);
 }
 
-TEST_F(SchedulerTest, ASemaphoreWaitRunsTheBackgroundOnly) {
+TEST_F(SchedulerTest, SemaphoreWaitRunsBackgroundOnly) {
   note(1, Context::background, "background");
   note(1, Context::mainThreadCallback, "callback");
   scheduler_.queue([this] { noted_.push_back("job"); });
@@ -43,7 +43,7 @@ TEST_F(SchedulerTest, ASemaphoreWaitRunsTheBackgroundOnly) {
   EXPECT_EQ(scheduler_.now(), 5);
 }
 
-TEST_F(SchedulerTest, ASliceDeliversOneCallbackThatHasWaitedAndEnds) {
+TEST_F(SchedulerTest, SliceDeliversOneWaitingCallback) {
   note(1, Context::mainThreadCallback, "callback");
   note(1, Context::mainThreadCallback, "another");
   scheduler_.queue([this] { noted_.push_back("job"); });
@@ -57,7 +57,7 @@ TEST_F(SchedulerTest, ASliceDeliversOneCallbackThatHasWaitedAndEnds) {
   EXPECT_EQ(scheduler_.now(), 25);
 }
 
-TEST_F(SchedulerTest, ASliceInsideAJobDeliversNothingWhenToldSo) {
+TEST_F(SchedulerTest, SliceInsideJobDeliversNothingIfDisabled) {
   scheduler_.setSlicesDeliverInsideJobs(false);
   note(0, Context::mainThreadCallback, "callback");
   scheduler_.runSlice(20);
@@ -71,14 +71,14 @@ TEST_F(SchedulerTest, ASliceInsideAJobDeliversNothingWhenToldSo) {
   EXPECT_THAT(noted_, ElementsAre("callback", "job", "late"));
 }
 
-TEST_F(SchedulerTest, AConditionThatHoldsAtTheDeadlineHolds) {
+TEST_F(SchedulerTest, ConditionMetAtDeadlineCounts) {
   bool holds = false;
   scheduler_.schedule(5, Context::background, nullptr, [&] { holds = true; });
   EXPECT_TRUE(scheduler_.waitUntil([&] { return holds; }, 5));
   EXPECT_EQ(scheduler_.now(), 5);
 }
 
-TEST_F(SchedulerTest, NothingRunsAfterTheExit) {
+TEST_F(SchedulerTest, NothingRunsAfterExit) {
   scheduler_.queue([this] { scheduler_.exit(3); });
   note(0, Context::background, "later");
   scheduler_.queue([this] { noted_.push_back("later"); });
@@ -96,12 +96,12 @@ TEST_F(SchedulerTest, NothingRunsAfterTheExit) {
   EXPECT_TRUE(noted_.empty());
 }
 
-TEST(Scheduler, ItsEndsAreTakenForNoErrors) {
+TEST(Scheduler, EndsAreNotStdExceptions) {
   EXPECT_FALSE((std::is_base_of_v<std::exception, ProcessExit>));
   EXPECT_FALSE((std::is_base_of_v<std::exception, NothingLeft>));
 }
 
-TEST_F(SchedulerTest, NoWaitGoesBeyondTheHorizon) {
+TEST_F(SchedulerTest, NoWaitExceedsHorizon) {
   scheduler_.setHorizon(100);
   note(101, Context::background, "too late");
   EXPECT_FALSE(scheduler_.waitUntil([] { return false; }, 100));
@@ -110,7 +110,7 @@ TEST_F(SchedulerTest, NoWaitGoesBeyondTheHorizon) {
   EXPECT_TRUE(noted_.empty());
 }
 
-TEST_F(SchedulerTest, ASeedShufflesWhatIsOfOneTimeButKeepsEachStream) {
+TEST_F(SchedulerTest, SeedShufflesEqualTimesButKeepsStreams) {
   std::set<std::vector<std::string>> orders;
   for (std::uint64_t seed = 0; seed < 32; ++seed) {
     Scheduler scheduler(seed);
@@ -134,7 +134,7 @@ TEST_F(SchedulerTest, ASeedShufflesWhatIsOfOneTimeButKeepsEachStream) {
   EXPECT_EQ(orders.size(), 6u);  // all the ways to merge two pairs
 }
 
-TEST_F(SchedulerTest, TheClockShowsVirtualTimeAndMayBeSet) {
+TEST_F(SchedulerTest, ClockShowsVirtualTimeAndCanBeSet) {
   SimulatedClock clock(scheduler_, 1000);
   EXPECT_EQ(clock.nowMilliseconds(), 1000);
   scheduler_.runSlice(2.5);

@@ -199,7 +199,7 @@ class StateTable {
 
 const std::filesystem::path pagePath = std::filesystem::path(PALAVER_SOURCE_DIRECTORY) / "docs" / "states.md";
 
-TEST(StateTable, ThePageSaysWhatTheHelperDoes) {
+TEST(StateTable, PageMatchesHelper) {
   const auto page = StateTable().page();
   if (std::getenv("PALAVER_WRITE_STATES")) std::ofstream(pagePath) << page;
   std::ifstream file(pagePath);

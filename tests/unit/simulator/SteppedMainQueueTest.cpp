@@ -40,21 +40,21 @@ class SteppedMainQueueTest : public testing::Test {
   std::thread other_;
 };
 
-TEST_F(SteppedMainQueueTest, ASemaphoreTimesOutWhenTheTimelineSaysSo) {
+TEST_F(SteppedMainQueueTest, SemaphoreTimesOutOnTimeline) {
   const auto semaphore = queue_.makeSemaphore();
   meanwhile([this] { awaitNext(); });
   EXPECT_FALSE(semaphore->wait(20));
   EXPECT_EQ(timeline_.now(), 20);
 }
 
-TEST_F(SteppedMainQueueTest, ASignalEndsTheWaitWithoutTime) {
+TEST_F(SteppedMainQueueTest, SignalEndsWaitWithoutTime) {
   const auto semaphore = queue_.makeSemaphore();
   meanwhile([&] { semaphore->signal(); });
   EXPECT_TRUE(semaphore->wait(20));
   EXPECT_EQ(timeline_.now(), 0);
 }
 
-TEST_F(SteppedMainQueueTest, ATimeoutOfAnEarlierWaitEndsNoLaterOne) {
+TEST_F(SteppedMainQueueTest, TimeoutOfEarlierWaitEndsNoLaterOne) {
   const auto semaphore = queue_.makeSemaphore();
   semaphore->signal();
   EXPECT_TRUE(semaphore->wait(20));
@@ -66,7 +66,7 @@ TEST_F(SteppedMainQueueTest, ATimeoutOfAnEarlierWaitEndsNoLaterOne) {
   EXPECT_GE(timeline_.now(), 30);  // more when the first fell due before the second wait began
 }
 
-TEST_F(SteppedMainQueueTest, EverySignalLetsOneWaitThrough) {
+TEST_F(SteppedMainQueueTest, EverySignalEndsOneWait) {
   const auto semaphore = queue_.makeSemaphore();
   semaphore->signal();
   semaphore->signal();
@@ -78,13 +78,13 @@ TEST_F(SteppedMainQueueTest, EverySignalLetsOneWaitThrough) {
   EXPECT_FALSE(semaphore->wait(20));
 }
 
-TEST_F(SteppedMainQueueTest, ASliceTakesItsTimeWhenThereIsNoCallback) {
+TEST_F(SteppedMainQueueTest, SliceWithoutCallbackTakesItsTime) {
   meanwhile([this] { awaitNext(); });
   queue_.runSlice(50);
   EXPECT_EQ(timeline_.now(), 50);
 }
 
-TEST_F(SteppedMainQueueTest, ASliceDeliversOneCallbackAndEnds) {
+TEST_F(SteppedMainQueueTest, SliceDeliversOneCallback) {
   int callbacks = 0;
   callBack([&] { ++callbacks; });
   callBack([&] { ++callbacks; });
@@ -95,7 +95,7 @@ TEST_F(SteppedMainQueueTest, ASliceDeliversOneCallbackAndEnds) {
   EXPECT_EQ(timeline_.now(), 0);
 }
 
-TEST_F(SteppedMainQueueTest, ASliceHearsACallbackThatComesMeanwhileOnTheMainThread) {
+TEST_F(SteppedMainQueueTest, SliceDeliversCallbackArrivingMeanwhile) {
   bool wasMain = false;
   meanwhile([&] { callBack([&] { wasMain = queue_.isCurrent(); }); });
   queue_.runSlice(50);
@@ -103,7 +103,7 @@ TEST_F(SteppedMainQueueTest, ASliceHearsACallbackThatComesMeanwhileOnTheMainThre
   EXPECT_EQ(timeline_.now(), 0);
 }
 
-TEST_F(SteppedMainQueueTest, AServedQueueRunsCallbacksAndJobsInTheirOrder) {
+TEST_F(SteppedMainQueueTest, ServedQueueRunsCallbacksAndJobsInOrder) {
   struct Stop {};
   std::vector<int> order;
   queue_.async([&] { order.push_back(1); });
@@ -114,7 +114,7 @@ TEST_F(SteppedMainQueueTest, AServedQueueRunsCallbacksAndJobsInTheirOrder) {
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
 
-TEST_F(SteppedMainQueueTest, ASliceInsideAJobDeliversNothingWhenToldSo) {
+TEST_F(SteppedMainQueueTest, SliceInsideJobDeliversNothingIfDisabled) {
   struct Stop {};
   queue_.setSlicesDeliverInsideJobs(false);
   bool heardInside = false, heard = false;

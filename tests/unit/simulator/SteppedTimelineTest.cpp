@@ -26,13 +26,13 @@ class SteppedTimelineTest : public testing::Test {
   std::vector<std::string> ran_;
 };
 
-TEST_F(SteppedTimelineTest, StandsStillUntilItIsMoved) {
+TEST_F(SteppedTimelineTest, TimeMovesOnlyWhenStepped) {
   note(0, "at once");
   EXPECT_TRUE(ran_.empty());
   EXPECT_EQ(timeline_.now(), 0);
 }
 
-TEST_F(SteppedTimelineTest, RunsWhatFallsDueInOrderEachAtItsTime) {
+TEST_F(SteppedTimelineTest, RunsDueJobsInOrderAtTheirTimes) {
   std::vector<double> times;
   note(30, "last");
   timeline_.schedule(10, background, nullptr, [&] {
@@ -46,7 +46,7 @@ TEST_F(SteppedTimelineTest, RunsWhatFallsDueInOrderEachAtItsTime) {
   EXPECT_EQ(timeline_.now(), 30);
 }
 
-TEST_F(SteppedTimelineTest, LeavesWhatFallsDueAtTheEndUnlessItCounts) {
+TEST_F(SteppedTimelineTest, EndTimeIsIncludedOnlyOnRequest) {
   note(20, "at the end");
   advance(20, End::excluded);
   EXPECT_TRUE(ran_.empty());
@@ -55,14 +55,14 @@ TEST_F(SteppedTimelineTest, LeavesWhatFallsDueAtTheEndUnlessItCounts) {
   EXPECT_EQ(ran_, std::vector<std::string>{"at the end"});
 }
 
-TEST_F(SteppedTimelineTest, RunsTimeoutsBehindAllElseOfTheirTime) {
+TEST_F(SteppedTimelineTest, TimeoutsRunLastAtTheirTime) {
   timeline_.scheduleTimeout(10, [this] { ran_.emplace_back("timeout"); });
   note(10, "job");
   advance(10, End::included);
   EXPECT_EQ(ran_, (std::vector<std::string>{"job", "timeout"}));
 }
 
-TEST_F(SteppedTimelineTest, HandsCallbacksOnWhenTheyFallDue) {
+TEST_F(SteppedTimelineTest, CallbacksAreForwardedWhenDue) {
   std::vector<Timeline::Job> handedOn;
   timeline_.setCallbackDelivery([&](Timeline::Job job) { handedOn.push_back(std::move(job)); });
   timeline_.schedule(10, Timeline::Context::mainThreadCallback, nullptr,
@@ -76,7 +76,7 @@ TEST_F(SteppedTimelineTest, HandsCallbacksOnWhenTheyFallDue) {
   EXPECT_EQ(ran_, std::vector<std::string>{"callback"});
 }
 
-TEST_F(SteppedTimelineTest, ShowsItsTimeAsAClockThatCanBeSet) {
+TEST_F(SteppedTimelineTest, ClockShowsTimeAndCanBeSet) {
   SteppedClock clock(timeline_, 1000);
   advance(20, End::included);
   EXPECT_EQ(clock.nowMilliseconds(), 1020);

@@ -100,86 +100,86 @@ class CheckMachO(unittest.TestCase):
         self.assertEqual(set(wrong), set(subjects), "\n".join(lines))
         self.assertIn(text, "\n".join(wrong.values()))
 
-    def test_a_program_as_it_has_to_be_passes(self):
+    def test_valid_program_passes(self):
         self.found(make_program())
         self.found(make_program(search_paths=["/usr/lib/swift"]))
 
-    def test_a_changed_byte_of_a_page_is_found_with_its_page(self):
+    def test_changed_page_byte_is_reported_with_page(self):
         for at in (PAGE - 1, 2 * PAGE - 1):
             data = bytearray(make_program())
             data[at] ^= 1
             self.found(data, "page hashes", text=f"wrong: {at // PAGE}")
 
-    def test_a_changed_hash_is_found(self):
+    def test_changed_hash_is_reported(self):
         data = bytearray(make_program())
         data[-1] ^= 0x80
         self.found(data, "page hashes", text="wrong: 1")
 
-    def test_a_page_without_a_hash_is_found(self):
+    def test_page_without_hash_is_reported(self):
         self.found(make_program(hashes=lambda pages: pages[:1]), "page hashes", text="1 of 2 pages")
 
-    def test_code_behind_the_signed_bytes_is_found(self):
+    def test_code_after_signed_bytes_is_reported(self):
         self.found(make_program(hashes=lambda pages: pages[:1], limit=PAGE), "signed bytes")
 
-    def test_bytes_behind_the_signature_are_found(self):
+    def test_bytes_after_signature_are_reported(self):
         self.found(make_program(behind=b"more"), "signature")
 
-    def test_a_program_without_a_signature_is_found(self):
+    def test_missing_signature_is_reported(self):
         self.found(make_program(signed=False), "signature", text="0 of them")
 
-    def test_neither_ad_hoc_nor_a_certificate_is_found(self):
+    def test_neither_ad_hoc_nor_certificate_is_reported(self):
         self.found(make_program(flags=0), "signed")
 
-    def test_a_property_list_that_is_bound_to_the_signature_is_held_against_its_hash(self):
+    def test_bound_property_list_must_match_its_hash(self):
         wrong, lines = findings(make_program(bound=hashlib.sha256(INFO_PLIST).digest()))
         self.assertEqual(wrong, {})
         self.assertIn("ok     also signed: property list", lines)
         self.found(make_program(bound=hashlib.sha256(b"another").digest()), "also signed")
 
-    def test_a_changed_byte_of_the_property_list_is_found(self):
+    def test_changed_property_list_byte_is_reported(self):
         changed = INFO_PLIST.replace("会議".encode(), "会话".encode())
         self.found(make_program(info_plist=changed), "property list", "NSSpeechRecognitionUsageDescription",
                    text=f"differ from byte {INFO_PLIST.index('議'.encode()) + 1} on")  # the two begin with the same byte
 
-    def test_a_cut_or_longer_property_list_is_found(self):
+    def test_wrong_property_list_length_is_reported(self):
         self.found(make_program(info_plist=INFO_PLIST + b"\0"), "property list", "properties")
         self.found(make_program(info_plist=INFO_PLIST + b"\n"), "property list")
         self.found(make_program(info_plist=INFO_PLIST[:-20]), "property list", "properties")
 
-    def test_a_missing_property_list_is_found(self):
+    def test_missing_property_list_is_reported(self):
         self.found(make_program(info_plist=None), "property list", text="0 sections")
 
-    def test_the_project_s_own_property_list_has_to_hold_the_keys(self):
+    def test_project_property_list_has_required_keys(self):
         without = INFO_PLIST.replace(b"NSSpeechRecognitionUsageDescription", b"NSMicrophoneUsageDescription")
         wrong, _ = findings(make_program(info_plist=without), without)
         self.assertEqual(set(wrong), {"NSSpeechRecognitionUsageDescription"})
 
-    def test_another_oldest_system_or_platform_is_found(self):
+    def test_wrong_minimum_system_or_platform_is_reported(self):
         self.found(make_program(oldest=15 << 16), "oldest system", text="macOS 15.0")
         self.found(make_program(oldest=14 << 16 | 2 << 8), "oldest system", text="macOS 14.2")
         self.found(make_program(platform=2), "oldest system", text="platform 2 14.0")
 
-    def test_another_processor_or_type_is_found(self):
+    def test_wrong_processor_or_type_is_reported(self):
         self.found(make_program(processor=0x01000007), "architecture", text="processor 0x1000007")
         self.found(make_program(kind=6), "file type")
 
-    def test_a_library_outside_the_system_is_found(self):
+    def test_library_outside_system_is_reported(self):
         for path in ("/opt/homebrew/lib/libasio.dylib", "@rpath/libc++.1.dylib", "/usr/lib/../local/lib/x.dylib",
                      "/usr/local/lib/x.dylib"):
             self.found(make_program(libraries=LIBRARIES + [path]), "libraries", text=path)
         for path in ("/opt/homebrew/lib", "@executable_path/../Frameworks", "/usr/lib/../local"):
             self.found(make_program(search_paths=[path]), "libraries", text=path)
 
-    def test_a_missing_framework_is_found(self):
+    def test_missing_framework_is_reported(self):
         self.found(make_program(libraries=LIBRARIES[:-1]), "needed libraries", text="Speech")
 
-    def test_a_truncated_file_is_found_wherever_it_is_cut(self):
+    def test_truncated_file_is_reported_at_any_length(self):
         data = make_program()
         for size in [0, 3, 31, 32, 40, 200, PAGE, 2 * PAGE, 2 * PAGE + 8, len(data) - 1]:
             wrong, lines = findings(data[:size])
             self.assertIn("file", wrong, f"cut to {size}: {lines}")
 
-    def test_no_damaged_byte_makes_the_check_itself_fail(self):
+    def test_damaged_byte_never_crashes_check(self):
         data = make_program()
         for at in list(range(1200)) + list(range(2 * PAGE, len(data))):
             damaged = bytearray(data)
@@ -188,11 +188,11 @@ class CheckMachO(unittest.TestCase):
             # Of the signature itself not every byte matters: it names, say, its own identifier.
             self.assertTrue(wrong or at >= 2 * PAGE, f"byte {at}: {lines}")
 
-    def test_what_is_no_program_is_found(self):
+    def test_non_program_is_reported(self):
         self.found(b"#!/bin/sh\n" * 10, "file", text="no 64-bit Mach-O")
         self.found(struct.pack(">8I", 0xCAFEBABE, 2, 0, 0, 0, 0, 0, 0), "file", text="universal")
 
-    def test_the_exit_status_tells(self):
+    def test_exit_status_reports_result(self):
         with tempfile.TemporaryDirectory() as directory:
             path = pathlib.Path(directory, "program")
 
@@ -213,7 +213,7 @@ class CheckMachO(unittest.TestCase):
 
 
 class PropertyList(unittest.TestCase):
-    def test_it_names_the_project_s_version(self):
+    def test_property_list_names_project_version(self):
         properties = plistlib.loads(INFO_PLIST)
         self.assertEqual(properties["CFBundleShortVersionString"], PROJECT_VERSION)
         self.assertEqual(properties["CFBundleVersion"], PROJECT_VERSION)
@@ -232,16 +232,16 @@ class RealProgram(unittest.TestCase):
         wrong, lines = findings(self.data.replace(old, new, 1))
         self.assertEqual(set(wrong), set(subjects), "\n".join(lines))
 
-    def test_it_passes(self):
+    def test_linked_program_passes(self):
         self.assertEqual(findings(self.data)[0], {})
 
-    def test_a_changed_byte_is_found_wherever_it_is(self):
+    def test_changed_byte_is_reported_anywhere(self):
         for at in range(9000, len(self.data) * 9 // 10, 16384):
             data = bytearray(self.data)
             data[at] ^= 1
             self.assertIn("page hashes", findings(data)[0], f"byte {at}")
 
-    def test_each_kind_of_damage_is_found(self):
+    def test_each_kind_of_damage_is_reported(self):
         self.damaged("リアルタイム".encode(), "リアルタイマ".encode(), "page hashes", "property list",
                      "NSSpeechRecognitionUsageDescription")
         size = next(size for size in (24, 32, 40) if struct.pack("<3I", 0x32, size, 1) in self.data)

@@ -81,7 +81,7 @@ std::unique_ptr<AudioConverter> makeConverter(const AudioFormat& from, const Aud
 
 class ResamplingTo : public testing::TestWithParam<double> {};
 
-TEST_P(ResamplingTo, KeepsSineWavesWithin95DecibelsOfTheIdeal) {
+TEST_P(ResamplingTo, SineSNRIsAtLeast95dB) {
   const double rate = GetParam();
   const auto edge = static_cast<std::size_t>(std::ceil(200 * rate / 16000));  // 200 input frames
   for (const double frequency : {300.0, 1000.0, 3400.0, 7000.0}) {
@@ -95,7 +95,7 @@ TEST_P(ResamplingTo, KeepsSineWavesWithin95DecibelsOfTheIdeal) {
   }
 }
 
-TEST_P(ResamplingTo, KeepsSineWavesOf16BitsWithinTheirQuantisation) {
+TEST_P(ResamplingTo, SineSNRIn16BitsIsAtLeast88dB) {
   const double rate = GetParam();
   const auto edge = static_cast<std::size_t>(std::ceil(200 * rate / 16000));
   const auto converter = makeConverter(mono(CommonFormat::int16, 16000), mono(CommonFormat::int16, rate));
@@ -105,7 +105,7 @@ TEST_P(ResamplingTo, KeepsSineWavesOf16BitsWithinTheirQuantisation) {
   EXPECT_GE(signalToError(samples, 1000, rate, edge), 88);
 }
 
-TEST_P(ResamplingTo, GivesTheSameSamplesHoweverTheStreamIsCut) {
+TEST_P(ResamplingTo, ChunkSizeDoesNotChangeSamples) {
   const auto convertInChunksOf = [rate = GetParam()](std::uint32_t chunk) {
     const auto converter =
         makeConverter(mono(CommonFormat::float32, 16000), mono(CommonFormat::float32, rate));
@@ -157,7 +157,7 @@ INSTANTIATE_TEST_SUITE_P(EveryRate, ResamplingTo,
                            return std::to_string(static_cast<int>(rate.param)) + "Hz";
                          });
 
-TEST(AudioConverter, TheFirstOutputSampleIsTheFirstInputSample) {
+TEST(AudioConverter, FirstOutputSampleIsFirstInputSample) {
   // A step far from the edges of the filter: the sample after the step is where the input has it.
   const auto converter =
       makeConverter(mono(CommonFormat::float32, 16000), mono(CommonFormat::float32, 48000));
@@ -179,7 +179,7 @@ TEST(AudioConverter, TheFirstOutputSampleIsTheFirstInputSample) {
   EXPECT_NEAR(crossing, 2400, 3);  // within one input frame
 }
 
-TEST(AudioConverter, EqualRatesOnlyChangeTheSampleType) {
+TEST(AudioConverter, EqualRatesChangeOnlySampleType) {
   const auto converter = makeConverter(mono(CommonFormat::float32, 16000), mono(CommonFormat::int16, 16000));
   ASSERT_TRUE(converter);
   const auto input = std::make_shared<PCMBuffer>(converter->inputFormat(), 5);
@@ -198,7 +198,7 @@ TEST(AudioConverter, EqualRatesOnlyChangeTheSampleType) {
   for (int i = 0; i < 5; ++i) EXPECT_EQ(output.int16ChannelData()[i], expected[i]);
 }
 
-TEST(AudioConverter, InputThatDoesNotFitWaitsForTheNextCall) {
+TEST(AudioConverter, ExcessInputIsKeptForNextCall) {
   const auto converter = makeConverter(mono(CommonFormat::int16, 16000), mono(CommonFormat::float32, 16000));
   const auto input = sineBuffer(converter->inputFormat(), 1000, 0, 100);
   PCMBuffer small(converter->outputFormat(), 60);
@@ -214,7 +214,7 @@ TEST(AudioConverter, InputThatDoesNotFitWaitsForTheNextCall) {
   EXPECT_EQ(small.frameLength(), 40u);
 }
 
-TEST(AudioConverter, ABufferOfAnotherFormatIsAnError) {
+TEST(AudioConverter, BufferOfOtherFormatIsError) {
   const auto converter = makeConverter(mono(CommonFormat::int16, 16000), mono(CommonFormat::float32, 48000));
   const auto wrong = sineBuffer(mono(CommonFormat::float32, 16000), 1000, 0, 100);
   PCMBuffer output(converter->outputFormat(), 300);
@@ -228,7 +228,7 @@ TEST(AudioConverter, ABufferOfAnotherFormatIsAnError) {
   EXPECT_TRUE(error);
 }
 
-TEST(AudioConverter, StereoAndOtherSampleTypesCannotBeConverted) {
+TEST(AudioConverter, StereoAndOtherSampleTypesAreUnsupported) {
   SpeexAudioConverters converters;
   const auto usual = mono(CommonFormat::int16, 16000);
   EXPECT_FALSE(converters.makeConverter(usual, {CommonFormat::int16, 48000, 2, false}));

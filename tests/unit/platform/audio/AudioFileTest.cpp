@@ -65,7 +65,7 @@ TEST_F(AudioFileTest, EveryContainerAndSampleTypeIsReadAsFloat) {
     }
 }
 
-TEST_F(AudioFileTest, RatesAndChannelsAreTheFilesOwn) {
+TEST_F(AudioFileTest, RateAndChannelsAreThoseOfFile) {
   for (const int rate : {8000, 16000, 22050, 44100, 48000, 96000})
     for (const int channels : {1, 2, 6}) {
       SCOPED_TRACE(rate);
@@ -76,7 +76,7 @@ TEST_F(AudioFileTest, RatesAndChannelsAreTheFilesOwn) {
     }
 }
 
-TEST_F(AudioFileTest, AnEmptyFileHasNothingToRead) {
+TEST_F(AudioFileTest, EmptyFileHasNoFrames) {
   // Without a frame the writer of FLAC writes nothing at all.
   for (const auto* const container : {"wav", "aiff", "ogg"}) {
     const auto file = open(write({container, "int16", 16000, 1, 0, 0}));
@@ -88,7 +88,7 @@ TEST_F(AudioFileTest, AnEmptyFileHasNothingToRead) {
   }
 }
 
-TEST_F(AudioFileTest, ReadingBehindTheEndGivesNothing) {
+TEST_F(AudioFileTest, ReadAfterEndYieldsNothing) {
   const auto file = open(write({"wav", "int16", 16000, 1, 5, 0}));
   PCMBuffer buffer(file->processingFormat(), 10);
   file->read(buffer);
@@ -98,7 +98,7 @@ TEST_F(AudioFileTest, ReadingBehindTheEndGivesNothing) {
   EXPECT_EQ(file->framePosition(), 5);
 }
 
-TEST_F(AudioFileTest, ATruncatedWAVHoldsWhatIsThere) {
+TEST_F(AudioFileTest, TruncatedWAVYieldsAvailableFrames) {
   const auto cut = write({"wav", "int16", 16000, 1, 10000, 0.25});
   std::filesystem::resize_file(cut, std::filesystem::file_size(cut) / 2);
   const auto file = open(cut);
@@ -110,7 +110,7 @@ TEST_F(AudioFileTest, ATruncatedWAVHoldsWhatIsThere) {
 
 // A coded stream that breaks off: what can be decoded is given, and the end is an error or an end, never a
 // crash or an endless read.
-TEST_F(AudioFileTest, ATruncatedCodedFileEnds) {
+TEST_F(AudioFileTest, TruncatedCodedFileEnds) {
   for (const auto* const container : {"flac", "ogg"}) {
     const auto cut = write({container, "int16", 16000, 1, 100000, 0.25});
     const auto size = std::filesystem::file_size(cut);
@@ -134,13 +134,13 @@ TEST_F(AudioFileTest, ATruncatedCodedFileEnds) {
   }
 }
 
-TEST_F(AudioFileTest, ABufferOfAnotherFormatIsRefused) {
+TEST_F(AudioFileTest, BufferOfOtherFormatIsRejected) {
   const auto file = open(write({"wav", "int16", 16000, 1, 5, 0}));
   PCMBuffer buffer({CommonFormat::int16, 16000, 1, false}, 10);
   EXPECT_THROW(file->read(buffer), PlatformError);
 }
 
-TEST_F(AudioFileTest, WhatIsNoSoundFileIsRefusedWithAText) {
+TEST_F(AudioFileTest, NonSoundFileIsRejectedWithText) {
   std::ofstream(path("text")) << "this is no sound";
   std::ofstream(path("empty")).close();
   for (const auto* const name : {"text", "empty", "missing", ""}) {

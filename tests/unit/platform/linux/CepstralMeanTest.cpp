@@ -21,7 +21,7 @@ class CepstralMeanTest : public testing::Test {
   CepstralMean mean_{std::array<mfcc_t, 2>{40, -5}};
 };
 
-TEST_F(CepstralMeanTest, BeforeAnySpeechItIsTheInitialOne) {
+TEST_F(CepstralMeanTest, StartsAtInitialMean) {
   EXPECT_THAT(mean_.mean(), ElementsAre(40, -5));
   mean_.confirm();
   EXPECT_THAT(mean_.mean(), ElementsAre(40, -5));
@@ -30,7 +30,7 @@ TEST_F(CepstralMeanTest, BeforeAnySpeechItIsTheInitialOne) {
   EXPECT_EQ(mean_.speechFrames(), 0);
 }
 
-TEST_F(CepstralMeanTest, SpeechMakesTheMeanFromItsFirstFrameOn) {
+TEST_F(CepstralMeanTest, SpeechReplacesMeanFromFirstFrame) {
   add(10, 1, 2);
   add(30, 5, 6);
   mean_.confirm();
@@ -41,7 +41,7 @@ TEST_F(CepstralMeanTest, SpeechMakesTheMeanFromItsFirstFrameOn) {
   EXPECT_EQ(mean_.speechFrames(), 80);
 }
 
-TEST_F(CepstralMeanTest, SilenceLeavesNoTrace) {
+TEST_F(CepstralMeanTest, SilenceDoesNotChangeMean) {
   add(50, 30, 2);
   mean_.confirm();
   add(10000, -30, 0);
@@ -51,7 +51,7 @@ TEST_F(CepstralMeanTest, SilenceLeavesNoTrace) {
   EXPECT_EQ(mean_.speechFrames(), 50);
 }
 
-TEST_F(CepstralMeanTest, OldSpeechCountsForLessThanNew) {
+TEST_F(CepstralMeanTest, OldSpeechCountsLessThanNew) {
   add(10000, 20, 0);
   mean_.confirm();
   EXPECT_THAT(mean_.mean(), ElementsAre(20, 0));

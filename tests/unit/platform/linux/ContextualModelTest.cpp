@@ -13,22 +13,22 @@ std::vector<std::string> wordsOf(const std::vector<std::string>& phrases) {
   return ContextualModel(phrases).words();
 }
 
-TEST(ContextualModel, WordsAreLowerCaseAndOccurOnce) {
+TEST(ContextualModel, WordsAreLowerCaseAndUnique) {
   EXPECT_THAT(wordsOf({"John Dashwood", "Mrs. DASHWOOD"}), ElementsAre("dashwood", "john", "mrs"));
 }
 
-TEST(ContextualModel, PunctuationSeparatesAndApostrophesStay) {
+TEST(ContextualModel, PunctuationSeparatesAndApostropheIsKept) {
   EXPECT_THAT(wordsOf({"cold-hearted, \"rather\"\nO'Brien's 'quoted'"}),
               ElementsAre("cold", "hearted", "o'brien's", "quoted", "rather"));
 }
 
-TEST(ContextualModel, WhatEnglishLettersCannotWriteIsLeftOut) {
+TEST(ContextualModel, NonEnglishLettersAreLeftOut) {
   EXPECT_THAT(wordsOf({"", " ", "...", "'", "日本語", "naïve 42 4th ok", std::string("\xff\xfe", 2)}),
               ElementsAre("ok"));
   EXPECT_TRUE(ContextualModel(std::vector<std::string>{"日本語", ""}).isEmpty());
 }
 
-TEST(ContextualModel, AnEndlessPhraseOrWordIsCut) {
+TEST(ContextualModel, OverlongPhraseOrWordIsCut) {
   std::string phrase;
   for (char a = 'a'; a <= 'z'; ++a)
     for (char b = 'a'; b <= 'z'; ++b) phrase += std::string{a, b, ' '};
@@ -36,7 +36,7 @@ TEST(ContextualModel, AnEndlessPhraseOrWordIsCut) {
   EXPECT_THAT(wordsOf({std::string(10000, 'a')}), IsEmpty());
 }
 
-TEST(ContextualModel, RemovedWordsLeaveTheRestOfTheirPhrase) {
+TEST(ContextualModel, RemovingWordsKeepsRestOfPhrase) {
   ContextualModel model(std::vector<std::string>{"good morning", "evening"});
   model.remove(std::vector<std::string>{"evening", "good"});
   EXPECT_THAT(model.words(), ElementsAre("morning"));
@@ -44,7 +44,7 @@ TEST(ContextualModel, RemovedWordsLeaveTheRestOfTheirPhrase) {
   EXPECT_TRUE(model.isEmpty());
 }
 
-TEST(ContextualModel, ProbabilitiesOfThePhrasesArePairsInTheARPAFormat) {
+TEST(ContextualModel, PhraseProbabilitiesAreARPABigrams) {
   // Seven words: two starts, two ends, and "go" before "on" or before the end.
   const std::string arpa = ContextualModel(std::vector<std::string>{"go on", "go"}).arpa();
   EXPECT_EQ(arpa,

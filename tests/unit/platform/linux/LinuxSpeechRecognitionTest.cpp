@@ -89,7 +89,7 @@ class LinuxRecognition : public testing::Test {
   std::unique_ptr<SpeechRecognizer> recognizer_ = recognition_.makeRecognizer("en-US");
 };
 
-TEST(LinuxSpeechRecognition, NobodyIsAskedForPermission) {
+TEST(LinuxSpeechRecognition, NeedsNoPermission) {
   LinuxSpeechRecognition recognition;
   EXPECT_EQ(recognition.authorizationStatus(), AuthorizationStatus::authorized);
   std::optional<AuthorizationStatus> answer;
@@ -97,20 +97,20 @@ TEST(LinuxSpeechRecognition, NobodyIsAskedForPermission) {
   EXPECT_EQ(answer, AuthorizationStatus::authorized);
 }
 
-TEST(LinuxSpeechRecognition, ALocaleWithoutModelIsSupportedButNotInstalled) {
+TEST(LinuxSpeechRecognition, LocaleWithoutModelIsSupportedNotInstalled) {
   LinuxSpeechRecognition recognition;
   const auto recognizer = recognition.makeRecognizer("ja-JP");
   ASSERT_TRUE(recognizer);
   EXPECT_FALSE(recognizer->supportsOnDeviceRecognition());
 }
 
-TEST(LinuxSpeechRecognition, WhatIsNotALocaleIsNotSupported) {
+TEST(LinuxSpeechRecognition, InvalidLocaleIsNotSupported) {
   LinuxSpeechRecognition recognition;
   for (const char* identifier : {"", "not a locale", "../x", "en-US/"})
     EXPECT_FALSE(recognition.makeRecognizer(identifier)) << identifier;
 }
 
-TEST(LinuxSpeechRecognition, AModelThatLacksAFileIsNotInstalled) {
+TEST(LinuxSpeechRecognition, ModelWithMissingFileIsNotInstalled) {
   const DamagedModel model;
   LinuxSpeechRecognition recognition(model.root());
   const auto recognizer = recognition.makeRecognizer("en_us");
@@ -123,13 +123,13 @@ TEST(LinuxSpeechRecognition, AModelThatLacksAFileIsNotInstalled) {
   EXPECT_TRUE(recognizer->supportsOnDeviceRecognition());
 }
 
-TEST_F(LinuxRecognition, TheWordsOfRealRecordingsAreHeard) {
+TEST_F(LinuxRecognition, RealRecordingIsRecognized) {
   EXPECT_EQ(Conversation(*recognizer_).hear(readRecording(testData / "goforward.raw")),
             "go forward ten meters");
 }
 
 // One voice throughout, to which the recognizer adapts: of 16 words, five at most are heard wrong.
-TEST_F(LinuxRecognition, ALongerReadingIsMostlyRight) {
+TEST_F(LinuxRecognition, LongerReadingHasAtMost5WordErrors) {
   const std::pair<const char*, const char*> sentences[] = {
       {"0880", "he was not an ill disposed young man"},
       {"0930", "he might even have been made amiable himself"}};
@@ -139,7 +139,7 @@ TEST_F(LinuxRecognition, ALongerReadingIsMostlyRight) {
   EXPECT_LE(errors, 5U);
 }
 
-TEST_F(LinuxRecognition, PartialResultsGrowTowardsTheFinal) {
+TEST_F(LinuxRecognition, PartialsChangeTowardsFinal) {
   Conversation conversation(*recognizer_);
   conversation.hear(readRecording(testData / "goforward.raw"));
   const auto answers = conversation.answers.all();
@@ -157,7 +157,7 @@ TEST_F(LinuxRecognition, PartialResultsGrowTowardsTheFinal) {
   EXPECT_GE(answers.size(), 4U);
 }
 
-TEST_F(LinuxRecognition, PhrasesThatTheHostExpectsAreHeardBetter) {
+TEST_F(LinuxRecognition, ContextualPhrasesImproveRecognition) {
   const auto recording = sentence("0870");
   const std::string words =
       "and mister john dashwood had then leisure to consider how much there might be prudently in his power "
@@ -176,7 +176,7 @@ TEST_F(LinuxRecognition, PhrasesThatTheHostExpectsAreHeardBetter) {
   EXPECT_THAT(Conversation(*expecting).hear(recording), Not(HasSubstr("prudently")));
 }
 
-TEST_F(LinuxRecognition, StrangeVocabularyDoesNoHarm) {
+TEST_F(LinuxRecognition, UnusualVocabularyIsHarmless) {
   std::vector<std::string> many;
   for (int i = 0; i < 100; ++i) {
     std::string phrase;
@@ -203,7 +203,7 @@ TEST_F(LinuxRecognition, StrangeVocabularyDoesNoHarm) {
     EXPECT_EQ(Conversation(*recognizer_, vocabularies[i]).hear(recording), "go forward ten meters") << i;
 }
 
-TEST_F(LinuxRecognition, SeveralRecognizersHearTheirOwnAudioAtTheSameTime) {
+TEST_F(LinuxRecognition, ConcurrentRecognizersKeepAudioApart) {
   const std::pair<std::vector<std::int16_t>, std::string> channels[] = {
       {readRecording(testData / "goforward.raw"), "go forward ten meters"},
       {readRecording(testData / "something.raw"), "go somewhere and do something"}};
@@ -228,7 +228,7 @@ TEST_F(LinuxRecognition, SeveralRecognizersHearTheirOwnAudioAtTheSameTime) {
   for (auto& conversation : conversations) EXPECT_EQ(conversation.finish(), channels[i++ % 2].second);
 }
 
-TEST_F(LinuxRecognition, OverlappingTasksOfOneRecognizerAreWorkedOffInTurn) {
+TEST_F(LinuxRecognition, OverlappingTasksRunInTurn) {
   Conversation first(*recognizer_);
   Conversation second(*recognizer_);
   const auto recording = readRecording(testData / "goforward.raw");
@@ -239,7 +239,7 @@ TEST_F(LinuxRecognition, OverlappingTasksOfOneRecognizerAreWorkedOffInTurn) {
   EXPECT_EQ(second.finish(), "go forward ten meters");
 }
 
-TEST_F(LinuxRecognition, ADestroyedRequestEndsItsAudio) {
+TEST_F(LinuxRecognition, DestroyingRequestEndsAudio) {
   Conversation conversation(*recognizer_);
   appendInBuffers(*conversation.request, readRecording(testData / "goforward.raw"));
   conversation.request.reset();
@@ -248,7 +248,7 @@ TEST_F(LinuxRecognition, ADestroyedRequestEndsItsAudio) {
   EXPECT_EQ(last->result->formattedString, "go forward ten meters");
 }
 
-TEST_F(LinuxRecognition, CancellingALongBacklogMakesWayAtOnce) {
+TEST_F(LinuxRecognition, CancellingDropsLongBacklogImmediately) {
   // Six hours of speech would take the better part of one.
   const auto speech = makeSpeechBuffer(sentence("0870"));
   Conversation abandoned(*recognizer_);
@@ -261,7 +261,7 @@ TEST_F(LinuxRecognition, CancellingALongBacklogMakesWayAtOnce) {
   EXPECT_FALSE(abandoned.answers.all().back().isLast());
 }
 
-TEST_F(LinuxRecognition, AHandlerIsReleasedWithItsTask) {
+TEST_F(LinuxRecognition, HandlerIsReleasedWithTask) {
   for (const bool isCancelled : {false, true}) {
     const auto request = recognizer_->makeRequest({});
     auto held = std::make_shared<int>();
@@ -277,7 +277,7 @@ TEST_F(LinuxRecognition, AHandlerIsReleasedWithItsTask) {
   }
 }
 
-TEST_F(LinuxRecognition, AHandlerThatThrowsHarmsNobody) {
+TEST_F(LinuxRecognition, ThrowingHandlerIsHarmless) {
   const auto request = recognizer_->makeRequest({});
   const auto task =
       recognizer_->recognitionTask(request, [](auto, auto) { throw std::runtime_error("handler"); });
@@ -286,7 +286,7 @@ TEST_F(LinuxRecognition, AHandlerThatThrowsHarmsNobody) {
             "go forward ten meters");
 }
 
-TEST_F(LinuxRecognition, AudioOfAnotherFormatIsAnError) {
+TEST_F(LinuxRecognition, AudioOfOtherFormatIsError) {
   for (const AudioFormat& format : {AudioFormat{CommonFormat::float32, 16000, 1, false},
                                     AudioFormat{CommonFormat::int16, 48000, 1, false},
                                     AudioFormat{CommonFormat::int16, 16000, 2, true}}) {
@@ -300,7 +300,7 @@ TEST_F(LinuxRecognition, AudioOfAnotherFormatIsAnError) {
             "go forward ten meters");
 }
 
-TEST_F(LinuxRecognition, AnEmptyBufferIsNothing) {
+TEST_F(LinuxRecognition, EmptyBufferIsIgnored) {
   Conversation conversation(*recognizer_);
   conversation.request->append(makeSpeechBuffer({}));
   conversation.request->append(nullptr);
@@ -308,7 +308,7 @@ TEST_F(LinuxRecognition, AnEmptyBufferIsNothing) {
 }
 
 // Every handle goes while the engine is at work, in each order.
-TEST(LinuxSpeechRecognition, HandlesMayGoInAnyOrder) {
+TEST(LinuxSpeechRecognition, HandlesMayBeDestroyedInAnyOrder) {
   const auto speech = sentence("0930");
   for (int order = 0; order < 24; order += 5) {
     RecordedAnswers answers;
@@ -326,7 +326,7 @@ TEST(LinuxSpeechRecognition, HandlesMayGoInAnyOrder) {
   }
 }
 
-TEST(LinuxSpeechRecognition, ARecognizerMayGoInItsOwnHandler) {
+TEST(LinuxSpeechRecognition, RecognizerMayBeDestroyedInItsHandler) {
   auto recognition = std::make_unique<LinuxSpeechRecognition>();
   std::shared_ptr<SpeechRecognizer> recognizer = recognition->makeRecognizer("en-US");
   auto request = recognizer->makeRequest({});
@@ -348,7 +348,7 @@ class DamagedModelRecognition : public testing::Test {
   std::unique_ptr<SpeechRecognizer> recognizer_ = recognition_.makeRecognizer("en-US");
 };
 
-TEST_F(DamagedModelRecognition, ATruncatedMeansFileIsAnErrorAndNotACrash) {
+TEST_F(DamagedModelRecognition, TruncatedMeansFileIsError) {
   model_.replace(model_.file("means"), DamagedModel::read(model_.file("means")).substr(0, 400000));
   EXPECT_TRUE(recognizer_->supportsOnDeviceRecognition());
   Conversation conversation(*recognizer_);
@@ -360,7 +360,7 @@ TEST_F(DamagedModelRecognition, ATruncatedMeansFileIsAnErrorAndNotACrash) {
   EXPECT_EQ(answers[0].error->code(), 1);
 }
 
-TEST_F(DamagedModelRecognition, EveryHalvedFileIsAnErrorAndNotACrash) {
+TEST_F(DamagedModelRecognition, EveryHalvedFileIsError) {
   for (const auto& file : model_.files().all()) {
     const auto contents = DamagedModel::read(file);
     model_.replace(file, std::string_view(contents).substr(0, contents.size() / 2));
@@ -369,7 +369,7 @@ TEST_F(DamagedModelRecognition, EveryHalvedFileIsAnErrorAndNotACrash) {
   }
 }
 
-TEST_F(DamagedModelRecognition, ARepairedModelServesTheNextTask) {
+TEST_F(DamagedModelRecognition, RepairedModelServesNextTask) {
   model_.replace(model_.file("sendump"), "");
   EXPECT_EQ(Conversation(*recognizer_).finish(),
             "error: The speech model file sendump is damaged: it is empty");
@@ -378,7 +378,7 @@ TEST_F(DamagedModelRecognition, ARepairedModelServesTheNextTask) {
             "go forward ten meters");
 }
 
-TEST_F(DamagedModelRecognition, DamageWhileAnotherDecoderWorksIsFound) {
+TEST_F(DamagedModelRecognition, DamageIsDetectedWhileOtherDecoderRuns) {
   EXPECT_EQ(Conversation(*recognizer_).hear(readRecording(testData / "goforward.raw")),
             "go forward ten meters");
   model_.replace(model_.file("mdef"), "");

@@ -54,36 +54,36 @@ class ModelCheck : public testing::Test {
   const DamagedModel model_;
 };
 
-TEST_F(ModelCheck, TheInstalledModelIsSound) {
+TEST_F(ModelCheck, InstalledModelIsValid) {
   EXPECT_EQ(refusal(), "");
 }
 
-TEST_F(ModelCheck, ATruncatedModelDefinitionIsRefused) {
+TEST_F(ModelCheck, TruncatedModelDefinitionIsRejected) {
   expectTruncationsRefused("mdef");
 }
-TEST_F(ModelCheck, TruncatedMeansAreRefused) {
+TEST_F(ModelCheck, TruncatedMeansAreRejected) {
   expectTruncationsRefused("means");
 }
-TEST_F(ModelCheck, TruncatedVariancesAreRefused) {
+TEST_F(ModelCheck, TruncatedVariancesAreRejected) {
   expectTruncationsRefused("variances");
 }
-TEST_F(ModelCheck, TruncatedTransitionMatricesAreRefused) {
+TEST_F(ModelCheck, TruncatedTransitionMatricesAreRejected) {
   expectTruncationsRefused("transition_matrices");
 }
-TEST_F(ModelCheck, TruncatedMixtureWeightsAreRefused) {
+TEST_F(ModelCheck, TruncatedMixtureWeightsAreRejected) {
   expectTruncationsRefused("sendump");
 }
-TEST_F(ModelCheck, TruncatedFeatureParametersAreRefused) {
+TEST_F(ModelCheck, TruncatedFeatureParametersAreRejected) {
   expectTruncationsRefused("feat.params");
 }
-TEST_F(ModelCheck, ATruncatedFillerDictionaryIsRefused) {
+TEST_F(ModelCheck, TruncatedFillerDictionaryIsRejected) {
   expectTruncationsRefused("noisedict");
 }
-TEST_F(ModelCheck, ATruncatedLanguageModelIsRefused) {
+TEST_F(ModelCheck, TruncatedLanguageModelIsRejected) {
   expectTruncationsRefused("en-us.lm.bin");
 }
 
-TEST_F(ModelCheck, ATruncatedDictionaryIsRefused) {
+TEST_F(ModelCheck, TruncatedDictionaryIsRejected) {
   const auto contents = DamagedModel::read(model_.file("cmudict-en-us.dict"));
   for (const std::size_t length :
        {std::size_t{0}, std::size_t{1}, std::size_t{50}, contents.size() / 2, contents.size() - 1}) {
@@ -95,7 +95,7 @@ TEST_F(ModelCheck, ATruncatedDictionaryIsRefused) {
   EXPECT_NE(refusal().find("not those of the dictionary"), std::string::npos);
 }
 
-TEST_F(ModelCheck, OneChangedBitOfTheGaussiansOrTransitionsIsRefused) {
+TEST_F(ModelCheck, ChangedBitOfGaussiansOrTransitionsIsRejected) {
   for (const std::string name : {"means", "variances", "transition_matrices"}) {
     auto contents = DamagedModel::read(model_.file(name));
     contents[contents.size() / 2] = static_cast<char>(contents[contents.size() / 2] ^ 4);
@@ -104,7 +104,7 @@ TEST_F(ModelCheck, OneChangedBitOfTheGaussiansOrTransitionsIsRefused) {
 }
 
 // Offsets of the installed model's definition: its counts begin behind a description of 1052 bytes.
-TEST_F(ModelCheck, AModelDefinitionThatPointsOutsideItselfIsRefused) {
+TEST_F(ModelCheck, ModelDefinitionPointingOutsideIsRejected) {
   const auto contents = DamagedModel::read(model_.file("mdef"));
   constexpr std::size_t counts = 1064;
   constexpr std::size_t phoneNames = counts + 10 * 4;
@@ -123,7 +123,7 @@ TEST_F(ModelCheck, AModelDefinitionThatPointsOutsideItselfIsRefused) {
 }
 
 // Offsets of the installed language model: 72547 words, 2051547 pairs, 1669625 triples.
-TEST_F(ModelCheck, ALanguageModelThatPointsOutsideItselfIsRefused) {
+TEST_F(ModelCheck, LanguageModelPointingOutsideIsRejected) {
   const auto contents = DamagedModel::read(model_.file("en-us.lm.bin"));
   constexpr std::size_t singles = 36 + 3 * 65536 * 4;
   constexpr std::size_t pairs = singles + 72548 * 12;
@@ -139,7 +139,7 @@ TEST_F(ModelCheck, ALanguageModelThatPointsOutsideItselfIsRefused) {
   expectRefused("en-us.lm.bin", withNumber(contents, triples + 33000, 0xffffffff), "a word outside");
 }
 
-TEST_F(ModelCheck, FeatureParametersThatMakeNoSenseAreRefused) {
+TEST_F(ModelCheck, InvalidFeatureParametersAreRejected) {
   const auto contents = DamagedModel::read(model_.file("feat.params"));
   const auto changed = [&contents](std::string_view from, std::string_view to) {
     std::string text = contents;
@@ -153,7 +153,7 @@ TEST_F(ModelCheck, FeatureParametersThatMakeNoSenseAreRefused) {
   expectRefused("feat.params", changed("41.00,", ""), "too short a mean");
 }
 
-TEST_F(ModelCheck, ADirectoryInPlaceOfAnyFileIsRefused) {
+TEST_F(ModelCheck, DirectoryInPlaceOfFileIsRejected) {
   for (const auto& file : model_.files().all()) {
     std::filesystem::remove(file);
     std::filesystem::create_directory(file);
@@ -163,7 +163,7 @@ TEST_F(ModelCheck, ADirectoryInPlaceOfAnyFileIsRefused) {
   }
 }
 
-TEST_F(ModelCheck, FilesOfAnotherModelAreRefused) {
+TEST_F(ModelCheck, FilesOfOtherModelAreRejected) {
   const std::filesystem::path digits = "/usr/share/pocketsphinx/test/data/tidigits/hmm";
   for (const char* name : {"mdef", "means", "variances", "transition_matrices", "sendump"}) {
     model_.replace(model_.file(name), DamagedModel::read(digits / name));

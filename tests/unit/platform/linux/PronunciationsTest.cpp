@@ -5,16 +5,16 @@
 namespace palaver {
 namespace {
 
-TEST(Pronunciations, AWordOfTheLexiconIsSpokenAsItSays) {
+TEST(Pronunciations, LexiconWordUsesItsEntry) {
   EXPECT_EQ(pronunciation("hello"), "HH AH L OW");
   EXPECT_EQ(pronunciation("it's"), "IH T S");
 }
 
-TEST(Pronunciations, AnUnknownWordIsSpokenByRule) {
+TEST(Pronunciations, UnknownWordUsesRules) {
   EXPECT_EQ(pronunciation("palaver"), "P AE L AA V ER");
 }
 
-TEST(Pronunciations, WhatIsNotLowerCaseEnglishLettersIsNotSpoken) {
+TEST(Pronunciations, OtherCharactersHaveNoPronunciation) {
   EXPECT_EQ(pronunciation(""), "");
   EXPECT_EQ(pronunciation("Hello"), "");
   EXPECT_EQ(pronunciation("a b"), "");

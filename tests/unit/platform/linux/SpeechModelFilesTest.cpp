@@ -5,7 +5,7 @@
 namespace palaver {
 namespace {
 
-TEST(SpeechModelFiles, ALocaleNamesItsDirectoryInLowerCaseWithAHyphen) {
+TEST(SpeechModelFiles, LocaleDirectoryIsLowerCaseWithHyphen) {
   EXPECT_EQ(modelDirectoryName("en-US"), "en-us");
   EXPECT_EQ(modelDirectoryName("en_US"), "en-us");
   EXPECT_EQ(modelDirectoryName("EN-us"), "en-us");
@@ -15,7 +15,7 @@ TEST(SpeechModelFiles, ALocaleNamesItsDirectoryInLowerCaseWithAHyphen) {
   EXPECT_EQ(modelDirectoryName("haw-US"), "haw-us");
 }
 
-TEST(SpeechModelFiles, WhatIsNotALocaleHasNoDirectory) {
+TEST(SpeechModelFiles, InvalidLocaleHasNoDirectory) {
   using namespace std::string_view_literals;
   for (const auto identifier :
        {""sv,      "-"sv,      "e"sv,      "en-"sv,          "-US"sv,    "en--US"sv, "en-U"sv,  "en-USA"sv,
@@ -24,12 +24,12 @@ TEST(SpeechModelFiles, WhatIsNotALocaleHasNoDirectory) {
     EXPECT_FALSE(modelDirectoryName(identifier)) << identifier;
 }
 
-TEST(SpeechModelFiles, ADirectoryWithoutModelIsNotInstalled) {
+TEST(SpeechModelFiles, DirectoryWithoutModelIsNotInstalled) {
   EXPECT_FALSE(SpeechModelFiles("/nonexistent", "en-us").areInstalled());
   EXPECT_FALSE(SpeechModelFiles(systemModelRoot, "ja-jp").areInstalled());
 }
 
-TEST(SpeechModelFiles, TheModelOfTheSystemIsInstalled) {
+TEST(SpeechModelFiles, SystemModelIsInstalled) {
   EXPECT_TRUE(SpeechModelFiles(systemModelRoot, "en-us").areInstalled());
 }
 

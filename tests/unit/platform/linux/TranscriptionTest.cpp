@@ -31,7 +31,7 @@ class TranscriptionTest : public testing::Test {
   Decoder decoder_{std::make_shared<const BaseLanguageModel>(SpeechModelFiles(systemModelRoot, "en-us"))};
 };
 
-TEST_F(TranscriptionTest, AFinishedTranscriptionHasTheWordsAndTheirTimes) {
+TEST_F(TranscriptionTest, FinishYieldsWordsAndTimes) {
   Transcription transcription(decoder_);
   process(transcription, readRecording(testData / "goforward.raw"));
   transcription.finish();
@@ -45,7 +45,7 @@ TEST_F(TranscriptionTest, AFinishedTranscriptionHasTheWordsAndTheirTimes) {
 }
 
 // The model's own idea of a voice and a microphone suits this recording badly: at first it is misheard.
-TEST_F(TranscriptionTest, AnUnknownVoiceIsHeardAgainInThePauseBehindItsWords) {
+TEST_F(TranscriptionTest, UnknownVoiceIsRedecodedInPauseAfterWords) {
   const auto speech = readRecording(testData / "cards/001.wav");
   Transcription transcription(decoder_);
   process(transcription, speech);
@@ -56,7 +56,7 @@ TEST_F(TranscriptionTest, AnUnknownVoiceIsHeardAgainInThePauseBehindItsWords) {
   EXPECT_EQ(transcription.text(), "ten of clubs");
 }
 
-TEST_F(TranscriptionTest, AVoiceIsKnownAfterEightSecondsOfSpeech) {
+TEST_F(TranscriptionTest, VoiceIsKnownAfter8sOfSpeech) {
   const auto speech = readRecording(testData / "librivox/sense_and_sensibility_01_austen_64kb-0870.wav");
   ASSERT_GT(std::ssize(speech), 4 * modelSampleRate);
   ASSERT_LT(std::ssize(speech), 8 * modelSampleRate);
@@ -72,7 +72,7 @@ TEST_F(TranscriptionTest, AVoiceIsKnownAfterEightSecondsOfSpeech) {
   }
 }
 
-TEST_F(TranscriptionTest, NothingIsHeardInSilence) {
+TEST_F(TranscriptionTest, SilenceYieldsNoText) {
   Transcription transcription(decoder_);
   process(transcription, quiet(3));
   transcription.finish();
@@ -80,7 +80,7 @@ TEST_F(TranscriptionTest, NothingIsHeardInSilence) {
   EXPECT_TRUE(transcription.segments().empty());
 }
 
-TEST_F(TranscriptionTest, WordsAfterALongSilenceAreWholeAndTheirTimesCountFromTheFirstSample) {
+TEST_F(TranscriptionTest, WordsAfterLongSilenceAreCompleteAndTimedFromFirstSample) {
   const auto speech = readRecording(testData / "goforward.raw");
   struct Silence {
     double seconds;
@@ -101,7 +101,7 @@ TEST_F(TranscriptionTest, WordsAfterALongSilenceAreWholeAndTheirTimesCountFromTh
   }
 }
 
-TEST_F(TranscriptionTest, QuietBehindASoundThatWasNoWordLosesNothing) {
+TEST_F(TranscriptionTest, QuietAfterNonWordSoundLosesNothing) {
   const auto speech = readRecording(testData / "goforward.raw");
   Transcription transcription(decoder_);
   process(transcription, quiet(0.3, 150));
@@ -113,7 +113,7 @@ TEST_F(TranscriptionTest, QuietBehindASoundThatWasNoWordLosesNothing) {
   EXPECT_NEAR(transcription.segments().front().timestamp, 5.3 + 0.46, 0.1);
 }
 
-TEST_F(TranscriptionTest, TheDecoderBeginsAnewWithinOneRequestWithoutATrace) {
+TEST_F(TranscriptionTest, LongRequestIsSplitSeamlessly) {
   std::vector<std::int16_t> speech;
   for (const char* name :
        {"0880", "0930", "0880", "0930", "0880", "0930", "0880", "0930", "0880", "0930", "0880", "0930"}) {
@@ -145,14 +145,14 @@ TEST_F(TranscriptionTest, TheDecoderBeginsAnewWithinOneRequestWithoutATrace) {
   EXPECT_LE(previousEnd, static_cast<double>(speech.size()) / modelSampleRate);
 }
 
-TEST_F(TranscriptionTest, SteadyLoudNoiseGivesNoWordOfSeconds) {
+TEST_F(TranscriptionTest, SteadyNoiseYieldsNoWordOver1500ms) {
   Transcription transcription(decoder_);
   process(transcription, quiet(15, 6000));
   transcription.finish();
   for (const auto& segment : transcription.segments()) EXPECT_LE(segment.duration, 1.5) << segment.substring;
 }
 
-TEST_F(TranscriptionTest, AnAbandonedTranscriptionLeavesTheDecoderUsable) {
+TEST_F(TranscriptionTest, AbandonedTranscriptionLeavesDecoderUsable) {
   const auto speech = readRecording(testData / "goforward.raw");
   {
     Transcription transcription(decoder_);
@@ -164,7 +164,7 @@ TEST_F(TranscriptionTest, AnAbandonedTranscriptionLeavesTheDecoderUsable) {
   EXPECT_EQ(transcription.text(), "go forward ten meters");
 }
 
-TEST_F(TranscriptionTest, VeryShortAudioIsNothing) {
+TEST_F(TranscriptionTest, VeryShortAudioYieldsNoText) {
   for (const std::size_t samples : {0U, 1U, 159U, 800U, 1280U}) {
     Transcription transcription(decoder_);
     transcription.process(std::vector<std::int16_t>(samples));

@@ -147,7 +147,7 @@ constexpr Shape shapes[] = {{Pair::Kind::pipe, false},
                             {Pair::Kind::socket, false},
                             {Pair::Kind::socket, true}};
 
-TEST_F(POSIXStreamsTest, EverythingIsWrittenHoweverSlowTheReader) {
+TEST_F(POSIXStreamsTest, SlowReaderGetsEverything) {
   const auto text = pattern(1 << 20);
   for (const auto& [kind, nonBlocking] : shapes)
     for (const std::size_t step : {std::size_t{1} << 16, std::size_t{777}}) {
@@ -161,7 +161,7 @@ TEST_F(POSIXStreamsTest, EverythingIsWrittenHoweverSlowTheReader) {
     }
 }
 
-TEST_F(POSIXStreamsTest, AReaderOfOneByteAtATimeGetsEverything) {
+TEST_F(POSIXStreamsTest, ByteWiseReaderGetsEverything) {
   const auto text = pattern(200000);  // more than the buffers hold, so that writes are short
   for (const auto& [kind, nonBlocking] : shapes) {
     Pair pair(kind);
@@ -174,7 +174,7 @@ TEST_F(POSIXStreamsTest, AReaderOfOneByteAtATimeGetsEverything) {
   }
 }
 
-TEST_F(POSIXStreamsTest, AWriteOfNothingWritesNothing) {
+TEST_F(POSIXStreamsTest, EmptyWriteWritesNothing) {
   Pair pair(Pair::Kind::socket);
   DescriptorOutput output(pair.writer());
   output.write("");
@@ -182,7 +182,7 @@ TEST_F(POSIXStreamsTest, AWriteOfNothingWritesNothing) {
   EXPECT_EQ(readAll(pair.reader(), 16), "");
 }
 
-TEST_F(POSIXStreamsTest, AnInterruptedWriteGoesOn) {
+TEST_F(POSIXStreamsTest, InterruptedWriteResumes) {
   const auto text = pattern(4 << 20);
   for (const auto& [kind, nonBlocking] : shapes) {
     Pair pair(kind);
@@ -203,7 +203,7 @@ TEST_F(POSIXStreamsTest, AnInterruptedWriteGoesOn) {
   }
 }
 
-TEST_F(POSIXStreamsTest, AReaderThatHasGoneLosesTheBytesSilently) {
+TEST_F(POSIXStreamsTest, ClosedReaderLosesBytesSilently) {
   for (const auto& [kind, nonBlocking] : shapes) {
     Pair pair(kind);
     if (nonBlocking) Pair::setNonBlocking(pair.writer());
@@ -214,7 +214,7 @@ TEST_F(POSIXStreamsTest, AReaderThatHasGoneLosesTheBytesSilently) {
   }
 }
 
-TEST_F(POSIXStreamsTest, AReaderThatGoesWhileAWriteWaitsFreesIt) {
+TEST_F(POSIXStreamsTest, ReaderClosingDuringWriteUnblocksIt) {
   for (const auto& [kind, nonBlocking] : shapes) {
     Pair pair(kind);
     if (nonBlocking) Pair::setNonBlocking(pair.writer());
@@ -229,7 +229,7 @@ TEST_F(POSIXStreamsTest, AReaderThatGoesWhileAWriteWaitsFreesIt) {
   }
 }
 
-TEST_F(POSIXStreamsTest, ADescriptorThatIsNotOpenLosesTheBytesSilently) {
+TEST_F(POSIXStreamsTest, UnopenDescriptorLosesBytesSilently) {
   DescriptorOutput(-1).write("text");
   Pair pair(Pair::Kind::pipe);
   const int closed = pair.writer();
@@ -238,7 +238,7 @@ TEST_F(POSIXStreamsTest, ADescriptorThatIsNotOpenLosesTheBytesSilently) {
   DescriptorOutput(pair.reader()).write("text");  // open, but not for writing
 }
 
-TEST_F(POSIXStreamsTest, EverythingIsReadInRoomsOfAnySize) {
+TEST_F(POSIXStreamsTest, EverythingIsReadInAnyBufferSize) {
   const auto text = pattern(100000);
   for (const auto& [kind, nonBlocking] : shapes)
     for (const std::size_t room : {std::size_t{1}, std::size_t{1000}, std::size_t{1} << 20}) {
@@ -254,7 +254,7 @@ TEST_F(POSIXStreamsTest, EverythingIsReadInRoomsOfAnySize) {
     }
 }
 
-TEST_F(POSIXStreamsTest, AWriterOfOneByteAtATimeIsReadWhole) {
+TEST_F(POSIXStreamsTest, ByteWiseWriterIsReadWhole) {
   const auto text = pattern(5000);
   for (const auto& [kind, nonBlocking] : shapes) {
     Pair pair(kind);
@@ -268,7 +268,7 @@ TEST_F(POSIXStreamsTest, AWriterOfOneByteAtATimeIsReadWhole) {
   }
 }
 
-TEST_F(POSIXStreamsTest, AnInterruptedReadGoesOn) {
+TEST_F(POSIXStreamsTest, InterruptedReadResumes) {
   const auto text = pattern(1 << 20);
   for (const auto& [kind, nonBlocking] : shapes) {
     Pair pair(kind);
@@ -306,7 +306,7 @@ TEST_F(POSIXStreamsTest, AnInterruptedReadGoesOn) {
   }
 }
 
-TEST_F(POSIXStreamsTest, AnInputThatCannotBeReadHasEnded) {
+TEST_F(POSIXStreamsTest, UnreadableInputCountsAsEnded) {
   {
     Collector collector(16);
     DescriptorInput input(-1);
@@ -322,7 +322,7 @@ TEST_F(POSIXStreamsTest, AnInputThatCannotBeReadHasEnded) {
   ::close(directory);
 }
 
-TEST_F(POSIXStreamsTest, AConnectionThatIsResetHasEnded) {
+TEST_F(POSIXStreamsTest, ResetConnectionCountsAsEnded) {
   Pair pair(Pair::Kind::socket);
   // Unread bytes at the closed end make the other end's read fail instead of ending.
   ASSERT_EQ(::write(pair.reader(), "unread", 6), 6);
@@ -353,7 +353,7 @@ TEST_F(POSIXStreamsTest, AConnectionThatIsResetHasEnded) {
   ::_exit(0);
 }
 
-TEST(POSIXStreamsDeathTest, ClosedStandardStreamsAreReplacedByNothingness) {
+TEST(POSIXStreamsDeathTest, ClosedStandardStreamsAreReplacedByDevNull) {
   for (int mask = 0; mask < 8; ++mask)
     EXPECT_EXIT(prepareWithClosed(mask), ::testing::ExitedWithCode(0), "") << mask;
 }
