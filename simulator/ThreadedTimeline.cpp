@@ -19,7 +19,7 @@ class ThreadedTimeline::Worker {
     }
     changed_.notify_one();
     if (thread_.joinable()) thread_.join();
-    decltype(jobs_) dropped;  // without the lock: a job may add one when it goes
+    decltype(jobs_) dropped;  // destroyed without the lock: a job's destructor may add a job
     {
       const std::lock_guard guard(lock_);
       dropped.swap(jobs_);

@@ -1,4 +1,4 @@
-// Simulated work in real time, on several threads of its own.
+// Runs simulated work in real time, on its own threads.
 #pragma once
 
 #include <chrono>
@@ -15,14 +15,14 @@
 
 namespace palaver {
 
-// Runs everything in the background; each stream has one of the threads, so that its jobs keep their order.
+// Runs everything in the background. Each stream is bound to one thread, so its jobs keep their order.
 class ThreadedTimeline final : public Timeline {
  public:
   explicit ThreadedTimeline(std::size_t threads);
   ~ThreadedTimeline() override;
 
-  // Waits for the jobs that run, drops those that have not, and runs none from then on. What jobs use, such
-  // as the executors of their completions, may go afterwards.
+  // Blocks until the running jobs return, drops the pending ones and runs no more. Objects that jobs use,
+  // such as the executors of their completions, may be destroyed afterwards.
   void end();
 
   double now() const override;

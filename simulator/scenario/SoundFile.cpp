@@ -43,7 +43,7 @@ void writeSoundFile(const std::filesystem::path& path, const SoundFileDescriptio
   for (std::int64_t written = 0; written < description.frames;) {
     const auto frames = std::min(run, description.frames - written);
     samples.resize(static_cast<std::size_t>(frames * description.channels));
-    // A square wave of 400 Hz at 16 kHz, whose root mean square is its amplitude.
+    // A square wave of 400 Hz at 16 kHz. Its root mean square is its amplitude.
     for (std::size_t i = 0; i < samples.size(); ++i) {
       const auto frame = written + static_cast<std::int64_t>(i) / description.channels;
       samples[i] = static_cast<float>(frame / 20 % 2 == 0 ? description.loudness : -description.loudness);

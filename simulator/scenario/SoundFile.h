@@ -1,4 +1,4 @@
-// Sound files made for tests.
+// Creates sound files for tests.
 #pragma once
 
 #include <cstdint>
@@ -13,10 +13,10 @@ struct SoundFileDescription {
   int sampleRate = 16000;          // Hz
   int channels = 1;
   std::int64_t frames = 0;
-  double loudness = 0;  // root mean square, full scale 1; the same in every channel
+  double loudness = 0;  // root mean square, full scale 1; equal in all channels
 };
 
-// Writes a file as described. Throws std::runtime_error.
+// Throws std::runtime_error when the file cannot be written.
 void writeSoundFile(const std::filesystem::path& path, const SoundFileDescription& description);
 
 }  // namespace palaver

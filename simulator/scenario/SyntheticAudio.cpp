@@ -5,7 +5,7 @@
 
 namespace palaver {
 
-// Two neighbouring amplitudes mixed: one alone would miss most loudnesses by half a step.
+// Mixes two neighbouring amplitudes. A single one would miss most loudnesses by half a step.
 std::vector<std::int16_t> samplesOfLoudness(double rms, std::size_t frames) {
   const double wanted = rms * 32768;
   const double quiet = std::floor(wanted);

@@ -1,4 +1,4 @@
-// Made-up audio for tests.
+// Generates audio for tests.
 #pragma once
 
 #include <cstddef>
@@ -8,11 +8,11 @@
 
 namespace palaver {
 
-// Samples whose root mean square (full scale 1) is the smallest possible that is not below `rms`; 0 for
-// silence. At most 0.99.
+// Returns samples with the smallest root mean square (full scale 1) that is not below `rms`. 0 is silence,
+// 0.99 the maximum.
 std::vector<std::int16_t> samplesOfLoudness(double rms, std::size_t frames);
 
-// The samples as the "pcmBase64" of an audio command: little-endian, in standard Base64.
+// Encodes samples as the "pcmBase64" of an audio command: little-endian, in standard Base64.
 std::string pcmBase64(const std::vector<std::int16_t>& samples);
 
 }  // namespace palaver

@@ -1,4 +1,5 @@
-// How much memory a test program holds. Link AllocationCount.cpp: it replaces the global operator new.
+// Counts the memory that a test program allocates. AllocationCount.cpp, which must be linked, replaces the
+// global operator new.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
-// A platform's speech analysis under test, and one session of it driven step by step. Waits for each answer,
-// which fails the test when it does not come.
+// Drives one session of a platform's speech analysis step by step. Waits for each answer and fails the test
+// when none arrives.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,17 +19,16 @@
 
 namespace palaver {
 
-// A platform under test.
 class SpeechAnalysisContractSubject {
  public:
   virtual ~SpeechAnalysisContractSubject() = default;
 
   virtual SpeechAnalysis& analysis() = 0;
 
-  // A locale to ask for whose model is installed.
+  // A locale with an installed model.
   virtual std::string locale() = 0;
 
-  // Audio with speech in it, as 16 kHz mono samples. The subject wants its input in 16 bits like that.
+  // Audio that contains speech, as 16 kHz mono samples. The subject's input format has 16 bits too.
   virtual std::vector<std::int16_t> speech() = 0;
 };
 
@@ -46,10 +45,10 @@ struct AnalysisSession {
     return result.wait();
   }
 
-  // Reads all results that are left.
+  // Reads the remaining results.
   struct Results {
     std::vector<TranscriptionResult> results;
-    std::optional<NextResult> end;  // none: it never came
+    std::optional<NextResult> end;  // none: timed out
 
     template <typename End>
     bool endWith() const {
@@ -71,7 +70,7 @@ struct AnalysisSession {
     }
   }
 
-  // Feeds samples in buffers of 100 ms, as a host sends them.
+  // Feeds samples in buffers of 100 ms, like a host.
   void feed(std::span<const std::int16_t> samples) const {
     constexpr std::size_t bufferLength = 1600;
     while (!samples.empty()) {
@@ -84,7 +83,7 @@ struct AnalysisSession {
     }
   }
 
-  // The error of the operation, which must be answered.
+  // Returns the error of the operation. Fails the test when it is not answered.
   std::optional<PlatformError> prepare() const {
     Awaited<std::optional<PlatformError>> answer;
     analyzer->prepareToAnalyze(format, answer.completion());
@@ -112,7 +111,7 @@ struct AnalysisSession {
   }
 };
 
-// The steps to a session. Each must be answered.
+// The steps that create a session. Each fails the test when it is not answered.
 inline std::optional<std::string> askForLocale(SpeechAnalysis& analysis, std::string_view locale) {
   Awaited<std::optional<std::string>> answer;
   analysis.supportedLocale(locale, answer.completion());
@@ -150,7 +149,7 @@ inline std::shared_ptr<SpeechTranscriber> makeTranscriber(SpeechAnalysis& analys
   return analysis.makeTranscriber(supported.value_or(""), TranscriberPreset::progressiveTranscription);
 }
 
-// An analyzer that has not been prepared yet.
+// Creates an analyzer without preparing it.
 inline AnalysisSession makeSession(SpeechAnalysis& analysis, std::string_view locale,
                                    const std::vector<std::string>& phrases = {}) {
   AnalysisSession session;

@@ -1,4 +1,4 @@
-// An answer that a test waits for.
+// Waits for the answer of an asynchronous call.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,11 +13,11 @@
 
 namespace palaver {
 
-// Longer than any slow machine needs: the bound at which a test fails.
+// Time after which a test fails. Generous, so that slow machines pass.
 inline constexpr auto awaitedDeadline = std::chrono::seconds(60);
 
-// Gives a completion away and waits for its call, on whatever thread it comes. A second call fails the test.
-// The completion may be called, or destroyed, later than this.
+// Hands out a completion and waits for its call on any thread. A second call fails the test. The completion
+// may be called or destroyed after this object.
 template <typename Value>
 class Awaited {
  public:
@@ -26,20 +26,20 @@ class Awaited {
     const auto held = std::make_shared<Held>(state);
     return [state, held](Value value) {
       const std::lock_guard guard(state->lock);
-      if (std::exchange(state->isAnswered, true)) ADD_FAILURE() << "the completion is called twice";
+      if (std::exchange(state->isAnswered, true)) ADD_FAILURE() << "the completion was called twice";
       state->value = std::move(value);
       state->changed.notify_all();
     };
   }
 
-  // The answer, once; or none when it has not come in time, or cannot come any more.
+  // Returns the answer, once. None after the deadline, or when the completion was destroyed uncalled.
   std::optional<Value> wait() {
     std::unique_lock lock(state_->lock);
     state_->changed.wait_for(lock, awaitedDeadline, [this] { return state_->isAnswered || !state_->isHeld; });
     return std::exchange(state_->value, std::nullopt);
   }
 
-  // Whether the completion has been destroyed, or is before the deadline.
+  // Whether the completion is destroyed before the deadline.
   bool waitUntilLetGo() {
     std::unique_lock lock(state_->lock);
     return state_->changed.wait_for(lock, awaitedDeadline, [this] { return !state_->isHeld; });

@@ -1,5 +1,4 @@
-// A fixture for tests that hold a conversation with the helper and need code for it. Where data will do, a
-// scenario reads better.
+// Fixture for conversations with the helper that need code. Prefer a scenario file where data is enough.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,27 +16,27 @@ namespace palaver {
 // All times are ms since the start of the simulated machine.
 class ConversationTest : public testing::Test {
  protected:
-  // The machine, made at the first call from `settings`.
+  // Created from `settings` at the first call.
   SimulatedPlatform& machine();
 
-  // Something happens at a time, in the background.
+  // Runs the function at a time, in the background.
   void at(double time, std::function<void()> happens);
-  // The host writes a command; strings for bytes as they are.
+  // Writes a command as the host. A string is written byte for byte.
   void host(double time, const nlohmann::json& command);
   void bytes(double time, std::string text);
-  // The host sends 100 ms of audio of the session "a".
+  // Sends 100 ms of audio for the session "a".
   void audio(double time, double rms = 0.1, const std::string& source = "remote");
-  // The newest task answers.
+  // Lets the newest task answer.
   void answers(double time, RecognitionAnswer answer);
   void partial(double time, const std::string& text) {
     answers(time, {RecognitionResult{text, {}, false}, {}});
   }
   void final(double time, const std::string& text) { answers(time, {RecognitionResult{text, {}, true}, {}}); }
 
-  // Runs the helper until it ends (its status) or would wait for ever (none).
+  // Runs the helper until it exits. Returns its status, or none when it would wait forever.
   std::optional<int> play();
 
-  // What came out: all events, those of one type, and standard error.
+  // The output: all events, the events of one type, and standard error.
   std::vector<nlohmann::json> events();
   std::vector<nlohmann::json> events(const std::string& type);
   std::string errorOutput();

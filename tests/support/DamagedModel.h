@@ -1,4 +1,4 @@
-// A copy of the system's English model in a temporary directory, of which single files can be replaced.
+// Copies the system's English model to a temporary directory, where single files can be replaced.
 #pragma once
 
 #include <cstdlib>
@@ -34,7 +34,7 @@ class DamagedModel {
   const std::filesystem::path& root() const { return root_; }
   SpeechModelFiles files() const { return {root_, "en-us"}; }
 
-  // The file of that name among files().
+  // The path of the file with that name.
   std::filesystem::path file(std::string_view name) const {
     for (const auto& file : files().all())
       if (file.filename() == name) return file;
@@ -47,7 +47,7 @@ class DamagedModel {
   }
 
   void replace(const std::filesystem::path& file, std::string_view contents) const {
-    std::filesystem::remove_all(file);  // the link, not what it points to
+    std::filesystem::remove_all(file);  // removes the link, not its target
     std::ofstream(file, std::ios::binary)
         .write(contents.data(), static_cast<std::streamsize>(contents.size()));
   }

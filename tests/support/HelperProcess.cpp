@@ -62,7 +62,7 @@ void closeOnce(int& descriptor) {
   descriptor = -1;
 }
 
-// Waits until the descriptor is ready or the deadline is over.
+// Waits until the descriptor is ready. False after the deadline.
 bool await(int descriptor, short events, Clock::time_point deadline) {
   for (;;) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -83,15 +83,15 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 }  // namespace
 
 HelperProcess::HelperProcess(const Options& options) {
-  std::signal(SIGPIPE, SIG_IGN);  // a helper that has gone is an error of send()
+  std::signal(SIGPIPE, SIG_IGN);  // so that send() fails when the helper has exited
   Ends input = makeEnds(options.input, true);
   Ends output = makeEnds(options.output, false);
   Ends error = makeEnds(options.error, false);
-  Ends life = makeEnds({}, false);
+  Ends exitPipe = makeEnds({}, false);
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  const std::array<int, 4> childEnds{input.child, output.child, error.child, life.child};
+  const std::array<int, 4> childEnds{input.child, output.child, error.child, exitPipe.child};
   for (int number = 0; number < 4; ++number) {
     if (const int descriptor = childEnds[static_cast<std::size_t>(number)]; descriptor >= 0) {
       posix_spawn_file_actions_adddup2(&actions, descriptor, number);
@@ -121,7 +121,7 @@ HelperProcess::HelperProcess(const Options& options) {
   input_ = input.host;
   output_ = output.host;
   error_ = error.host;
-  life_ = life.host;
+  exitPipe_ = exitPipe.host;
   if (failure != 0) throw std::system_error(failure, std::generic_category(), "posix_spawn");
 }
 
@@ -130,7 +130,7 @@ HelperProcess::~HelperProcess() {
     ::kill(pid_, SIGKILL);
     ::waitpid(pid_, nullptr, 0);
   }
-  for (int* descriptor : {&input_, &output_, &error_, &life_}) closeOnce(*descriptor);
+  for (int* descriptor : {&input_, &output_, &error_, &exitPipe_}) closeOnce(*descriptor);
 }
 
 bool HelperProcess::send(std::string_view bytes) {
@@ -156,7 +156,7 @@ void HelperProcess::closeOutput() {
   closeOnce(output_);
 }
 
-// Reads what there is, waiting for it; false at the end or after the deadline.
+// Waits for output and buffers it. False at the end or after the deadline.
 bool HelperProcess::fill() {
   const auto bytes = readSome(std::size_t{64} << 10);
   unread_ += bytes;
@@ -220,8 +220,8 @@ std::optional<HelperProcess::End> HelperProcess::wait() {
   if (end_) return end_;
   const auto deadline = Clock::now() + helperDeadline;
   char byte = 0;
-  while (::read(life_, &byte, 1) < 0)
-    if (!await(life_, POLLIN, deadline)) return std::nullopt;
+  while (::read(exitPipe_, &byte, 1) < 0)
+    if (!await(exitPipe_, POLLIN, deadline)) return std::nullopt;
   int status = 0;
   while (::waitpid(pid_, &status, 0) < 0)
     if (errno != EINTR) return std::nullopt;

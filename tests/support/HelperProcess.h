@@ -1,4 +1,4 @@
-// The real helper as a child of a test, played by the test as its host.
+// Runs the real helper as a child of the test, which acts as its host.
 #pragma once
 
 #include <sys/types.h>
@@ -13,28 +13,27 @@
 
 namespace palaver {
 
-// How long a test waits for anything before it calls the helper stuck. Nothing waits this long when all is
-// well.
+// Time after which a wait fails. A passing test never waits this long.
 inline constexpr std::chrono::seconds helperDeadline{60};
 
-// Lives on the test's thread. Ends the child, if it still runs, when destroyed.
+// Test thread only. The destructor kills a child that is still running.
 class HelperProcess {
  public:
-  // What the child gets as one of its standard streams.
+  // Describes one standard stream of the child.
   struct Stream {
     enum class Kind { pipe, socket, closed, file };
     Kind kind = Kind::pipe;
-    bool nonBlocking = false;  // the child's end, as hosts that share their sockets leave it
-    std::string path = {};     // of a file
+    bool nonBlocking = false;  // the child's end; hosts that share their sockets leave it so
+    std::string path = {};     // only for a file
   };
   struct Options {
-    std::vector<std::string> arguments = {};  // behind argument 0
+    std::vector<std::string> arguments = {};  // after argument 0
     std::string argument0 = "PalaverSTTHelper";
-    std::string program = {};                   // path of another program than the helper
-    std::vector<std::string> environment = {};  // "name=value", and nothing else
+    std::string program = {};                   // path of a program to run instead of the helper
+    std::vector<std::string> environment = {};  // "name=value"; the whole environment
     Stream input = {}, output = {}, error = {};
   };
-  // How the child ended: by itself with a status, or by a signal.
+  // How the child ended: with an exit status, or by a signal.
   struct End {
     std::optional<int> status, signal;
     friend bool operator==(const End&, const End&) = default;
@@ -42,37 +41,36 @@ class HelperProcess {
 
   HelperProcess() : HelperProcess(Options()) {}
   explicit HelperProcess(const Options& options);
-  // The helper with these arguments.
   explicit HelperProcess(std::vector<std::string> arguments)
       : HelperProcess(Options{.arguments = std::move(arguments)}) {}
   ~HelperProcess();
   HelperProcess(const HelperProcess&) = delete;
   HelperProcess& operator=(const HelperProcess&) = delete;
 
-  // Writes everything. False when the helper does not take it within the deadline, or has gone.
+  // Writes all bytes. False when the helper does not read them within the deadline, or has exited.
   bool send(std::string_view bytes);
   bool sendLine(std::string_view line) { return send(std::string(line) + "\n"); }
   void closeInput();
 
-  // The next line of standard output without its line feed; none at its end or after the deadline.
+  // Returns the next line of standard output without its line feed. None at its end or after the deadline.
   std::optional<std::string> readLine();
-  // The next line as JSON; a discarded value when there is no line or it is not JSON.
+  // Returns the next line as JSON. A discarded value when there is no line or it is not JSON.
   nlohmann::json readEvent();
-  // At most this many bytes, as they come; empty at the end.
+  // Returns up to this many bytes as they arrive. Empty at the end or after the deadline.
   std::string readSome(std::size_t most);
-  // All that follows, to the end.
+  // Returns the rest of standard output.
   std::string readRest();
   std::vector<nlohmann::json> readEvents();
   void closeOutput();
 
-  // Waits for the child's end and collects its standard error. None after the deadline.
+  // Waits until the child exits and collects its standard error. None after the deadline.
   std::optional<End> wait();
-  // All of standard error; after wait().
+  // All of standard error. Valid after wait().
   const std::string& errorText() const { return errorText_; }
 
   void signal(int number) const { ::kill(pid_, number); }
   pid_t pid() const { return pid_; }
-  // Resident memory in bytes; 0 where the system does not tell.
+  // Resident memory in bytes. 0 where the system does not report it.
   std::size_t residentMemory() const;
 
  private:
@@ -80,13 +78,12 @@ class HelperProcess {
 
   pid_t pid_ = -1;
   int input_ = -1, output_ = -1, error_ = -1;
-  int life_ = -1;  // ends when the child does
+  int exitPipe_ = -1;  // reads as ended when the child exits
   std::string unread_;
   std::string errorText_;
   std::optional<End> end_;
 };
 
-// A child that has ended by itself with this status.
 inline std::optional<HelperProcess::End> exited(int status) {
   return HelperProcess::End{.status = status, .signal = std::nullopt};
 }

@@ -1,4 +1,4 @@
-// What tests of recognizers say to them, and what they hear.
+// Feeds recognizers with audio and records their answers.
 #pragma once
 
 #include <algorithm>
@@ -17,7 +17,7 @@
 
 namespace palaver {
 
-// What a task answered, in order. Safe to use from the thread of the handler and from the test's.
+// Records the answers of one task in order. Any thread, unless stated otherwise.
 class RecordedAnswers {
  public:
   struct Answer {
@@ -27,18 +27,18 @@ class RecordedAnswers {
     bool isLast() const { return error || (result && result->isFinal); }
   };
 
-  // For recognitionTask(). The record has to outlive the task.
+  // Returns the handler to pass to recognitionTask(). This object must outlive the task.
   ResultHandler handler() {
     return [this](std::optional<RecognitionResult> result, std::optional<PlatformError> error) {
       // Only the test's own thread can be inside the test's call.
       if (std::this_thread::get_id() == testThread_ && isInCall_) wasAnsweredInsideCall_ = true;
       const std::lock_guard guard(lock_);
       answers_.push_back({std::move(result), std::move(error)});
-      answered_.notify_all();  // under the lock: the record may go as soon as its waiter has been let through
+      answered_.notify_all();  // under the lock: a resumed waiter may destroy this object
     };
   }
 
-  // Around the call that starts the task, on the test's thread.
+  // Call around the start of the task, on the test's thread.
   void enterCall() { isInCall_ = true; }
   void leaveCall() { isInCall_ = false; }
   bool wasAnsweredInsideCall() const { return wasAnsweredInsideCall_; }
@@ -53,8 +53,7 @@ class RecordedAnswers {
     return !answers_.empty() && answers_.back().isLast();
   }
 
-  // Waits for an answer that ends the task. None when it does not come within a time that no slow machine
-  // needs.
+  // Waits for the answer that ends the task. None after the deadline.
   std::optional<Answer> waitForLast(std::chrono::seconds deadline = std::chrono::seconds(240)) const {
     std::unique_lock guard(lock_);
     const auto hasLast = [this] { return !answers_.empty() && answers_.back().isLast(); };
@@ -62,7 +61,7 @@ class RecordedAnswers {
     return answers_.back();
   }
 
-  // Waits for at least so many answers.
+  // Waits for at least `count` answers. False after the deadline.
   bool waitForCount(std::size_t count, std::chrono::seconds deadline = std::chrono::seconds(240)) const {
     std::unique_lock guard(lock_);
     return answered_.wait_for(guard, deadline, [&] { return answers_.size() >= count; });
@@ -73,13 +72,13 @@ class RecordedAnswers {
   mutable std::condition_variable answered_;
   std::vector<Answer> answers_;
 
-  // For the test's thread.
+  // Used on the test's thread only.
   const std::thread::id testThread_ = std::this_thread::get_id();
   bool isInCall_ = false;
   bool wasAnsweredInsideCall_ = false;
 };
 
-// A buffer of 16 kHz mono audio.
+// Returns a buffer of 16 kHz mono 16-bit audio.
 inline std::shared_ptr<const PCMBuffer> makeSpeechBuffer(std::span<const std::int16_t> samples) {
   const AudioFormat format{CommonFormat::int16, 16000, 1, true};
   auto buffer = std::make_shared<PCMBuffer>(format, static_cast<std::uint32_t>(samples.size()));
@@ -88,7 +87,7 @@ inline std::shared_ptr<const PCMBuffer> makeSpeechBuffer(std::span<const std::in
   return buffer;
 }
 
-// Appends samples in buffers of 100 ms, as a host sends them.
+// Appends samples in buffers of 100 ms, like a host.
 inline void appendInBuffers(RecognitionRequest& request, std::span<const std::int16_t> samples) {
   constexpr std::size_t bufferLength = 1600;
   for (; !samples.empty(); samples = samples.subspan(std::min(bufferLength, samples.size())))

@@ -12,7 +12,8 @@ namespace {
 
 using JSON = nlohmann::json;
 
-// Keeps of every top-level key its first value. Vocabularies are kept as arrays; what else nests is dropped.
+// Keeps the first value of each top-level key. Vocabularies are kept as arrays. Other nested
+// values are dropped.
 class FirstMembers : public nlohmann::json_sax<JSON> {
  public:
   bool isObject = false;
@@ -71,7 +72,8 @@ class FirstMembers : public nlohmann::json_sax<JSON> {
 
 struct Refused {};
 
-// The long double holds every whole number of 64 bits, and tells 18 decimal digits from any whole number.
+// A long double represents every 64-bit integer. With up to 18 decimal digits it also distinguishes
+// fractions from integers.
 std::int64_t wholeNumber(const JSON& value, const std::string& text) {
   if (value.is_number_unsigned() && value.get<std::uint64_t>() <= INT64_MAX) return value.get<std::int64_t>();
   if (value.is_number_integer() && !value.is_number_unsigned()) return value.get<std::int64_t>();

@@ -1,4 +1,4 @@
-// A second decoder of commands, slow and simple, for tests that compare.
+// Decodes commands with a second, slow and simple decoder, for comparison in tests.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 
 namespace palaver {
 
-// What HelperCommand holds, but owning its texts.
+// A HelperCommand that owns its texts.
 struct ReferenceCommand {
   std::string type;
   std::optional<std::string> sessionId;
@@ -30,17 +30,16 @@ struct ReferenceCommand {
 
 ReferenceCommand copyOf(const HelperCommand& command);
 
-// None when the line is no command. Built on another parser than the program's.
+// Returns none when the line is not a command. Uses another parser than the program.
 std::optional<ReferenceCommand> decodeReference(std::string_view line);
 
-// Whether the program and the reference may differ about the line for one of these reasons:
-//   - the reference skips a byte order mark at the start;
-//   - the reference takes a NUL byte between two values for the end of the line;
-//   - the program refuses nesting beyond maxNestingDepth;
-//   - the program calls a number too big by its digits or its exponent alone: 0e400, or a 1 with 400 zeros
-//   and
-//     e-400.
-//   - the reference rounds a "sequence" of more than 18 digits to a long double, and may find it whole.
+// Whether the program and the reference may differ on the line for one of these reasons:
+//   - The reference skips a byte order mark at the start.
+//   - The reference treats a NUL byte between two values as the end of the line.
+//   - The program rejects nesting beyond maxNestingDepth.
+//   - The program rejects a number as too big by its digits or its exponent alone: 0e400, or a 1 with 400
+//     zeros and e-400.
+//   - The reference rounds a "sequence" of more than 18 digits to a long double, which may be whole.
 // `failure` is the program's error, or empty.
 bool mayDiffer(std::string_view line, std::string_view failure);
 

@@ -1,10 +1,10 @@
-// What every SpeechAnalysis keeps to, whatever the platform: a suite to be instantiated once for each.
+// Tests the contract of SpeechAnalysis on any platform.
 //
-// A platform gives a SpeechAnalysisContractSubject and instantiates the suite:
+// A platform provides a SpeechAnalysisContractSubject and instantiates the suite:
 //
 //   INSTANTIATE_TEST_SUITE_P(Simulated, SpeechAnalysisContract, testing::Values(makeSimulatedSubject));
 //
-// The subject's time must pass by itself: the suite waits for answers.
+// The subject's time must advance without the test: the suite blocks until answers arrive.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -61,7 +61,7 @@ TEST_P(SpeechAnalysisContract, SpeechYieldsVolatileResultsAndFinal) {
   const auto speech = subject_->speech();
   session.feed(speech);
   const auto first = session.next();
-  ASSERT_TRUE(first && std::holds_alternative<TranscriptionResult>(*first)) << "while audio still may come";
+  ASSERT_TRUE(first && std::holds_alternative<TranscriptionResult>(*first)) << "while the input is open";
   EXPECT_FALSE(session.finish());
   auto read = session.readAll();
   EXPECT_TRUE(read.endWith<EndOfResults>());
@@ -131,7 +131,7 @@ TEST_P(SpeechAnalysisContract, CancellingAnalysisEndsResults) {
   EXPECT_TRUE(session.cancel());
   const auto read = session.readAll();
   EXPECT_TRUE(read.endWith<ResultsCancelled>());
-  EXPECT_TRUE(read.results.empty()) << "what nobody has read by then is dropped";
+  EXPECT_TRUE(read.results.empty()) << "unread results are dropped";
 }
 
 TEST_P(SpeechAnalysisContract, CancellingAnalysisResumesWaitingReader) {
@@ -159,7 +159,7 @@ TEST_P(SpeechAnalysisContract, CancelledResultsStayCancelled) {
   const auto session = open();
   session.transcriber->cancelResults();
   session.feed(subject_->speech());
-  EXPECT_FALSE(session.finish()) << "the analysis itself goes on";
+  EXPECT_FALSE(session.finish()) << "the analysis continues";
   const auto read = session.readAll();
   EXPECT_TRUE(read.endWith<ResultsCancelled>());
   EXPECT_TRUE(read.results.empty());

@@ -1,4 +1,4 @@
-// The analyses that can be had anywhere, as subjects of the contract.
+// Provides the analyses that run on any system as subjects of the contract.
 #pragma once
 
 #include <memory>
@@ -15,7 +15,7 @@
 
 namespace palaver {
 
-// What the simulated analysis hears in a second of anything.
+// The result of the simulated analysis for one second of any audio.
 inline SimulatedAnalysisUtterance tenMeters() {
   return {.partials = {{200, "go"}, {500, "go forward"}, {900, "go forward ten meters"}},
           .finalText = "",
@@ -43,7 +43,7 @@ class SimulatedAnalysisSubject final : public SpeechAnalysisContractSubject {
   SimulatedSpeechAnalysis analysis_{timeline_, {}};
 };
 
-// A real recognizer with a real model, and a person who says "go forward ten meters".
+// Uses a real recognizer with a real model, and a recording of "go forward ten meters".
 class RecognizedAnalysisSubject final : public SpeechAnalysisContractSubject {
  public:
   SpeechAnalysis& analysis() override { return analysis_; }

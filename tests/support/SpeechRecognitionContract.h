@@ -1,6 +1,6 @@
-// What every SpeechRecognition keeps to, whatever the platform: a suite to be instantiated once for each.
+// Tests the contract of SpeechRecognition on any platform.
 //
-// A platform gives a SpeechRecognitionContractSubject and instantiates the suite:
+// A platform provides a SpeechRecognitionContractSubject and instantiates the suite:
 //
 //   INSTANTIATE_TEST_SUITE_P(Linux, SpeechRecognitionContract, testing::Values(makeLinuxSubject));
 #pragma once
@@ -22,23 +22,23 @@
 
 namespace palaver {
 
-// A platform under test, and how its time passes.
+// Provides a platform and advances its time.
 class SpeechRecognitionContractSubject {
  public:
   virtual ~SpeechRecognitionContractSubject() = default;
 
   virtual SpeechRecognition& recognition() = 0;
 
-  // A locale whose model is installed.
+  // A locale with an installed model.
   virtual std::string locale() = 0;
 
-  // Audio with speech in it that the recognizer answers with more than one word, as 16 kHz mono samples.
+  // Speech that the recognizer answers with more than one word, as 16 kHz mono samples.
   virtual std::vector<std::int16_t> speech() = 0;
 
-  // Lets what is under way arrive. Nothing to do where results come by themselves, on another thread.
+  // Delivers pending results. Does nothing where results arrive on another thread.
   virtual void deliver() {}
 
-  // The same, until the condition holds or a time has passed that no slow machine needs.
+  // Delivers results until the condition holds or a generous deadline has passed.
   virtual void deliverUntil(const std::function<bool()>& /*condition*/) { deliver(); }
 };
 
@@ -61,7 +61,7 @@ class SpeechRecognitionContract : public testing::TestWithParam<SpeechRecognitio
             .contextualStrings = {}};
   }
 
-  // Starts a task and sees to it that no handler is called from inside the call.
+  // Starts a task. Fails the test when the handler is called inside the call.
   static std::unique_ptr<RecognitionTask> start(SpeechRecognizer& recognizer,
                                                 const std::shared_ptr<RecognitionRequest>& request,
                                                 RecordedAnswers& answers) {
@@ -77,8 +77,7 @@ class SpeechRecognitionContract : public testing::TestWithParam<SpeechRecognitio
     return answers.waitForLast();
   }
 
-  // Waits until everything that was under way has been worked off: a later task of the same recognizer has
-  // ended.
+  // Waits until all pending work is done: runs one more task of the same recognizer to its end.
   void settle(SpeechRecognizer& recognizer) {
     RecordedAnswers answers;
     const auto request = recognizer.makeRequest(options());
@@ -129,7 +128,7 @@ TEST_P(SpeechRecognitionContract, SpeechYieldsPartialsAndOneFinal) {
   const auto all = answers.all();
   ASSERT_GT(all.size(), 1U);
   for (std::size_t i = 0; i + 1 < all.size(); ++i) EXPECT_FALSE(all[i].isLast()) << "answer " << i;
-  EXPECT_TRUE(all.back().isLast()) << "nothing follows the final";
+  EXPECT_TRUE(all.back().isLast()) << "an answer followed the final";
 }
 
 TEST_P(SpeechRecognitionContract, SegmentsAreOrderedAndInsideAudio) {

@@ -1,4 +1,4 @@
-// The recordings of PocketSphinx's test data: 16 kHz mono 16-bit, with a header (WAVE) or without.
+// Reads the recordings of PocketSphinx's test data: 16 kHz mono 16-bit, with or without a WAVE header.
 #pragma once
 
 #include <cstdint>
