@@ -1,4 +1,4 @@
-// Conversations with the command loop: who answers what, in which order, and how it ends.
+// Tests conversations with the command loop: answers, their order, and how the process ends.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -224,14 +224,14 @@ TEST(CommandLoopStartTest, StopAndContinueLoseNothing) {
   EXPECT_EQ(helper.wait(), exited(0));
 }
 
-// A bad line is reported by the reader while the main thread may be ending the process.
+// The reader thread reports bad lines while the main thread may end the process.
 TEST(CommandLoopStartTest, EndDuringErrorsLeavesOnlyWholeLines) {
   for (int round = 0; round < 20; ++round) {
     HelperProcess helper;
     std::string input = R"({"type":"shutdown"})"
                         "\n";
     for (int i = 0; i < 5000; ++i) input += "bad\n";
-    helper.send(input);  // fails when the helper has gone
+    helper.send(input);  // fails once the helper has exited
     const auto text = helper.readRest();
     EXPECT_THAT(text, ::testing::EndsWith("}\n")) << "round " << round;
     EXPECT_EQ(helper.wait(), exited(0));

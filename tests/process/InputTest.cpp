@@ -1,4 +1,4 @@
-// What the host may write: blank, broken, huge.
+// Tests blank, invalid and huge input.
 #include <gmock/gmock.h>
 
 #include "tests/support/HelperProcess.h"
@@ -13,7 +13,7 @@ using ::testing::StartsWith;
 class InputTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(helper_.readEvent()["type"], "helper.status"); }
-  // Sends the line and expects this error, and then an answer to a ping.
+  // Sends the line. Expects this error, then a pong.
   void expectInvalid(std::string_view line, const std::string& reason) {
     ASSERT_TRUE(helper_.sendLine(line));
     const auto error = helper_.readEvent();

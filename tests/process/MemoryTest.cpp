@@ -1,4 +1,4 @@
-// Resident memory: what a stall or a huge line took comes back.
+// Tests that resident memory is released after a stall or a huge line.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -19,14 +19,14 @@ class MemoryTest : public ::testing::Test {
     ASSERT_EQ(helper_.readEvent()["type"], "helper.status");
     ping();
     base_ = helper_.residentMemory();
-    if (base_ == 0) GTEST_SKIP() << "this system does not tell the resident memory of another process";
+    if (base_ == 0) GTEST_SKIP() << "this system does not report the resident memory of another process";
   }
   void ping() {
     ASSERT_TRUE(helper_.sendLine(R"({"type":"ping","sentAt":-1})"));
     while (helper_.readEvent()["sentAt"] != -1) {
     }
   }
-  // The answer to a ping may be on its way before the memory of its command is freed, so a few are asked.
+  // A pong may arrive before the memory of its command is freed, so several pings are sent.
   std::size_t residentMemoryOnceBelow(std::size_t limit) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     for (;;) {
@@ -61,7 +61,8 @@ TEST_F(MemoryTest, MemoryOfStallIsReleased) {
       std::string(4400, 'A') + "\"}\n";
   while (commands.size() < 64 * mebibyte) commands += audio;
   ASSERT_TRUE(helper_.send(commands));
-  EXPECT_GT(helper_.residentMemory(), base_ + 32 * mebibyte) << "nothing has piled up, so nothing is tested";
+  EXPECT_GT(helper_.residentMemory(), base_ + 32 * mebibyte)
+      << "the stall used no memory, so nothing is tested";
   EXPECT_LT(residentMemoryOnceBelow(base_ + 4 * mebibyte), base_ + 4 * mebibyte);
 }
 
@@ -78,7 +79,7 @@ TEST_F(MemoryTest, SteadyStreamDoesNotGrow) {
   };
   stream(500);
   const auto before = helper_.residentMemory();
-  stream(10000);  // 44 MB: twenty minutes of one source
+  stream(10000);  // 44 MB: 20 minutes of one source
   EXPECT_LT(helper_.residentMemory(), before + mebibyte);
 }
 

@@ -1,4 +1,4 @@
-// The mode that the first argument chooses, its events and its exit status.
+// Tests which mode the first argument selects, its events and its exit status.
 #include <gmock/gmock.h>
 
 #include "tests/support/HelperProcess.h"
@@ -21,7 +21,7 @@ struct Outcome {
   std::string errorText;
 };
 
-// Runs a one-shot mode to its end, with its input left open.
+// Runs a one-shot mode to its end. Its input stays open.
 Outcome run(const std::vector<std::string>& arguments) {
   HelperProcess helper(arguments);
   Outcome outcome;

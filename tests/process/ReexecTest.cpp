@@ -1,5 +1,5 @@
-// The helper started once more by itself: what the second process gets, and how the first one stands in for
-// it. Played by reexec/program.cpp, whose head says what it writes and obeys.
+// Tests re-execution: what the child inherits, and how the wrapper represents it. reexec/program.cpp stands
+// for the helper; its head documents its output and commands.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -33,12 +33,12 @@ class Reexec : public HelperProcess {
                               .program = PALAVER_REEXEC_PROGRAM,
                               .environment = environment(settings)}) {}
 
-  // Reads until one of the processes waits for commands, or to the end of all.
+  // Reads until one of the processes waits for commands, or all have exited.
   void readUntilReady() {
     while (readOne() && !isReady_) {
     }
   }
-  // The next event, kept too; none at the end of all processes.
+  // Returns and records the next event. None when all processes have exited.
   std::optional<json> readOne() {
     const auto line = readLine();
     if (!line) return std::nullopt;
@@ -50,7 +50,7 @@ class Reexec : public HelperProcess {
     if (event.value("when", "") == "ready") isReady_ = true;
     return event;
   }
-  // The next event with this key; a discarded value at the end.
+  // Returns the next event with this key. A discarded value at the end.
   json readKey(const std::string& key) {
     while (const auto event = readOne())
       if (event->contains(key)) return *event;
@@ -60,7 +60,7 @@ class Reexec : public HelperProcess {
     EXPECT_TRUE(sendLine(command));
     return readKey(key);
   }
-  std::optional<End> tellAndWait(const std::string& command) {
+  std::optional<End> sendAndWait(const std::string& command) {
     EXPECT_TRUE(sendLine(command));
     while (readOne()) {
     }
@@ -68,13 +68,13 @@ class Reexec : public HelperProcess {
   }
 
   bool isReady() const { return isReady_; }
-  // What each process saw before the call and after it, in the order in which they came there.
+  // What each process observed before and after the call, in order of arrival.
   const std::vector<json>& before() const { return before_; }
   const std::vector<json>& after() const { return after_; }
   const Strings& calls() const { return calls_; }
 
  private:
-  // A system that can disclaim, unless the settings say otherwise: the first entry of a name counts.
+  // A system that can disclaim, unless the settings override it. The first entry of a name counts.
   static Strings environment(Strings settings) {
     settings.insert(settings.end(),
                     {"REEXEC_DISCLAIM=0", std::string("REEXEC_EXECUTABLE=") + PALAVER_REEXEC_PROGRAM});
@@ -86,8 +86,8 @@ class Reexec : public HelperProcess {
   bool isReady_ = false;
 };
 
-// Another process does the work, as a child of the first.
-void expectStartedAgain(const Reexec& helper) {
+// Expects that a child of the first process does the work.
+void expectReexecuted(const Reexec& helper) {
   ASSERT_TRUE(helper.isReady());
   ASSERT_EQ(helper.before().size(), 2U);
   ASSERT_EQ(helper.after().size(), 1U);
@@ -96,8 +96,8 @@ void expectStartedAgain(const Reexec& helper) {
   EXPECT_EQ(helper.after()[0]["pid"], helper.before()[1]["pid"]);
 }
 
-// The first process does the work, just as it was started.
-void expectCarriedOn(const Reexec& helper) {
+// Expects that the first process does the work, unchanged.
+void expectContinued(const Reexec& helper) {
   ASSERT_TRUE(helper.isReady());
   ASSERT_EQ(helper.before().size(), 1U);
   ASSERT_EQ(helper.after().size(), 1U);
@@ -124,7 +124,7 @@ TEST(ReexecTest, ChildInheritsEverythingPlusMarkerLast) {
                           std::string(100000, 'x')};
   Reexec helper(environment, arguments, "a name of its own");
   helper.readUntilReady();
-  expectStartedAgain(helper);
+  expectReexecuted(helper);
 
   auto expected = helper.before()[0];
   Strings expectedArguments{"a name of its own"};
@@ -136,7 +136,7 @@ TEST(ReexecTest, ChildInheritsEverythingPlusMarkerLast) {
   EXPECT_EQ(helper.before()[1], expected);
   expected["when"] = "after";
   EXPECT_EQ(helper.after()[0], expected);
-  EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
+  EXPECT_EQ(helper.sendAndWait("exit 0"), exited(0));
   EXPECT_EQ(helper.errorText(), "");
 }
 
@@ -153,7 +153,7 @@ TEST(ReexecTest, ChildIsSpawnedDisclaimed) {
   EXPECT_EQ(spawn["call"], "spawn");
   EXPECT_EQ(spawn["path"], PALAVER_REEXEC_PROGRAM);
   EXPECT_EQ(spawn["actions"], false);
-  EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
+  EXPECT_EQ(helper.sendAndWait("exit 0"), exited(0));
   EXPECT_THAT(helper.calls(), ElementsAre("init", "disclaim", "spawn", "destroy"));
 }
 
@@ -163,15 +163,15 @@ TEST(ReexecTest, ChildInheritsDescriptors) {
   Reexec helper;
   ::close(ends[1]);
   helper.readUntilReady();
-  expectStartedAgain(helper);
+  expectReexecuted(helper);
   const std::string text = "heard";
   const auto answer = helper.ask("write " + std::to_string(ends[1]) + " " + text, "written");
   EXPECT_EQ(answer["written"], text.size());
   std::array<char, 16> bytes{};
   ASSERT_EQ(::read(ends[0], bytes.data(), bytes.size()), static_cast<ssize_t>(text.size()));
   EXPECT_EQ(bytes.data(), text);
-  EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
-  EXPECT_EQ(::read(ends[0], bytes.data(), bytes.size()), 0);  // both processes have gone
+  EXPECT_EQ(helper.sendAndWait("exit 0"), exited(0));
+  EXPECT_EQ(::read(ends[0], bytes.data(), bytes.size()), 0);  // both processes have exited
   ::close(ends[0]);
 }
 
@@ -180,24 +180,24 @@ TEST(ReexecTest, ChildKeepsIgnoredAndBlockedSignals) {
     const auto number = std::to_string(signal);
     Reexec ignoring({"REEXEC_IGNORE=" + number});
     ignoring.readUntilReady();
-    expectStartedAgain(ignoring);
+    expectReexecuted(ignoring);
     EXPECT_THAT(ignoring.before()[1]["ignored"], Contains(signal));
     EXPECT_EQ(ignoring.before()[1]["ignored"], ignoring.before()[0]["ignored"]);
-    EXPECT_EQ(ignoring.tellAndWait("exit 0"), exited(0));
+    EXPECT_EQ(ignoring.sendAndWait("exit 0"), exited(0));
 
     Reexec blocking({"REEXEC_BLOCK=" + number});
     blocking.readUntilReady();
-    expectStartedAgain(blocking);
+    expectReexecuted(blocking);
     EXPECT_EQ(blocking.before()[1]["blocked"], json({signal}));
-    EXPECT_EQ(blocking.tellAndWait("exit 0"), exited(0));
+    EXPECT_EQ(blocking.sendAndWait("exit 0"), exited(0));
   }
 }
 
 TEST(ReexecTest, WrapperExitsWithStatusOfChild) {
   for (const int status : {0, 1, 3, 127, 255}) {
     Reexec helper;
-    EXPECT_EQ(helper.tellAndWait("exit " + std::to_string(status)), exited(status));
-    expectStartedAgain(helper);
+    EXPECT_EQ(helper.sendAndWait("exit " + std::to_string(status)), exited(status));
+    expectReexecuted(helper);
     EXPECT_EQ(helper.errorText(), "");
   }
 }
@@ -205,8 +205,8 @@ TEST(ReexecTest, WrapperExitsWithStatusOfChild) {
 TEST(ReexecTest, WrapperExits1WhenSignalKillsChild) {
   for (const int signal : {SIGKILL, SIGTERM, SIGUSR1}) {
     Reexec helper;
-    EXPECT_EQ(helper.tellAndWait("die " + std::to_string(signal)), exited(1));
-    expectStartedAgain(helper);
+    EXPECT_EQ(helper.sendAndWait("die " + std::to_string(signal)), exited(1));
+    expectReexecuted(helper);
     EXPECT_EQ(helper.errorText(), "");
   }
 }
@@ -223,12 +223,12 @@ TEST(ReexecTest, SignalReachesChildAndWrapperSurvives) {
   for (const int signal : forwardedSignals) {
     Reexec helper;
     helper.readUntilReady();
-    expectStartedAgain(helper);
+    expectReexecuted(helper);
     helper.signal(signal);
     EXPECT_EQ(helper.readKey("signal")["signal"], signal);
-    // However long the child takes to end.
+    // However long the child takes to exit.
     EXPECT_EQ(helper.ask("parent", "parent")["parent"], helper.pid());
-    EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
+    EXPECT_EQ(helper.sendAndWait("exit 3"), exited(3));
   }
 }
 
@@ -241,7 +241,7 @@ TEST(ReexecTest, EveryForwardedSignalReachesChild) {
     ASSERT_EQ(helper.readKey("signal")["signal"], signal) << i;
   }
   EXPECT_EQ(helper.ask("parent", "parent")["parent"], helper.pid());
-  EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
+  EXPECT_EQ(helper.sendAndWait("exit 0"), exited(0));
 }
 
 TEST(ReexecTest, SignalBurstEndsNeitherProcess) {
@@ -249,7 +249,7 @@ TEST(ReexecTest, SignalBurstEndsNeitherProcess) {
   helper.readUntilReady();
   for (int i = 0; i < 1000; ++i)
     for (const int signal : forwardedSignals) helper.signal(signal);
-  // Of signals that are still waiting the system keeps one of each kind.
+  // The system keeps one pending signal of each kind.
   std::set<int> seen;
   while (seen.size() < forwardedSignals.size()) {
     const auto event = helper.readKey("signal");
@@ -257,14 +257,13 @@ TEST(ReexecTest, SignalBurstEndsNeitherProcess) {
     seen.insert(event["signal"].get<int>());
   }
   EXPECT_EQ(helper.ask("parent", "parent")["parent"], helper.pid());
-  EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
+  EXPECT_EQ(helper.sendAndWait("exit 3"), exited(3));
 }
 
-// Reads on until the child says that it has heard the signal and ends it then, or until the signal has ended
-// all processes.
+// Reads until the child reports the signal and ends it then, or until the signal has ended all processes.
 std::optional<HelperProcess::End> endAfterSignal(Reexec& helper) {
-  const auto heard = helper.readKey("signal");
-  if (heard.is_object()) return helper.tellAndWait("exit 5");
+  const auto handled = helper.readKey("signal");
+  if (handled.is_object()) return helper.sendAndWait("exit 5");
   return helper.wait();
 }
 
@@ -272,7 +271,7 @@ TEST(ReexecTest, SignalRightAfterSpawnReachesChild) {
   for (const int signal : forwardedSignals) {
     Reexec helper({"REEXEC_RAISE=" + std::to_string(signal)});
     const auto end = endAfterSignal(helper);
-    // 1: the child did not handle it yet. The first process alone would have been ended by the signal.
+    // 1: the child had no handler yet. Without a child the signal would have ended the first process.
     EXPECT_TRUE(end == exited(1) || end == exited(5));
     EXPECT_THAT(helper.calls(), Contains("spawn"));
   }
@@ -285,8 +284,8 @@ TEST(ReexecTest, SignalDuringStartLeavesNoProcessBehind) {
     for (int lines = i / 3 % 9; lines > 0 && !helper.isReady(); --lines) helper.readOne();
     helper.signal(signal);
     const auto end = endAfterSignal(helper);
-    ASSERT_TRUE(end);  // all have gone, although nobody told the child to end
-    // A signal that ends the first process has come before there was a second.
+    ASSERT_TRUE(end);  // all have exited without a command
+    // A signal that ends the first process arrived before the child existed.
     if (end == killedBy(signal)) {
       EXPECT_EQ(helper.before().size(), helper.before().empty() ? 0U : 1U);
     } else {
@@ -300,8 +299,8 @@ TEST(ReexecTest, MarkedProcessStartsNoChild) {
        {Strings{"PALAVER_DISCLAIMED=1"}, {"PALAVER_DISCLAIMED=0", "PALAVER_DISCLAIMED=1"}}) {
     Reexec helper(environment);
     helper.readUntilReady();
-    expectCarriedOn(helper);
-    EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
+    expectContinued(helper);
+    EXPECT_EQ(helper.sendAndWait("exit 3"), exited(3));
     EXPECT_THAT(helper.calls(), IsEmpty());
   }
 }
@@ -312,13 +311,13 @@ TEST(ReexecTest, OtherMarkerValueIsIgnoredAndKept) {
         "PALAVER_DISCLAIMED=true", "PALAVER_DISCLAIMED", "PALAVER_DISCLAIMED2=1", "palaver_disclaimed=1"}) {
     Reexec helper({entry});
     helper.readUntilReady();
-    expectStartedAgain(helper);
+    expectReexecuted(helper);
     const auto& environment = helper.after()[0]["environment"];
     EXPECT_EQ(environment.front(), entry);
     EXPECT_EQ(environment.back(), "PALAVER_DISCLAIMED=1");
     EXPECT_EQ(environment.size(), helper.before()[0]["environment"].size() + 1);
-    EXPECT_EQ(helper.tellAndWait("exit 0"), exited(0));
-    EXPECT_THAT(helper.calls(), ElementsAre("init", "disclaim", "spawn", "destroy"));  // of one process alone
+    EXPECT_EQ(helper.sendAndWait("exit 0"), exited(0));
+    EXPECT_THAT(helper.calls(), ElementsAre("init", "disclaim", "spawn", "destroy"));  // of one process only
   }
 }
 
@@ -331,24 +330,26 @@ TEST(ReexecTest, ProcessContinuesSilentlyWhenReexecFails) {
            Case{"no function to disclaim with", {"REEXEC_DISCLAIM=missing"}, {}},
            Case{"no attributes", {"REEXEC_INIT=12"}, {"init"}},
            Case{"disclaiming fails", {"REEXEC_DISCLAIM=-1"}, {"init", "disclaim", "destroy"}},
-           Case{"disclaiming fails otherwise", {"REEXEC_DISCLAIM=22"}, {"init", "disclaim", "destroy"}},
+           Case{"disclaiming fails with another error",
+                {"REEXEC_DISCLAIM=22"},
+                {"init", "disclaim", "destroy"}},
            Case{"starting fails", {"REEXEC_SPAWN=35"}, {"init", "disclaim", "spawn", "destroy"}},
            Case{"no such executable",
                 {"REEXEC_EXECUTABLE=/nowhere/PalaverSTTHelper"},
                 {"init", "disclaim", "spawn", "destroy"}},
-           Case{"no path and no program called so",
+           Case{"no path and no program of that name",
                 {"REEXEC_EXECUTABLE=none"},
                 {"init", "disclaim", "spawn", "destroy"}},
        }) {
     SCOPED_TRACE(description);
     Reexec helper(settings);
     helper.readUntilReady();
-    expectCarriedOn(helper);
+    expectContinued(helper);
     for (const int signal : forwardedSignals) {
       helper.signal(signal);
       EXPECT_EQ(helper.readKey("signal")["signal"], signal);
     }
-    EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
+    EXPECT_EQ(helper.sendAndWait("exit 3"), exited(3));
     EXPECT_EQ(helper.calls(), calls);
     EXPECT_EQ(helper.errorText(), "");
   }
@@ -357,26 +358,26 @@ TEST(ReexecTest, ProcessContinuesSilentlyWhenReexecFails) {
 TEST(ReexecTest, Argument0IsSpawnedWithoutExecutablePath) {
   Reexec helper({"REEXEC_EXECUTABLE=none"}, {"argument"}, PALAVER_REEXEC_PROGRAM);
   helper.readUntilReady();
-  expectStartedAgain(helper);
+  expectReexecuted(helper);
   EXPECT_EQ(helper.after()[0]["executable"], helper.before()[0]["executable"]);
-  EXPECT_EQ(helper.tellAndWait("exit 3"), exited(3));
+  EXPECT_EQ(helper.sendAndWait("exit 3"), exited(3));
 }
 
 TEST(ReexecTest, InterruptedWaitResumes) {
   Reexec helper({"REEXEC_WAIT=" + std::to_string(EINTR)});
-  EXPECT_EQ(helper.tellAndWait("exit 6"), exited(6));
+  EXPECT_EQ(helper.sendAndWait("exit 6"), exited(6));
 }
 
 TEST(ReexecTest, FailedWaitExits0) {
   Reexec helper({"REEXEC_WAIT=" + std::to_string(ECHILD)});
-  EXPECT_EQ(helper.tellAndWait("exit 6"), exited(0));
-  // The system forgets how children ended whose parent ignores that.
+  EXPECT_EQ(helper.sendAndWait("exit 6"), exited(0));
+  // With SIGCHLD ignored the system discards the exit status of children.
   Reexec ignoring({"REEXEC_IGNORE=" + std::to_string(SIGCHLD)});
-  EXPECT_EQ(ignoring.tellAndWait("exit 6"), exited(0));
+  EXPECT_EQ(ignoring.sendAndWait("exit 6"), exited(0));
 }
 
 #ifdef __linux__
-// Empty where there is no such file any more.
+// Empty when the file no longer exists.
 std::string contents(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   std::ostringstream all;
@@ -396,7 +397,7 @@ bool hasChild(pid_t parent) {
 }
 
 TEST(ReexecTest, HelperStartsNoChildHere) {
-  ASSERT_TRUE(hasChild(::getppid()));  // this test itself is found
+  ASSERT_TRUE(hasChild(::getppid()));  // finds this test itself
   for (const auto& [environment, expected] :
        {std::pair<Strings, std::string>{{"A=b"}, std::string("A=b\0", 4)},
         {{"PALAVER_DISCLAIMED=0"}, std::string("PALAVER_DISCLAIMED=0\0", 21)}}) {

@@ -1,4 +1,4 @@
-// The standard streams as hosts leave them: sockets, non-blocking, slow, gone, closed.
+// Tests the standard streams that hosts provide: sockets, non-blocking, slow, disconnected, closed.
 #include <gmock/gmock.h>
 
 #include <string>
@@ -12,7 +12,7 @@ using Stream = HelperProcess::Stream;
 using Kind = Stream::Kind;
 using Options = HelperProcess::Options;
 
-constexpr int burst = 8000;  // whose answers are more than the buffers between host and helper hold
+constexpr int burst = 8000;  // its answers exceed the buffers between host and helper
 
 std::string pings(int count) {
   std::string all;
@@ -20,7 +20,7 @@ std::string pings(int count) {
   return all;
 }
 
-// A burst of pings, then the end of the input, then all answers: in order and whole.
+// Sends a burst of pings and ends the input. Expects all answers, complete and in order.
 void expectBurstAnswered(HelperProcess& helper) {
   ASSERT_TRUE(helper.send(pings(burst)));
   helper.closeInput();
@@ -70,7 +70,7 @@ TEST(StreamsTest, LargeLineIsWholeOnNonBlockingOutput) {
 TEST(StreamsTest, InputIsReadWhileHostDoesNotRead) {
   for (const bool nonBlocking : {false, true}) {
     HelperProcess helper(Options{.output = {.kind = Kind::socket, .nonBlocking = nonBlocking}});
-    // Far more than all buffers between the two hold, in both directions, while nobody reads.
+    // Exceeds all buffers between the two, in both directions, while the host does not read.
     ASSERT_TRUE(helper.send(pings(burst)));
     const std::string audio =
         R"({"type":"audio","sessionId":"none","source":"self","sequence":1,"capturedAt":1,)"

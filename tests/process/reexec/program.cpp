@@ -1,21 +1,27 @@
-// A program that does first what the helper does first, on a system whose function for it the test chooses,
-// and then says what it sees. It runs twice where it was started again: as the wrapper, and as the one that
-// does the work.
+// Re-executes itself like the helper, on a system whose functions the test configures, and reports what it
+// observes. After a re-execution it runs twice: as the wrapper, and as the child that does the work.
 //
-// It writes JSON, one object a line: what it sees before the call and after it, {"call": name} for each call
-// of the system's functions on the way, {"signal": number} for each signal handled by the one that does the
-// work, and an answer to each line of standard input:
+// It writes one JSON object per line:
+//   {"when": "before", ...}  the process as it was started, before the call; "after" the same after it
+//   {"when": "ready"}        it waits for commands
+//   {"call": name}           one call of a system function
+//   {"signal": number}       one signal, handled by the process that does the work
+//
+// It answers these lines of standard input. The end of its input ends it with status 99.
 //   exit N            ends with the status N
 //   die N             ends by the signal N
-//   write D TEXT      writes the text to the descriptor D; "written"
-//   parent            the parent's process id
-// The end of its input ends it with status 99.
+//   write D TEXT      writes the text to the descriptor D and answers {"written": count}
+//   parent            answers {"parent": process id}
 //
-// The environment chooses the system: REEXEC_DISCLAIM is "missing" or a number to return; REEXEC_INIT,
-// REEXEC_SPAWN and REEXEC_WAIT the number that the function of that name fails with (waiting, once);
-// REEXEC_EXECUTABLE is "none" or the path of the bundle's executable; REEXEC_RAISE is a signal that arrives
-// just when the child has been started; REEXEC_BLOCK and REEXEC_IGNORE are a signal blocked or ignored by
-// whoever starts the wrapper. The last three and those of the functions matter to the wrapper only.
+// The environment configures the system. All variables except REEXEC_DISCLAIM and REEXEC_EXECUTABLE affect
+// the wrapper only.
+//   REEXEC_DISCLAIM     "missing", or the number to return
+//   REEXEC_INIT, REEXEC_SPAWN, REEXEC_WAIT
+//                       the number that the function of that name fails with; waiting fails once
+//   REEXEC_EXECUTABLE   "none", or the path of the bundle's executable
+//   REEXEC_RAISE        a signal that arrives right after the child has been spawned
+//   REEXEC_BLOCK, REEXEC_IGNORE
+//                       a signal that is blocked or ignored when the wrapper starts
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -44,7 +50,7 @@ using nlohmann::json;
 
 constexpr std::array signals{SIGTERM, SIGINT, SIGHUP};
 
-// Waits until this process alone writes, with F_WRLCK, or lets the other one, with F_UNLCK.
+// Acquires exclusive output with F_WRLCK and releases it with F_UNLCK.
 void lockOutput(short type) {
   struct flock lock {};
   lock.l_type = type;
@@ -53,9 +59,9 @@ void lockOutput(short type) {
     if (errno != EINTR) std::_Exit(95);
 }
 
-// One write per line, so that a handler's lines do not fall between. Wrapper and child write to the same
-// pipe, which takes a long line in pieces: they write in turn.
-void say(const json& object) {
+// Writes one line with one write, so that a signal handler cannot split it. Wrapper and child share a pipe,
+// which accepts a long line in pieces, so they lock it in turn.
+void writeLine(const json& object) {
   const std::string line = object.dump() + "\n";
   lockOutput(F_WRLCK);
   if (::write(STDOUT_FILENO, line.data(), line.size()) != static_cast<ssize_t>(line.size())) std::_Exit(98);
@@ -78,7 +84,7 @@ Function* next(const char* name) {
 }
 
 int setDisclaim(posix_spawnattr_t* attributes, int disclaim) {
-  say({{"call", "disclaim"}, {"attributes", attributes != nullptr}, {"disclaim", disclaim}});
+  writeLine({{"call", "disclaim"}, {"attributes", attributes != nullptr}, {"disclaim", disclaim}});
   return number("REEXEC_DISCLAIM");
 }
 
@@ -112,8 +118,8 @@ json openDescriptors() {
   return descriptors;
 }
 
-// What the process gets from whoever started it. The settings of the system are part of its environment.
-json seen(const char* when, int argumentCount, char** arguments) {
+// Describes what the process inherited. The settings of the system are part of its environment.
+json observed(const char* when, int argumentCount, char** arguments) {
   json object{{"when", when}, {"pid", ::getpid()}, {"executable", linkTarget("/proc/self/exe")}};
   object["directory"] = linkTarget("/proc/self/cwd");
   object["arguments"] = std::vector<std::string>(arguments, arguments + argumentCount);
@@ -135,7 +141,7 @@ json seen(const char* when, int argumentCount, char** arguments) {
 extern "C" void reportSignal(int signal) {
   const int interrupted = errno;
   std::array<char, 16> line{'{', '"', 's', 'i', 'g', 'n', 'a', 'l', '"', ':', '0', '0', '}', '\n'};
-  // Valid JSON has no leading zero.
+  // JSON numbers have no leading zero.
   line[10] = signal < 10 ? ' ' : static_cast<char>('0' + signal / 10);
   line[11] = static_cast<char>('0' + signal % 10);
   if (::write(STDOUT_FILENO, line.data(), 14) != 14) std::_Exit(96);
@@ -176,8 +182,8 @@ std::optional<std::string> readLine() {
     words >> word >> value >> text;
     if (word == "exit") std::_Exit(value);
     if (word == "die") die(value);
-    if (word == "parent") say({{"parent", ::getppid()}});
-    if (word == "write") say({{"written", ::write(value, text.data(), text.size())}});
+    if (word == "parent") writeLine({{"parent", ::getppid()}});
+    if (word == "write") writeLine({{"written", ::write(value, text.data(), text.size())}});
   }
   std::_Exit(99);
 }
@@ -190,23 +196,23 @@ bool isWrapper() {
 
 }  // namespace
 
-// The system's functions as the program calls them: in front of the C library's.
+// Replaces functions of the C library.
 extern "C" {
 
 int posix_spawnattr_init(posix_spawnattr_t* attributes) noexcept {
-  say({{"call", "init"}});
+  writeLine({{"call", "init"}});
   if (const int failure = number("REEXEC_INIT")) return failure;
   return next<decltype(posix_spawnattr_init)>("posix_spawnattr_init")(attributes);
 }
 
 int posix_spawnattr_destroy(posix_spawnattr_t* attributes) noexcept {
-  say({{"call", "destroy"}});
+  writeLine({{"call", "destroy"}});
   return next<decltype(posix_spawnattr_destroy)>("posix_spawnattr_destroy")(attributes);
 }
 
 int posix_spawn(pid_t* child, const char* path, const posix_spawn_file_actions_t* actions,
                 const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment) {
-  say({{"call", "spawn"}, {"path", path}, {"actions", actions != nullptr}});
+  writeLine({{"call", "spawn"}, {"path", path}, {"actions", actions != nullptr}});
   if (const int failure = number("REEXEC_SPAWN")) return failure;
   const int failure =
       next<decltype(posix_spawn)>("posix_spawn")(child, path, actions, attributes, arguments, environment);
@@ -233,10 +239,10 @@ int main(int argumentCount, char** arguments) {
     if (const int signal = number("REEXEC_BLOCK")) sigaddset(&mask, signal);
     ::pthread_sigmask(SIG_BLOCK, &mask, nullptr);
   }
-  say(seen("before", argumentCount, arguments));
+  writeLine(observed("before", argumentCount, arguments));
   palaver::reexecDisclaimedIfNeeded(argumentCount, arguments, StandIn());
-  say(seen("after", argumentCount, arguments));
+  writeLine(observed("after", argumentCount, arguments));
   handleSignals();
-  say({{"when", "ready"}});
+  writeLine({{"when", "ready"}});
   obey();
 }
