@@ -15,8 +15,8 @@ constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmno
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Decodes into exactly the memory that is asked for, so that the address sanitizer sees a byte more; where
-// there is none, canaries see it.
+// Decodes into exactly the memory that the decoder requires. The address sanitizer, or else canaries, detect
+// a write beyond it.
 std::optional<Bytes> decode(std::string_view text) {
   constexpr std::size_t canaries = 64;
   constexpr std::uint8_t canary = 0xC5;
@@ -32,8 +32,8 @@ std::optional<Bytes> decode(std::string_view text) {
   return Bytes(exact.get(), exact.get() + *size);
 }
 
-// The rules, one bit at a time.
-std::optional<Bytes> decodeSlowly(std::string text) {
+// Decodes by the rules of the standard, one bit at a time.
+std::optional<Bytes> decodeByRules(std::string text) {
   if (text.size() % 4 != 0) return std::nullopt;
   std::size_t padding = 0;
   while (padding < 2 && !text.empty() && text.back() == '=') {
@@ -100,7 +100,7 @@ TEST(Base64Test, RunsOfOneByteValueAreDecoded) {
 }
 
 TEST(Base64Test, EveryCharacterAtEveryPositionMatchesReference) {
-  // Long enough for the vector run of 256, what follows it, and the last four.
+  // Long enough for a vector run of 256 characters, the rest after it, and the last four.
   std::mt19937 random(2);
   const std::string text = encode(randomBytes(213, random));
   ASSERT_EQ(text.size(), 284U);
@@ -110,7 +110,7 @@ TEST(Base64Test, EveryCharacterAtEveryPositionMatchesReference) {
       changed[at] = static_cast<char>(character);
       std::uint8_t room[base64BufferSize(284)];
       const auto size = decodeBase64(changed, room);
-      const auto expected = decodeSlowly(changed);
+      const auto expected = decodeByRules(changed);
       ASSERT_EQ(size.has_value(), expected.has_value()) << at << " " << character;
       if (size) {
         ASSERT_EQ(Bytes(room, room + *size), *expected) << at << " " << character;
@@ -156,7 +156,7 @@ TEST(Base64Test, RandomTextsMatchReference) {
       text[random() % text.size()] = candidates[random() % candidates.size()];
     }
     if (random() % 8 == 0 && !text.empty()) text.erase(random() % text.size(), 1);
-    const auto expected = decodeSlowly(text);
+    const auto expected = decodeByRules(text);
     ASSERT_EQ(decode(text), expected) << text;
     valid += expected.has_value();
   }

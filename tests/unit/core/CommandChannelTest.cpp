@@ -17,7 +17,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// A channel with its handler, fed by the test in reads of its choice.
+// Feeds a channel and its handler with reads of any size.
 struct Conversation {
   explicit Conversation(std::size_t longestLine = CommandChannel::usualLongestLine)
       : channel(fake.mainQueue, writer, handler, longestLine) {}
@@ -28,7 +28,7 @@ struct Conversation {
   CommandHandler handler{fake.platform, writer, backend};
   CommandChannel channel;
 
-  // One read, or as many as the room given makes of it.
+  // Delivers the bytes in one read, or in several when the channel's buffer is smaller.
   void receive(std::string_view bytes) {
     while (!bytes.empty()) {
       const auto room = channel.prepare();
@@ -42,7 +42,7 @@ struct Conversation {
   void receiveInReadsOf(std::size_t size, std::string_view bytes) {
     for (; !bytes.empty(); bytes.remove_prefix(std::min(size, bytes.size()))) receive(bytes.substr(0, size));
   }
-  // Ends the input and handles everything; returns the exit status.
+  // Ends the input and handles all commands. Returns the exit status.
   int end() {
     channel.prepare();
     channel.ended();
@@ -108,17 +108,17 @@ TEST(CommandChannelTest, ReadSizeDoesNotMatter) {
   std::string input;
   for (int i = 0; i < 40; ++i)
     input += stop(std::to_string(i)) + (i % 3 == 0 ? "\r\n" : "\n") + (i % 7 == 0 ? "{]\n" : "");
-  Conversation whole;
-  whole.receive(input);
-  EXPECT_EQ(whole.end(), 0);
-  ASSERT_EQ(whole.backend.calls.size(), 41U);
-  ASSERT_EQ(whole.messages().size(), 6U);
+  Conversation singleRead;
+  singleRead.receive(input);
+  EXPECT_EQ(singleRead.end(), 0);
+  ASSERT_EQ(singleRead.backend.calls.size(), 41U);
+  ASSERT_EQ(singleRead.messages().size(), 6U);
   for (std::size_t size = 1; size < 100; ++size) {
     Conversation host;
     host.receiveInReadsOf(size, input);
     EXPECT_EQ(host.end(), 0);
-    EXPECT_EQ(host.backend.calls, whole.backend.calls) << size;
-    EXPECT_EQ(host.fake.standardOutput.text(), whole.fake.standardOutput.text()) << size;
+    EXPECT_EQ(host.backend.calls, singleRead.backend.calls) << size;
+    EXPECT_EQ(host.fake.standardOutput.text(), singleRead.fake.standardOutput.text()) << size;
   }
 }
 
@@ -183,7 +183,7 @@ TEST(CommandChannelTest, OnlyLineFeedEndsLine) {
 }
 
 TEST(CommandChannelTest, LinesAcrossBlockBoundariesAreWhole) {
-  // Lines of many lengths, so that they end, begin and cross at every place of a block.
+  // Lines of many lengths, so that they begin, end and cross at every position of a block.
   for (const std::size_t reads :
        {std::size_t{1} << 20, std::size_t{65536}, std::size_t{4096}, std::size_t{1777}}) {
     Conversation host;
@@ -300,7 +300,7 @@ TEST(CommandChannelTest, MemoryOfStallIsReleased) {
   constexpr int lines = 8192;  // 32 MiB
   for (int i = 0; i < lines; ++i) host.receive(line);
   EXPECT_EQ(host.fake.mainQueue.size(), static_cast<std::size_t>(lines));
-  // What waits costs about its own bytes, not a block for each read.
+  // Queued input costs about its own size, not one block per read.
   EXPECT_LT(allocatedBytes() - before, std::size_t{lines} * 4096 * 2);
   while (host.fake.mainQueue.size() > 0) {
     host.fake.mainQueue.runOne();
@@ -310,7 +310,7 @@ TEST(CommandChannelTest, MemoryOfStallIsReleased) {
 }
 
 TEST(CommandChannelTest, CommandsStayValidAfterLaterReads) {
-  // The views of early commands must not be overwritten by later input.
+  // Later input must not overwrite the bytes that earlier commands refer to.
   Conversation host;
   std::vector<std::string> expected;
   for (int i = 0; i < 3000; ++i) {

@@ -14,7 +14,7 @@ using ::testing::IsEmpty;
 
 class CommandHandlerTest : public ::testing::Test {
  protected:
-  // What the handler writes for one line.
+  // Returns the output of the handler for one line.
   std::string handle(std::string_view line) {
     const DecodedLine decoded(line);
     EXPECT_EQ(decoded.failure(), "") << line;

@@ -1,4 +1,4 @@
-// A line of input in memory of its own, for tests of the decoder.
+// Decodes a line of input in its own memory, for tests of the decoder.
 #pragma once
 
 #include <algorithm>
@@ -11,8 +11,8 @@
 
 namespace palaver {
 
-// Owns exactly the bytes that the decoder may touch, so that the address sanitizer sees one byte more. The
-// padding is filled with quotation marks: a decoder that takes it for input misbehaves visibly.
+// Owns exactly the bytes that the decoder may access, so that the address sanitizer reports any further byte.
+// The padding holds quotation marks, which make a decoder fail visibly when it reads them as input.
 class DecodedLine {
  public:
   explicit DecodedLine(std::string_view text)
@@ -29,7 +29,7 @@ class DecodedLine {
   const std::string& failure() const { return failure_; }
   const HelperCommand& command() const { return command_; }
 
-  // Whether a text of the command lies inside the line.
+  // Whether the text is a view into the line.
   bool holds(std::string_view text) const {
     const std::less_equal<const char*> notAfter;
     return notAfter(bytes_.get(), text.data()) && notAfter(text.data() + text.size(), bytes_.get() + size_);

@@ -1,4 +1,4 @@
-// The platform's objects as far as the core needs them, recording what it does with them.
+// Fakes the platform objects that the core uses and records its calls.
 #pragma once
 
 #include <deque>
@@ -34,7 +34,7 @@ class FixedClock final : public Clock {
   double now_;  // ms since the Unix epoch
 };
 
-// Keeps every write apart. Any thread.
+// Records every write separately. Any thread.
 class RecordingStream final : public OutputStream {
  public:
   void write(std::string_view bytes) override {
@@ -56,7 +56,7 @@ class RecordingStream final : public OutputStream {
   std::vector<std::string> writes_;
 };
 
-// Jobs wait until the test runs them.
+// Keeps jobs until the test runs them.
 class ManualMainQueue final : public MainQueue {
  public:
   void async(Job job) override { jobs_.push_back(std::move(job)); }
@@ -81,7 +81,7 @@ class ManualMainQueue final : public MainQueue {
   std::deque<Job> jobs_;
 };
 
-// The end of a process, as an exception.
+// Thrown in place of exiting the process.
 struct Exit {
   int status;
 };
@@ -145,7 +145,7 @@ struct FakePlatform {
                     .tasks = tasks};
 };
 
-// Notes each call as one line of text.
+// Records each call as one line of text.
 class RecordingBackend final : public SpeechBackend {
  public:
   std::string_view implementationName() const override { return "recording"; }

@@ -1,4 +1,4 @@
-// The decoder against two parsers that it shares nothing with.
+// Compares the decoder with two parsers that share no code with it.
 #include <gmock/gmock.h>
 #include <simdjson.h>
 
@@ -15,7 +15,7 @@ namespace {
 
 enum class Verdict { accepted, refused, unable };
 
-// Whether the line is a JSON object of the first parser's opinion. It is unable to judge integers of more
+// Whether the first parser accepts the line as a JSON object. It has no verdict on integers of more
 // than 64 bits.
 Verdict structuralVerdict(simdjson::dom::parser& parser, const std::string& line) {
   const auto result = parser.parse(line);
@@ -24,7 +24,7 @@ Verdict structuralVerdict(simdjson::dom::parser& parser, const std::string& line
   return result.error() == simdjson::SUCCESS ? Verdict::accepted : Verdict::refused;
 }
 
-// Compares one line with both references; returns whether the program accepted it.
+// Compares the decoder with both references on one line. Returns whether the program accepted it.
 bool compare(simdjson::dom::parser& parser, const std::string& line) {
   const DecodedLine decoded(line);
   if (!mayDiffer(line, decoded.failure())) {
@@ -38,7 +38,7 @@ bool compare(simdjson::dom::parser& parser, const std::string& line) {
   if (decoded.accepted()) {
     EXPECT_NE(structure, Verdict::refused) << line;
   }
-  // What the program calls malformed, and not merely no command, names its place or the encoding.
+  // Errors about malformed JSON, unlike those about invalid commands, name a position or the encoding.
   const bool malformed = decoded.failure().find(" at byte ") != std::string::npos ||
                          decoded.failure() == "the line is not valid UTF-8";
   const bool tooBig = decoded.failure().starts_with("a number is too big");
@@ -83,7 +83,7 @@ TEST(HelperCommandDifferentialTest, CorpusMatchesReferences) {
   EXPECT_EQ(accepted, 10);
 }
 
-// What can go wrong in a line, as pieces to insert.
+// Faulty pieces to insert into a line.
 const std::vector<std::string>& pieces() {
   using namespace std::string_literals;
   static const std::vector<std::string> all{"\"",
@@ -185,7 +185,7 @@ TEST(HelperCommandDifferentialTest, RandomMutationsMatchReferences) {
   int accepted = 0;
   for (int round = 0; round < rounds && !::testing::Test::HasFailure(); ++round)
     accepted += compare(parser, mutated(corpus()[random() % corpus().size()], random));
-  // Both outcomes must be common for the comparison to mean something.
+  // The comparison is meaningful only when both outcomes are common.
   EXPECT_GT(accepted, rounds / 20);
   EXPECT_LT(accepted, rounds * 19 / 20);
 }
@@ -210,7 +210,7 @@ TEST(HelperCommandDifferentialTest, OnlyDocumentedDifferencesExist) {
     EXPECT_NE(decodeReference(line).has_value(), accepted) << line;
     EXPECT_TRUE(mayDiffer(line, decoded.failure())) << line;
   }
-  // The other parser is the stricter one in integers.
+  // The other parser is stricter about integers.
   simdjson::dom::parser parser;
   const std::string bigInteger = R"({"type":"a","x":123456789012345678901234567890})";
   EXPECT_TRUE(DecodedLine(bigInteger).accepted());

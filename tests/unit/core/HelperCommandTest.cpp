@@ -348,7 +348,7 @@ TEST(HelperCommandTest, LoneSurrogateIsRejectedInKeysAndValues) {
 }
 
 TEST(HelperCommandTest, RawControlCharacterIsRejectedAtEveryPosition) {
-  // At every offset from the parser's vector steps, before and behind an escape.
+  // Covers every offset from the parser's vector steps, before and after an escape.
   for (int character = 0; character < 0x20; ++character) {
     const std::string raw(1, static_cast<char>(character));
     for (std::size_t before = 0; before < 48; ++before)

@@ -89,7 +89,7 @@ TEST(JSONLineWriterTest, FractionIsKept) {
   EXPECT_EQ(serialized(0.1 + 0.2), "0.30000000000000004");
 }
 
-// Number, as RFC 8259 (section 6) spells it.
+// Whether the text is a number as defined in RFC 8259, section 6.
 bool isJSONNumber(std::string_view text) {
   std::size_t at = 0;
   const auto digits = [&] {
@@ -161,8 +161,8 @@ TEST(JSONLineWriterTest, UnencodableEventIsDroppedWithDiagnostic) {
     const auto diagnostic = fake.standardError.text();
     EXPECT_THAT(diagnostic, MatchesRegex("Failed to encode helper event: .+\n"));
     EXPECT_EQ(std::count(diagnostic.begin(), diagnostic.end(), '\n'), 1);
-    EXPECT_EQ(fake.standardError.writes().size(), 1U) << "a diagnostic must not be torn";
-    // Afterwards the writer still works.
+    EXPECT_EQ(fake.standardError.writes().size(), 1U) << "a diagnostic must be one write";
+    // The writer stays usable.
     writer.write({{"type", "y"}});
     EXPECT_EQ(fake.standardOutput.text(), "{\"type\":\"y\"}\n");
   }

@@ -10,7 +10,7 @@
 namespace palaver {
 namespace {
 
-// Buffers in memory, with faults on demand.
+// Creates buffers in memory and injects faults.
 class FaultyAudioBuffers final : public AudioBuffers {
  public:
   std::optional<AudioFormat> makeFormat(CommonFormat commonFormat, double sampleRate, std::uint32_t channels,
@@ -31,7 +31,7 @@ class FaultyAudioBuffers final : public AudioBuffers {
   std::vector<std::uint32_t> capacities;
 };
 
-// The error that decoding throws, or none.
+// Returns the error that decoding throws, or none.
 std::optional<PCMError> errorOf(AudioBuffers& buffers, std::string_view base64) {
   try {
     makePCMBuffer(buffers, base64);

@@ -8,7 +8,7 @@
 namespace palaver {
 namespace {
 
-// The definition by code points: decode loosely, then ask whether this is the one way to write the value.
+// The definition by code points: decodes leniently, then checks that this is the only encoding of the value.
 bool isOneCodePoint(std::string_view bytes) {
   const auto byte = [&](std::size_t i) {
     return static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[i]));
@@ -116,7 +116,7 @@ TEST(UTF8Test, ErrorIsFoundAtEveryPosition) {
 }
 
 TEST(UTF8Test, NoByteAfterTextIsRead) {
-  // Truncated at the end of its memory: the address sanitizer sees a byte more.
+  // Each text is truncated at the end of its memory, so the address sanitizer reports any further byte.
   for (const auto* const truncated : {"\xC3", "\xE3\x81", "\xE3", "\xF0\x9F\x98", "\xF0\x9F", "\xF0"}) {
     const std::vector<char> exact(truncated, truncated + std::char_traits<char>::length(truncated));
     EXPECT_FALSE(isValidUTF8({exact.data(), exact.size()}));

@@ -40,7 +40,7 @@ TEST(DictationAvailability, HasItsNames) {
   EXPECT_EQ(dictationAvailability(""), std::nullopt);
 }
 
-// A recognition service with one recognizer, whose handler is called by the test.
+// A recognition service with one recognizer. The test calls its handler.
 class HandDrivenRecognition final : public SpeechRecognition {
  public:
   ResultHandler handler;
@@ -91,12 +91,12 @@ class DictationProbeTest : public testing::Test {
 
   void call(const RecognitionAnswer& answer) { recognition_.handler(answer.result, answer.error); }
 
-  // Calls the handler at that time (ms).
+  // Calls the handler at this time (ms).
   void answer(double time, const RecognitionAnswer& answer) {
     machine_.scheduler.schedule(time, Timeline::Context::background, this, [this, answer] { call(answer); });
   }
 
-  // What a test does with a probe, on a machine with this recognition.
+  // Runs a test with a probe on a machine with this recognition service.
   void with(const std::function<void(DictationProbe&)>& test) {
     machine_.run(
         [&](Platform& all) {
@@ -174,7 +174,7 @@ TEST_F(DictationProbeTest, UnansweredProbeTimesOut) {
     EXPECT_GE(machine_.scheduler.now(), 100);
     EXPECT_LE(machine_.scheduler.now(), 120);
     EXPECT_EQ(probe.cachedVerdict(), unknown);
-    EXPECT_EQ(probe.availability("ja-JP"), unknown);  // kept, not probed again
+    EXPECT_EQ(probe.availability("ja-JP"), unknown);  // cached, not probed again
     EXPECT_LE(machine_.scheduler.now(), 120);
   });
 }

@@ -44,7 +44,7 @@ TEST(NormalizedRms, CountsOnlyFramesInUse) {
   EXPECT_EQ(LegacyRecognitionChannel::normalizedRms(buffer), 0.5);
 }
 
-// One sample of full scale among 15625 has a root mean square of exactly 1/125.
+// One full-scale sample among 15625 has a root mean square of exactly 1/125.
 TEST(NormalizedRms, ReachesThresholdExactly) {
   std::vector<std::int16_t> samples(15625, 0);
   samples[7000] = -32768;
@@ -54,7 +54,7 @@ TEST(NormalizedRms, ReachesThresholdExactly) {
   EXPECT_LT(loudness(samplesOfLoudness(0.0079, 1600)), LegacyRecognitionChannel::voiceRmsThreshold);
 }
 
-// Summed one by one in doubles, as the definition says.
+// The reference sums the squares one by one in doubles, as defined.
 TEST(NormalizedRms, MatchesDefinitionForRandomSamples) {
   std::uint32_t state = 1;
   for (std::size_t count = 1; count < 200; ++count) {
@@ -108,12 +108,12 @@ TEST_F(LegacyConversation, EveryUtteranceHasUniqueUUID) {
   EXPECT_EQ(std::unique(ids.begin(), ids.end()), ids.end());
 }
 
-// Two speakers at a time, who pause after each sentence.
+// Two speakers talk at the same time and pause after each sentence.
 TEST_F(LegacyConversation, TwoMinutesYieldOneFinalPerUtterance) {
   settings.recognition.answersAfterEndAudio = 300;
   settings.recognition.utterances = {{{{200, "one"}, {800, "one two"}}, "one two three"}};
   host(100, {{"type", "session.start"}, {"sessionId", "a"}});
-  constexpr int sentences = 20;  // each of 3 s of speech and 3 s of silence
+  constexpr int sentences = 20;  // each with 3 s of speech and 3 s of silence
   for (int i = 0; i < sentences; ++i)
     for (int chunk = 0; chunk < 60; ++chunk) {
       const double time = 1000.0 + i * 6000.0 + chunk * 100.0;
