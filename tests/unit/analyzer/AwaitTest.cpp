@@ -76,7 +76,7 @@ TEST_F(AwaitTest, DestroyedCompletionDestroysCoroutine) {
   const auto await = [](Completion& into, std::shared_ptr<int> held) -> asio::awaitable<void> {
     co_await completionOf<int>([&](Completion completion) { into = std::move(completion); });
     ++*held;
-    ADD_FAILURE() << "nobody has answered";
+    ADD_FAILURE() << "there was no answer";
   };
   spawn(context.get_executor(), await(kept, std::move(local)));
   context.poll();
@@ -93,7 +93,7 @@ TEST_F(AwaitTest, CompletionDestroyedInsideCallDestroysCoroutine) {
   const auto await = [](std::shared_ptr<int> held) -> asio::awaitable<void> {
     co_await completionOf<int>([](const Completion&) {});
     ++*held;
-    ADD_FAILURE() << "nobody has answered";
+    ADD_FAILURE() << "there was no answer";
   };
   spawn(context.get_executor(), await(std::move(local)));
   context.run();
@@ -116,7 +116,8 @@ TEST_F(AwaitTest, OnlyErrorIsThrown) {
   EXPECT_EQ(log, (std::vector<std::string>{"well", "broken"}));
 }
 
-// Coroutines directly on a pool: the answer may come, and another thread go on, before the call has returned.
+// Runs coroutines on a pool: the answer may arrive, and another thread may resume, before the
+// call has returned.
 TEST(Await, PoolCoroutinesSurviveAnswersFromAnyThread) {
   constexpr int coroutines = 200;
   constexpr int rounds = 20;
@@ -139,7 +140,7 @@ TEST(Await, PoolCoroutinesSurviveAnswersFromAnyThread) {
   EXPECT_EQ(sum, coroutines * rounds);
 }
 
-// Answers and destroyed completions race with the pool.
+// Answers and destroyed completions race with the pool's threads.
 TEST(Await, CompletionsMayBeDestroyedOnAnyThread) {
   constexpr int coroutines = 500;
   asio::thread_pool pool(3);

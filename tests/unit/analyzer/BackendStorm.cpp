@@ -99,14 +99,14 @@ void BackendStorm::expectAnalyzers(const std::vector<RecordedAnalysis>& analyses
   for (const auto& analysis : analyses) {
     ASSERT_EQ(analysis.contextualStrings.size(), 1u);
     EXPECT_EQ(analysis.droppedBuffers, 0u);
-    EXPECT_FALSE(analysis.finalizedAt && analysis.cancelledAt) << "ended twice";
+    EXPECT_FALSE(analysis.finalizedAt && analysis.cancelledAt) << "the analyzer ended twice";
     Channel channel{analysis.contextualStrings[0], {}, End::none};
     for (const auto& buffer : analysis.buffers) channel.chunks.push_back(buffer.firstSample);
     if (analysis.finalizedAt) channel.end = End::finished;
     if (analysis.cancelledAt) channel.end = End::cancelled;
     actual.push_back(std::move(channel));
   }
-  // Analyzers are made in any order.
+  // Analyzers are created in any order.
   auto expected = channels_;
   std::sort(expected.begin(), expected.end());
   std::sort(actual.begin(), actual.end());
@@ -118,7 +118,7 @@ void BackendStorm::expectAnalyzers(const std::vector<RecordedAnalysis>& analyses
   }
 }
 
-// Transcripts name the session and the source whose audio set their time base.
+// A transcript names the session and the source of the audio that set its time base.
 void BackendStorm::expectTranscript(const json& event) const {
   const auto capture = captures_.find(event.at("startedAt").get<double>());
   ASSERT_NE(capture, captures_.end()) << event;
@@ -140,7 +140,7 @@ void BackendStorm::expectEvents(const std::vector<json>& events) const {
       ++readies;
     } else if (type == "transcript.partial") {
       expectTranscript(event);
-      EXPECT_EQ(finals.count(event.at("utteranceId")), 0u) << "a partial behind its final: " << event;
+      EXPECT_EQ(finals.count(event.at("utteranceId")), 0u) << "a partial after its final: " << event;
     } else if (type == "transcript.final") {
       expectTranscript(event);
       EXPECT_EQ(++finals[event.at("utteranceId")], 1) << event;
@@ -148,8 +148,8 @@ void BackendStorm::expectEvents(const std::vector<json>& events) const {
       ADD_FAILURE() << event;
     }
   }
-  EXPECT_EQ(answers, answers_) << "answers come in the order of the operations";
-  EXPECT_EQ(readies, readies_) << "each channel reports once that it is ready";
+  EXPECT_EQ(answers, answers_) << "answers have the order of the operations";
+  EXPECT_EQ(readies, readies_) << "each channel reports ready once";
 }
 
 }  // namespace palaver

@@ -1,4 +1,4 @@
-// Random operations on an analyzer backend, and what must have come of them.
+// Performs random operations on an analyzer backend and checks their results.
 #pragma once
 
 #include <compare>
@@ -16,24 +16,25 @@
 
 namespace palaver {
 
-// Drives a backend with sessions named "s0", "s1" and so on, and foretells what reaches its analyzers. The
-// analyzers must want the host's format; nothing may fail. Used by the thread that the backend lives on.
+// Drives a backend with sessions named "s0", "s1" and so on, and predicts what reaches its analyzers. The
+// analyzers must accept the host's format, and no operation may fail. Lives on the backend's thread.
 class BackendStorm {
  public:
   BackendStorm(SpeechBackend& backend, std::uint64_t seed, int sessionCount)
       : backend_(backend), random_(seed), sessionCount_(sessionCount) {}
 
-  // One operation by chance: mostly audio.
+  // Performs one random operation, mostly audio.
   void step();
 
-  // Each of these also says what must come of it.
+  // Each performs the operation and records its expected result.
   void start(const std::string& sessionId);
   void stop(const std::string& sessionId);
   void setSuppressed(const std::string& sessionId, AudioSource source, bool suppressed);
   void audio(const std::string& sessionId, AudioSource source);
   void stopAll();
 
-  // Compares what reached the analyzers and what was written, once all is done. Fails the current test.
+  // Compare the input of the analyzers and the output with the expectation, once all work is done. Fail
+  // the current test.
   void expectAnalyzers(const std::vector<RecordedAnalysis>& analyses) const;
   void expectEvents(const std::vector<nlohmann::json>& events) const;
 
@@ -41,7 +42,7 @@ class BackendStorm {
 
  private:
   enum class End { none, finished, cancelled };
-  // What one analyzer must have got. The first phrase of its vocabulary tells which start it belongs to.
+  // The expected input of one analyzer. The first phrase of its vocabulary identifies its session start.
   struct Channel {
     std::string start;
     std::vector<std::int16_t> chunks;  // their first samples
@@ -51,7 +52,7 @@ class BackendStorm {
   struct Session {
     std::string start;
     bool isOpen = false;
-    std::map<AudioSource, std::size_t> channels;  // index of the live one
+    std::map<AudioSource, std::size_t> channels;  // index of the live channel
     std::set<AudioSource> suppressed;
   };
 
@@ -66,9 +67,9 @@ class BackendStorm {
   std::vector<Channel> channels_;
   int starts_ = 0;
   std::int16_t chunks_ = 0;
-  // The events that answer operations at once, in their order.
+  // The events that answer operations immediately, in order.
   std::vector<std::tuple<std::string, std::string, std::string>> answers_;  // type, session, source
-  // Whose chunk was captured at which time, ms.
+  // Session and source by capture time (ms).
   std::map<double, std::pair<std::string, std::string>> captures_;
   std::size_t readies_ = 0;
 };

@@ -1,4 +1,4 @@
-// What the converter of a channel does with its platform converter.
+// Tests how a channel's converter uses the platform converter.
 #include "analyzer/BufferConverter.h"
 
 #include <gtest/gtest.h>
@@ -28,9 +28,9 @@ std::shared_ptr<PCMBuffer> silence(std::uint32_t frames, const AudioFormat& form
   return buffer;
 }
 
-// What a converter was asked, and what it is to answer.
+// Records the calls of a converter and holds its answers.
 struct Record {
-  int made = 0;
+  int created = 0;
   bool refuseToMake = false;
   bool failConversions = false;
   bool refuseBuffers = false;
@@ -69,7 +69,7 @@ class RecordingConverters final : public AudioConverters {
  public:
   explicit RecordingConverters(Record& record) : record_(record) {}
   std::unique_ptr<AudioConverter> makeConverter(const AudioFormat& from, const AudioFormat& to) override {
-    ++record_.made;
+    ++record_.created;
     if (record_.refuseToMake) return nullptr;
     return std::make_unique<RecordingConverter>(record_, SpeexAudioConverters().makeConverter(from, to));
   }
@@ -119,8 +119,8 @@ TEST_F(BufferConverterTest, BufferInTargetFormatIsReturnedItself) {
   const auto buffer = silence(1600);
   EXPECT_EQ(converter.convert(buffer, helperFormat), buffer);
   EXPECT_EQ(converter.convert(buffer, {CommonFormat::int16, 16000, 1, true}), buffer)
-      << "interleaving means nothing for one channel";
-  EXPECT_EQ(record.made, 0);
+      << "interleaving has no meaning for one channel";
+  EXPECT_EQ(record.created, 0);
 }
 
 TEST_F(BufferConverterTest, CapacityIsRatioRoundedUpAndAtLeast1) {
@@ -142,11 +142,11 @@ TEST_F(BufferConverterTest, ConverterIsReusedUntilFormatChanges) {
   const auto target = mono(CommonFormat::float32, 48000);
   converter.convert(silence(1600), target);
   converter.convert(silence(1600), target);
-  EXPECT_EQ(record.made, 1);
+  EXPECT_EQ(record.created, 1);
   converter.convert(silence(1600), mono(CommonFormat::float32, 44100));
-  EXPECT_EQ(record.made, 2);
+  EXPECT_EQ(record.created, 2);
   converter.convert(silence(1600, mono(CommonFormat::float32, 16000)), mono(CommonFormat::float32, 44100));
-  EXPECT_EQ(record.made, 3);
+  EXPECT_EQ(record.created, 3);
   EXPECT_EQ(record.primeMethods, std::vector(3, ConverterPrimeMethod::none));
 }
 
@@ -167,7 +167,7 @@ TEST_F(BufferConverterTest, MissingConverterIsRetriedAtNextCall) {
       "The operation couldn’t be completed. (PalaverSTTHelper.BufferConverter.ConversionError error 1.)");
   record.refuseToMake = false;
   EXPECT_NO_THROW(converter.convert(silence(1600), mono(CommonFormat::int16, 48000)));
-  EXPECT_EQ(record.made, 2);
+  EXPECT_EQ(record.created, 2);
 }
 
 TEST_F(BufferConverterTest, RefusedOutputBufferIsErrorAndKeepsConverter) {
@@ -178,7 +178,7 @@ TEST_F(BufferConverterTest, RefusedOutputBufferIsErrorAndKeepsConverter) {
       "The operation couldn’t be completed. (PalaverSTTHelper.BufferConverter.ConversionError error 2.)");
   record.refuseBuffers = false;
   EXPECT_NO_THROW(converter.convert(silence(1600), mono(CommonFormat::int16, 48000)));
-  EXPECT_EQ(record.made, 1);
+  EXPECT_EQ(record.created, 1);
 }
 
 TEST_F(BufferConverterTest, FailedConversionHasItsErrorAndKeepsConverter) {
@@ -191,7 +191,7 @@ TEST_F(BufferConverterTest, FailedConversionHasItsErrorAndKeepsConverter) {
   EXPECT_EQ(failure->underlying()->code(), -7);
   record.failConversions = false;
   EXPECT_NO_THROW(converter.convert(silence(1600), mono(CommonFormat::int16, 48000)));
-  EXPECT_EQ(record.made, 1);
+  EXPECT_EQ(record.created, 1);
 }
 
 }  // namespace

@@ -17,26 +17,26 @@ namespace palaver {
 
 namespace {
 
-// A coroutine's local that tells when it goes.
-struct Witness {
-  explicit Witness(int& count) : count_(count) {}
-  ~Witness() { ++count_; }
-  Witness(const Witness&) = delete;
-  Witness& operator=(const Witness&) = delete;
+// Counts its destructions. A coroutine's local shows when the coroutine is destroyed.
+struct DestructionCounter {
+  explicit DestructionCounter(int& count) : count_(count) {}
+  ~DestructionCounter() { ++count_; }
+  DestructionCounter(const DestructionCounter&) = delete;
+  DestructionCounter& operator=(const DestructionCounter&) = delete;
   int& count_;
 };
 
 class SerialPromiseTest : public testing::Test {
  protected:
   asio::awaitable<void> await(std::string name) {
-    const Witness witness(gone);
+    const DestructionCounter counter(destroyed);
     try {
       log.push_back(name + " has " + std::to_string(co_await promise.value()));
     } catch (const std::exception& error) {
       log.push_back(name + " failed: " + error.what());
     }
   }
-  // Runs what can go on; those who wait keep the context busy.
+  // Runs the coroutines that are ready. Waiting coroutines keep the context busy.
   void run() {
     context.poll();
     context.restart();
@@ -45,7 +45,7 @@ class SerialPromiseTest : public testing::Test {
   asio::io_context context;
   SerialPromise<int> promise;
   std::vector<std::string> log;
-  int gone = 0;
+  int destroyed = 0;
 };
 
 using Log = std::vector<std::string>;
@@ -81,7 +81,7 @@ TEST_F(SerialPromiseTest, AbandonDestroysWaiters) {
   run();
   promise.abandon();
   run();  // coroutines are destroyed through their executor
-  EXPECT_EQ(gone, 2);
+  EXPECT_EQ(destroyed, 2);
   EXPECT_EQ(log, Log());
 }
 
@@ -90,7 +90,7 @@ TEST_F(SerialPromiseTest, KeeperAbandonsWithoutValue) {
   run();
   { const SerialPromise<int>::Keeper keeper(promise); }
   run();
-  EXPECT_EQ(gone, 1);
+  EXPECT_EQ(destroyed, 1);
 }
 
 TEST_F(SerialPromiseTest, KeeperIsInertOnceValueIsSet) {
@@ -118,20 +118,20 @@ TEST_F(SerialPromiseTest, WaiterMayWaitAgainAndStartOthers) {
   EXPECT_EQ(log, (Log{"sum 4", "other has 2"}));
 }
 
-// A cycle of a promise and one who waits for it and keeps it alive is broken by abandoning; the address
-// sanitizer would find it otherwise.
+// Abandoning breaks the cycle of a promise and a waiter that owns it. The address sanitizer would
+// report the leak.
 TEST(SerialPromise, WaiterOwningPromiseIsReleased) {
   struct Owner {
-    explicit Owner(int& count) : witness(count) {}
-    Witness witness;
+    explicit Owner(int& count) : counter(count) {}
+    DestructionCounter counter;
     SerialPromise<int> promise;
   };
-  int gone = 0;
+  int destroyed = 0;
   asio::io_context context;
-  auto owner = std::make_shared<Owner>(gone);
+  auto owner = std::make_shared<Owner>(destroyed);
   const auto wait = [](std::shared_ptr<Owner> self) -> asio::awaitable<void> {
     co_await self->promise.value();
-    ADD_FAILURE() << "there is no value";
+    ADD_FAILURE() << "the promise has no value";
   };
   spawn(context.get_executor(), wait(owner));
   context.poll();
@@ -139,7 +139,7 @@ TEST(SerialPromise, WaiterOwningPromiseIsReleased) {
   owner->promise.abandon();
   owner.reset();
   context.poll();
-  EXPECT_EQ(gone, 1);
+  EXPECT_EQ(destroyed, 1);
 }
 
 TEST(SerialPromise, WaitersOnPoolStrandResumeInOrder) {

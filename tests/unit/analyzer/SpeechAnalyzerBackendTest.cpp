@@ -1,4 +1,4 @@
-// The backend in virtual time, under many orders of what happens at the same time.
+// Tests the backend in virtual time, with many orders of simultaneous events.
 #include "analyzer/SpeechAnalyzerBackend.h"
 
 #include <gtest/gtest.h>
@@ -66,14 +66,14 @@ TEST_F(SpeechAnalyzerBackendTest, Serves100ConcurrentSessions) {
                       .starts_with(event.at("sessionId").get<std::string>() + "-" +
                                    event.at("source").get<std::string>() + "-"));
     }
-    EXPECT_EQ(utterances.size(), 2u * count) << "one of each source of each session";
+    EXPECT_EQ(utterances.size(), 2u * count) << "one per source and session";
     EXPECT_EQ(events(type).size(), 2u * count);
   }
   for (const auto& analysis : machine().speechAnalysis.analyses())
     EXPECT_EQ(analysis.buffers.size(), std::size_t{chunks});
 }
 
-// What was written at which time, ids of channels aside.
+// Returns the output with its times, without the channel ids.
 std::multiset<std::string> timedEvents(SimulatedPlatform& machine) {
   std::multiset<std::string> timed;
   for (const auto& line : machine.standardOutput.lines()) {
@@ -84,7 +84,7 @@ std::multiset<std::string> timedEvents(SimulatedPlatform& machine) {
   return timed;
 }
 
-// Sessions start together, their chunks come together, and they are stopped together.
+// Starts sessions at the same time, feeds their chunks at the same times and stops them at the same time.
 std::multiset<std::string> eventsWithSeed(std::optional<std::uint64_t> seed) {
   SimulatedSettings settings;
   settings.macOS = macOS26;
@@ -153,7 +153,7 @@ TEST_P(BackendStormTest, ChunkReachesChannelOfItsArrival) {
     double time = 0;
     for (int i = 0; i < 600; ++i) {
       time += static_cast<double>(random() % 3);
-      // Everything takes up to 20 ms from now on, often none.
+      // From here every operation takes 0 to 20 ms, often 0.
       auto state = settings.analysis;
       for (auto* const operation : {&state.localeLookup, &state.modelLookup, &state.formatLookup,
                                     &state.prepare, &state.finalize, &state.cancel}) {

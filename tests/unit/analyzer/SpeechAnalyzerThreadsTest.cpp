@@ -1,4 +1,4 @@
-// The backend on real threads: a pool for its tasks, and a platform that answers from threads of its own.
+// Tests the backend on real threads: a pool runs its tasks, and the platform answers on its own threads.
 #include <gtest/gtest.h>
 
 #include <asio/thread_pool.hpp>
@@ -29,7 +29,7 @@ namespace {
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
-// Keeps what is written, one line a call or several calls a line.
+// Collects the output lines, however many calls write a line.
 class LineCollector final : public OutputStream {
  public:
   void write(std::string_view bytes) override {
@@ -49,7 +49,7 @@ class LineCollector final : public OutputStream {
   std::string text_;
 };
 
-// Hands on to the simulated analysis, but keeps the thread that looks a locale up until it is let go.
+// Forwards to the simulated analysis. Blocks the thread that looks up a locale until released.
 class BlockingSpeechAnalysis final : public SpeechAnalysis {
  public:
   explicit BlockingSpeechAnalysis(SpeechAnalysis& analysis) : analysis_(analysis) {}
@@ -83,8 +83,8 @@ class BlockingSpeechAnalysis final : public SpeechAnalysis {
 
 class SpeechAnalyzerThreadsTest : public testing::Test {
  protected:
-  // Waits until no task is left, then until the platform's threads are out of their last completions; all
-  // channels must have been ended.
+  // Waits until no task is left, then until the platform's threads have returned from their last completions.
+  // All channels must have ended.
   void finish() {
     auto& context = asio::query(tasks.executor(), asio::execution::context);
     static_cast<asio::thread_pool&>(context).join();
@@ -136,7 +136,7 @@ class SpeechAnalyzerThreadsTest : public testing::Test {
 
 TEST_F(SpeechAnalyzerThreadsTest, ThousandsOfChunksArriveInOrder) {
   AnalysisState state;
-  state.prepare.takes = 30;  // many chunks wait
+  state.prepare.takes = 30;  // so that many chunks wait
   state.utterances = {
       {.partials = {{0, "a"}, {100, "ab"}}, .finalText = "abc", .finalAfter = 200, .start = 0, .end = 0}};
   analysis.setState(state);
@@ -175,7 +175,7 @@ TEST_P(ThreadedStormTest, AnyTimingLosesAndMixesNothing) {
       analysis.setState(state);
     }
     if (random() % 30 == 0)
-      std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));  // timing, not a wait
+      std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));  // only varies the timing
     storm.step();
   }
   storm.stop("s0");
@@ -192,7 +192,7 @@ INSTANTIATE_TEST_SUITE_P(Seeds, ThreadedStormTest, testing::Range<std::uint64_t>
 TEST_F(SpeechAnalyzerThreadsTest, OperationsReturnWhilePlatformBlocks) {
   SpeechAnalyzerBackend backend(blockingPlatform, writer);
   BackendStorm storm(backend, 1, 20);
-  // Runs on a thread of its own, so that a backend that blocks fails the test and does not hang it.
+  // Runs on a separate thread, so that a blocking backend fails the test instead of hanging it.
   auto operations = std::async(std::launch::async, [&] {
     backend.emitStatus();
     for (int session = 0; session < 20; ++session) {
@@ -208,8 +208,8 @@ TEST_F(SpeechAnalyzerThreadsTest, OperationsReturnWhilePlatformBlocks) {
   });
   constexpr auto farTooLong = std::chrono::seconds(30);
   EXPECT_EQ(operations.wait_for(farTooLong), std::future_status::ready)
-      << "an operation waits for the platform";
-  EXPECT_TRUE(analysis.analyses().empty()) << "the platform has not answered yet";
+      << "an operation blocks on the platform";
+  EXPECT_TRUE(analysis.analyses().empty()) << "the platform has not answered";
   blockingAnalysis.letGo();
   operations.get();
   finish();
@@ -226,7 +226,7 @@ TEST_F(SpeechAnalyzerThreadsTest, UnansweredChannelsAreReleasedWithPlatform) {
   storm.audio("s0", AudioSource::remote);
   storm.setSuppressed("s0", AudioSource::selfAudio, true);
   storm.stop("s0");
-  // Returns only when no task is left that waits for an answer.
+  // Returns only when no task waits for an answer.
   auto finished = std::async(std::launch::async, [this] { finish(); });
   do analysis.abandon();
   while (finished.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready);

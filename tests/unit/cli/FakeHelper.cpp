@@ -1,23 +1,21 @@
-// A stand-in for the helper that misbehaves on demand, for the tests of the host. Its first argument says
-// how:
+// Simulates a helper that misbehaves, for the tests of the host. The first argument selects the behavior:
 //
-//   well            serves a session: a partial on the first loud audio of a source, a final once 5 quiet
-//   chunks
-//                   have followed
-//   dies            ends with status 3 after the first audio
-//   killed          ends by SIGKILL after the first audio
+//   well            serves a session: a partial for the first loud chunk of a source, a final after 5 quiet
+//                   chunks
+//   dies            exits with status 3 at the first audio
+//   killed          ends by SIGKILL at the first audio
 //   silent          reports no status
-//   never-ready     reports its status, then reads and says nothing
-//   unavailable     reports that the session is not available, and why
-//   floods          serves well, and writes 1 MB of other events for every audio chunk of the first ten
-//   slow            serves well, but reads a few kilobytes at a time and pauses in between
+//   never-ready     reports its status, then reads without answering
+//   unavailable     reports that the session is not available, and the reason
+//   floods          like well; writes 1 MB of other events for each of the first 10 audio chunks
+//   slow            like well; reads at most 4 KiB at a time with pauses of 2 ms
 //   reads-nothing   serves until the session is ready, then stops reading
-//   reports-error   serves well, with an error event in between
-//   writes-garbage  serves well, with a line in between that is no event
+//   reports-error   like well; writes one error event
+//   writes-garbage  like well; writes one line that is not an event
 //   leaves-open     writes a partial and never its final
-//   fails           serves well, and ends with status 5
-//   stays           serves well, and does not end when its input does
-//   chatters        serves well, and writes to its standard error
+//   fails           like well; exits with status 5
+//   stays           like well; does not exit at the end of its input
+//   chatters        like well; writes to standard error
 #include <unistd.h>
 
 #include <chrono>
@@ -35,7 +33,7 @@ void write(const nlohmann::json& event) {
   std::cout << event.dump() << std::endl;
 }
 
-[[noreturn]] void stay() {
+[[noreturn]] void blockForever() {
   for (;;) ::pause();
 }
 
@@ -47,17 +45,17 @@ struct Source {
 
 class FakeHelper {
  public:
-  explicit FakeHelper(std::string manner) : manner_(std::move(manner)) {}
+  explicit FakeHelper(std::string behavior) : behavior_(std::move(behavior)) {}
 
   void run() {
-    if (manner_ == "silent") stay();
-    write({{"type", "helper.status"}, {"status", "ready"}, {"available", true}, {"message", "as ever"}});
+    if (behavior_ == "silent") blockForever();
+    write({{"type", "helper.status"}, {"status", "ready"}, {"available", true}, {"message", "ready"}});
     for (std::string line; readLine(line);) handle(nlohmann::json::parse(line));
   }
 
   int finish() const {
-    if (manner_ == "stays") stay();
-    return manner_ == "fails" ? 5 : 0;
+    if (behavior_ == "stays") blockForever();
+    return behavior_ == "fails" ? 5 : 0;
   }
 
  private:
@@ -72,8 +70,8 @@ class FakeHelper {
 
   bool readByte(char& byte) {
     if (at_ == read_) {
-      if (manner_ == "slow" && ready_) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-      const auto count = ::read(STDIN_FILENO, buffer_, manner_ == "slow" ? 4096 : sizeof buffer_);
+      if (behavior_ == "slow" && ready_) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      const auto count = ::read(STDIN_FILENO, buffer_, behavior_ == "slow" ? 4096 : sizeof buffer_);
       if (count <= 0) return false;
       at_ = 0;
       read_ = static_cast<std::size_t>(count);
@@ -84,9 +82,9 @@ class FakeHelper {
 
   void handle(const nlohmann::json& command) {
     const std::string type = command.at("type");
-    if (manner_ == "never-ready") return;
+    if (behavior_ == "never-ready") return;
     if (type == "session.start") {
-      const bool available = manner_ != "unavailable";
+      const bool available = behavior_ != "unavailable";
       write({{"type", "session.ready"},
              {"sessionId", command.at("sessionId")},
              {"available", available},
@@ -94,8 +92,8 @@ class FakeHelper {
       ready_ = true;
       if (!available)
         write({{"type", "helper.status"}, {"available", false}, {"message", "there is no model"}});
-      if (manner_ == "reads-nothing") stay();
-      if (manner_ == "chatters") std::cerr << "so far so good" << std::endl;
+      if (behavior_ == "reads-nothing") blockForever();
+      if (behavior_ == "chatters") std::cerr << "diagnostic line" << std::endl;
     } else if (type == "audio") {
       handleAudio(command);
     } else if (type == "session.stop") {
@@ -105,12 +103,12 @@ class FakeHelper {
 
   void handleAudio(const nlohmann::json& command) {
     ++chunks_;
-    if (manner_ == "dies") std::_Exit(3);
-    if (manner_ == "killed") ::raise(SIGKILL);
-    if (manner_ == "floods" && chunks_ <= 10) flood();
-    if (manner_ == "reports-error" && chunks_ == 1)
+    if (behavior_ == "dies") std::_Exit(3);
+    if (behavior_ == "killed") ::raise(SIGKILL);
+    if (behavior_ == "floods" && chunks_ <= 10) flood();
+    if (behavior_ == "reports-error" && chunks_ == 1)
       write({{"type", "helper.error"}, {"message", "something failed"}});
-    if (manner_ == "writes-garbage" && chunks_ == 1) std::cout << "hello" << std::endl;
+    if (behavior_ == "writes-garbage" && chunks_ == 1) std::cout << "hello" << std::endl;
     const std::string name = command.at("source");
     const std::string pcm = command.at("pcmBase64");
     auto& source = sources_[name];
@@ -120,7 +118,7 @@ class FakeHelper {
       source.open = true;
       ++source.utterance;
       transcript("transcript.partial", command, source);
-    } else if (source.open && source.quiet == 5 && manner_ != "leaves-open") {
+    } else if (source.open && source.quiet == 5 && behavior_ != "leaves-open") {
       source.open = false;
       transcript("transcript.final", command, source);
     }
@@ -133,7 +131,7 @@ class FakeHelper {
     std::cout.flush();
   }
 
-  // The text tells how many chunks of all sources have come, so that a test can see that none was lost.
+  // The text holds the sequence number of the chunk, so that a test can detect lost chunks.
   void transcript(const char* type, const nlohmann::json& command, const Source& source) const {
     const double capturedAt = command.at("capturedAt");
     write({{"type", type},
@@ -147,7 +145,7 @@ class FakeHelper {
            {"endpointing", {{"reason", "silence"}}}});
   }
 
-  std::string manner_;
+  std::string behavior_;
   std::map<std::string, Source> sources_;
   int chunks_ = 0;
   bool ready_ = false;

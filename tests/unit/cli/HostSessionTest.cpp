@@ -20,14 +20,14 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-// So many chunks of 100 ms of a loud square wave, or of silence.
-class MadeUpSound final : public SoundSource {
+// Generates chunks of 100 ms: a loud square wave, or silence.
+class SyntheticSound final : public SoundSource {
  public:
   enum class Kind { loud, silent, failing };
-  MadeUpSound(Kind kind, std::size_t chunks) : kind_(kind), left_(chunks * chunkFrames) {}
+  SyntheticSound(Kind kind, std::size_t chunks) : kind_(kind), left_(chunks * chunkFrames) {}
 
   std::size_t read(std::span<std::int16_t> frames) override {
-    if (kind_ == Kind::failing) throw std::runtime_error("the disk is gone");
+    if (kind_ == Kind::failing) throw std::runtime_error("the disk failed");
     const auto count = std::min(frames.size(), left_);
     for (std::size_t at = 0; at < count; ++at)
       frames[at] = static_cast<std::int16_t>(kind_ == Kind::loud ? (at % 100 < 50 ? 9000 : -9000) : 0);
@@ -42,7 +42,7 @@ class MadeUpSound final : public SoundSource {
 };
 
 std::unique_ptr<SoundSource> loud(std::size_t chunks) {
-  return std::make_unique<MadeUpSound>(MadeUpSound::Kind::loud, chunks);
+  return std::make_unique<SyntheticSound>(SyntheticSound::Kind::loud, chunks);
 }
 
 struct Record final : HostObserver {
@@ -74,13 +74,13 @@ class HostSessionTest : public ::testing::Test {
  protected:
   HostSessionTest() { std::signal(SIGPIPE, SIG_IGN); }
 
-  // Limits far below a user's patience, and far above what the stand-in takes.
-  static HostConfiguration configuration(const std::string& manner) {
+  // The limits are short for a user, but far above the time that the fake helper takes.
+  static HostConfiguration configuration(const std::string& behavior) {
     HostConfiguration configuration;
-    configuration.helper = {PALAVER_FAKE_HELPER, manner};
+    configuration.helper = {PALAVER_FAKE_HELPER, behavior};
     configuration.speed = 20;
     configuration.limits.settle = 100;
-    // How fast the machine is does not matter here.
+    // Generous, so that slow machines pass.
     configuration.limits.finals = configuration.limits.stopped = configuration.limits.stall = 120'000;
     return configuration;
   }
@@ -90,7 +90,7 @@ class HostSessionTest : public ::testing::Test {
     HostSession session(std::move(configuration), std::move(remote), std::move(self), record);
     return session.run();
   }
-  bool run(const std::string& manner) { return run(configuration(manner), loud(10)); }
+  bool run(const std::string& behavior) { return run(configuration(behavior), loud(10)); }
 
   Record record;
 };
@@ -100,7 +100,7 @@ TEST_F(HostSessionTest, ServedSessionEndsWell) {
   EXPECT_THAT(record.problems, IsEmpty());
   EXPECT_THAT(record.finals, SizeIs(2));
   EXPECT_EQ(record.total, 1000);
-  EXPECT_GT(record.streamed, record.total);  // the silence behind it
+  EXPECT_GT(record.streamed, record.total);  // includes the trailing silence
   ASSERT_GE(record.types.size(), 3U);
   EXPECT_EQ(record.types[0], "helper.status");
   EXPECT_EQ(record.types[1], "session.ready");
@@ -110,7 +110,7 @@ TEST_F(HostSessionTest, ServedSessionEndsWell) {
 TEST_F(HostSessionTest, ChunksArriveInOrderTimedByAudio) {
   EXPECT_TRUE(run(configuration("well"), loud(30)));
   ASSERT_THAT(record.finals, SizeIs(1));
-  // 30 loud chunks, numbered from 0; the stand-in closes with the fifth quiet one.
+  // 30 loud chunks, numbered from 0. The fake helper closes with the fifth quiet one.
   EXPECT_EQ(record.finals[0].at("text"), "chunk 34");
 }
 
@@ -119,12 +119,12 @@ TEST_F(HostSessionTest, StreamKeepsRealTime) {
   realTime.speed = 2;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_TRUE(run(std::move(realTime), loud(20)));
-  // 2 s at double speed: never sooner.
+  // 2 s at double speed take at least 1 s.
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
 TEST_F(HostSessionTest, SilentSourceNeedsNoFinal) {
-  EXPECT_TRUE(run(configuration("well"), std::make_unique<MadeUpSound>(MadeUpSound::Kind::silent, 5)));
+  EXPECT_TRUE(run(configuration("well"), std::make_unique<SyntheticSound>(SyntheticSound::Kind::silent, 5)));
   EXPECT_THAT(record.finals, IsEmpty());
 }
 
@@ -146,18 +146,18 @@ TEST_F(HostSessionTest, KilledHelperIsReportedWithSignal) {
 }
 
 TEST_F(HostSessionTest, MissingStatusTimesOut) {
-  auto impatient = configuration("silent");
-  impatient.limits.status = 200;
-  impatient.limits.stopped = 200;
-  EXPECT_FALSE(run(std::move(impatient), loud(1)));
+  auto shortLimits = configuration("silent");
+  shortLimits.limits.status = 200;
+  shortLimits.limits.stopped = 200;
+  EXPECT_FALSE(run(std::move(shortLimits), loud(1)));
   ASSERT_THAT(record.problems, testing::Not(IsEmpty()));
   EXPECT_EQ(record.problems[0], "the helper has not reported its status within 0.2 s");
 }
 
 TEST_F(HostSessionTest, MissingSessionReadyTimesOut) {
-  auto impatient = configuration("never-ready");
-  impatient.limits.ready = 200;
-  EXPECT_FALSE(run(std::move(impatient), loud(1)));
+  auto shortLimits = configuration("never-ready");
+  shortLimits.limits.ready = 200;
+  EXPECT_FALSE(run(std::move(shortLimits), loud(1)));
   EXPECT_THAT(record.problems, ElementsAre("the session was not ready within 0.2 s"));
 }
 
@@ -203,9 +203,9 @@ TEST_F(HostSessionTest, NonEventLineIsReported) {
 }
 
 TEST_F(HostSessionTest, MissingFinalIsReported) {
-  auto impatient = configuration("leaves-open");
-  impatient.limits.finals = 300;
-  EXPECT_FALSE(run(std::move(impatient), loud(5)));
+  auto shortLimits = configuration("leaves-open");
+  shortLimits.limits.finals = 300;
+  EXPECT_FALSE(run(std::move(shortLimits), loud(5)));
   EXPECT_THAT(record.problems, ElementsAre("a final is missing after 0.3 s of silence",
                                            "the last final of remote is missing"));
 }
@@ -216,29 +216,30 @@ TEST_F(HostSessionTest, NonzeroExitStatusIsReported) {
 }
 
 TEST_F(HostSessionTest, HelperThatDoesNotExitIsTerminated) {
-  auto impatient = configuration("stays");
-  impatient.limits.stopped = 200;
-  EXPECT_FALSE(run(std::move(impatient), loud(2)));
+  auto shortLimits = configuration("stays");
+  shortLimits.limits.stopped = 200;
+  EXPECT_FALSE(run(std::move(shortLimits), loud(2)));
   EXPECT_THAT(record.problems, ElementsAre("the helper has not ended within 0.2 s of the end of its input",
                                            HasSubstr("the helper ended with signal 15")));
 }
 
 TEST_F(HostSessionTest, StandardErrorIsForwardedByLine) {
   EXPECT_TRUE(run("chatters"));
-  EXPECT_THAT(record.diagnostics, ElementsAre("so far so good"));
+  EXPECT_THAT(record.diagnostics, ElementsAre("diagnostic line"));
 }
 
 TEST_F(HostSessionTest, SoundReadErrorEndsSessionInOrder) {
-  EXPECT_FALSE(run(configuration("well"), std::make_unique<MadeUpSound>(MadeUpSound::Kind::failing, 5)));
-  EXPECT_THAT(record.problems, ElementsAre("the disk is gone"));
+  EXPECT_FALSE(
+      run(configuration("well"), std::make_unique<SyntheticSound>(SyntheticSound::Kind::failing, 5)));
+  EXPECT_THAT(record.problems, ElementsAre("the disk failed"));
 }
 
 TEST_F(HostSessionTest, InterruptEndsHelperInOrder) {
-  auto long_ = configuration("well");
-  HostSession session(std::move(long_), loud(100000), nullptr, record);
+  auto longSession = configuration("well");
+  HostSession session(std::move(longSession), loud(100000), nullptr, record);
   record.interruptOnText = &session;
   EXPECT_FALSE(session.run());
-  // The stand-in ended by itself, with status 0: no word of a signal or a status.
+  // The fake helper exited with status 0, so neither a signal nor a status is reported.
   EXPECT_THAT(record.problems, ElementsAre("interrupted", "the last final of remote is missing"));
 }
 

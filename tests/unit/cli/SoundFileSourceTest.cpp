@@ -18,7 +18,7 @@ using ::testing::AllOf;
 using ::testing::Each;
 using ::testing::HasSubstr;
 
-// A directory of the test's own, removed with all that is in it.
+// Owns a directory and removes it with its contents.
 class SoundFileSourceTest : public ::testing::Test {
  protected:
   SoundFileSourceTest() {
@@ -35,7 +35,7 @@ class SoundFileSourceTest : public ::testing::Test {
     return path(name);
   }
 
-  // A file of one second whose channel c is a sine of (c + 1) * 200 Hz, amplitude 0.5.
+  // Writes a file of one second. Channel c is a sine of (c + 1) * 200 Hz with amplitude 0.5.
   std::string writeSines(const std::string& name, int format, int rate, int channels, int frames) const {
     SF_INFO info{};
     info.format = format;
@@ -56,7 +56,7 @@ class SoundFileSourceTest : public ::testing::Test {
     return static_cast<float>(std::sin(2 * std::numbers::pi * frequency * frame / rate));
   }
 
-  // Everything the source gives, read in pieces of an odd size.
+  // Reads all samples of the source in pieces of an odd size.
   static std::vector<std::int16_t> readAll(SoundSource& source) {
     std::vector<std::int16_t> all;
     for (std::vector<std::int16_t> piece(777);;) {
@@ -66,8 +66,8 @@ class SoundFileSourceTest : public ::testing::Test {
     }
   }
 
-  // The largest difference from the mean of the channels' sines, away from the file's edges, where a
-  // resampler rings.
+  // Returns the largest difference from the mean of the channels' sines. Excludes the edges of the file,
+  // where a resampler rings.
   static double error(const std::vector<std::int16_t>& samples, int channels) {
     double worst = 0;
     constexpr std::size_t edge = 200;
@@ -94,7 +94,7 @@ class SoundFileSourceTest : public ::testing::Test {
 };
 
 constexpr int wave = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-// 16-bit rounding, and what the resampler's pass band leaves.
+// Covers 16-bit rounding and the ripple of the resampler's pass band.
 constexpr double tolerance = 0.001;
 
 class Rates : public SoundFileSourceTest, public ::testing::WithParamInterface<std::pair<int, int>> {};

@@ -16,8 +16,8 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-// As much of a terminal as the display uses: text, line feeds, carriage returns, moving up, erasing to the
-// end of the screen, and colours. Lines that are too long wrap, and show up as such.
+// Emulates the terminal functions that the display uses: text, line feeds, carriage returns, moving up,
+// erasing to the end of the screen, and colors. Overlong lines wrap visibly.
 class Screen {
  public:
   explicit Screen(std::size_t columns) : columns_(columns) {}
@@ -62,7 +62,7 @@ class Screen {
   }
 
   void put(char byte) {
-    if ((static_cast<unsigned char>(byte) & 0xC0) == 0x80) {  // goes on with a character in UTF-8
+    if ((static_cast<unsigned char>(byte) & 0xC0) == 0x80) {  // continues a UTF-8 character
       lines_.at(row_).at(column_ - 1) += byte;
       return;
     }
@@ -79,7 +79,7 @@ class Screen {
   std::size_t columns_;
   std::size_t row_ = 0;
   std::size_t column_ = 0;
-  std::vector<std::vector<std::string>> lines_;  // of cells, one character each
+  std::vector<std::vector<std::string>> lines_;  // rows of cells with one character each
 };
 
 class TranscriptDisplayTest : public ::testing::Test {
@@ -209,7 +209,7 @@ TEST_F(TranscriptDisplayTest, NothingIsWiderThanTerminal) {
   display.onProgress(100, 7100);
   show(display, partial("remote", longText));
   show(display, partial("self", longText));
-  EXPECT_THAT(screen.text(), HasSubstr("for them and so on\n"));  // the newest words are what is looked for
+  EXPECT_THAT(screen.text(), HasSubstr("for them and so on\n"));  // the newest words matter
   show(display, final("remote", longText));
   display.onProblem(longText);
   display.onDiagnostic(longText);

@@ -1,11 +1,11 @@
-// What every main queue, its semaphores and its time must do.
+// Tests the contract of a main queue, its semaphores and its time.
 //
-// A world makes one of them usable in a test. On its thread, the main thread, it offers:
+// A world adapts one implementation. The test's thread is the main thread. The world provides:
 //   MainQueue& queue();
 //   double now();                               milliseconds of the time in which the queue waits
-//   void inBackground(std::function<void()>);   runs the work once beside the main thread, from any thread
+//   void inBackground(std::function<void()>);   runs the work once off the main thread; any thread
 //   void serve();                               serves the queue until stop()
-//   void stop();                                from inside a job, the last of the test; need not return
+//   void stop();                                call inside the last job of the test; may not return
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ template <typename World>
 class MainQueueContract : public testing::Test {
  protected:
   MainQueue& queue() { return world_.queue(); }
-  // Serves what has been queued until now.
+  // Runs the jobs queued so far.
   void serveAll() {
     queue().async([this] { world_.stop(); });
     world_.serve();

@@ -25,8 +25,7 @@ class SimulatedWorld {
   SimulatedMainQueue queue_{scheduler_};
 };
 
-// The threaded queue is served until the process ends. An exception passes through it, as that of a simulated
-// exit does.
+// The threaded queue runs until the process ends, so an exception stops it, like a simulated exit.
 class ThreadedWorld {
  public:
   ~ThreadedWorld() {

@@ -1,4 +1,4 @@
-// What scenarios say of speech analysis and of files: a check that cannot fail would check nothing.
+// Tests that scenario checks of speech analysis and files can fail.
 #include <gmock/gmock.h>
 
 #include <filesystem>
@@ -17,7 +17,7 @@ class AnalysisScenarioTest : public testing::Test {
   AnalysisScenarioTest() { std::filesystem::create_directories(directory_); }
   ~AnalysisScenarioTest() override { std::filesystem::remove_all(directory_); }
 
-  // Plays a scenario of these steps and further members: the report or the complaint, "" for none.
+  // Plays a scenario with these steps and additional members. Returns the report or the file error, or "".
   std::string played(const std::string& members, const std::string& steps = "") {
     const auto path = directory_ / "scenario.json";
     std::ofstream(path) << R"({"title": "t", "system": "macOS 26", "conversation": [)" + steps + "]" +
@@ -28,7 +28,7 @@ class AnalysisScenarioTest : public testing::Test {
       return error.what();
     }
   }
-  // A session of two sources that gets one chunk and is stopped; nothing is said of the output.
+  // Plays a session of two sources with one chunk. Leaves the output unexpected.
   std::string reportOnAnalyzers(const std::string& analyzers) {
     return played(R"("analyzers": )" + analyzers,
                   R"({"at": 100, "host": {"type": "session.start", "sessionId": "a"}},

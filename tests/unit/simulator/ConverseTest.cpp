@@ -1,4 +1,4 @@
-// Playing against another process: a check that cannot fail would check nothing.
+// Tests that checks against another process can fail.
 #include "simulator/stepped/Converse.h"
 
 #include <gmock/gmock.h>
@@ -42,11 +42,11 @@ class ConverseTest : public testing::Test {
       "message": "On-device Japanese speech recognition is ready.", "protocolVersion": 1}})";
     return converse(readScenario(path), command, bound);
   }
-  // What went otherwise than expected with the helper in stepped time; "" for nothing.
+  // Plays against the helper in stepped time. Returns the report of differences, or "".
   std::string report(const std::string& steps, const std::string& members = "") {
     return outcome(steps, members).report.value_or("");
   }
-  // The same with a shell script in its place, which has the control channel as its number 3.
+  // Plays against a shell script, whose descriptor 3 is the control channel.
   std::string reportOn(const std::string& script, std::chrono::milliseconds bound = unlimited) {
     return outcome("", "", {"/bin/sh", "-c", script}, bound).report.value_or("");
   }

@@ -1,4 +1,4 @@
-// The runner itself: a check that cannot fail would check nothing.
+// Tests that the checks of the scenario runner can fail.
 #include "simulator/scenario/Scenario.h"
 
 #include <gmock/gmock.h>
@@ -19,14 +19,15 @@ class ScenarioTest : public testing::Test {
  protected:
   ~ScenarioTest() override { std::filesystem::remove(path_); }
 
-  // Plays a scenario of these further members and steps behind the usual status; the report, "" for success.
+  // Plays a scenario with these steps after the usual status, and additional members. Returns the
+  // report, or "".
   std::string report(const std::string& steps, const std::string& members = "") {
     write(R"({"title": "t", )" + members + R"("templates": "status.json", "conversation": [)" +
           R"({"at": 20, "out": "status"})" + (steps.empty() ? "" : ", " + steps) + "]}");
     return play(readScenario(path_)).value_or("");
   }
-  // The complaint about a file, "" for none.
-  std::string complaint(const std::string& file) {
+  // Returns the error of reading a file, or "".
+  std::string fileError(const std::string& file) {
     write(file);
     try {
       readScenario(path_);
@@ -114,15 +115,15 @@ TEST_F(ScenarioTest, ReportsFailingSeed) {
 }
 
 TEST_F(ScenarioTest, RejectsUnknownInput) {
-  EXPECT_THAT(complaint("{"), HasSubstr("parse error"));
-  EXPECT_THAT(complaint("[]"), HasSubstr("must be an object"));
-  EXPECT_THAT(complaint(R"({"conversation": []})"), HasSubstr("has no title"));
-  EXPECT_THAT(complaint(R"({"title": "t"})"), HasSubstr("has no conversation"));
-  EXPECT_THAT(complaint(R"({"title": "t", "title": "u", "conversation": []})"), HasSubstr("repeated"));
-  EXPECT_THAT(complaint(R"({"title": "t", "conversation": [], "colour": 1})"),
+  EXPECT_THAT(fileError("{"), HasSubstr("parse error"));
+  EXPECT_THAT(fileError("[]"), HasSubstr("must be an object"));
+  EXPECT_THAT(fileError(R"({"conversation": []})"), HasSubstr("has no title"));
+  EXPECT_THAT(fileError(R"({"title": "t"})"), HasSubstr("has no conversation"));
+  EXPECT_THAT(fileError(R"({"title": "t", "title": "u", "conversation": []})"), HasSubstr("repeated"));
+  EXPECT_THAT(fileError(R"({"title": "t", "conversation": [], "colour": 1})"),
               HasSubstr("unknown key \"colour\""));
   const auto step = [this](const std::string& members) {
-    return complaint(R"({"title": "t", "conversation": [{"at": 5, "line": "x"}, {)" + members + "}]}");
+    return fileError(R"({"title": "t", "conversation": [{"at": 5, "line": "x"}, {)" + members + "}]}");
   };
   EXPECT_EQ(step(R"("line": "")"), "");
   EXPECT_THAT(step(R"("at": 6)"), HasSubstr("conversation[1]: must hold exactly one of"));

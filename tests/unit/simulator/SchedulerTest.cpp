@@ -88,7 +88,7 @@ TEST_F(SchedulerTest, NothingRunsAfterExit) {
     EXPECT_EQ(exit.status, 3);
   }
   EXPECT_TRUE(scheduler_.hasEnded());
-  // Also when somebody has swallowed the exit and goes on.
+  // Still holds after the exit was caught.
   EXPECT_THROW(scheduler_.runSlice(10), ProcessExit);
   EXPECT_THROW(scheduler_.waitUntil([] { return false; }, 10), ProcessExit);
   EXPECT_THROW(scheduler_.serve(), ProcessExit);
@@ -131,7 +131,7 @@ TEST_F(SchedulerTest, SeedShufflesEqualTimesButKeepsStreams) {
     EXPECT_EQ(order.back(), "last");
     orders.insert(order);
   }
-  EXPECT_EQ(orders.size(), 6u);  // all the ways to merge two pairs
+  EXPECT_EQ(orders.size(), 6u);  // all interleavings of two pairs
 }
 
 TEST_F(SchedulerTest, ClockShowsVirtualTimeAndCanBeSet) {

@@ -9,7 +9,7 @@ namespace palaver {
 
 namespace {
 
-// A service whose every utterance is the same, in virtual time.
+// Simulates a service in virtual time that answers every utterance alike.
 class SimulatedSubject final : public SpeechRecognitionContractSubject {
  public:
   explicit SimulatedSubject(bool callbacksOnMainThread)

@@ -1,4 +1,4 @@
-// The simulated analysis, and the one on a real recognizer, as every analysis must be.
+// Runs the contract tests on the simulated analysis and on the one with a real recognizer.
 #include "tests/support/SpeechAnalysisContract.h"
 #include "tests/support/SpeechAnalysisSubjects.h"
 

@@ -1,4 +1,5 @@
-// The table of docs/states.md, made from the helper itself in every state of the simulated machine.
+// Generates docs/states.md by running the helper in every state of the simulated machine, and compares it
+// with the file.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -34,7 +35,7 @@ it. `--health` shows the `status` there and the exit status of the process. Lett
 
 )";
 
-// Texts by the letters that stand for them.
+// Assigns letters to texts.
 class Legend {
  public:
   std::string letterFor(const std::string& text) {
@@ -81,7 +82,7 @@ Run run(SimulatedSettings settings, const std::string& argument, bool withSessio
   return result;
 }
 
-// A value of an event as a cell; empty when it is not there.
+// Returns the value of an event's key as a cell, or an empty text when the key is missing.
 std::string cell(const json& event, const char* key) {
   if (!event.contains(key)) return "";
   return "`" + (event.at(key).is_string() ? event.at(key).get<std::string>() : event.at(key).dump()) + "`";
@@ -106,7 +107,7 @@ class StateTable {
   std::string letter(const json& event) {
     return event.contains("message") ? legend_.letterFor(event.at("message")) : "";
   }
-  // What follows the sessions' start: whether they are ready, and what audio is answered with.
+  // Returns the readiness of the session and the letter of the error after its first audio.
   std::pair<std::string, std::string> sessionOf(const Run& run) {
     std::string ready, answer;
     bool hasStarted = false;
@@ -210,7 +211,7 @@ TEST(StateTable, PageMatchesHelper) {
     ASSERT_TRUE(std::getline(actual, written)) << "docs/states.md ends before line " << line;
     EXPECT_EQ(written, made) << "docs/states.md, line " << line;
   }
-  EXPECT_FALSE(std::getline(actual, written)) << "docs/states.md goes on: " << written;
+  EXPECT_FALSE(std::getline(actual, written)) << "docs/states.md has more lines: " << written;
 }
 
 }  // namespace

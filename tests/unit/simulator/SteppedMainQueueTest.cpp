@@ -1,4 +1,4 @@
-// The test is the main thread; another thread moves the time.
+// Tests the queue with the test as the main thread. Another thread advances the time.
 #include "simulator/stepped/SteppedMainQueue.h"
 
 #include <gtest/gtest.h>
@@ -20,9 +20,9 @@ class SteppedMainQueueTest : public testing::Test {
     if (other_.joinable()) other_.join();
   }
 
-  // Lets another thread do something while this one waits.
+  // Runs the work on another thread while this one waits.
   void meanwhile(std::function<void()> work) { other_ = std::thread(std::move(work)); }
-  // Moves the time to the next thing that falls due, as soon as there is one.
+  // Advances the time to the next due job. Waits until one is scheduled.
   void awaitNext() {
     while (!timeline_.nextDue()) std::this_thread::yield();
     timeline_.runNext(*timeline_.nextDue(), End::included);
@@ -59,11 +59,11 @@ TEST_F(SteppedMainQueueTest, TimeoutOfEarlierWaitEndsNoLaterOne) {
   semaphore->signal();
   EXPECT_TRUE(semaphore->wait(20));
   meanwhile([&] {
-    awaitNext();  // that of the first wait
+    awaitNext();  // the timeout of the first wait
     awaitNext();
   });
   EXPECT_FALSE(semaphore->wait(30));
-  EXPECT_GE(timeline_.now(), 30);  // more when the first fell due before the second wait began
+  EXPECT_GE(timeline_.now(), 30);  // later when the first timeout was due before the second wait began
 }
 
 TEST_F(SteppedMainQueueTest, EverySignalEndsOneWait) {
@@ -117,16 +117,16 @@ TEST_F(SteppedMainQueueTest, ServedQueueRunsCallbacksAndJobsInOrder) {
 TEST_F(SteppedMainQueueTest, SliceInsideJobDeliversNothingIfDisabled) {
   struct Stop {};
   queue_.setSlicesDeliverInsideJobs(false);
-  bool heardInside = false, heard = false;
+  bool deliveredInside = false, delivered = false;
   queue_.async([&] {
-    callBack([&] { heard = true; });
+    callBack([&] { delivered = true; });
     queue_.runSlice(50);
-    heardInside = heard;
+    deliveredInside = delivered;
     queue_.async([] { throw Stop(); });
   });
   EXPECT_THROW(queue_.run(), Stop);
-  EXPECT_FALSE(heardInside);
-  EXPECT_TRUE(heard);
+  EXPECT_FALSE(deliveredInside);
+  EXPECT_TRUE(delivered);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Tests of tools/check-macho: a program as it has to be passes, and each kind of damage is found and named.
+"""Tests tools/check-macho: a valid program passes, and each kind of damage is reported by name.
 
-usage: check_macho_test.py VERSION [PROGRAM]     VERSION is the project's; PROGRAM a real binary for macOS to damage too
+usage: check_macho_test.py VERSION [PROGRAM]     VERSION of the project; PROGRAM is a real macOS binary to test too
 """
 
 import hashlib
@@ -41,13 +41,13 @@ LIBRARIES = ["/usr/lib/libSystem.B.dylib", "/usr/lib/libobjc.A.dylib"] + [
 
 
 def text_command(number, text, head):
-    """A load command that ends in a text; `head` is its length without it."""
+    """Returns a load command that ends in a text. `head` is its length without the text."""
     padded = text.encode() + bytes(8 - len(text.encode()) % 8)
     return struct.pack("<3I", number, head + len(padded), head) + bytes(head - 12) + padded
 
 
 def code_directory(code, *, flags=0x2, bound=bytes(32), hashes=None, limit=None):
-    """`bound`: the hash of the property list that the signature holds; zeros for none."""
+    """`bound` is the hash of the property list in the signature, or zeros for none."""
     identifier = b"app.palaver.stthelper\0"
     slots = [bound]  # slot 1, in front of the pages
     pages = [hashlib.sha256(code[at:at + PAGE]).digest() for at in range(0, len(code), PAGE)]
@@ -63,7 +63,7 @@ def code_directory(code, *, flags=0x2, bound=bytes(32), hashes=None, limit=None)
 
 def make_program(*, processor=0x0100000C, kind=2, oldest=14 << 16, platform=1, libraries=LIBRARIES, search_paths=(),
                  info_plist=INFO_PLIST, behind=b"", signed=True, **signing):
-    """A program of two pages with all that the check looks at, and a signature."""
+    """Returns a signed program of two pages with everything that the check reads."""
     commands = [struct.pack("<6I", 0x32, 24, platform, oldest, oldest, 0), text_command(0xE, "/usr/lib/dyld", 12),
                 struct.pack("<2I2Q", 0x80000028, 24, 0, 0)]
     commands += [text_command(0xC, path, 24) for path in libraries]
@@ -185,7 +185,7 @@ class CheckMachO(unittest.TestCase):
             damaged = bytearray(data)
             damaged[at] ^= 0xFF
             wrong, lines = findings(damaged)
-            # Of the signature itself not every byte matters: it names, say, its own identifier.
+            # Not every byte of the signature matters, for example those of its identifier.
             self.assertTrue(wrong or at >= 2 * PAGE, f"byte {at}: {lines}")
 
     def test_non_program_is_reported(self):
@@ -220,10 +220,10 @@ class PropertyList(unittest.TestCase):
 
 
 class RealProgram(unittest.TestCase):
-    """The same damage, to a program that a linker made."""
+    """Tests the same damage on a linked program."""
 
     def setUp(self):
-        if not PROGRAM: self.skipTest("no program was named")
+        if not PROGRAM: self.skipTest("no program was given")
         self.data = pathlib.Path(PROGRAM).read_bytes()
 
     def damaged(self, old, new, *subjects):

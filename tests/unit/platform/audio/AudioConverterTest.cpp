@@ -1,4 +1,4 @@
-// The resampler off macOS, against the ideal: sweeps of sine waves with a tolerance derived from the ratio.
+// Compares the resampler used off macOS with ideal sine waves. The tolerance is derived from the ratio.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -36,7 +36,7 @@ std::shared_ptr<PCMBuffer> sineBuffer(const AudioFormat& format, double frequenc
   return buffer;
 }
 
-// Converts a stream of `frames` input frames in chunks, each given once.
+// Converts a stream of `frames` input frames in chunks.
 std::vector<double> convertSine(AudioConverter& converter, double frequency, std::size_t frames,
                                 std::uint32_t chunk) {
   std::vector<double> out;
@@ -59,8 +59,8 @@ std::vector<double> convertSine(AudioConverter& converter, double frequency, std
   return out;
 }
 
-// Signal to error in dB, against the ideal sine whose first sample is the first input sample. The first
-// frames are left out, where the resampler's filter still sees the silence before the stream.
+// Returns the signal-to-error ratio in dB against the ideal sine that starts at the first input sample.
+// Excludes the first frames, where the resampler's filter still covers the silence before the stream.
 double signalToError(const std::vector<double>& samples, double frequency, double sampleRate,
                      std::size_t edge) {
   double signal = 0;
@@ -85,7 +85,7 @@ TEST_P(ResamplingTo, SineSNRIsAtLeast95dB) {
   const double rate = GetParam();
   const auto edge = static_cast<std::size_t>(std::ceil(200 * rate / 16000));  // 200 input frames
   for (const double frequency : {300.0, 1000.0, 3400.0, 7000.0}) {
-    if (frequency > 0.425 * rate) continue;  // beyond what the output can carry without aliasing
+    if (frequency > 0.425 * rate) continue;  // would alias in the output
     const auto converter =
         makeConverter(mono(CommonFormat::float32, 16000), mono(CommonFormat::float32, rate));
     ASSERT_TRUE(converter);
@@ -101,7 +101,7 @@ TEST_P(ResamplingTo, SineSNRIn16BitsIsAtLeast88dB) {
   const auto converter = makeConverter(mono(CommonFormat::int16, 16000), mono(CommonFormat::int16, rate));
   ASSERT_TRUE(converter);
   const auto samples = convertSine(*converter, 1000, 32000, 1600);
-  // Two roundings to 16 bits under a sine of half of full scale: 98.1 - 6 - 3 dB.
+  // Two roundings to 16 bits with a sine at half of full scale: 98.1 - 6 - 3 dB.
   EXPECT_GE(signalToError(samples, 1000, rate, edge), 88);
 }
 
@@ -114,7 +114,7 @@ TEST_P(ResamplingTo, ChunkSizeDoesNotChangeSamples) {
   const auto whole = convertInChunksOf(9600);
   for (const std::uint32_t chunk : {1u, 7u, 160u, 1600u}) {
     const auto pieces = convertInChunksOf(chunk);
-    // How much is held back at the end depends on the last chunk: a few input frames.
+    // The resampler holds back a few input frames at the end. Their count depends on the last chunk.
     const std::size_t common = std::min(whole.size(), pieces.size());
     EXPECT_LE(static_cast<double>(std::max(whole.size(), pieces.size()) - common),
               std::ceil(8 * GetParam() / 16000));
@@ -130,8 +130,8 @@ TEST_P(ResamplingTo, DoesNotDrift) {
   const auto input = std::make_shared<PCMBuffer>(mono(CommonFormat::float32, 16000), 1600);
   input->setFrameLength(1600);
   std::fill_n(input->floatChannelData(), 1600, 0.0f);
-  // An hour where one audio system has it, five minutes elsewhere: the phase of the resampler comes round
-  // many times.
+  // One hour at 48 kHz, a common rate, and five minutes at other rates. The resampler's phase wraps
+  // around many times.
   const std::uint64_t chunks = rate == 48000 ? 36'000 : 3'000;
   std::uint64_t out = 0;
   for (std::uint64_t i = 0; i < chunks; ++i) {
@@ -158,7 +158,7 @@ INSTANTIATE_TEST_SUITE_P(EveryRate, ResamplingTo,
                          });
 
 TEST(AudioConverter, FirstOutputSampleIsFirstInputSample) {
-  // A step far from the edges of the filter: the sample after the step is where the input has it.
+  // Uses a step far from the edges of the filter. The output must step at the same time as the input.
   const auto converter =
       makeConverter(mono(CommonFormat::float32, 16000), mono(CommonFormat::float32, 48000));
   const auto input = std::make_shared<PCMBuffer>(converter->inputFormat(), 1600);

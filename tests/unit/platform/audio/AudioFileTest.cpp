@@ -1,4 +1,4 @@
-// Sound files as the platform reads them.
+// Tests how the platform reads sound files.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -24,7 +24,7 @@ class AudioFileTest : public testing::Test {
   }
   std::unique_ptr<AudioFile> open(const std::filesystem::path& which) { return files.openForReading(which); }
 
-  // Reads to the end in buffers of so many frames; the frames of each read.
+  // Reads to the end in buffers of `frames` frames. Returns the frames of each read.
   static std::vector<std::uint32_t> readAll(AudioFile& file, std::uint32_t frames, float loudness,
                                             float tolerance) {
     std::vector<std::uint32_t> lengths;
@@ -55,7 +55,7 @@ TEST_F(AudioFileTest, EveryContainerAndSampleTypeIsReadAsFloat) {
     for (const auto* const encoding : {"int16", "int24", "float"}) {
       const std::string name = std::string(container) + " " + encoding;
       SCOPED_TRACE(name);
-      if (name == "flac float") continue;  // there is no such thing
+      if (name == "flac float") continue;  // FLAC has no float samples
       const auto file = open(write({container, encoding, 16000, 1, 10000, 0.25}));
       EXPECT_EQ(file->processingFormat(), (AudioFormat{CommonFormat::float32, 16000, 1, false}));
       EXPECT_EQ(file->length(), 10000);
@@ -77,7 +77,7 @@ TEST_F(AudioFileTest, RateAndChannelsAreThoseOfFile) {
 }
 
 TEST_F(AudioFileTest, EmptyFileHasNoFrames) {
-  // Without a frame the writer of FLAC writes nothing at all.
+  // The FLAC encoder writes no file without frames.
   for (const auto* const container : {"wav", "aiff", "ogg"}) {
     const auto file = open(write({container, "int16", 16000, 1, 0, 0}));
     EXPECT_EQ(file->length(), 0) << container;
@@ -108,8 +108,8 @@ TEST_F(AudioFileTest, TruncatedWAVYieldsAvailableFrames) {
   EXPECT_LE(frames, 5000);
 }
 
-// A coded stream that breaks off: what can be decoded is given, and the end is an error or an end, never a
-// crash or an endless read.
+// A truncated coded stream yields the decodable frames, then an error or the end. It never crashes
+// or reads endlessly.
 TEST_F(AudioFileTest, TruncatedCodedFileEnds) {
   for (const auto* const container : {"flac", "ogg"}) {
     const auto cut = write({container, "int16", 16000, 1, 100000, 0.25});

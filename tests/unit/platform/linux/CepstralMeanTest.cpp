@@ -12,7 +12,7 @@ using testing::ElementsAre;
 
 class CepstralMeanTest : public testing::Test {
  protected:
-  // Frames that all have these coefficients.
+  // Adds frames with these coefficients.
   void add(std::int32_t frames, mfcc_t first, mfcc_t second) {
     const auto count = static_cast<mfcc_t>(frames);
     mean_.add(std::array{count * first, count * second}, frames);
@@ -26,7 +26,7 @@ TEST_F(CepstralMeanTest, StartsAtInitialMean) {
   mean_.confirm();
   EXPECT_THAT(mean_.mean(), ElementsAre(40, -5));
   add(10, 1, 2);
-  EXPECT_THAT(mean_.mean(), ElementsAre(40, -5)) << "nobody has said that this is speech";
+  EXPECT_THAT(mean_.mean(), ElementsAre(40, -5)) << "the frames are not confirmed as speech";
   EXPECT_EQ(mean_.speechFrames(), 0);
 }
 

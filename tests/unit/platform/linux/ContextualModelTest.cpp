@@ -51,7 +51,7 @@ TEST(ContextualModel, PhraseProbabilitiesAreARPABigrams) {
             "\\data\\\nngram 1=4\nngram 2=4\n\n"
             "\\1-grams:\n"
             "-0.544068 </s> 0.000000\n"   // 2 of 7
-            "-0.544068 <s> -0.698970\n"   // 2 of 7; followed, so a fifth is left to others
+            "-0.544068 <s> -0.698970\n"   // 2 of 7; its successors leave 0.2 to other words
             "-0.544068 go -0.698970\n"    // 2 of 7
             "-0.845098 on -0.698970\n\n"  // 1 of 7
             "\\2-grams:\n"

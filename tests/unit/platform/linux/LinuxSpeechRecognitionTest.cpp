@@ -35,7 +35,7 @@ class LinuxSubject final : public SpeechRecognitionContractSubject {
 INSTANTIATE_TEST_SUITE_P(Linux, SpeechRecognitionContract,
                          testing::Values([] { return std::make_unique<LinuxSubject>(); }));
 
-// A request with its task and answers, on a recognizer that may go before it.
+// Holds a request with its task and answers. The recognizer may be destroyed first.
 struct Conversation {
   Conversation(SpeechRecognizer& recognizer, std::vector<std::string> phrases = {})
       : request(recognizer.makeRequest({.shouldReportPartialResults = true,
@@ -44,7 +44,7 @@ struct Conversation {
                                         .contextualStrings = std::move(phrases)})),
         task(recognizer.recognitionTask(request, answers.handler())) {}
 
-  // The final text, or the error.
+  // Ends the audio and returns the final text, or the error.
   std::string finish() {
     request->endAudio();
     const auto last = answers.waitForLast();
@@ -52,7 +52,7 @@ struct Conversation {
     return last->error ? "error: " + last->error->localizedDescription() : last->result->formattedString;
   }
 
-  std::string hear(std::span<const std::int16_t> samples) {
+  std::string recognize(std::span<const std::int16_t> samples) {
     appendInBuffers(*request, samples);
     return finish();
   }
@@ -62,14 +62,14 @@ struct Conversation {
   std::unique_ptr<RecognitionTask> task;
 };
 
-// How many words have to be put in, taken out or changed to make one text of the other.
-std::size_t wordErrors(const std::string& expected, const std::string& heard) {
+// Returns the word edit distance: insertions, deletions and substitutions.
+std::size_t wordErrors(const std::string& expected, const std::string& recognized) {
   const auto split = [](const std::string& text) {
     std::istringstream stream(text);
     return std::vector<std::string>(std::istream_iterator<std::string>(stream), {});
   };
   const auto a = split(expected);
-  const auto b = split(heard);
+  const auto b = split(recognized);
   std::vector<std::size_t> row(b.size() + 1);
   for (std::size_t j = 0; j <= b.size(); ++j) row[j] = j;
   for (std::size_t i = 1; i <= a.size(); ++i) {
@@ -124,30 +124,30 @@ TEST(LinuxSpeechRecognition, ModelWithMissingFileIsNotInstalled) {
 }
 
 TEST_F(LinuxRecognition, RealRecordingIsRecognized) {
-  EXPECT_EQ(Conversation(*recognizer_).hear(readRecording(testData / "goforward.raw")),
+  EXPECT_EQ(Conversation(*recognizer_).recognize(readRecording(testData / "goforward.raw")),
             "go forward ten meters");
 }
 
-// One voice throughout, to which the recognizer adapts: of 16 words, five at most are heard wrong.
+// The recognizer adapts to the single voice. At most 5 of the 16 words are wrong.
 TEST_F(LinuxRecognition, LongerReadingHasAtMost5WordErrors) {
   const std::pair<const char*, const char*> sentences[] = {
       {"0880", "he was not an ill disposed young man"},
       {"0930", "he might even have been made amiable himself"}};
   std::size_t errors = 0;
   for (const auto& [number, words] : sentences)
-    errors += wordErrors(words, Conversation(*recognizer_).hear(sentence(number)));
+    errors += wordErrors(words, Conversation(*recognizer_).recognize(sentence(number)));
   EXPECT_LE(errors, 5U);
 }
 
 TEST_F(LinuxRecognition, PartialsChangeTowardsFinal) {
   Conversation conversation(*recognizer_);
-  conversation.hear(readRecording(testData / "goforward.raw"));
+  conversation.recognize(readRecording(testData / "goforward.raw"));
   const auto answers = conversation.answers.all();
   std::string previous;
   for (std::size_t i = 0; i + 1 < answers.size(); ++i) {
     ASSERT_TRUE(answers[i].result);
     const auto& result = *answers[i].result;
-    EXPECT_NE(result.formattedString, previous) << "only changes are reported";
+    EXPECT_NE(result.formattedString, previous) << "only changed texts are reported";
     EXPECT_NE(result.formattedString, "");
     std::string joined;
     for (const auto& segment : result.segments) joined += (joined.empty() ? "" : " ") + segment.substring;
@@ -163,17 +163,18 @@ TEST_F(LinuxRecognition, ContextualPhrasesImproveRecognition) {
       "and mister john dashwood had then leisure to consider how much there might be prudently in his power "
       "to do for "
       "them";
-  const std::string without = Conversation(*recognizer_).hear(recording);
+  const std::string without = Conversation(*recognizer_).recognize(recording);
   ASSERT_THAT(without, Not(HasSubstr("prudently")));
 
-  const auto expecting = recognition_.makeRecognizer("en-US");
+  const auto recognizerWithPhrases = recognition_.makeRecognizer("en-US");
   const std::string with =
-      Conversation(*expecting, {"Mister John Dashwood", "prudently", "leisure to consider"}).hear(recording);
+      Conversation(*recognizerWithPhrases, {"Mister John Dashwood", "prudently", "leisure to consider"})
+          .recognize(recording);
   EXPECT_THAT(with, HasSubstr("prudently"));
   EXPECT_LT(wordErrors(words, with), wordErrors(words, without));
 
-  // A recognizer's vocabulary is that of its newest request.
-  EXPECT_THAT(Conversation(*expecting).hear(recording), Not(HasSubstr("prudently")));
+  // The newest request determines the vocabulary of a recognizer.
+  EXPECT_THAT(Conversation(*recognizerWithPhrases).recognize(recording), Not(HasSubstr("prudently")));
 }
 
 TEST_F(LinuxRecognition, UnusualVocabularyIsHarmless) {
@@ -200,21 +201,21 @@ TEST_F(LinuxRecognition, UnusualVocabularyIsHarmless) {
       many};
   const auto recording = readRecording(testData / "goforward.raw");
   for (std::size_t i = 0; i < vocabularies.size(); ++i)
-    EXPECT_EQ(Conversation(*recognizer_, vocabularies[i]).hear(recording), "go forward ten meters") << i;
+    EXPECT_EQ(Conversation(*recognizer_, vocabularies[i]).recognize(recording), "go forward ten meters") << i;
 }
 
 TEST_F(LinuxRecognition, ConcurrentRecognizersKeepAudioApart) {
   const std::pair<std::vector<std::int16_t>, std::string> channels[] = {
       {readRecording(testData / "goforward.raw"), "go forward ten meters"},
       {readRecording(testData / "something.raw"), "go somewhere and do something"}};
-  constexpr std::size_t count = 6;  // one more than one engine thread takes
+  constexpr std::size_t count = 6;  // one more than an engine thread serves
   std::vector<std::unique_ptr<SpeechRecognizer>> recognizers;
   std::list<Conversation> conversations;
   for (std::size_t i = 0; i < count; ++i) {
     recognizers.push_back(recognition_.makeRecognizer("en-US"));
     conversations.emplace_back(*recognizers.back());
   }
-  // In turns, a second at a time.
+  // Feeds the recognizers in turns of one second.
   for (std::size_t start = 0; start < 3 * 16000; start += 16000) {
     std::size_t i = 0;
     for (auto& conversation : conversations) {
@@ -249,7 +250,7 @@ TEST_F(LinuxRecognition, DestroyingRequestEndsAudio) {
 }
 
 TEST_F(LinuxRecognition, CancellingDropsLongBacklogImmediately) {
-  // Six hours of speech would take the better part of one.
+  // The backlog is six hours of speech. Decoding it would take a large part of an hour.
   const auto speech = makeSpeechBuffer(sentence("0870"));
   Conversation abandoned(*recognizer_);
   for (int i = 0; i < 3000; ++i) abandoned.request->append(speech);
@@ -282,7 +283,7 @@ TEST_F(LinuxRecognition, ThrowingHandlerIsHarmless) {
   const auto task =
       recognizer_->recognitionTask(request, [](auto, auto) { throw std::runtime_error("handler"); });
   request->endAudio();
-  EXPECT_EQ(Conversation(*recognizer_).hear(readRecording(testData / "goforward.raw")),
+  EXPECT_EQ(Conversation(*recognizer_).recognize(readRecording(testData / "goforward.raw")),
             "go forward ten meters");
 }
 
@@ -296,7 +297,7 @@ TEST_F(LinuxRecognition, AudioOfOtherFormatIsError) {
     conversation.request->append(buffer);
     EXPECT_THAT(conversation.finish(), HasSubstr("16 kHz"));
   }
-  EXPECT_EQ(Conversation(*recognizer_).hear(readRecording(testData / "goforward.raw")),
+  EXPECT_EQ(Conversation(*recognizer_).recognize(readRecording(testData / "goforward.raw")),
             "go forward ten meters");
 }
 
@@ -304,10 +305,10 @@ TEST_F(LinuxRecognition, EmptyBufferIsIgnored) {
   Conversation conversation(*recognizer_);
   conversation.request->append(makeSpeechBuffer({}));
   conversation.request->append(nullptr);
-  EXPECT_EQ(conversation.hear(readRecording(testData / "goforward.raw")), "go forward ten meters");
+  EXPECT_EQ(conversation.recognize(readRecording(testData / "goforward.raw")), "go forward ten meters");
 }
 
-// Every handle goes while the engine is at work, in each order.
+// Destroys the handles while the engine is decoding, in several orders.
 TEST(LinuxSpeechRecognition, HandlesMayBeDestroyedInAnyOrder) {
   const auto speech = sentence("0930");
   for (int order = 0; order < 24; order += 5) {
@@ -352,7 +353,7 @@ TEST_F(DamagedModelRecognition, TruncatedMeansFileIsError) {
   model_.replace(model_.file("means"), DamagedModel::read(model_.file("means")).substr(0, 400000));
   EXPECT_TRUE(recognizer_->supportsOnDeviceRecognition());
   Conversation conversation(*recognizer_);
-  EXPECT_EQ(conversation.hear(readRecording(testData / "goforward.raw")),
+  EXPECT_EQ(conversation.recognize(readRecording(testData / "goforward.raw")),
             "error: The speech model file means is damaged: its checksum is wrong");
   const auto answers = conversation.answers.all();
   ASSERT_EQ(answers.size(), 1U);
@@ -374,17 +375,17 @@ TEST_F(DamagedModelRecognition, RepairedModelServesNextTask) {
   EXPECT_EQ(Conversation(*recognizer_).finish(),
             "error: The speech model file sendump is damaged: it is empty");
   model_.restore(model_.file("sendump"));
-  EXPECT_EQ(Conversation(*recognizer_).hear(readRecording(testData / "goforward.raw")),
+  EXPECT_EQ(Conversation(*recognizer_).recognize(readRecording(testData / "goforward.raw")),
             "go forward ten meters");
 }
 
 TEST_F(DamagedModelRecognition, DamageIsDetectedWhileOtherDecoderRuns) {
-  EXPECT_EQ(Conversation(*recognizer_).hear(readRecording(testData / "goforward.raw")),
+  EXPECT_EQ(Conversation(*recognizer_).recognize(readRecording(testData / "goforward.raw")),
             "go forward ten meters");
   model_.replace(model_.file("mdef"), "");
   const auto second = recognition_.makeRecognizer("en-US");
   EXPECT_EQ(Conversation(*second).finish(), "error: The speech model file mdef is damaged: it is empty");
-  EXPECT_EQ(Conversation(*recognizer_).hear(readRecording(testData / "goforward.raw")),
+  EXPECT_EQ(Conversation(*recognizer_).recognize(readRecording(testData / "goforward.raw")),
             "go forward ten meters");
 }
 

@@ -12,7 +12,7 @@ namespace {
 
 const std::filesystem::path testData = "/usr/share/pocketsphinx/test/data";
 
-// Quiet noise, as a microphone in a quiet room gives it; repeatable.
+// Returns quiet noise, like a microphone in a quiet room. Deterministic.
 std::vector<std::int16_t> quiet(double seconds, double amplitude = 20) {
   std::mt19937 random(1);
   std::normal_distribution<double> noise(0, amplitude);
@@ -39,19 +39,19 @@ TEST_F(TranscriptionTest, FinishYieldsWordsAndTimes) {
   const auto segments = transcription.segments();
   ASSERT_EQ(segments.size(), 4U);
   EXPECT_EQ(segments[0].substring, "go");
-  // Heard and seen in the recording's waveform, to 100 ms.
+  // The times were determined by ear and from the waveform, to 100 ms.
   EXPECT_NEAR(segments[0].timestamp, 0.46, 0.1);
   EXPECT_NEAR(segments[3].timestamp + segments[3].duration, 2.11, 0.1);
 }
 
-// The model's own idea of a voice and a microphone suits this recording badly: at first it is misheard.
+// The model's initial cepstral mean fits this voice and microphone badly, so the first decoding is wrong.
 TEST_F(TranscriptionTest, UnknownVoiceIsRedecodedInPauseAfterWords) {
   const auto speech = readRecording(testData / "cards/001.wav");
   Transcription transcription(decoder_);
   process(transcription, speech);
   EXPECT_NE(transcription.text(), "ten of clubs");
   process(transcription, quiet(0.6));
-  EXPECT_EQ(transcription.text(), "ten of clubs") << "before the audio has ended";
+  EXPECT_EQ(transcription.text(), "ten of clubs") << "before the end of the audio";
   transcription.finish();
   EXPECT_EQ(transcription.text(), "ten of clubs");
 }
@@ -64,9 +64,9 @@ TEST_F(TranscriptionTest, VoiceIsKnownAfter8sOfSpeech) {
     decoder_.startUtterance();
     EXPECT_EQ(decoder_.knowsVoice(), isKnown);
     decoder_.process(speech);
-    EXPECT_EQ(decoder_.knowsVoice(), isKnown) << "not within an utterance";
+    EXPECT_EQ(decoder_.knowsVoice(), isKnown) << "the state changes between utterances only";
     decoder_.redecode(speech);
-    EXPECT_EQ(decoder_.knowsVoice(), isKnown) << "nothing is learnt twice";
+    EXPECT_EQ(decoder_.knowsVoice(), isKnown) << "re-decoding adds no speech";
     EXPECT_FALSE(decoder_.segments().empty());
     decoder_.endUtterance();
   }
@@ -86,8 +86,8 @@ TEST_F(TranscriptionTest, WordsAfterLongSilenceAreCompleteAndTimedFromFirstSampl
     double seconds;
     double amplitude;  // of 32768
   };
-  // Silences that are not decoded, and noise that is, which let the decoder's utterance begin anew at
-  // different places in and before the speech.
+  // Undecoded silences and decoded noise make the decoder start utterances at different positions in and
+  // before the speech.
   for (const auto [seconds, amplitude] :
        {Silence{0.05, 20}, {1.0, 20}, {31.0, 20}, {600.0, 20}, {9.7, 110}, {10.1, 110}}) {
     Transcription transcription(decoder_);

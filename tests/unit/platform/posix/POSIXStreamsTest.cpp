@@ -18,7 +18,7 @@
 namespace palaver {
 namespace {
 
-// Two connected descriptors, closed at the end.
+// Owns two connected descriptors.
 class Pair {
  public:
   enum class Kind { pipe, socket };
@@ -58,7 +58,7 @@ std::string pattern(std::size_t size) {
   return text;
 }
 
-// Reads to the end, in reads of the given size.
+// Reads to the end in reads of `step` bytes.
 std::string readAll(int descriptor, std::size_t step) {
   std::string all, bytes(step, '\0');
   for (;;) {
@@ -69,7 +69,7 @@ std::string readAll(int descriptor, std::size_t step) {
   }
 }
 
-// Collects the input in rooms of a given size, and tells when it has ended.
+// Collects the input in buffers of a given size and reports its end.
 class Collector final : public InputHandler {
  public:
   explicit Collector(std::size_t room) : room_(room, '\0') {}
@@ -89,7 +89,7 @@ class Collector final : public InputHandler {
   }
 
   int reads() const { return reads_; }
-  // All input, once it has ended; none after the deadline.
+  // Waits for the end and returns all input. None after the deadline.
   std::optional<std::string> awaitEnd() {
     if (end_.get_future().wait_for(std::chrono::seconds(60)) != std::future_status::ready)
       return std::nullopt;
@@ -103,7 +103,7 @@ class Collector final : public InputHandler {
   std::promise<void> end_;
 };
 
-// Interrupts a thread's system calls over and over while it lives.
+// Interrupts the system calls of a thread repeatedly until destroyed.
 class Interruptions {
  public:
   explicit Interruptions(pthread_t target) {
@@ -162,7 +162,7 @@ TEST_F(POSIXStreamsTest, SlowReaderGetsEverything) {
 }
 
 TEST_F(POSIXStreamsTest, ByteWiseReaderGetsEverything) {
-  const auto text = pattern(200000);  // more than the buffers hold, so that writes are short
+  const auto text = pattern(200000);  // exceeds the buffers, so that writes are partial
   for (const auto& [kind, nonBlocking] : shapes) {
     Pair pair(kind);
     if (nonBlocking) Pair::setNonBlocking(pair.writer());
@@ -190,7 +190,7 @@ TEST_F(POSIXStreamsTest, InterruptedWriteResumes) {
     std::future<std::string> read;
     {
       const Interruptions interruptions(::pthread_self());
-      // Nothing is read before the first interruption: on a busy machine the write could end without any.
+      // Reads nothing before the first interruption. Otherwise the write could end without one.
       read = std::async(std::launch::async, [&] {
         while (Interruptions::interrupted == 0) std::this_thread::yield();
         return readAll(pair.reader(), 4096);
@@ -219,9 +219,9 @@ TEST_F(POSIXStreamsTest, ReaderClosingDuringWriteUnblocksIt) {
     Pair pair(kind);
     if (nonBlocking) Pair::setNonBlocking(pair.writer());
     auto written = std::async(std::launch::async, [&] {
-      DescriptorOutput(pair.writer()).write(pattern(8 << 20));  // far more than the buffers hold
+      DescriptorOutput(pair.writer()).write(pattern(8 << 20));  // far exceeds the buffers
     });
-    // The first bytes show that the write is under way.
+    // The first byte shows that the write has begun.
     char byte = 0;
     ASSERT_EQ(::read(pair.reader(), &byte, 1), 1);
     pair.closeReader();
@@ -273,16 +273,16 @@ TEST_F(POSIXStreamsTest, InterruptedReadResumes) {
   for (const auto& [kind, nonBlocking] : shapes) {
     Pair pair(kind);
     if (nonBlocking) Pair::setNonBlocking(pair.reader());
-    // The reader's thread is not ours to name, but it tells its handle with the first room it asks for.
-    class Named final : public InputHandler {
+    // Captures the handle of the reader thread when it requests the first buffer.
+    class ThreadCapture final : public InputHandler {
      public:
       std::span<char> prepare() override {
-        if (!std::exchange(told_, true)) thread.set_value(::pthread_self());
+        if (!std::exchange(hasThread_, true)) thread.set_value(::pthread_self());
         return collector.prepare();
       }
       void received(std::size_t count) override { collector.received(count); }
       void ended() override {
-        mayEnd.get_future().wait();  // so that the thread outlives the signals
+        mayEnd.get_future().wait();  // keeps the thread alive until the signals end
         collector.ended();
       }
       Collector collector{4096};
@@ -290,7 +290,7 @@ TEST_F(POSIXStreamsTest, InterruptedReadResumes) {
       std::promise<void> mayEnd;
 
      private:
-      bool told_ = false;
+      bool hasThread_ = false;
     } handler;
     DescriptorInput input(pair.reader());
     input.start(handler);
@@ -324,7 +324,7 @@ TEST_F(POSIXStreamsTest, UnreadableInputCountsAsEnded) {
 
 TEST_F(POSIXStreamsTest, ResetConnectionCountsAsEnded) {
   Pair pair(Pair::Kind::socket);
-  // Unread bytes at the closed end make the other end's read fail instead of ending.
+  // Unread bytes at the closed end make the read of the other end fail instead of reporting the end.
   ASSERT_EQ(::write(pair.reader(), "unread", 6), 6);
   Collector collector(16);
   DescriptorInput input(pair.reader());
@@ -333,7 +333,7 @@ TEST_F(POSIXStreamsTest, ResetConnectionCountsAsEnded) {
   EXPECT_EQ(collector.awaitEnd(), "");
 }
 
-// Runs in a child of the test, so that the descriptors of the test stay.
+// Runs in a child process, which keeps the test's descriptors open.
 [[noreturn]] void prepareWithClosed(int mask) {
   for (int descriptor = 0; descriptor < 3; ++descriptor)
     if (mask >> descriptor & 1) ::close(descriptor);
@@ -343,9 +343,9 @@ TEST_F(POSIXStreamsTest, ResetConnectionCountsAsEnded) {
   struct sigaction action {};
   ::sigaction(SIGPIPE, nullptr, &action);
   if (action.sa_handler != SIG_IGN) ::_exit(20);
-  // A file opened later takes no standard descriptor.
+  // A file opened later must not get a standard descriptor.
   if (::open("/dev/null", O_RDONLY | O_CLOEXEC) < 3) ::_exit(21);
-  // What was closed reads as ended and swallows what is written.
+  // A replaced stream reads as ended and discards writes.
   char byte = 0;
   if (mask & 1 && ::read(0, &byte, 1) != 0) ::_exit(22);
   if (mask & 2 && ::write(1, "x", 1) != 1) ::_exit(23);
