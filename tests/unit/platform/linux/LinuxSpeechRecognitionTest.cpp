@@ -161,8 +161,7 @@ TEST_F(LinuxRecognition, ContextualPhrasesImproveRecognition) {
   const auto recording = sentence("0870");
   const std::string words =
       "and mister john dashwood had then leisure to consider how much there might be prudently in his power "
-      "to do for "
-      "them";
+      "to do for them";
   const std::string without = Conversation(*recognizer_).recognize(recording);
   ASSERT_THAT(without, Not(HasSubstr("prudently")));
 
