@@ -1,4 +1,4 @@
-// Simulates a helper that misbehaves, for the tests of the host. The first argument selects the behavior:
+// Simulates a helper that misbehaves, for the tests of the host. The first argument selects the behaviour:
 //
 //   well            serves a session: a partial for the first loud chunk of a source, a final after 5 quiet
 //                   chunks
@@ -45,17 +45,17 @@ struct Source {
 
 class FakeHelper {
  public:
-  explicit FakeHelper(std::string behavior) : behavior_(std::move(behavior)) {}
+  explicit FakeHelper(std::string behaviour) : behaviour_(std::move(behaviour)) {}
 
   void run() {
-    if (behavior_ == "silent") blockForever();
+    if (behaviour_ == "silent") blockForever();
     write({{"type", "helper.status"}, {"status", "ready"}, {"available", true}, {"message", "ready"}});
     for (std::string line; readLine(line);) handle(nlohmann::json::parse(line));
   }
 
   int finish() const {
-    if (behavior_ == "stays") blockForever();
-    return behavior_ == "fails" ? 5 : 0;
+    if (behaviour_ == "stays") blockForever();
+    return behaviour_ == "fails" ? 5 : 0;
   }
 
  private:
@@ -70,8 +70,8 @@ class FakeHelper {
 
   bool readByte(char& byte) {
     if (at_ == read_) {
-      if (behavior_ == "slow" && ready_) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-      const auto count = ::read(STDIN_FILENO, buffer_, behavior_ == "slow" ? 4096 : sizeof buffer_);
+      if (behaviour_ == "slow" && ready_) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      const auto count = ::read(STDIN_FILENO, buffer_, behaviour_ == "slow" ? 4096 : sizeof buffer_);
       if (count <= 0) return false;
       at_ = 0;
       read_ = static_cast<std::size_t>(count);
@@ -82,9 +82,9 @@ class FakeHelper {
 
   void handle(const nlohmann::json& command) {
     const std::string type = command.at("type");
-    if (behavior_ == "never-ready") return;
+    if (behaviour_ == "never-ready") return;
     if (type == "session.start") {
-      const bool available = behavior_ != "unavailable";
+      const bool available = behaviour_ != "unavailable";
       write({{"type", "session.ready"},
              {"sessionId", command.at("sessionId")},
              {"available", available},
@@ -92,8 +92,8 @@ class FakeHelper {
       ready_ = true;
       if (!available)
         write({{"type", "helper.status"}, {"available", false}, {"message", "there is no model"}});
-      if (behavior_ == "reads-nothing") blockForever();
-      if (behavior_ == "chatters") std::cerr << "diagnostic line" << std::endl;
+      if (behaviour_ == "reads-nothing") blockForever();
+      if (behaviour_ == "chatters") std::cerr << "diagnostic line" << std::endl;
     } else if (type == "audio") {
       handleAudio(command);
     } else if (type == "session.stop") {
@@ -103,12 +103,12 @@ class FakeHelper {
 
   void handleAudio(const nlohmann::json& command) {
     ++chunks_;
-    if (behavior_ == "dies") std::_Exit(3);
-    if (behavior_ == "killed") ::raise(SIGKILL);
-    if (behavior_ == "floods" && chunks_ <= 10) flood();
-    if (behavior_ == "reports-error" && chunks_ == 1)
+    if (behaviour_ == "dies") std::_Exit(3);
+    if (behaviour_ == "killed") ::raise(SIGKILL);
+    if (behaviour_ == "floods" && chunks_ <= 10) flood();
+    if (behaviour_ == "reports-error" && chunks_ == 1)
       write({{"type", "helper.error"}, {"message", "something failed"}});
-    if (behavior_ == "writes-garbage" && chunks_ == 1) std::cout << "hello" << std::endl;
+    if (behaviour_ == "writes-garbage" && chunks_ == 1) std::cout << "hello" << std::endl;
     const std::string name = command.at("source");
     const std::string pcm = command.at("pcmBase64");
     auto& source = sources_[name];
@@ -118,7 +118,7 @@ class FakeHelper {
       source.open = true;
       ++source.utterance;
       transcript("transcript.partial", command, source);
-    } else if (source.open && source.quiet == 5 && behavior_ != "leaves-open") {
+    } else if (source.open && source.quiet == 5 && behaviour_ != "leaves-open") {
       source.open = false;
       transcript("transcript.final", command, source);
     }
@@ -145,7 +145,7 @@ class FakeHelper {
            {"endpointing", {{"reason", "silence"}}}});
   }
 
-  std::string behavior_;
+  std::string behaviour_;
   std::map<std::string, Source> sources_;
   int chunks_ = 0;
   bool ready_ = false;

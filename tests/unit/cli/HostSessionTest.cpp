@@ -75,9 +75,9 @@ class HostSessionTest : public ::testing::Test {
   HostSessionTest() { std::signal(SIGPIPE, SIG_IGN); }
 
   // The limits are short for a user, but far above the time that the fake helper takes.
-  static HostConfiguration configuration(const std::string& behavior) {
+  static HostConfiguration configuration(const std::string& behaviour) {
     HostConfiguration configuration;
-    configuration.helper = {PALAVER_FAKE_HELPER, behavior};
+    configuration.helper = {PALAVER_FAKE_HELPER, behaviour};
     configuration.speed = 20;
     configuration.limits.settle = 100;
     // Generous, so that slow machines pass.
@@ -90,7 +90,7 @@ class HostSessionTest : public ::testing::Test {
     HostSession session(std::move(configuration), std::move(remote), std::move(self), record);
     return session.run();
   }
-  bool run(const std::string& behavior) { return run(configuration(behavior), loud(10)); }
+  bool run(const std::string& behaviour) { return run(configuration(behaviour), loud(10)); }
 
   Record record;
 };

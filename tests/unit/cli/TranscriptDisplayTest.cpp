@@ -17,7 +17,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 // Emulates the terminal functions that the display uses: text, line feeds, carriage returns, moving up,
-// erasing to the end of the screen, and colors. Overlong lines wrap visibly.
+// erasing to the end of the screen, and colours. Overlong lines wrap visibly.
 class Screen {
  public:
   explicit Screen(std::size_t columns) : columns_(columns) {}
