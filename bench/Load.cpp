@@ -1,4 +1,5 @@
 #include "bench/Load.h"
+#include "core/Base64Encoding.h"
 
 #include <fcntl.h>
 #include <sys/uio.h>
@@ -20,20 +21,6 @@ constexpr std::size_t chunkCount = 64;
 constexpr std::array amplitudes{30.0, 120.0, 400.0, 3000.0,
                                 12000.0};          // standard deviations of 16-bit samples
 constexpr double firstCapture = 1763674839123.25;  // ms since the Unix epoch
-
-std::string encodeBase64(const std::vector<std::int16_t>& samples) {
-  constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  const auto* const bytes = reinterpret_cast<const unsigned char*>(samples.data());
-  const std::size_t count = samples.size() * sizeof(std::int16_t);
-  std::string text;
-  for (std::size_t i = 0; i < count; i += 3) {
-    const std::size_t given = std::min<std::size_t>(3, count - i);
-    std::uint32_t bits = 0;
-    for (std::size_t k = 0; k < 3; ++k) bits = (bits << 8) | (k < given ? bytes[i + k] : 0u);
-    for (std::size_t k = 0; k < 4; ++k) text += k <= given ? alphabet[(bits >> (18 - 6 * k)) & 63] : '=';
-  }
-  return text;
-}
 
 // Writes the bytes to stdout, by copy or by reference. Falls back to copying when stdout is not a pipe. Bytes
 // passed by reference must stay unchanged until they have been read.
@@ -66,7 +53,7 @@ Load::Load(int sessions) {
     std::vector<std::int16_t> samples(framesPerLine);
     for (auto& sample : samples)
       sample = static_cast<std::int16_t>(std::clamp(noise(random), -32768.0, 32767.0));
-    chunks_.push_back(encodeBase64(samples));
+    chunks_.push_back(encodePCM(samples));
   }
   for (int i = 0; i < sessions; ++i) {
     char id[37];

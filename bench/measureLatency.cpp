@@ -44,20 +44,20 @@ std::vector<double> delays(const std::string& role, const std::string& opening,
                            const std::vector<std::string>& messages) {
   Pipe input = makePipe(pipeSize);
   Pipe output = makePipe(pipeSize);
-  Child reader(roleCommand({role}), input.readEnd.number(), output.writeEnd.number());
+  Child reader(roleCommand({role}), input.readEnd.get(), output.writeEnd.get());
   input.readEnd.close();
   output.writeEnd.close();
-  writeAll(input.writeEnd.number(), opening);
+  writeAll(input.writeEnd.get(), opening);
   std::vector<double> written;
   written.reserve(messages.size());
   const double start = monotonicSeconds() + 0.1;
   for (const auto& message : messages) {
     sleepUntil(start + static_cast<double>(written.size()) / rate);
     written.push_back(monotonicSeconds());
-    writeAll(input.writeEnd.number(), message);
+    writeAll(input.writeEnd.get(), message);
   }
   input.writeEnd.close();
-  std::istringstream arrivals(readAll(output.readEnd.number()));
+  std::istringstream arrivals(readAll(output.readEnd.get()));
   reader.wait();
   std::vector<double> found;
   double arrival;

@@ -15,12 +15,12 @@ constexpr double mebibyte = 1 << 20;
 Report feed(const std::string& role, int sessions, std::size_t lines) {
   Pipe input = makePipe(pipeSize);
   Pipe output = makePipe();
-  Child child(roleCommand({role}), input.readEnd.number(), output.writeEnd.number());
-  Child writer(roleCommand({"writer", std::to_string(sessions), std::to_string(lines)}),
-               input.readEnd.number(), input.writeEnd.number());
+  Child child(roleCommand({role}), input.readEnd.get(), output.writeEnd.get());
+  Child writer(roleCommand({"writer", std::to_string(sessions), std::to_string(lines)}), input.readEnd.get(),
+               input.writeEnd.get());
   input = {};
   output.writeEnd.close();
-  const std::string text = readAll(output.readEnd.number());
+  const std::string text = readAll(output.readEnd.get());
   writer.wait();
   child.wait();
   Report report = parseReport(text);

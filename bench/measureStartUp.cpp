@@ -18,18 +18,18 @@ double timeToFirstLine(const std::string& program) {
   Pipe input = makePipe();
   Pipe output = makePipe();
   const double start = monotonicSeconds();
-  Child child({program}, input.readEnd.number(), output.writeEnd.number());
+  Child child({program}, input.readEnd.get(), output.writeEnd.get());
   output.writeEnd.close();
   std::string text;
   while (text.find('\n') == std::string::npos) {
     char some[4096];
-    const ssize_t count = ::read(output.readEnd.number(), some, sizeof some);
+    const ssize_t count = ::read(output.readEnd.get(), some, sizeof some);
     if (count <= 0) throw std::runtime_error(program + " printed no line");
     text.append(some, static_cast<std::size_t>(count));
   }
   const double seconds = monotonicSeconds() - start;
   input = {};
-  readAll(output.readEnd.number());
+  readAll(output.readEnd.get());
   child.wait();
   return seconds;
 }

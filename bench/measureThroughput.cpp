@@ -22,12 +22,12 @@ Report read(const std::vector<std::string>& reader, const std::string& writerRol
             std::size_t expected) {
   Pipe input = makePipe(pipeSize);
   Pipe output = makePipe();
-  Child child(reader, input.readEnd.number(), output.writeEnd.number());
+  Child child(reader, input.readEnd.get(), output.writeEnd.get());
   Child writer(roleCommand({writerRole, std::to_string(sessions), std::to_string(lines)}),
-               input.readEnd.number(), input.writeEnd.number());
+               input.readEnd.get(), input.writeEnd.get());
   input = {};
   output.writeEnd.close();
-  const std::string text = readAll(output.readEnd.number());
+  const std::string text = readAll(output.readEnd.get());
   writer.wait();
   child.wait();
   Report report = parseReport(text);

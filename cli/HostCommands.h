@@ -9,7 +9,7 @@
 
 #include "core/AudioSource.h"
 
-namespace palaver::host {
+namespace palaver::cli {
 
 // Any thread. Throws nlohmann::json::exception when a text is not UTF-8.
 std::string sessionStart(std::string_view sessionId, std::string_view locale,
@@ -20,7 +20,4 @@ std::string sessionStop(std::string_view sessionId);
 std::string audio(std::string_view sessionId, AudioSource source, std::int64_t sequence, double capturedAt,
                   std::span<const std::int16_t> frames);
 
-// Encodes standard Base64 with padding (RFC 4648, section 4).
-std::string encodeBase64(std::span<const std::uint8_t> bytes);
-
-}  // namespace palaver::host
+}  // namespace palaver::cli

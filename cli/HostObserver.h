@@ -6,7 +6,7 @@
 
 #include "core/AudioSource.h"
 
-namespace palaver::host {
+namespace palaver::cli {
 
 // Calls arrive on the thread of HostSession::run(), one at a time. They must not block for long, because the
 // helper's output is not read meanwhile.
@@ -37,4 +37,4 @@ class HostObserver {
   HostObserver& operator=(const HostObserver&) = default;
 };
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -2,6 +2,9 @@
 
 #include <poll.h>
 #include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
 
 #include <algorithm>
 #include <cmath>
@@ -9,9 +12,10 @@
 #include <stdexcept>
 #include <utility>
 
+#include "cli/AudioChunk.h"
 #include "cli/HostCommands.h"
 
-namespace palaver::host {
+namespace palaver::cli {
 
 namespace {
 
@@ -24,6 +28,7 @@ constexpr int maxChunksAtOnce = 20;     // a late stream must not delay reading
 constexpr double loudness = 0.008;      // root mean square, full scale 1: the helper's threshold for voice
 constexpr double quietAfterText = 700;  // ms: held-back audio may open another utterance right after a final
 constexpr double killAfter = 2000;      // ms between SIGTERM and SIGKILL
+constexpr double busyLoad = 1.5;  // threads per processor: recognition no longer keeps up with two sources
 
 std::string textOf(const nlohmann::json& event, const char* key) {
   const auto member = event.find(key);
@@ -43,9 +48,16 @@ bool isLoud(std::span<const std::int16_t> frames) {
 
 }  // namespace
 
+double loadPerProcessor() {
+  double load = 0;
+  if (::getloadavg(&load, 1) != 1) return 0;
+  return load / std::max(1U, std::thread::hardware_concurrency());
+}
+
 HostSession::HostSession(HostConfiguration configuration, std::unique_ptr<SoundSource> remote,
                          std::unique_ptr<SoundSource> self, HostObserver& observer)
-    : configuration_(std::move(configuration)), observer_(observer), interruption_(makePipe(PipeEnd::read)) {
+    : configuration_(std::move(configuration)), observer_(observer), interruption_(makePipe()) {
+  setNonBlocking(interruption_.readEnd.get());
   if (!(configuration_.speed > 0)) throw std::invalid_argument("the speed must be above 0");
   stream(AudioSource::remote).sound = std::move(remote);
   stream(AudioSource::selfAudio).sound = std::move(self);
@@ -61,7 +73,7 @@ void HostSession::interrupt() noexcept {
 }
 
 bool HostSession::run() {
-  helper_ = std::make_unique<ChildProcess>(configuration_.helper);
+  helper_ = std::make_unique<PipedProcess>(configuration_.helper);
   enter(Phase::awaitingStatus);
   while (phase_ != Phase::done) {
     waitForSomething();
@@ -218,8 +230,8 @@ void HostSession::advance() {
       sendDueChunks();
       if (phase_ != Phase::draining) break;
       if (!finalsAreThere()) {
-        if (inPhase() < limits.finals) break;
-        problem("a final is missing after " + seconds(limits.finals) + " of silence");
+        if (inPhase() < finalsLimit()) break;
+        reportMissingFinal();
       }
       helper_->write(sessionStop(configuration_.sessionId));
       enter(Phase::stopping);
@@ -281,6 +293,23 @@ void HostSession::sendChunk(AudioSource source, double capturedAt) {
     sending.spoke = sending.spoke || isLoud(frames);
   }
   helper_->write(audio(configuration_.sessionId, source, sending.sequence++, capturedAt, frames));
+}
+
+double HostSession::finalsLimit() const {
+  constexpr double mostPatience = 6;
+  return configuration_.limits.finals * std::clamp(configuration_.load(), 1.0, mostPatience);
+}
+
+void HostSession::reportMissingFinal() {
+  const double load = configuration_.load();
+  std::string message = "a final is missing after " + seconds(inPhase()) + " of silence";
+  if (load > busyLoad) {
+    char busy[80];
+    std::snprintf(busy, sizeof busy,
+                  "the machine is too busy (%.1f threads wait for each processor): ", load);
+    message = busy + message;
+  }
+  problem(message);
 }
 
 bool HostSession::finalsAreThere() const {
@@ -356,4 +385,4 @@ HostSession::SteadyClock::time_point HostSession::due() const {
   return streamStart_ + std::chrono::duration_cast<SteadyClock::duration>(Milliseconds(milliseconds));
 }
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -11,13 +12,13 @@
 #include <string_view>
 #include <vector>
 
-#include "cli/ChildProcess.h"
 #include "cli/HostObserver.h"
 #include "cli/LineSplitter.h"
-#include "cli/SoundSource.h"
 #include "core/AudioSource.h"
+#include "platform/audio/SoundSource.h"
+#include "platform/posix/PipedProcess.h"
 
-namespace palaver::host {
+namespace palaver::cli {
 
 // Limits how long a session waits, in ms of wall clock.
 struct HostLimits {
@@ -31,6 +32,10 @@ struct HostLimits {
   double stall = 15000;     // while the helper does not read its input
 };
 
+// Returns how many runnable threads wait for each processor: the load average of the last minute, divided by
+// the number of processors. 0 where the system does not report it. Any thread.
+double loadPerProcessor();
+
 struct HostConfiguration {
   std::vector<std::string> helper;  // the program's path and optional arguments
   std::string sessionId = "session-1";
@@ -38,6 +43,9 @@ struct HostConfiguration {
   std::vector<std::string> vocabulary;
   double speed = 1;  // factor of real time, above 0. Other than 1, silence is measured with the wrong clock
   HostLimits limits;
+  // A machine that is busy with other work gets more time for the last words: limits.finals counts times this
+  // load, at most six times.
+  std::function<double()> load = loadPerProcessor;
 };
 
 // Runs one session with one helper. One loop serves both streams and never blocks on either, because writing
@@ -95,6 +103,8 @@ class HostSession {
   void advance();
   void sendDueChunks();
   void sendChunk(AudioSource source, double capturedAt);
+  void reportMissingFinal();
+  double finalsLimit() const;
   bool finalsAreThere() const;
   void endEarly();
   void closeHelper();
@@ -113,7 +123,7 @@ class HostSession {
   HostObserver& observer_;
   std::array<Stream, allAudioSources.size()> streams_;  // by AudioSource
   Pipe interruption_;                                   // a byte wakes and interrupts the loop
-  std::unique_ptr<ChildProcess> helper_;
+  std::unique_ptr<PipedProcess> helper_;
   LineSplitter outputLines_;
   LineSplitter diagnosticLines_;
 
@@ -131,4 +141,4 @@ class HostSession {
   int signalsSent_ = 0;  // to a helper that does not end
 };
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

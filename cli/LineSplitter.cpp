@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace palaver::host {
+namespace palaver::cli {
 
 void LineSplitter::append(std::string_view bytes, const LineHandler& handler) {
   for (auto end = bytes.find('\n'); end != std::string_view::npos; end = bytes.find('\n')) {
@@ -29,4 +29,4 @@ void LineSplitter::finish(const LineHandler& handler) {
   handler(line);
 }
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

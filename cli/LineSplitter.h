@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace palaver::host {
+namespace palaver::cli {
 
 // Lines end at the byte 0x0A and nowhere else: U+2028, U+0085 and carriage returns are part of a line's text.
 // Lines end only at the byte 0x0A. U+2028, U+0085 and carriage returns are part of a line. Used by one thread
@@ -29,4 +29,4 @@ class LineSplitter {
   std::string partial_;
 };
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

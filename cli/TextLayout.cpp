@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 
-namespace palaver::host {
+namespace palaver::cli {
 
 namespace {
 
@@ -158,4 +158,4 @@ std::string position(double milliseconds) {
   return text.data();
 }
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace palaver::host {
+namespace palaver::cli {
 
 // The functions take UTF-8 and count terminal columns: two for wide East Asian characters, none for combining
 // ones. Each byte that is not UTF-8 takes one column. Any thread.
@@ -30,4 +30,4 @@ std::string progressBar(double fraction, std::size_t columns);
 // Formats milliseconds as "12.3 s" or "1:02.3".
 std::string position(double milliseconds);
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -9,7 +9,7 @@
 #include "cli/TextLayout.h"
 #include "core/AudioSource.h"
 
-namespace palaver::host {
+namespace palaver::cli {
 
 namespace {
 
@@ -234,4 +234,4 @@ std::size_t TranscriptDisplay::width() const {
   return std::clamp<std::size_t>(width_(), 24, 200);
 }
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -10,7 +10,7 @@
 
 #include "cli/HostObserver.h"
 
-namespace palaver::host {
+namespace palaver::cli {
 
 // Rewrites the latest partial of each source and the progress at the bottom of a terminal. Finals, errors and
 // the status scroll above. Without a terminal each new partial is a line.
@@ -69,4 +69,4 @@ class TranscriptDisplay final : public HostObserver {
   std::size_t problems_ = 0;
 };
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

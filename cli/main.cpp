@@ -1,133 +1,50 @@
-// Streams sound files to the helper as a host does.
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <csignal>
+// Runs palaver-stt, the command line tool: chooses the command by the first argument.
 #include <cstdio>
 #include <exception>
-#include <memory>
+#include <span>
 #include <string>
-#include <string_view>
-#include <utility>
 #include <vector>
 
-#include "cli/HostArguments.h"
-#include "cli/HostSession.h"
-#include "cli/SoundFileSource.h"
-#include "cli/TranscriptDisplay.h"
+#include "cli/TranscribeArguments.h"
+#include "cli/transcribe.h"
 
 namespace {
 
-using namespace palaver::host;
+constexpr const char* usage =
+    R"(usage: palaver-stt COMMAND [arguments]
 
-std::atomic<HostSession*> runningSession = nullptr;  // for the signal handler
+  transcribe REMOTE [SELF]  stream sound files to the helper and show the transcript
 
-// The first signal ends the session in order, the second one ends the program immediately.
-void interruptSession(int) {
-  const int error = errno;
-  if (auto* const session = runningSession.load()) session->interrupt();
-  errno = error;
-}
+  --version                 print the version
+  --help                    print this help
 
-void handleSignals() {
-  struct sigaction action = {};
-  action.sa_handler = &interruptSession;
-  action.sa_flags = static_cast<int>(SA_RESETHAND);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(number, &action, nullptr);
-  action.sa_handler = SIG_IGN;
-  action.sa_flags = 0;
-  ::sigaction(SIGPIPE, &action, nullptr);
-}
+palaver-stt COMMAND --help describes a command.
+Exit status: 0 success, 1 failure, 2 invalid usage.
+)";
 
-// Writes to stdout, blocking or not. Returns false when the reader has closed it.
-bool writeOutput(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const auto count = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
-    if (count >= 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(count));
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      pollfd descriptor{STDOUT_FILENO, POLLOUT, 0};
-      ::poll(&descriptor, 1, -1);
-    } else if (errno != EINTR) {
-      return false;
-    }
-  }
-  return true;
-}
-
-void output(std::string_view bytes) {
-  if (writeOutput(bytes)) return;
-  if (auto* const session = runningSession.load()) session->interrupt();
-}
-
-std::size_t terminalColumns() {
-  winsize size{};
-  return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
-}
-
-// Writes events unchanged to stdout and everything else to stderr.
-class EventLines final : public HostObserver {
- public:
-  void onEvent(std::string_view line, const nlohmann::json&) override { output(std::string(line) + "\n"); }
-  void onDiagnostic(std::string_view line) override { print("", line); }
-  void onProblem(std::string_view message) override { print("error: ", message); }
-  void onStreamStart(double) override {}
-  void onProgress(double, double) override {}
-
- private:
-  static void print(const char* prefix, std::string_view text) {
-    std::fprintf(stderr, "%s%.*s\n", prefix, static_cast<int>(text.size()), text.data());
-  }
-};
-
-bool runSession(const HostArguments& arguments, HostObserver& observer) {
-  auto remote = std::make_unique<SoundFileSource>(arguments.remote);
-  auto self = arguments.self ? std::make_unique<SoundFileSource>(*arguments.self) : nullptr;
-  HostConfiguration configuration;
-  configuration.helper = {arguments.helper.value_or(PALAVER_HELPER)};
-  configuration.helper.insert(configuration.helper.end(), arguments.helperArguments.begin(),
-                              arguments.helperArguments.end());
-  configuration.locale = arguments.locale;
-  configuration.vocabulary = arguments.vocabulary;
-  configuration.speed = arguments.speed;
-  HostSession session(std::move(configuration), std::move(remote), std::move(self), observer);
-  runningSession = &session;
-  const bool ok = session.run();
-  runningSession = nullptr;
-  return ok;
-}
-
-int run(const HostArguments& arguments) {
-  if (arguments.json) {
-    EventLines lines;
-    return runSession(arguments, lines) ? 0 : 1;
-  }
-  TranscriptDisplay::Style style;
-  style.terminal = ::isatty(STDOUT_FILENO) == 1;
-  style.latency = arguments.speed == 1;
-  TranscriptDisplay display(style, &output, &terminalColumns);
-  const bool ok = runSession(arguments, display);
-  display.finish(ok);
-  return ok ? 0 : 1;
+int run(std::span<const std::string> arguments) {
+  using namespace palaver::cli;
+  if (arguments.empty()) throw UsageError("a command is required");
+  const auto& command = arguments.front();
+  if (command == "transcribe") return transcribe(arguments.subspan(1));
+  if (command == "--help" || command == "-h" || command == "help")
+    return std::fputs(usage, stdout) < 0 ? 1 : 0;
+  if (command == "--version") return std::printf("palaver-stt %s\n", PALAVER_VERSION) < 0 ? 1 : 0;
+  throw UsageError("there is no command '" + command + "'");
 }
 
 }  // namespace
 
 int main(int argumentCount, char** argumentValues) {
-  const std::vector<std::string> texts(argumentValues + 1, argumentValues + argumentCount);
-  handleSignals();
+  const std::vector<std::string> arguments(argumentValues + (argumentCount > 0 ? 1 : 0),
+                                           argumentValues + argumentCount);
   try {
-    const auto arguments = parseHostArguments(texts);
-    if (arguments.help) return writeOutput(hostUsage) ? 0 : 1;
     return run(arguments);
-  } catch (const UsageError& error) {
-    std::fprintf(stderr, "palaver-host: %s\ntry: palaver-host --help\n", error.what());
+  } catch (const palaver::cli::UsageError& error) {
+    std::fprintf(stderr, "palaver-stt: %s\ntry: palaver-stt --help\n", error.what());
     return 2;
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "palaver-host: %s\n", error.what());
+    std::fprintf(stderr, "palaver-stt: %s\n", error.what());
     return 1;
   }
 }

@@ -5,7 +5,7 @@
 #   SwiftToolchain::CoreFoundation  CoreFoundation, libdispatch, blocks; needs clang
 # and stops with an explanation where there is none.
 
-find_program(SWIFTC swiftc PATHS /opt/swift/usr/bin /opt/swift/bin /usr/libexec/swift/bin)
+find_program(SWIFTC swiftc HINTS ENV PALAVER_SWIFT_BIN)
 if(NOT SWIFTC)
   message(FATAL_ERROR "swiftc is missing; put the Swift toolchain's bin folder on the PATH.")
 endif()

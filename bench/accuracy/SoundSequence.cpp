@@ -7,8 +7,7 @@ namespace palaver::accuracy {
 
 SoundSequence::SoundSequence(std::vector<std::string> paths, std::int64_t pause) : paths_(std::move(paths)) {
   starts_.push_back(pause);
-  for (const auto& path : paths_)
-    starts_.push_back(starts_.back() + host::SoundFileSource(path).length() + pause);
+  for (const auto& path : paths_) starts_.push_back(starts_.back() + SoundFileSource(path).length() + pause);
 }
 
 std::size_t SoundSequence::read(std::span<std::int16_t> frames) {
@@ -30,7 +29,7 @@ std::size_t SoundSequence::readSome(std::span<std::int16_t> frames) {
   }
   const auto silence = starts_[next_] - position_;
   if (silence <= 0) {
-    playing_ = std::make_unique<host::SoundFileSource>(paths_[next_]);
+    playing_ = std::make_unique<SoundFileSource>(paths_[next_]);
     return 0;
   }
   const auto count = std::min(frames.size(), static_cast<std::size_t>(silence));

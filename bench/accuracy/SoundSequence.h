@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "cli/SoundFileSource.h"
+#include "platform/audio/SoundFileSource.h"
 
 namespace palaver::accuracy {
 
 // Plays the files with silence before the first, between them and after the last. Opens them one by one.
-class SoundSequence final : public host::SoundSource {
+class SoundSequence final : public SoundSource {
  public:
   // `pause`: 16 kHz frames of silence. Throws std::runtime_error when a file cannot be read.
   SoundSequence(std::vector<std::string> paths, std::int64_t pause);
@@ -29,7 +29,7 @@ class SoundSequence final : public host::SoundSource {
   std::vector<std::int64_t> starts_;
   std::int64_t position_ = 0;  // frames delivered
   std::size_t next_ = 0;       // current or next file
-  std::unique_ptr<host::SoundFileSource> playing_;
+  std::unique_ptr<SoundFileSource> playing_;
 };
 
 }  // namespace palaver::accuracy

@@ -23,7 +23,7 @@ namespace {
 using namespace palaver;
 using namespace palaver::accuracy;
 
-constexpr std::int64_t pause = host::sampleRate * 2;  // between recordings, frames
+constexpr std::int64_t pause = cli::sampleRate * 2;  // between recordings, frames
 
 // The recognizer's words change when a recording begins a few milliseconds later in a chunk: every fifth
 // error depends on that. Each speaker is therefore streamed several times, each time at another offset.
@@ -38,7 +38,7 @@ struct Final {
   double latency = 0;  // ms
 };
 
-class Finals final : public host::HostObserver {
+class Finals final : public cli::HostObserver {
  public:
   std::vector<Final> finals;
   std::string problems;
@@ -76,7 +76,7 @@ std::unique_ptr<SoundSequence> sequenceOf(const Speaker& speaker, std::int64_t o
 
 // Returns the recording that a final belongs to: the one that plays in the middle of its speech.
 std::size_t recordingOf(const Final& final, const SoundSequence& sequence) {
-  const auto middle = (final.start + final.end) / 2 * host::sampleRate / 1000;
+  const auto middle = (final.start + final.end) / 2 * cli::sampleRate / 1000;
   std::size_t index = 0;
   while (index + 2 < sequence.starts().size() && middle >= static_cast<double>(sequence.starts()[index + 1]))
     ++index;
@@ -90,7 +90,7 @@ void collect(const Speaker& speaker, const SoundSequence& sequence, AudioSource 
   for (auto final : finals) {
     if (final.source != source) continue;
     const auto index = recordingOf(final, sequence);
-    const auto start = static_cast<double>(sequence.starts()[index]) * 1000 / host::sampleRate;
+    const auto start = static_cast<double>(sequence.starts()[index]) * 1000 / cli::sampleRate;
     final.start -= start;
     final.end -= start;
     results[first + index].finals.push_back(final);
@@ -99,7 +99,7 @@ void collect(const Speaker& speaker, const SoundSequence& sequence, AudioSource 
 
 // Streams two speakers (the second may be empty) through one helper.
 std::vector<RecordingResult> stream(const Speaker& remote, const Speaker& self, std::int64_t offset) {
-  host::HostConfiguration configuration;
+  cli::HostConfiguration configuration;
   configuration.helper = {PALAVER_HELPER};
   configuration.limits.finals = 120000;  // a busy machine delays words but does not change them
   auto remoteSound = sequenceOf(remote, offset);
@@ -108,7 +108,7 @@ std::vector<RecordingResult> stream(const Speaker& remote, const Speaker& self, 
   const auto& remoteSequence = *remoteSound;
   const auto* const selfSequence = selfSound.get();
   Finals finals;
-  host::HostSession session(configuration, std::move(remoteSound), std::move(selfSound), finals);
+  cli::HostSession session(configuration, std::move(remoteSound), std::move(selfSound), finals);
   if (!session.run()) throw std::runtime_error("the session went wrong: " + finals.problems);
   std::vector<RecordingResult> results;
   collect(remote, remoteSequence, AudioSource::remote, finals.finals, results);
@@ -134,7 +134,7 @@ void printRow(const char* name, const ErrorCount& count) {
 std::string describeUtterances(const std::vector<Final>& finals) {
   std::string text;
   for (const auto& final : finals)
-    text += (text.empty() ? "" : ", ") + host::position(final.start) + " - " + host::position(final.end) +
+    text += (text.empty() ? "" : ", ") + cli::position(final.start) + " - " + cli::position(final.end) +
             " (" + final.reason + ", latency " + std::to_string(std::lround(final.latency)) + " ms)";
   return text.empty() ? "no utterance" : text;
 }
@@ -154,7 +154,7 @@ ErrorCount report(const char* title, const std::vector<RecordingResult>& results
     }
     const auto alignment = align(recording.words, utterances);
     details += recording.name + (recording.words.empty() ? ", not counted: its words are not known\n" : "\n");
-    for (const auto& line : host::wrap(describe(alignment), 76)) details += "    " + line + "\n";
+    for (const auto& line : cli::wrap(describe(alignment), 76)) details += "    " + line + "\n";
     details += "    " + describeUtterances(finals) + "\n";
     if (recording.words.empty()) continue;
     const auto count = countErrors(alignment);
@@ -186,7 +186,7 @@ void run(const std::filesystem::path& directory) {
   std::vector<ErrorCount> rounds;
   for (const auto offset : offsets) {
     const auto title = "One channel for each speaker, as in a meeting; begun " +
-                       std::to_string(offset * 1000 / host::sampleRate) + " ms into a chunk:";
+                       std::to_string(offset * 1000 / cli::sampleRate) + " ms into a chunk:";
     rounds.push_back(report(title.c_str(), streamPairs(speakers, offset)));
     std::fflush(stdout);
   }

@@ -4,10 +4,9 @@
 extern "C" {
 
 // Functions of the Objective-C runtime
-// (https://clang.llvm.org/docs/AutomaticReferenceCounting.html#runtime-support). Weak, for programs
-// without that runtime.
-[[gnu::weak]] void* objc_autoreleasePoolPush();
-[[gnu::weak]] void objc_autoreleasePoolPop(void* pool);
+// (https://clang.llvm.org/docs/AutomaticReferenceCounting.html#runtime-support).
+void* objc_autoreleasePoolPush();
+void objc_autoreleasePoolPop(void* pool);
 }
 
 namespace palaver {
@@ -17,10 +16,8 @@ namespace palaver {
 // order of their creation.
 class AutoreleasePool {
  public:
-  AutoreleasePool() : pool_(objc_autoreleasePoolPush ? objc_autoreleasePoolPush() : nullptr) {}
-  ~AutoreleasePool() {
-    if (objc_autoreleasePoolPop) objc_autoreleasePoolPop(pool_);
-  }
+  AutoreleasePool() : pool_(objc_autoreleasePoolPush()) {}
+  ~AutoreleasePool() { objc_autoreleasePoolPop(pool_); }
   AutoreleasePool(const AutoreleasePool&) = delete;
   AutoreleasePool& operator=(const AutoreleasePool&) = delete;
 

@@ -60,22 +60,14 @@ void RunLoopMainQueue::runSlice(double milliseconds) {
   CFRunLoopRunInMode(kCFRunLoopDefaultMode, std::max(milliseconds, 0.0) / 1000, true);
 }
 
-void RunLoopMainQueue::serveUntilStopped() {
+void RunLoopMainQueue::serveOnce() {
   assert(isCurrent());
-  for (isStopped_ = false; !isStopped_;) {
-    const AutoreleasePool pool;  // for one delivery; jobs have their own
-    CFRunLoopRunInMode(mode_.get(), longTime, true);
-  }
-}
-
-void RunLoopMainQueue::stop() {
-  assert(isCurrent());
-  isStopped_ = true;
-  CFRunLoopStop(loop_);
+  const AutoreleasePool pool;  // for one delivery; jobs have their own
+  CFRunLoopRunInMode(mode_.get(), longTime, true);
 }
 
 void RunLoopMainQueue::serve() {
-  for (;;) serveUntilStopped();
+  for (;;) serveOnce();
 }
 
 std::unique_ptr<Semaphore> RunLoopMainQueue::makeSemaphore() {

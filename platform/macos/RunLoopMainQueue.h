@@ -20,7 +20,7 @@ namespace palaver {
 // has an autorelease pool.
 //
 // Create on the main thread, once per process. Lives until the process ends.
-class RunLoopMainQueue final : public MainQueue {
+class RunLoopMainQueue : public MainQueue {
  public:
   RunLoopMainQueue();
   ~RunLoopMainQueue() override;
@@ -32,10 +32,10 @@ class RunLoopMainQueue final : public MainQueue {
   std::unique_ptr<Semaphore> makeSemaphore() override;
   bool isCurrent() const override { return std::this_thread::get_id() == mainThread_; }
 
-  // Serves the queue like run(), until stop() is called by a job or by a callback between jobs. For
-  // tests. Main thread.
-  void serveUntilStopped();
-  void stop();
+ protected:
+  // Waits for the next job or system callback, and runs it. May run several jobs. Returns early after
+  // CFRunLoopStop() on the main run loop. Main thread.
+  void serveOnce();
 
  private:
   struct Release {
@@ -50,7 +50,6 @@ class RunLoopMainQueue final : public MainQueue {
   const CFRunLoopRef loop_ = CFRunLoopGetMain();
   const Owned<CFStringRef> mode_;
   const Owned<CFRunLoopSourceRef> idleSource_;
-  bool isStopped_ = false;
 };
 
 }  // namespace palaver

@@ -4,6 +4,7 @@
 #include <map>
 #include <utility>
 
+#include "core/Base64Encoding.h"
 #include "simulator/scenario/EventPattern.h"
 #include "simulator/scenario/SyntheticAudio.h"
 
@@ -114,7 +115,7 @@ void ConversationReader::readAudio(const JSON& value, const std::string& where) 
     const double time = time_ + i * every;
     if (firstSample && !samples.empty()) samples[0] = static_cast<std::int16_t>(*firstSample + i);
     JSON command{{"type", "audio"},    {"sessionId", sessionId}, {"source", source},
-                 {"sequence", next++}, {"capturedAt", "@now"},   {"pcmBase64", pcmBase64(samples)}};
+                 {"sequence", next++}, {"capturedAt", "@now"},   {"pcmBase64", encodePCM(samples)}};
     if (capturedAt) command["capturedAt"] = *capturedAt;
     command = withTimes(command, scenario_.settings.startsAt, time, where);
     if (capturedAt && command["capturedAt"].is_number() && *capturedAt != "@now")

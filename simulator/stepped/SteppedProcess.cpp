@@ -27,24 +27,23 @@ constexpr int millisecondsPerLook = 100;
 // Bounds the jobs between two steps. Above it the helper counts as looping.
 constexpr int mostJobs = 20'000;
 
-host::ChildProcess makeChild(const std::vector<std::string>& command,
-                             std::map<std::string, std::string> environment,
-                             const host::Descriptor& control) {
+PipedProcess makeChild(const std::vector<std::string>& command,
+                       std::map<std::string, std::string> environment, const Descriptor& control) {
   environment[controlVariable] = "3";
-  return host::ChildProcess(command, {std::move(environment), control.get()});
+  return PipedProcess(command, {std::move(environment), control.get()});
 }
 
 }  // namespace
 
 struct SteppedProcess::Channel {
-  host::Descriptor ours;
-  host::Descriptor childs;
+  Descriptor ours;
+  Descriptor childs;
 
   static Channel make() {
     std::array<int, 2> ends{};
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) < 0)
       throw std::system_error(errno, std::generic_category(), "socketpair");
-    Channel channel{host::Descriptor(ends[0]), host::Descriptor(ends[1])};
+    Channel channel{Descriptor(ends[0]), Descriptor(ends[1])};
     if (::fcntl(ends[0], F_SETFL, O_NONBLOCK) < 0)
       throw std::system_error(errno, std::generic_category(), "fcntl");
     return channel;
@@ -195,9 +194,9 @@ void SteppedProcess::awaitRest() {
 // Reads all available output. Returns whether there was any.
 bool SteppedProcess::drain() {
   bool any = false;
-  for (std::string bytes; child_.readOutput(bytes) == host::ReadOutcome::data; any = true)
+  for (std::string bytes; child_.readOutput(bytes) == ReadOutcome::data; any = true)
     record_.output.rest += bytes;
-  for (std::string bytes; child_.readDiagnostics(bytes) == host::ReadOutcome::data; any = true)
+  for (std::string bytes; child_.readDiagnostics(bytes) == ReadOutcome::data; any = true)
     record_.errorOutput.rest += bytes;
   return drainControl() || any;
 }

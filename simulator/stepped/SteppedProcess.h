@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/ChildProcess.h"
+#include "platform/posix/PipedProcess.h"
 #include "simulator/scenario/ScenarioRecord.h"
 
 namespace palaver {
@@ -76,8 +76,8 @@ class SteppedProcess {
   void stampLines();
 
   const std::chrono::milliseconds bound_;
-  host::Descriptor control_;
-  host::ChildProcess child_;
+  Descriptor control_;
+  PipedProcess child_;
   std::string controlText_;  // received, not yet parsed
   bool controlHasEnded_ = false;
   double now_ = 0;  // ms since the start

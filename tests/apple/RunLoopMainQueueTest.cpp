@@ -13,6 +13,7 @@
 
 #include "platform/posix/POSIXProcess.h"
 #include "platform/posix/SystemClock.h"
+#include "tests/apple/StoppableMainQueue.h"
 #include "tests/unit/platform/MainQueueContract.h"
 
 // Replaces the Objective-C runtime: numbers the autorelease pools of this thread.
@@ -51,7 +52,7 @@ class RunLoopWorld {
 
  private:
   SystemClock clock_;
-  RunLoopMainQueue queue_;
+  StoppableMainQueue queue_;
   std::vector<std::thread> threads_;
 };
 
@@ -82,7 +83,7 @@ class RunLoopMainQueueTest : public testing::Test {
     queue_.serveUntilStopped();
   }
 
-  RunLoopMainQueue queue_;
+  StoppableMainQueue queue_;
 };
 
 TEST_F(RunLoopMainQueueTest, SliceInsideJobDeliversAnswer) {

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "app/Helper.h"
+#include "core/Base64Encoding.h"
 #include "simulator/scenario/SyntheticAudio.h"
 
 namespace palaver {
@@ -32,7 +33,7 @@ void ConversationTest::audio(double time, double rms, const std::string& source)
               {"source", source},
               {"sequence", 0},
               {"capturedAt", settings.startsAt + time},
-              {"pcmBase64", pcmBase64(samplesOfLoudness(rms, 1600))}});
+              {"pcmBase64", encodePCM(samplesOfLoudness(rms, 1600))}});
 }
 
 void ConversationTest::answers(double time, RecognitionAnswer answer) {

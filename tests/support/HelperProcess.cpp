@@ -2,9 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,41 +23,35 @@ void check(bool good, const char* what) {
 }
 
 struct Ends {
-  int child = -1, host = -1;
+  Descriptor child, host;
 };
-
-void setFlag(int descriptor, int flag) {
-  check(::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) | flag) == 0, "fcntl");
-}
 
 Ends makeEnds(const HelperProcess::Stream& stream, bool childReads) {
   Ends ends;
-  std::array<int, 2> pair{};
   switch (stream.kind) {
     case HelperProcess::Stream::Kind::closed:
       return ends;
     case HelperProcess::Stream::Kind::file:
-      ends.child = ::open(stream.path.c_str(), (childReads ? O_RDONLY : O_WRONLY) | O_CLOEXEC);
-      check(ends.child >= 0, "open");
+      ends.child = Descriptor(::open(stream.path.c_str(), (childReads ? O_RDONLY : O_WRONLY) | O_CLOEXEC));
+      check(ends.child.isOpen(), "open");
       return ends;
-    case HelperProcess::Stream::Kind::pipe:
-      check(::pipe(pair.data()) == 0, "pipe");
-      ends = childReads ? Ends{pair[0], pair[1]} : Ends{pair[1], pair[0]};
+    case HelperProcess::Stream::Kind::pipe: {
+      auto [readEnd, writeEnd] = makePipe();
+      ends = childReads ? Ends{std::move(readEnd), std::move(writeEnd)}
+                        : Ends{std::move(writeEnd), std::move(readEnd)};
       break;
-    case HelperProcess::Stream::Kind::socket:
+    }
+    case HelperProcess::Stream::Kind::socket: {
+      std::array<int, 2> pair{};
       check(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()) == 0, "socketpair");
-      ends = {pair[0], pair[1]};
+      ends = {Descriptor(pair[0]), Descriptor(pair[1])};
+      for (const int descriptor : pair) setCloseOnExec(descriptor);
       break;
+    }
   }
-  for (const int descriptor : pair) check(::fcntl(descriptor, F_SETFD, FD_CLOEXEC) == 0, "fcntl");
-  setFlag(ends.host, O_NONBLOCK);
-  if (stream.nonBlocking) setFlag(ends.child, O_NONBLOCK);
+  setNonBlocking(ends.host.get());
+  if (stream.nonBlocking) setNonBlocking(ends.child.get());
   return ends;
-}
-
-void closeOnce(int& descriptor) {
-  if (descriptor >= 0) ::close(descriptor);
-  descriptor = -1;
 }
 
 // Waits until the descriptor is ready. False after the deadline.
@@ -73,13 +65,6 @@ bool await(int descriptor, short events, Clock::time_point deadline) {
   }
 }
 
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> all;
-  for (auto& text : texts) all.push_back(text.data());
-  all.push_back(nullptr);
-  return all;
-}
-
 }  // namespace
 
 HelperProcess::HelperProcess(const Options& options) {
@@ -88,59 +73,30 @@ HelperProcess::HelperProcess(const Options& options) {
   Ends output = makeEnds(options.output, false);
   Ends error = makeEnds(options.error, false);
   Ends exitPipe = makeEnds({}, false);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  const std::array<int, 4> childEnds{input.child, output.child, error.child, exitPipe.child};
-  for (int number = 0; number < 4; ++number) {
-    if (const int descriptor = childEnds[static_cast<std::size_t>(number)]; descriptor >= 0) {
-      posix_spawn_file_actions_adddup2(&actions, descriptor, number);
-    } else {
-      posix_spawn_file_actions_addclose(&actions, number);
-    }
-  }
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-  sigset_t defaults, blocked;
-  sigemptyset(&defaults);
-  sigemptyset(&blocked);
-  for (const int number : {SIGPIPE, SIGTERM, SIGINT, SIGHUP}) sigaddset(&defaults, number);
-  posix_spawnattr_setsigdefault(&attributes, &defaults);
-  posix_spawnattr_setsigmask(&attributes, &blocked);
-
-  std::vector<std::string> arguments{options.argument0};
-  arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
-  std::vector<std::string> environment = options.environment;
-  const char* const program = options.program.empty() ? PALAVER_HELPER_PATH : options.program.c_str();
-  const int failure = ::posix_spawn(&pid_, program, &actions, &attributes, pointers(arguments).data(),
-                                    pointers(environment).data());
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&actions);
-  for (int descriptor : childEnds) closeOnce(descriptor);
-  input_ = input.host;
-  output_ = output.host;
-  error_ = error.host;
-  exitPipe_ = exitPipe.host;
-  if (failure != 0) throw std::system_error(failure, std::generic_category(), "posix_spawn");
-}
-
-HelperProcess::~HelperProcess() {
-  if (!end_ && pid_ > 0) {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
-  for (int* descriptor : {&input_, &output_, &error_, &exitPipe_}) closeOnce(*descriptor);
+  std::vector<std::string> command{options.program.empty() ? PALAVER_HELPER_PATH : options.program};
+  command.insert(command.end(), options.arguments.begin(), options.arguments.end());
+  process_.emplace(ChildOptions{.command = std::move(command),
+                                .argument0 = options.argument0,
+                                .environment = options.environment,
+                                .descriptors = {{0, input.child.get()},
+                                                {1, output.child.get()},
+                                                {2, error.child.get()},
+                                                {3, exitPipe.child.get()}},
+                                .defaultSignals = {SIGPIPE, SIGTERM, SIGINT, SIGHUP}});
+  input_ = std::move(input.host);
+  output_ = std::move(output.host);
+  error_ = std::move(error.host);
+  exitPipe_ = std::move(exitPipe.host);
 }
 
 bool HelperProcess::send(std::string_view bytes) {
   const auto deadline = Clock::now() + helperDeadline;
   while (!bytes.empty()) {
-    const ssize_t count = ::write(input_, bytes.data(), bytes.size());
+    const ssize_t count = ::write(input_.get(), bytes.data(), bytes.size());
     if (count >= 0) {
       bytes.remove_prefix(static_cast<std::size_t>(count));
     } else if (errno == EAGAIN) {
-      if (!await(input_, POLLOUT, deadline)) return false;
+      if (!await(input_.get(), POLLOUT, deadline)) return false;
     } else if (errno != EINTR) {
       return false;
     }
@@ -149,11 +105,11 @@ bool HelperProcess::send(std::string_view bytes) {
 }
 
 void HelperProcess::closeInput() {
-  closeOnce(input_);
+  input_.close();
 }
 
 void HelperProcess::closeOutput() {
-  closeOnce(output_);
+  output_.close();
 }
 
 // Waits for output and buffers it. False at the end or after the deadline.
@@ -164,17 +120,17 @@ bool HelperProcess::fill() {
 }
 
 std::string HelperProcess::readSome(std::size_t most) {
-  if (output_ < 0) return {};
+  if (!output_.isOpen()) return {};
   std::string bytes(most, '\0');
   const auto deadline = Clock::now() + helperDeadline;
   for (;;) {
-    const ssize_t count = ::read(output_, bytes.data(), bytes.size());
+    const ssize_t count = ::read(output_.get(), bytes.data(), bytes.size());
     if (count >= 0) {
       bytes.resize(static_cast<std::size_t>(count));
       return bytes;
     }
     if (errno == EAGAIN) {
-      if (!await(output_, POLLIN, deadline)) return {};
+      if (!await(output_.get(), POLLIN, deadline)) return {};
     } else if (errno != EINTR) {
       return {};
     }
@@ -220,20 +176,18 @@ std::optional<HelperProcess::End> HelperProcess::wait() {
   if (end_) return end_;
   const auto deadline = Clock::now() + helperDeadline;
   char byte = 0;
-  while (::read(exitPipe_, &byte, 1) < 0)
-    if (!await(exitPipe_, POLLIN, deadline)) return std::nullopt;
-  int status = 0;
-  while (::waitpid(pid_, &status, 0) < 0)
-    if (errno != EINTR) return std::nullopt;
-  end_ = WIFEXITED(status) ? exited(WEXITSTATUS(status)) : killedBy(WTERMSIG(status));
+  while (::read(exitPipe_.get(), &byte, 1) < 0)
+    if (!await(exitPipe_.get(), POLLIN, deadline)) return std::nullopt;
+  const auto status = process_->wait();
+  end_ = status.signal == 0 ? exited(status.code) : killedBy(status.signal);
   char bytes[4096];
-  for (ssize_t count = 0; error_ >= 0 && (count = ::read(error_, bytes, sizeof bytes)) > 0;)
+  for (ssize_t count = 0; error_.isOpen() && (count = ::read(error_.get(), bytes, sizeof bytes)) > 0;)
     errorText_.append(bytes, static_cast<std::size_t>(count));
   return end_;
 }
 
 std::size_t HelperProcess::residentMemory() const {
-  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+  std::ifstream status("/proc/" + std::to_string(pid()) + "/status");
   for (std::string word; status >> word;)
     if (word == "VmRSS:") {
       std::size_t kibibytes = 0;

@@ -11,6 +11,9 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/posix/ChildProcess.h"
+#include "platform/posix/Descriptor.h"
+
 namespace palaver {
 
 // Time after which a wait fails. A passing test never waits this long.
@@ -43,7 +46,6 @@ class HelperProcess {
   explicit HelperProcess(const Options& options);
   explicit HelperProcess(std::vector<std::string> arguments)
       : HelperProcess(Options{.arguments = std::move(arguments)}) {}
-  ~HelperProcess();
   HelperProcess(const HelperProcess&) = delete;
   HelperProcess& operator=(const HelperProcess&) = delete;
 
@@ -68,17 +70,17 @@ class HelperProcess {
   // All of standard error. Valid after wait().
   const std::string& errorText() const { return errorText_; }
 
-  void signal(int number) const { ::kill(pid_, number); }
-  pid_t pid() const { return pid_; }
+  void signal(int number) { process_->signal(number); }
+  pid_t pid() const { return process_->id(); }
   // Resident memory in bytes. 0 where the system does not report it.
   std::size_t residentMemory() const;
 
  private:
   bool fill();
 
-  pid_t pid_ = -1;
-  int input_ = -1, output_ = -1, error_ = -1;
-  int exitPipe_ = -1;  // reads as ended when the child exits
+  std::optional<ChildProcess> process_;
+  Descriptor input_, output_, error_;
+  Descriptor exitPipe_;  // reads as ended when the child exits
   std::string unread_;
   std::string errorText_;
   std::optional<End> end_;

@@ -11,7 +11,7 @@
 #include "simulator/machine/SimulatedSpeechAnalysis.h"
 #include "simulator/scenario/SyntheticAudio.h"
 #include "tests/support/AnalysisSession.h"
-#include "tests/support/WaveFile.h"
+#include "tests/support/Recording.h"
 
 namespace palaver {
 

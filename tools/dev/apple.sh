@@ -5,7 +5,7 @@ why_no_apple_tests() {
   local place
   if is_mac; then echo "a Mac runs them as what they are"; return; fi
   if [ "$(uname -m)" != x86_64 ]; then echo "they run on x86-64 only"; return; fi
-  for place in "$(command -v swiftc || true)" /opt/swift/usr/bin/swiftc /opt/swift/bin/swiftc /usr/libexec/swift/bin/swiftc; do
+  for place in "${PALAVER_SWIFT_BIN:+$PALAVER_SWIFT_BIN/swiftc}" "$(command -v swiftc || true)"; do
     if [ -n "$place" ] && [ -x "$place" ]; then
       # What it needs itself, such as libncurses6, is not the project's to install.
       "$place" --version >/dev/null 2>&1 || { echo "$place does not start"; return; }
@@ -14,7 +14,7 @@ why_no_apple_tests() {
       return
     fi
   done
-  echo "there is no Swift toolchain (swiftc) on the PATH"
+  echo "there is no Swift toolchain (swiftc on the PATH, or PALAVER_SWIFT_BIN=/path/to/bin)"
 }
 
 # preset, then ctest's options
@@ -22,7 +22,7 @@ run_apple_tests() {
   local reason
   reason=$(why_no_apple_tests)
   if [ -n "$reason" ]; then
-    note_skipped "the macOS sources on Linux ($1): neither compiled nor run, since $reason"
+    note_unchecked "the macOS sources on Linux ($1) were neither compiled nor run: $reason"
     return 0
   fi
   run_tests "$@"

@@ -11,9 +11,9 @@ benchmark_target() {  # name
 
 benchmark_program() {  # target
   case $1 in
-    palaver_accuracy) echo build/release/bench/accuracy/palaver_accuracy ;;
-    PalaverSTTHelper) echo build/release/PalaverSTTHelper ;;
-    *) echo "build/release/bench/$1" ;;
+    palaver_accuracy) echo build/bench/bench/accuracy/palaver_accuracy ;;
+    PalaverSTTHelper) echo build/bench/PalaverSTTHelper ;;
+    *) echo "build/bench/bench/$1" ;;
   esac
 }
 
@@ -23,7 +23,7 @@ run_benchmarks() {  # names...
   [ $# -gt 0 ] || set -- path kernels accuracy channels
   for name in "$@"; do targets="$targets $(benchmark_target "$name")"; done
   # shellcheck disable=SC2086 # one word per target
-  build release $targets
+  build bench $targets
   for name in "$@"; do
     program=$(benchmark_program "$(benchmark_target "$name")")
     say "benchmark $name"

@@ -1,15 +1,19 @@
-# Configures and builds a preset. The output goes to build/logs; the terminal shows how far it is.
+# Configures and builds a preset. The output goes to build/logs; the terminal shows progress.
 
 show_progress() {  # preset; reads the build's output
-  local line
-  if [ -t 1 ]; then
-    while IFS= read -r line; do
-      case $line in \[*/*\]*) printf '\r\033[K%s' "building ($1) ${line%%]*}]" ;; esac
-    done
-    printf '\r\033[K'
-  else
-    cat >/dev/null
-  fi
+  local terminal=0
+  [ ! -t 1 ] || terminal=1
+  awk -v preset="$1" -v terminal="$terminal" '
+    /^\[[0-9]+\/[0-9]+\]/ {
+      split(substr($1, 2), step, /[\/\]]/)
+      if (terminal) { printf "\r\033[Kbuilding (%s) step %d of %d", preset, step[1], step[2]; shown = 1 }
+      else if (step[2] >= 8 && int(step[1] * 4 / step[2]) > quarter && step[1] < step[2]) {
+        quarter = int(step[1] * 4 / step[2])
+        printf "building (%s) step %d of %d\n", preset, step[1], step[2]
+      }
+      fflush()
+    }
+    END { if (shown) printf "\r\033[K" }' >&2
 }
 
 show_failure() {  # step, log
@@ -22,7 +26,7 @@ build() {  # preset, targets...
   shift
   mkdir -p build/logs
   local log=build/logs/$preset.log
-  [ -t 1 ] || say "building ($preset)"
+  say "building ($preset)"
   with_fixed_addresses "$preset" cmake --preset "$preset" >"$log" 2>&1 </dev/null ||
     show_failure "configuring ($preset)" "$log"
   if [ $# -gt 0 ]; then set -- --target "$@"; fi

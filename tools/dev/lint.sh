@@ -1,4 +1,4 @@
-# The checks of the sources: format, clang-tidy, layers, words. Each runs even when one before it failed.
+# The checks of the sources: format, clang-tidy, layers. Each runs even when one before it failed.
 
 # The tree's files: those of the repository (also new ones not added yet), or all without one.
 tree_files() {
@@ -52,7 +52,6 @@ run_lint() {
     run_check "format" check_format
   fi
   run_check "layers" tools/check-layers
-  run_check "words" tools/check-words
   if is_debian && ! is_mac; then
     say "configuring (dev)"
     cmake --preset dev >build/logs/dev-configure.log 2>&1 || show_failure "configuring (dev)" build/logs/dev-configure.log

@@ -24,11 +24,11 @@ find_zig() {
 }
 
 check_macos_build() {
-  local zig
+  local zig started=$SECONDS
   # A zig that PALAVER_ZIG names and that does not work is an error, not a reason to skip.
   [ -z "${PALAVER_ZIG-}" ] || find_zig >/dev/null
   if ! zig=$(find_zig); then
-    note_skipped "the arm64 build for macOS; it needs Zig (pip install ziglang, or PALAVER_ZIG=/path/to/zig)"
+    note_unchecked "the arm64 build for macOS: it needs Zig (pip install ziglang, or PALAVER_ZIG=/path/to/zig)"
     return 0
   fi
   # Zig keeps the standard library that it builds first, for a minute or so, in the user's cache.
@@ -43,7 +43,7 @@ check_macos_build() {
   local log=build/logs/check-macho.log
   python3 tests/unit/tools/check_macho_test.py "$(project_version)" "$program" >"$log" 2>&1 ||
     show_failure "testing the check of the binary" "$log"
-  say "passed: the arm64 build for macOS, $(sed -n 's/^Ran \([0-9]*\) tests.*/\1/p' "$log") tests of its check"
+  note_part macos-cross "$(sed -n 's/^Ran \([0-9]*\) tests.*/\1/p' "$log")" 0 0 $((SECONDS - started))
 }
 
 project_version() { sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt; }

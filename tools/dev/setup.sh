@@ -23,14 +23,29 @@ set_up_debian() {  # lists...
     done
   done
   [ -n "$missing" ] || return 0
-  say "installing$missing"
+  say "installing Debian packages as root:$missing"
   mkdir -p build/logs
   local log=build/logs/packages.log
   # shellcheck disable=SC2086 # one word per package
   {
     as_root apt-get update &&
       as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends $missing
-  } >"$log" 2>&1 </dev/null || { tail -n 20 "$log" >&2; fail "the packages could not be installed; log: $log"; }
+  } 2>&1 </dev/null | tee "$log" | show_installation || {
+    tail -n 20 "$log" >&2
+    fail "the packages could not be installed; log: $log"
+  }
+}
+
+# Shows what apt-get downloads and how far it is.
+show_installation() {
+  local terminal=0
+  [ ! -t 1 ] || terminal=1
+  awk -v terminal="$terminal" '
+    /^Need to get / { sub(/^Need to get /, ""); sub(/ of archives.*/, ""); print "fetching " $0; fflush() }
+    / newly installed, / { total = $3 }
+    terminal && /^Get:/ && total { printf "\r\033[Kfetching %s, %d of %d", $5, ++fetched, total; fflush() }
+    terminal && /^Setting up / && total { printf "\r\033[Ksetting up %s, %d of %d", $3, ++ready, total; fflush() }
+    END { if (terminal && (fetched || ready)) printf "\r\033[K" }' >&2
 }
 
 set_up_mac() {
@@ -40,7 +55,7 @@ set_up_mac() {
     brew list --formula "$name" >/dev/null 2>&1 || missing="$missing $name"
   done
   [ -n "$missing" ] || return 0
-  say "installing$missing"
+  say "installing Homebrew formulae:$missing"
   # shellcheck disable=SC2086
   brew install $missing
 }

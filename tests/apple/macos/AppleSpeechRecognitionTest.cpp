@@ -14,8 +14,8 @@
 #include "simulator/machine/Scheduler.h"
 #include "simulator/machine/SimulatedSpeechRecognition.h"
 #include "tests/apple/support/MainRunLoop.h"
+#include "tests/support/Recording.h"
 #include "tests/support/SpeechRecognitionContract.h"
-#include "tests/support/WaveFile.h"
 
 namespace palaver {
 namespace {

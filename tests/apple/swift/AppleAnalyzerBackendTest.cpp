@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "analyzer/SpeechAnalyzerBackend.h"
+#include "core/Base64Encoding.h"
 #include "core/JSONLineWriter.h"
 #include "platform/Platform.h"
 #include "platform/audio/SndfileAudioFile.h"
@@ -87,7 +88,7 @@ class Conversation {
     for (std::size_t at = 0; at < samples.size(); at += chunk) {
       const auto end = samples.begin() + static_cast<std::ptrdiff_t>(std::min(at + chunk, samples.size()));
       backend.appendAudio(session, source, 0, 1000 + static_cast<double>(at) / 16,
-                          pcmBase64({samples.begin() + static_cast<std::ptrdiff_t>(at), end}));
+                          encodePCM({samples.begin() + static_cast<std::ptrdiff_t>(at), end}));
     }
   }
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "simulator/scenario/SyntheticAudio.h"
+#include "core/Base64Encoding.h"
 
 namespace palaver {
 
@@ -83,7 +83,7 @@ void BackendStorm::audio(const std::string& sessionId, AudioSource source) {
   captures_[capturedAt] = {sessionId, std::string(rawValue(source))};
   if (const auto channel = session.channels.find(source); channel != session.channels.end())
     channels_[channel->second].chunks.push_back(id);
-  backend_.appendAudio(sessionId, source, 0, capturedAt, pcmBase64({id, 0, 0, 0}));
+  backend_.appendAudio(sessionId, source, 0, capturedAt, encodePCM(std::vector<std::int16_t>{id, 0, 0, 0}));
 }
 
 void BackendStorm::stopAll() {

@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 
+#include "core/Base64Encoding.h"
 #include "core/JSONLineWriter.h"
 #include "platform/MainQueue.h"
 #include "platform/SpeechAnalysis.h"
@@ -37,7 +38,7 @@ class SpeechAnalyzerBackendTest : public ConversationTest {
                 {"source", source},
                 {"sequence", 0},
                 {"capturedAt", settings.startsAt + time},
-                {"pcmBase64", pcmBase64(samplesOfLoudness(0.1, 1600))}});
+                {"pcmBase64", encodePCM(samplesOfLoudness(0.1, 1600))}});
   }
 };
 
@@ -95,7 +96,7 @@ std::multiset<std::string> eventsWithSeed(std::optional<std::uint64_t> seed) {
   const auto program = [&](Platform& platform) {
     JSONLineWriter writer(platform.clock, platform.standardOutput, platform.standardError);
     SpeechAnalyzerBackend backend(platform, writer);
-    const auto chunk = pcmBase64(samplesOfLoudness(0.1, 1600));
+    const auto chunk = encodePCM(samplesOfLoudness(0.1, 1600));
     const auto forAll = [&](double time, auto operation) {
       machine.scheduler.schedule(time, Timeline::Context::background, &machine, [&platform, operation] {
         for (const auto* const id : {"x", "y", "z"})

@@ -1,4 +1,5 @@
 #include "cli/HostCommands.h"
+#include "core/Base64Encoding.h"
 
 #include <gmock/gmock.h>
 
@@ -6,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace palaver::host {
+namespace palaver::cli {
 namespace {
 
 std::string base64(std::string_view text) {
@@ -43,4 +44,4 @@ TEST(HostCommandsTest, AudioIsLittleEndian) {
 }
 
 }  // namespace
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace palaver::host {
+namespace palaver::cli {
 namespace {
 
 using ::testing::ElementsAre;
@@ -53,4 +53,4 @@ TEST_F(LineSplitterTest, EndlessLineIsRejected) {
 }
 
 }  // namespace
-}  // namespace palaver::host
+}  // namespace palaver::cli

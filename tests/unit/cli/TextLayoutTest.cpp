@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-namespace palaver::host {
+namespace palaver::cli {
 namespace {
 
 using ::testing::ElementsAre;
@@ -53,4 +53,4 @@ TEST(TextLayoutTest, PositionsAreInMinutesAndSeconds) {
 }
 
 }  // namespace
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -9,7 +9,7 @@
 
 #include "cli/TextLayout.h"
 
-namespace palaver::host {
+namespace palaver::cli {
 namespace {
 
 using ::testing::EndsWith;
@@ -230,4 +230,4 @@ TEST_F(TranscriptDisplayTest, ErrorEventsNameTheirSource) {
 }
 
 }  // namespace
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "app/Helper.h"
+#include "core/Base64Encoding.h"
 #include "platform/StandardStreams.h"
 #include "simulator/machine/SimulatedPlatform.h"
 #include "simulator/scenario/SyntheticAudio.h"
@@ -95,7 +96,7 @@ Run run(SimulatedSettings settings, const std::string& argument, bool withSessio
                 {"source", "remote"},
                 {"sequence", 1},
                 {"capturedAt", settings.startsAt},
-                {"pcmBase64", pcmBase64(samplesOfLoudness(0.1, 1600))}});
+                {"pcmBase64", encodePCM(samplesOfLoudness(0.1, 1600))}});
   }
   Run result;
   result.exitStatus = machine.run(runHelper, 1e6);

@@ -7,8 +7,8 @@
 #include <sstream>
 
 #include "tests/support/DamagedModel.h"
+#include "tests/support/Recording.h"
 #include "tests/support/SpeechRecognitionContract.h"
-#include "tests/support/WaveFile.h"
 
 namespace palaver {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <random>
 
-#include "tests/support/WaveFile.h"
+#include "tests/support/Recording.h"
 
 namespace palaver {
 namespace {

@@ -1,6 +1,5 @@
-#include "cli/SoundFileSource.h"
+#include "platform/audio/SoundFileSource.h"
 
-#include <sndfile.h>
 #include <speex/speex_resampler.h>
 
 #include <algorithm>
@@ -12,7 +11,9 @@
 #include <system_error>
 #include <vector>
 
-namespace palaver::host {
+#include "platform/audio/SoundFile.h"
+
+namespace palaver {
 
 namespace {
 
@@ -40,8 +41,7 @@ std::uintmax_t sizeOfFile(const std::string& path) {
   return size;
 }
 
-std::string sndfileMessage(SNDFILE* file) {
-  std::string message = sf_strerror(file);
+std::string withoutPeriod(std::string message) {
   while (!message.empty() && (message.back() == '.' || message.back() == '\n')) message.pop_back();
   return message;
 }
@@ -56,22 +56,10 @@ std::int16_t sampleOf(float value) {
 
 class SoundFileSource::Reader {
  public:
-  explicit Reader(const std::string& path) : path_(path) {
-    const auto size = sizeOfFile(path);
-    SF_INFO info{};
-    if (path.ends_with(".raw")) {
-      if (size % sizeof(std::int16_t) != 0)
-        throw unreadable(path, "it is not 16-bit audio: it has an odd number of bytes");
-      info.format = SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE;
-      info.samplerate = sampleRate;
-      info.channels = 1;
-    }
-    file_.reset(sf_open(path.c_str(), SFM_READ, &info));
-    if (!file_) throw unreadable(path, "not a readable sound file: " + sndfileMessage(nullptr));
-    if (info.frames == 0) throw unreadable(path, "it contains no audio");
-    channels_ = static_cast<std::size_t>(info.channels);
-    frames_ = info.frames;
-    rate_ = info.samplerate;
+  explicit Reader(const std::string& path) : path_(path), file_(open(path)) {
+    if (file_.length() == 0) throw unreadable(path, "it contains no audio");
+    channels_ = static_cast<std::size_t>(file_.channelCount());
+    rate_ = file_.sampleRate();
     interleaved_.resize(blockFrames * channels_);
     if (rate_ == sampleRate) return;
     if (rate_ < 1 || rate_ > maxRate)
@@ -84,7 +72,7 @@ class SoundFileSource::Reader {
     speex_resampler_skip_zeros(resampler_.get());
   }
 
-  std::int64_t length() const { return outputFramesFor(frames_); }
+  std::int64_t length() const { return outputFramesFor(file_.length()); }
 
   std::size_t read(std::span<std::int16_t> frames) {
     std::size_t written = 0;
@@ -101,17 +89,35 @@ class SoundFileSource::Reader {
     return std::llround(static_cast<double>(frames) * sampleRate / static_cast<double>(rate_));
   }
 
+  static SoundFile open(const std::string& path) {
+    const auto size = sizeOfFile(path);
+    const bool headerless = path.ends_with(".raw");
+    if (headerless && size % sizeof(std::int16_t) != 0)
+      throw unreadable(path, "it is not 16-bit audio: it has an odd number of bytes");
+    try {
+      return SoundFile(path, headerless);
+    } catch (const PlatformError& error) {
+      throw unreadable(path, "not a readable sound file: " + withoutPeriod(error.what()));
+    }
+  }
+
+  std::size_t readFile() {
+    try {
+      return file_.read(interleaved_);
+    } catch (const PlatformError& error) {
+      throw unreadable(path_, withoutPeriod(error.what()));
+    }
+  }
+
   // Reads and mixes the next block. After the file's end supplies silence, which pushes the last frames
   // through the resampler. Returns false when everything has been delivered.
   bool readBlock() {
     consumed_ = 0;
     mono_.clear();
     if (!ended_) {
-      const auto got = sf_readf_float(file_.get(), interleaved_.data(), blockFrames);
-      if (const int error = sf_error(file_.get()); error != SF_ERR_NO_ERROR)
-        throw unreadable(path_, sndfileMessage(file_.get()));
-      framesRead_ += got;
-      mixDown(static_cast<std::size_t>(got));
+      const auto got = readFile();
+      framesRead_ += static_cast<std::int64_t>(got);
+      mixDown(got);
       if (got > 0) return true;
       ended_ = true;
     }
@@ -159,12 +165,11 @@ class SoundFileSource::Reader {
   }
 
   std::string path_;
-  std::unique_ptr<SNDFILE, decltype(&sf_close)> file_{nullptr, &sf_close};
+  SoundFile file_;
   std::unique_ptr<SpeexResamplerState, decltype(&speex_resampler_destroy)> resampler_{
       nullptr, &speex_resampler_destroy};
   std::size_t channels_ = 1;
   std::int64_t rate_ = sampleRate;  // Hz
-  std::int64_t frames_ = 0;         // of the file, from its header
   std::int64_t framesRead_ = 0;     // of the file
   std::int64_t framesMade_ = 0;     // by the resampler
   bool ended_ = false;              // the file has been read to its end
@@ -185,4 +190,4 @@ std::int64_t SoundFileSource::length() const {
   return reader_->length();
 }
 
-}  // namespace palaver::host
+}  // namespace palaver

@@ -1,4 +1,4 @@
-#include "cli/HostArguments.h"
+#include "cli/TranscribeArguments.h"
 
 #include <gmock/gmock.h>
 
@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-namespace palaver::host {
+namespace palaver::cli {
 namespace {
 
 using ::testing::ElementsAre;
 
-HostArguments parse(const std::vector<std::string>& arguments) {
-  return parseHostArguments(arguments);
+TranscribeArguments parse(const std::vector<std::string>& arguments) {
+  return parseTranscribeArguments(arguments);
 }
 
 std::string failure(const std::vector<std::string>& arguments) {
@@ -25,7 +25,7 @@ std::string failure(const std::vector<std::string>& arguments) {
   return "no failure";
 }
 
-TEST(HostArgumentsTest, OptionsAndFilesMayBeInAnyOrder) {
+TEST(TranscribeArgumentsTest, OptionsAndFilesMayBeInAnyOrder) {
   const auto arguments = parse({"a.wav", "--locale", "ja-JP", "b.wav", "--speed=2.5", "--json",
                                 "--vocabulary", "甲,b,,c d", "--helper=x"});
   EXPECT_EQ(arguments.remote, "a.wav");
@@ -37,12 +37,12 @@ TEST(HostArgumentsTest, OptionsAndFilesMayBeInAnyOrder) {
   EXPECT_EQ(arguments.helper, "x");
 }
 
-TEST(HostArgumentsTest, HelperMayHaveArguments) {
+TEST(TranscribeArgumentsTest, HelperMayHaveArguments) {
   EXPECT_THAT(parse({"a", "--helper-argument", "b", "--helper-argument=--c=d"}).helperArguments,
               ElementsAre("b", "--c=d"));
 }
 
-TEST(HostArgumentsTest, DefaultsAreEnglishInRealTime) {
+TEST(TranscribeArgumentsTest, DefaultsAreEnglishInRealTime) {
   const auto arguments = parse({"a.wav"});
   EXPECT_EQ(arguments.locale, "en-US");
   EXPECT_EQ(arguments.speed, 1);
@@ -51,7 +51,7 @@ TEST(HostArgumentsTest, DefaultsAreEnglishInRealTime) {
   EXPECT_EQ(arguments.helper, std::nullopt);
 }
 
-TEST(HostArgumentsTest, BadUsageIsExplained) {
+TEST(TranscribeArgumentsTest, BadUsageIsExplained) {
   EXPECT_EQ(failure({}), "missing sound file");
   EXPECT_EQ(failure({"a", "b", "c"}), "too many sound files: expected REMOTE and optionally SELF");
   EXPECT_EQ(failure({"a", "--fast"}), "unknown option --fast");
@@ -62,7 +62,7 @@ TEST(HostArgumentsTest, BadUsageIsExplained) {
               std::string("--speed takes a number from 0.1 to 100, not '") + speed + "'");
 }
 
-TEST(HostArgumentsTest, VocabularyFileIsArrayOfStrings) {
+TEST(TranscribeArgumentsTest, VocabularyFileIsArrayOfStrings) {
   const auto path =
       std::filesystem::temp_directory_path() / ("palaver-vocabulary-" + std::to_string(::getpid()));
   const auto write = [&](const char* json) { std::ofstream(path) << json; };
@@ -78,4 +78,4 @@ TEST(HostArgumentsTest, VocabularyFileIsArrayOfStrings) {
 }
 
 }  // namespace
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -1,4 +1,4 @@
-#include "cli/SoundFileSource.h"
+#include "platform/audio/SoundFileSource.h"
 
 #include <gmock/gmock.h>
 #include <sndfile.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace palaver::host {
+namespace palaver {
 namespace {
 
 using ::testing::AllOf;
@@ -180,4 +180,4 @@ TEST_F(SoundFileSourceTest, HalfSampleIsRejected) {
 }
 
 }  // namespace
-}  // namespace palaver::host
+}  // namespace palaver

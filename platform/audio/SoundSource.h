@@ -1,15 +1,13 @@
-// Defines the source of a host's audio.
+// Defines a source of 16 kHz mono audio.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
-namespace palaver::host {
+namespace palaver {
 
-inline constexpr int sampleRate = 16000;          // Hz, for all audio sent to the helper
-inline constexpr std::size_t chunkFrames = 1600;  // 100 ms, one audio command
-inline constexpr double chunkMilliseconds = 100;
+inline constexpr int sampleRate = 16000;  // Hz, for all audio sent to the helper
 
 // Provides 16 kHz mono 16-bit audio. Used by one thread at a time.
 class SoundSource {
@@ -29,4 +27,4 @@ class SoundSource {
   SoundSource& operator=(const SoundSource&) = default;
 };
 
-}  // namespace palaver::host
+}  // namespace palaver

@@ -1,11 +1,11 @@
-#include "cli/HostArguments.h"
+#include "cli/TranscribeArguments.h"
 
 #include <charconv>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <utility>
 
-namespace palaver::host {
+namespace palaver::cli {
 
 namespace {
 
@@ -90,8 +90,8 @@ class Reader {
 
 }  // namespace
 
-HostArguments parseHostArguments(std::span<const std::string> arguments) {
-  HostArguments parsed;
+TranscribeArguments parseTranscribeArguments(std::span<const std::string> arguments) {
+  TranscribeArguments parsed;
   std::vector<std::string> files;
   for (Reader reader(arguments); !reader.atEnd();) {
     const auto argument = reader.next();
@@ -126,8 +126,8 @@ HostArguments parseHostArguments(std::span<const std::string> arguments) {
   return parsed;
 }
 
-const std::string_view hostUsage =
-    R"(usage: palaver-host [options] REMOTE [SELF]
+const std::string_view transcribeUsage =
+    R"(usage: palaver-stt transcribe [options] REMOTE [SELF]
 
 Streams sound files to the helper in real time, as a host does, and shows the
 transcript. REMOTE is the far side of the call, SELF the user's own microphone. Each
@@ -146,4 +146,4 @@ is a sound file, or headerless 16 kHz mono 16-bit audio in a file named *.raw.
 Exit status: 0 success, 1 failure, 2 invalid usage.
 )";
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
-#include "cli/SoundSource.h"
+#include "platform/audio/SoundSource.h"
 
-namespace palaver::host {
+namespace palaver {
 
 // Reads any container, rate and channel count that libsndfile supports. Mixes to mono and resamples block by
 // block, so memory use is independent of length. A name ending in ".raw" is headerless 16 kHz mono
@@ -26,4 +26,4 @@ class SoundFileSource final : public SoundSource {
   std::unique_ptr<Reader> reader_;
 };
 
-}  // namespace palaver::host
+}  // namespace palaver

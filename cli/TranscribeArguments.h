@@ -1,4 +1,4 @@
-// Parses the command line of palaver-host.
+// Parses the arguments of `palaver-stt transcribe`.
 #pragma once
 
 #include <optional>
@@ -8,13 +8,13 @@
 #include <string_view>
 #include <vector>
 
-namespace palaver::host {
+namespace palaver::cli {
 
 struct UsageError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-struct HostArguments {
+struct TranscribeArguments {
   std::string remote;               // path of a sound file
   std::optional<std::string> self;  // path of a sound file
   std::optional<std::string> helper;
@@ -29,8 +29,8 @@ struct HostArguments {
 // Parses the arguments after the program's name. Options and files may be in any order. Both "--option value"
 // and "--option=value" are accepted. Reads the vocabulary file, a JSON array of strings. Throws UsageError
 // with a message for the user.
-HostArguments parseHostArguments(std::span<const std::string> arguments);
+TranscribeArguments parseTranscribeArguments(std::span<const std::string> arguments);
 
-extern const std::string_view hostUsage;
+extern const std::string_view transcribeUsage;
 
-}  // namespace palaver::host
+}  // namespace palaver::cli

@@ -1,8 +1,6 @@
 // Runs a child process with non-blocking pipes to its standard streams.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <map>
 #include <optional>
@@ -10,41 +8,10 @@
 #include <string_view>
 #include <vector>
 
-namespace palaver::host {
+#include "platform/posix/ChildProcess.h"
+#include "platform/posix/Descriptor.h"
 
-// Owns a file descriptor.
-class Descriptor {
- public:
-  Descriptor() = default;
-  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-  Descriptor(Descriptor&& other) noexcept;
-  Descriptor& operator=(Descriptor&& other) noexcept;
-  ~Descriptor() { close(); }
-
-  int get() const { return descriptor_; }  // -1 when closed
-  bool isOpen() const { return descriptor_ >= 0; }
-  void close();
-
- private:
-  int descriptor_ = -1;
-};
-
-// Creates a pipe, close-on-exec at both ends and non-blocking at the given end. Throws std::system_error.
-struct Pipe {
-  Descriptor readEnd;
-  Descriptor writeEnd;
-};
-enum class PipeEnd { read, write };
-Pipe makePipe(PipeEnd nonBlockingEnd);
-
-// Describes how a child ended.
-struct ExitStatus {
-  int code = 0;    // argument of exit(); 0 after a signal
-  int signal = 0;  // the terminating signal, or 0
-
-  bool isSuccess() const { return code == 0 && signal == 0; }
-  std::string description() const;  // "exit status 3", "signal 9 (Killed)"
-};
+namespace palaver {
 
 // Describes what a child inherits besides its standard streams.
 struct Inheritance {
@@ -58,18 +25,13 @@ enum class ReadOutcome { data, nothingNow, end };
 // Starts and controls a program in its own process group, so that Ctrl-C reaches only the host, which then
 // ends the session in order. The host must ignore SIGPIPE. Used by one thread at a time; different children
 // may be used on different threads.
-class ChildProcess {
+class PipedProcess {
  public:
   // Starts `command`: the program's path and its arguments. Throws std::system_error when it cannot be
   // started.
-  explicit ChildProcess(const std::vector<std::string>& command, const Inheritance& inheritance = {});
+  explicit PipedProcess(const std::vector<std::string>& command, const Inheritance& inheritance = {});
 
-  // Kills a running child (SIGKILL) and waits for it.
-  ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-
-  pid_t id() const { return process_; }
+  pid_t id() const { return process_->id(); }
 
   // Descriptors for poll(); -1 when closed.
   int input() const { return input_.get(); }
@@ -91,16 +53,15 @@ class ChildProcess {
   ReadOutcome readDiagnostics(std::string& bytes) { return read(diagnostics_, bytes); }
 
   // Returns the status of a child that has ended, or none while it runs. Never blocks.
-  std::optional<ExitStatus> exitStatus();
+  std::optional<ExitStatus> exitStatus() { return process_->exitStatus(); }
 
   // Sends a signal to a running child.
-  void signal(int number);
+  void signal(int number) { process_->signal(number); }
 
  private:
   static ReadOutcome read(Descriptor& descriptor, std::string& bytes);
 
-  pid_t process_ = -1;
-  std::optional<ExitStatus> status_;
+  std::optional<ChildProcess> process_;
   Descriptor input_;
   Descriptor output_;
   Descriptor diagnostics_;
@@ -110,4 +71,4 @@ class ChildProcess {
   bool broken_ = false;
 };
 
-}  // namespace palaver::host
+}  // namespace palaver
