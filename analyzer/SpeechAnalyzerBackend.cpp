@@ -85,6 +85,7 @@ class SpeechAnalyzerBackend::ChannelTask : public std::enable_shared_from_this<C
                                           std::string pcmBase64) {
     try {
       const auto buffer = makePCMBuffer(self->platform_.audioBuffers, pcmBase64);
+      std::string().swap(pcmBase64);  // the wait for the channel holds the audio only
       const Channel channel = co_await self->channel_.value();
       channel->append(buffer, capturedAt);
     } catch (const std::exception& error) {

@@ -9,6 +9,7 @@
 #include "core/JSONLineWriter.h"
 #include "core/Protocol.h"
 #include "core/SpeechBackend.h"
+#include "core/endProcess.h"
 #include "legacy/DictationProbe.h"
 #include "modes/AuthorizationRequest.h"
 #include "modes/HealthReport.h"
@@ -28,8 +29,13 @@ namespace {
   backend->emitStatus();
   CommandHandler handler(platform, writer, *backend);
   CommandChannel channel(platform.mainQueue, writer, handler);
-  platform.standardInput.start(channel);
-  platform.mainQueue.run();
+  try {
+    platform.standardInput.start(channel);
+    platform.mainQueue.run();
+  } catch (const std::exception& failure) {
+    // The reader thread may still use the channel, so nothing is unwound.
+    failProcess(platform.process, writer, failure);
+  }
 }
 
 }  // namespace
@@ -44,11 +50,11 @@ void runHelper(Platform& platform) {
   if (mode == "--research-transcribe-file") runResearchTranscription(platform, writer, arguments.subspan(1));
   if (mode == "--health") {
     emitHealth(platform, writer, dictation);
-    platform.process.exit(0);
+    endProcess(platform.process, writer, 0);
   }
   if (mode == "--authorize") {
     requestLegacyAuthorization(platform, writer);
-    platform.process.exit(0);
+    endProcess(platform.process, writer, 0);
   }
   if (mode == "--install-assets")
     installSpeechAnalyzerAssets(platform, writer, arguments.size() > 1 ? arguments[1] : defaultLocale);

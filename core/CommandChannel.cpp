@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -16,7 +17,8 @@ namespace {
 
 constexpr std::size_t usualBlockSize = std::size_t{256} << 10;  // bytes
 constexpr std::size_t smallestRead = std::size_t{64} << 10;     // minimum free bytes worth a read
-constexpr std::size_t spareBlocks = 4;                          // blocks kept for reuse
+constexpr const char* lineDoesNotFit = "Invalid JSON command: the line does not fit into memory";
+constexpr std::size_t spareBlocks = 4;  // blocks kept for reuse
 
 }  // namespace
 
@@ -78,74 +80,119 @@ std::span<char> CommandChannel::prepare() {
   // A block that grew for a long line is released with that line, regardless of the room it has left.
   const bool outgrown = block_ && block_->size() > usualBlockSize && unfinished < usualBlockSize / 2;
   if (!block_ || outgrown || block_->size() - filled_ < smallestRead) {
-    // A line longer than half a block moves to a larger block, so it is copied only a few times.
-    auto next = pool_->take(unfinished < usualBlockSize / 2 ? usualBlockSize : unfinished * 2 + smallestRead);
-    if (unfinished > 0) std::memcpy(next->bytes(), block_->bytes() + lineStart_, unfinished);
-    block_ = std::move(next);
-    lineStart_ = 0;
-    filled_ = unfinished;
+    try {
+      replaceBlock(unfinished);
+    } catch (const std::bad_alloc&) {
+      // The bytes of the current line belong to no command, so they can be overwritten.
+      if (!block_ || lineStart_ == block_->size()) handler_.fail(std::bad_alloc());
+      reportError(lineDoesNotFit);
+      handOverErrors();
+      skipping_ = true;
+      filled_ = lineStart_;
+    }
   }
   return {block_->bytes() + filled_, block_->size() - filled_};
 }
 
+void CommandChannel::replaceBlock(std::size_t unfinished) {
+  // A line longer than half a block moves to a larger block, so it is copied only a few times.
+  auto next = pool_->take(unfinished < usualBlockSize / 2 ? usualBlockSize : unfinished * 2 + smallestRead);
+  if (unfinished > 0) std::memcpy(next->bytes(), block_->bytes() + lineStart_, unfinished);
+  block_ = std::move(next);
+  lineStart_ = 0;
+  filled_ = unfinished;
+}
+
 void CommandChannel::received(std::size_t count) {
-  Commands commands;
+  try {
+    splitLines(count);
+  } catch (const std::exception& failure) {
+    handler_.fail(failure);
+  }
+}
+
+void CommandChannel::splitLines(std::size_t count) {
   std::size_t searched = filled_;
   filled_ += count;
   while (const void* lineFeed = std::memchr(block_->bytes() + searched, '\n', filled_ - searched)) {
     const auto end = static_cast<std::size_t>(static_cast<const char*>(lineFeed) - block_->bytes());
-    endLine(end, commands);
+    endLine(end);
     searched = end + 1;
   }
   if (!skipping_ && filled_ - lineStart_ > longestLine_) {
     reportTooLongLine();
     skipping_ = true;
   }
-  if (skipping_) lineStart_ = filled_;
-  handOver(std::move(commands));
+  if (skipping_ || isShutDown_) lineStart_ = filled_;
+  handOverCommands();
+  handOverErrors();
+  if (isShutDown_) writer_.limitStalls();
 }
 
 void CommandChannel::ended() {
-  if (filled_ > lineStart_) {  // the last line may lack its line feed
-    Commands commands;
-    endLine(filled_, commands);
-    handOver(std::move(commands));
-  }
+  if (filled_ > lineStart_) endLine(filled_);  // the last line may lack its line feed
+  handOverCommands();
+  handOverErrors();
   block_.reset();
   mainQueue_.async([&handler = handler_] { handler.shutDown(); });
+  writer_.limitStalls();
 }
 
 // Ends the line that starts at lineStart_ and ends at `end`. Decodes it and moves lineStart_ past
 // its line feed.
-void CommandChannel::endLine(std::size_t end, Commands& commands) {
+void CommandChannel::endLine(std::size_t end) {
   char* const line = block_->bytes() + lineStart_;
   const std::size_t length = end - lineStart_;
   lineStart_ = std::min(end + 1, filled_);
-  if (std::exchange(skipping_, false)) return;
+  if (std::exchange(skipping_, false) || isShutDown_) return;
   if (length > longestLine_) return reportTooLongLine();
-  decodeLine(line, length, commands);
+  decodeLine(line, length);
 }
 
 void CommandChannel::reportTooLongLine() {
-  writer_.error("Invalid JSON command: the line is longer than " + std::to_string(longestLine_) + " bytes");
+  reportError("Invalid JSON command: the line is longer than " + std::to_string(longestLine_) + " bytes");
 }
 
-void CommandChannel::decodeLine(char* line, std::size_t length, Commands& commands) {
+void CommandChannel::decodeLine(char* line, std::size_t length) {
   // The trim is only a test for blank lines. The line itself is decoded untrimmed. Almost every line begins
   // with a brace.
   if ((length == 0 || line[0] != '{') && trimWhitespaceAndNewlines({line, length}).empty()) return;
   try {
-    commands.push_back(decodeHelperCommand(line, length));
+    auto command = decodeHelperCommand(line, length);
+    handOverErrors();
+    isShutDown_ = command.type == "shutdown";
+    commands_.push_back(std::move(command));
   } catch (const DecodingError& error) {
-    writer_.error(std::string("Invalid JSON command: ") + error.what());
+    reportError(std::string("Invalid JSON command: ") + error.what());
+  } catch (const std::bad_alloc&) {
+    reportError(lineDoesNotFit);
   }
 }
 
-void CommandChannel::handOver(Commands commands) {
-  if (commands.empty()) return;
-  // One job for all commands of one read. It shares the block that the commands point into.
-  mainQueue_.async([&handler = handler_, block = block_, batch = std::move(commands)] {
+// Commands before the line are queued first, so that none waits for a host that does not read. Once an error
+// is queued, later ones are too, which keeps them in order.
+void CommandChannel::reportError(const std::string& message) {
+  handOverCommands();
+  if (errors_.empty() && queuedErrorJobs_ == 0 && writer_.tryError(message)) return;
+  if (errors_.empty() || errors_.back().first != message) errors_.emplace_back(message, 0);
+  ++errors_.back().second;
+}
+
+// Queues one job for all commands. It shares the block that they point into.
+void CommandChannel::handOverCommands() {
+  if (commands_.empty()) return;
+  mainQueue_.async([&handler = handler_, block = block_, batch = std::exchange(commands_, {})] {
     for (const auto& command : batch) handler.handle(command);
+  });
+}
+
+void CommandChannel::handOverErrors() {
+  if (errors_.empty()) return;
+  ++queuedErrorJobs_;
+  mainQueue_.async([this, batch = std::exchange(errors_, {})] {
+    for (const auto& [message, count] : batch)
+      for (std::size_t i = 0; i < count; ++i) writer_.error(message);
+    --queuedErrorJobs_;
   });
 }
 

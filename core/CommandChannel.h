@@ -1,9 +1,12 @@
 // Reads stdin, splits it into lines, decodes each line into a HelperCommand and queues it on the main thread.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "core/HelperCommand.h"
@@ -16,7 +19,8 @@ class JSONLineWriter;
 class MainQueue;
 
 // Runs on the reader thread. Only the queued batches run on the main thread. Never waits for a command to be
-// handled, so the host's pipe keeps draining while a command runs.
+// handled or for the host to read, so the host's pipe keeps draining. An error that cannot be written
+// immediately is queued on the main thread, in the order of the lines.
 //
 // Bytes are read into blocks and commands are views into them. A block is destroyed after its last command
 // has been handled. Lines are not copied, except when they cross the end of a block.
@@ -39,11 +43,16 @@ class CommandChannel final : public InputHandler {
   class Block;
   class BlockPool;
   using Commands = std::vector<HelperCommand>;
+  using Errors = std::vector<std::pair<std::string, std::size_t>>;  // message, times in a row
 
-  void endLine(std::size_t end, Commands& commands);
+  void replaceBlock(std::size_t unfinished);
+  void splitLines(std::size_t count);
+  void endLine(std::size_t end);
   void reportTooLongLine();
-  void decodeLine(char* line, std::size_t length, Commands& commands);
-  void handOver(Commands commands);
+  void decodeLine(char* line, std::size_t length);
+  void reportError(const std::string& message);
+  void handOverCommands();
+  void handOverErrors();
 
   MainQueue& mainQueue_;
   JSONLineWriter& writer_;
@@ -52,8 +61,14 @@ class CommandChannel final : public InputHandler {
   std::shared_ptr<BlockPool> pool_;
   std::shared_ptr<Block> block_;
   std::size_t lineStart_ = 0;  // start of the current line in block_
-  std::size_t filled_ = 0;     // bytes of block_ that have been read
-  bool skipping_ = false;      // the current line was too long, the rest of it is dropped
+  std::size_t filled_ = 0;     // bytes of block_ that hold input
+  bool skipping_ = false;      // the current line is too long and its rest is dropped
+  bool isShutDown_ = false;    // "shutdown" was decoded; all input after it is dropped
+
+  // Not yet queued; at most one of them holds anything.
+  Commands commands_;
+  Errors errors_;
+  std::atomic<int> queuedErrorJobs_{0};
 };
 
 }  // namespace palaver

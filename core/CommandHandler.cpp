@@ -1,5 +1,6 @@
 #include "core/CommandHandler.h"
 
+#include <new>
 #include <nlohmann/json.hpp>
 #include <span>
 #include <string>
@@ -7,6 +8,7 @@
 #include "core/JSONLineWriter.h"
 #include "core/Protocol.h"
 #include "core/SpeechBackend.h"
+#include "core/endProcess.h"
 #include "platform/Clock.h"
 #include "platform/Platform.h"
 #include "platform/Process.h"
@@ -14,6 +16,14 @@
 namespace palaver {
 
 void CommandHandler::handle(const HelperCommand& command) {
+  try {
+    dispatch(command);
+  } catch (const std::bad_alloc&) {
+    writer_.error("The command does not fit into memory", command.sessionId, command.source);
+  }
+}
+
+void CommandHandler::dispatch(const HelperCommand& command) {
   const auto& [type, sessionId, source, locale, vocabulary, sequence, capturedAt, pcmBase64, suppressed,
                sentAt] = command;
   if (type == "ping") {
@@ -42,11 +52,14 @@ void CommandHandler::handle(const HelperCommand& command) {
   }
 }
 
+void CommandHandler::fail(const std::exception& failure) {
+  failProcess(platform_.process, writer_, failure);
+}
+
 void CommandHandler::shutDown() {
+  writer_.limitStalls();
   backend_.stopAll();
-  // The reader may be writing an error. The exit must not cut that line.
-  const auto held = writer_.holdLines();
-  platform_.process.exit(0);
+  endProcess(platform_.process, writer_, 0);
 }
 
 }  // namespace palaver

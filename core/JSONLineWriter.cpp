@@ -9,6 +9,8 @@ namespace palaver {
 
 namespace {
 
+constexpr double endStallLimit = 2000;  // ms
+
 void append(std::string& out, const Event& value) {
   const auto appendMembers = [&out](char open, char close, const Event& members, auto appendMember) {
     out += open;
@@ -60,16 +62,38 @@ void JSONLineWriter::write(const Event& event) {
     return;
   }
   const std::lock_guard guard(lock_);
-  standardOutput_.write(line);
-  standardOutput_.write("\n");
+  writeLine(line);
 }
 
 void JSONLineWriter::error(std::string_view message, std::optional<std::string_view> sessionId,
                            std::optional<AudioSource> source) {
-  Event event{{"type", "helper.error"}, {"message", message}, {"at", clock_.nowMilliseconds()}};
+  Event event = errorEvent(message);
   if (sessionId) event["sessionId"] = *sessionId;
   if (source) event["source"] = rawValue(*source);
   write(event);
+}
+
+bool JSONLineWriter::tryError(std::string_view message) {
+  const auto line = serializeEvent(errorEvent(message));
+  const std::unique_lock guard(lock_, std::try_to_lock);
+  if (!guard.owns_lock() || !standardOutput_.isWritable()) return false;
+  writeLine(line);
+  return true;
+}
+
+void JSONLineWriter::limitStalls() {
+  standardOutput_.limitStalls(endStallLimit);
+  standardError_.limitStalls(endStallLimit);
+}
+
+Event JSONLineWriter::errorEvent(std::string_view message) const {
+  return {{"type", "helper.error"}, {"message", message}, {"at", clock_.nowMilliseconds()}};
+}
+
+// Called with the lock held.
+void JSONLineWriter::writeLine(std::string_view line) {
+  standardOutput_.write(line);
+  standardOutput_.write("\n");
 }
 
 std::string_view authorizationLabel(AuthorizationStatus status) {

@@ -36,11 +36,22 @@ class JSONLineWriter {
   void error(std::string_view message, std::optional<std::string_view> sessionId = std::nullopt,
              std::optional<AudioSource> source = std::nullopt);
 
+  // Writes a "helper.error" event if it need not wait, neither for another thread's line nor for the reader
+  // of stdout. Returns whether it was written.
+  bool tryError(std::string_view message);
+
+  // From now on drops lines once the host has accepted nothing for 2 s. Called when the process is to end, so
+  // that a host that does not read cannot prevent it.
+  void limitStalls();
+
   // Blocks until the current line is written, and delays further lines while the result exists. This lets the
   // process end between two lines.
   [[nodiscard]] std::unique_lock<std::mutex> holdLines() { return std::unique_lock(lock_); }
 
  private:
+  Event errorEvent(std::string_view message) const;
+  void writeLine(std::string_view line);
+
   const Clock& clock_;
   OutputStream& standardOutput_;
   OutputStream& standardError_;

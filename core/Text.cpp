@@ -1,20 +1,41 @@
 #include "core/Text.h"
 
 #include <algorithm>
-#include <array>
 
 namespace palaver {
 
 namespace {
 
-// Members of the set in UTF-8. Sources: Unicode general category Zs, and the newline set U+000A to U+000D,
-// U+0085, U+2028, U+2029.
-constexpr std::array<std::string_view, 25> whitespaceAndNewlines{
-    "\t",           "\n",           "\v",           "\f",           "\r",           " ",
-    "\xC2\x85",     "\xC2\xA0",     "\xE1\x9A\x80", "\xE2\x80\x80", "\xE2\x80\x81", "\xE2\x80\x82",
-    "\xE2\x80\x83", "\xE2\x80\x84", "\xE2\x80\x85", "\xE2\x80\x86", "\xE2\x80\x87", "\xE2\x80\x88",
-    "\xE2\x80\x89", "\xE2\x80\x8A", "\xE2\x80\xA8", "\xE2\x80\xA9", "\xE2\x80\xAF", "\xE2\x81\x9F",
-    "\xE3\x80\x80"};
+// Returns the length of the member of the set at the start of the text, or 0. Sources: Unicode general
+// category Zs, the newline set U+000A to U+000D, U+0085, U+2028, U+2029, and U+200B, which Foundation's
+// whitespacesAndNewlines has too (tests/apple/swift compares with the real one).
+std::size_t spaceLength(std::string_view text) {
+  const auto byte = [&text](std::size_t i) {
+    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u;
+  };
+  const unsigned second = byte(1), third = byte(2);
+  switch (byte(0)) {
+    case '\t':
+    case '\n':
+    case '\v':
+    case '\f':
+    case '\r':
+    case ' ':
+      return 1;
+    case 0xC2:
+      return second == 0x85 || second == 0xA0 ? 2 : 0;
+    case 0xE1:
+      return second == 0x9A && third == 0x80 ? 3 : 0;
+    case 0xE2:
+      if (second == 0x80)
+        return (third >= 0x80 && third <= 0x8B) || third == 0xA8 || third == 0xA9 || third == 0xAF ? 3 : 0;
+      return second == 0x81 && third == 0x9F ? 3 : 0;
+    case 0xE3:
+      return second == 0x80 && third == 0x80 ? 3 : 0;
+    default:
+      return 0;
+  }
+}
 
 char lowerASCII(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -23,20 +44,15 @@ char lowerASCII(char c) {
 }  // namespace
 
 std::string_view trimWhitespaceAndNewlines(std::string_view text) {
-  const auto trimOnce = [](std::string_view& rest) {
-    for (const auto space : whitespaceAndNewlines) {
-      if (rest.starts_with(space)) {
-        rest.remove_prefix(space.size());
-        return true;
-      }
-      if (rest.ends_with(space)) {
-        rest.remove_suffix(space.size());
-        return true;
-      }
+  while (const auto length = spaceLength(text)) text.remove_prefix(length);
+  for (bool trimmed = true; trimmed;) {
+    trimmed = false;
+    for (std::size_t length = 1; length <= 3; ++length) {
+      if (text.size() < length || spaceLength(text.substr(text.size() - length)) != length) continue;
+      text.remove_suffix(length);
+      trimmed = true;
+      break;
     }
-    return false;
-  };
-  while (trimOnce(text)) {
   }
   return text;
 }

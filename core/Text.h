@@ -6,7 +6,7 @@
 namespace palaver {
 
 // Removes white space and newlines from both ends of UTF-8 text: tab, the Unicode space separators (Zs), LF
-// to CR, U+0085, U+2028 and U+2029. This is the platform's whitespace-and-newlines set. Other bytes,
+// to CR, U+0085, U+200B, U+2028 and U+2029. This is the platform's whitespace-and-newlines set. Other bytes,
 // including malformed ones, are kept.
 std::string_view trimWhitespaceAndNewlines(std::string_view text);
 

@@ -6,6 +6,7 @@
 #include "analyzer/Spawn.h"
 #include "core/BackendSelection.h"
 #include "core/JSONLineWriter.h"
+#include "core/endProcess.h"
 #include "legacy/LegacyReadiness.h"
 #include "platform/MainQueue.h"
 #include "platform/Platform.h"
@@ -28,10 +29,10 @@ asio::awaitable<void> reportAnalyzerHealth(Platform& platform, JSONLineWriter& w
                   {"authorization", "not-required"},
                   {"modelStatus", "unsupported"},
                   {"protocolVersion", protocolVersion}});
-    platform.process.exit(1);
+    endProcess(platform.process, writer, 1);
   }
   writer.write(statusEvent(*model));
-  platform.process.exit(0);
+  endProcess(platform.process, writer, 0);
 }
 
 }  // namespace

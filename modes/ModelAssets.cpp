@@ -7,6 +7,7 @@
 #include "analyzer/Spawn.h"
 #include "core/BackendSelection.h"
 #include "core/JSONLineWriter.h"
+#include "core/endProcess.h"
 #include "platform/MainQueue.h"
 #include "platform/Platform.h"
 #include "platform/Process.h"
@@ -50,7 +51,7 @@ asio::awaitable<void> installAndExit(Platform& platform, JSONLineWriter& writer,
   });
   if (!locale) {
     writer.error("SpeechAnalyzer does not support locale " + localeIdentifier);
-    platform.process.exit(1);
+    endProcess(platform.process, writer, 1);
   }
   bool installed = false;
   try {
@@ -58,7 +59,7 @@ asio::awaitable<void> installAndExit(Platform& platform, JSONLineWriter& writer,
   } catch (const std::exception& error) {
     writer.error(std::string("SpeechAnalyzer asset installation failed: ") + error.what());
   }
-  platform.process.exit(installed ? 0 : 1);
+  endProcess(platform.process, writer, installed ? 0 : 1);
 }
 
 }  // namespace
@@ -67,7 +68,7 @@ void installSpeechAnalyzerAssets(Platform& platform, JSONLineWriter& writer,
                                  std::string_view localeIdentifier) {
   if (!hasSpeechAnalyzer(platform.process)) {
     writer.error("SpeechAnalyzer assets require macOS 26 and the macOS 26 SDK (Xcode/Command Line Tools 26)");
-    platform.process.exit(1);
+    endProcess(platform.process, writer, 1);
   }
   spawn(platform.tasks.executor(), installAndExit(platform, writer, std::string(localeIdentifier)));
   platform.mainQueue.run();

@@ -16,6 +16,7 @@
 #include "core/JSONLineWriter.h"
 #include "core/PCMDecoding.h"
 #include "core/Protocol.h"
+#include "core/endProcess.h"
 #include "platform/AudioBuffer.h"
 #include "platform/AudioFile.h"
 #include "platform/MainQueue.h"
@@ -92,7 +93,7 @@ asio::awaitable<void> transcribeAndExit(std::string path, std::string vocabulary
     writer.error(std::string("Research transcription failed: ") + error.what());
     status = 1;
   }
-  platform.process.exit(status);
+  endProcess(platform.process, writer, status);
 }
 
 }  // namespace
@@ -120,13 +121,13 @@ void runResearchTranscription(Platform& platform, JSONLineWriter& writer,
                               std::span<const std::string> paths) {
   if (paths.size() != 2) {
     writer.error("Usage: --research-transcribe-file <wav-path> <vocabulary-json-path>");
-    platform.process.exit(2);
+    endProcess(platform.process, writer, 2);
   }
   if (!hasSpeechAnalyzer(platform.process)) {
     writer.error(
         "Offline research probe requires macOS 26 and Swift 6.2; legacy recognition is not measured by this "
         "command");
-    platform.process.exit(1);
+    endProcess(platform.process, writer, 1);
   }
   spawn(platform.tasks.executor(), transcribeAndExit(paths[0], paths[1], platform, writer));
   platform.mainQueue.run();

@@ -50,6 +50,13 @@ class OutputStream {
   // of one line.
   virtual void write(std::string_view bytes) = 0;
 
+  // Returns whether a line of usual length (512 bytes) can be written without blocking. Any thread.
+  virtual bool isWritable() const { return true; }
+
+  // From now on gives up a write, also one that already blocks, when the reader has accepted nothing for the
+  // given time (ms), and drops all bytes after it. Any thread.
+  virtual void limitStalls(double /*milliseconds*/) {}
+
  protected:
   OutputStream() = default;
   OutputStream(const OutputStream&) = default;

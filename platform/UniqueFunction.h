@@ -1,4 +1,5 @@
-// Holds a callable that can be moved but not copied. std::move_only_function of C++23, which the compilers in use lack.
+// Holds a callable that can be moved but not copied. std::move_only_function of C++23, which the compilers in
+// use lack.
 #pragma once
 
 #include <cstddef>
@@ -18,9 +19,11 @@ class UniqueFunction<Result(Arguments...)> {
   UniqueFunction() = default;
   UniqueFunction(std::nullptr_t) {}
   template <typename Callable>
-    requires(!std::is_same_v<std::remove_cvref_t<Callable>, UniqueFunction> &&
-             std::is_invocable_r_v<Result, std::decay_t<Callable>&, Arguments...>)
-  UniqueFunction(Callable&& callable)
+  requires(!std::is_same_v<std::remove_cvref_t<Callable>, UniqueFunction> &&
+           std::is_invocable_r_v<Result, std::decay_t<Callable>&, Arguments...>)
+      // The constraint keeps it from hiding the move constructor.
+      // NOLINTNEXTLINE(bugprone-forwarding-reference-overload)
+      UniqueFunction(Callable&& callable)
       : target_(std::make_unique<Holder<std::decay_t<Callable>>>(std::forward<Callable>(callable))) {}
 
   Result operator()(Arguments... arguments) const {
@@ -39,8 +42,7 @@ class UniqueFunction<Result(Arguments...)> {
   };
   template <typename Callable>
   struct Holder final : Target {
-    template <typename Source>
-    explicit Holder(Source&& source) : callable(std::forward<Source>(source)) {}
+    explicit Holder(Callable value) : callable(std::move(value)) {}
     Result call(Arguments... arguments) override { return callable(std::forward<Arguments>(arguments)...); }
     Callable callable;
   };

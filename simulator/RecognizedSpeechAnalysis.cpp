@@ -194,7 +194,7 @@ class RecognizedSpeechAnalysis::Analysis : public std::enable_shared_from_this<A
     if (stretch_) std::exchange(stretch_, nullptr)->request->endAudio();
   }
 
-  void handle(std::shared_ptr<Stretch> stretch, std::optional<RecognitionResult> result,
+  void handle(const std::shared_ptr<Stretch>& stretch, std::optional<RecognitionResult> result,
               std::optional<PlatformError> error) {
     const auto task = std::find(tasks_.begin(), tasks_.end(), stretch);
     if (task == tasks_.end()) return;

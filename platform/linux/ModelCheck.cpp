@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -43,6 +44,10 @@ std::string readFile(const std::filesystem::path& file) {
   const auto size = std::filesystem::file_size(file, error);
   if (error || size > maxFileSize) fail(file, "its size cannot be right");
   std::ifstream stream(file, std::ios::binary);
+  if (!stream.is_open())
+    throw recognizerError(
+        RecognizerErrorCode::modelDamaged,
+        "The speech model file " + file.filename().string() + " cannot be opened: " + std::strerror(errno));
   std::string contents(static_cast<std::size_t>(size), '\0');
   stream.read(contents.data(), static_cast<std::streamsize>(contents.size()));
   if (!stream) fail(file, "it cannot be read");

@@ -17,7 +17,7 @@ inline constexpr const char* pocketSphinxErrorDomain = "PocketSphinx";
 
 // Error codes of that domain. noSpeech has the number of the macOS speech framework.
 enum class RecognizerErrorCode : long {
-  modelDamaged = 1,      // a model file is unreadable or malformed
+  modelDamaged = 1,      // a model file cannot be opened, is unreadable or malformed
   engineFailed = 2,      // the library failed unexpectedly
   unsupportedAudio = 3,  // not 16 kHz mono 16-bit
   noSpeech = 1110,

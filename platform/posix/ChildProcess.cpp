@@ -103,8 +103,9 @@ ChildProcess::ChildProcess(const ChildOptions& options) {
 
 ChildProcess::~ChildProcess() {
   if (exitStatus()) return;
-  signal(SIGKILL);
-  wait();
+  ::kill(process_, SIGKILL);
+  while (::waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
+  }
 }
 
 std::optional<ExitStatus> ChildProcess::exitStatus() {

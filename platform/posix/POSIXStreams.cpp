@@ -2,11 +2,14 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
+#include <string>
 #include <thread>
 
 namespace palaver {
@@ -41,15 +44,68 @@ void DescriptorInput::start(InputHandler& handler) {
   }).detach();  // runs until the input or the process ends
 }
 
+// A blocking descriptor blocks in write() once it is full, where no limit could end the wait. So each piece
+// waits for room first, and is small enough to be accepted whole then (write(2) for PIPE_BUF).
 void DescriptorOutput::write(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::write(descriptor_, bytes.data(), std::min(bytes.size(), mostBytes));
+  while (!bytes.empty() && !isGivenUp_) {
+    const auto piece = bytes.substr(0, PIPE_BUF);
+    ssize_t count = isReady(0) ? ::write(descriptor_, piece.data(), piece.size()) : writeToLastPage(piece);
     if (count >= 0) {
       bytes.remove_prefix(static_cast<std::size_t>(count));
-    } else if (!mayTryAgain(descriptor_, POLLOUT)) {
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      if (!waitUntilReady()) isGivenUp_ = true;
+    } else if (errno != EINTR) {
       return;
     }
   }
+}
+
+// A pipe of Linux is ready only while a whole page is free, but accepts bytes as long as they fit into its
+// last page. Only a non-blocking descriptor can find out. It is a descriptor of its own, because the flag
+// belongs to all who share the open pipe. Sets errno to EAGAIN where there is none.
+ssize_t DescriptorOutput::writeToLastPage([[maybe_unused]] std::string_view bytes) {
+#ifdef __linux__
+  struct stat status {};
+  if (nonBlocking_ == notOpened && ::fstat(descriptor_, &status) == 0 && S_ISFIFO(status.st_mode))
+    nonBlocking_ =
+        ::open(("/proc/self/fd/" + std::to_string(descriptor_)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  if (nonBlocking_ >= 0) return ::write(nonBlocking_, bytes.data(), bytes.size());
+#endif
+  errno = EAGAIN;
+  return -1;
+}
+
+bool DescriptorOutput::isReady(int milliseconds) const {
+  pollfd waiting{.fd = descriptor_, .events = POLLOUT, .revents = 0};
+  const int ready = ::poll(&waiting, 1, milliseconds);
+  return ready > 0 || (ready < 0 && errno != EINTR);  // write() reports any error
+}
+
+bool DescriptorOutput::isWritable() const {
+  return !isGivenUp_ && isReady(0);
+}
+
+void DescriptorOutput::limitStalls(double milliseconds) {
+  limitedAt_ = SteadyClock::now().time_since_epoch().count();
+  stallLimit_ = milliseconds;
+}
+
+// Returns false when a limit is set and the descriptor accepted nothing for that long.
+bool DescriptorOutput::waitUntilReady() const {
+  constexpr int limitCheckInterval = 100;  // ms; a limit may be set while this thread waits
+  const auto start = SteadyClock::now();
+  for (;;) {
+    if (isReady(limitCheckInterval)) return true;
+    if (hasStalledSince(start)) return false;
+  }
+}
+
+bool DescriptorOutput::hasStalledSince(SteadyClock::time_point start) const {
+  const double limit = stallLimit_;
+  if (limit < 0) return false;
+  const SteadyClock::time_point limitedAt{SteadyClock::duration(limitedAt_.load())};
+  return std::chrono::duration<double, std::milli>(SteadyClock::now() - std::max(start, limitedAt)).count() >=
+         limit;
 }
 
 void prepareStandardStreams() {

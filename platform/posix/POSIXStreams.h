@@ -1,6 +1,11 @@
 // Implements the standard streams on file descriptors.
 #pragma once
 
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+
 #include "platform/StandardStreams.h"
 
 namespace palaver {
@@ -24,9 +29,24 @@ class DescriptorOutput final : public OutputStream {
   explicit DescriptorOutput(int descriptor) : descriptor_(descriptor) {}
 
   void write(std::string_view bytes) override;
+  bool isWritable() const override;
+  void limitStalls(double milliseconds) override;
 
  private:
-  int descriptor_;
+  using SteadyClock = std::chrono::steady_clock;
+
+  static constexpr int notOpened = -2;
+
+  ssize_t writeToLastPage(std::string_view bytes);
+  bool isReady(int milliseconds) const;
+  bool waitUntilReady() const;
+  bool hasStalledSince(SteadyClock::time_point start) const;
+
+  const int descriptor_;
+  std::atomic<int> nonBlocking_{notOpened};  // the same pipe, non-blocking; opened when the pipe first fills
+  std::atomic<double> stallLimit_{-1};       // ms; negative: none
+  std::atomic<SteadyClock::rep> limitedAt_{0};
+  std::atomic<bool> isGivenUp_{false};
 };
 
 // Prepares the process for its streams. Ignores SIGPIPE, so that writing to a closed reader is an error.

@@ -156,9 +156,8 @@ PlatformError readPlatformError(const JSON& value, const std::string& where) {
     return oneOf(choices, value.get<std::string>(), where)();
   }
   ObjectReader reader(value, where);
-  const PlatformError error(reader.text("domain").value_or("kAFAssistantErrorDomain"),
-                            static_cast<long>(reader.number("code").value_or(0)),
-                            reader.text("text").value_or(""));
+  PlatformError error(reader.text("domain").value_or("kAFAssistantErrorDomain"),
+                      static_cast<long>(reader.number("code").value_or(0)), reader.text("text").value_or(""));
   reader.finish();
   return error;
 }

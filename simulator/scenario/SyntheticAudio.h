@@ -7,8 +7,8 @@
 
 namespace palaver {
 
-// Returns samples with the lowest root mean square (full scale 1) that is not below `rms`. 0 means silence. At
-// most 0.99.
+// Returns samples with the lowest root mean square (full scale 1) that is not below `rms`. 0 means silence.
+// At most 0.99.
 std::vector<std::int16_t> samplesOfLoudness(double rms, std::size_t frames);
 
 }  // namespace palaver

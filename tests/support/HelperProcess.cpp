@@ -36,7 +36,7 @@ Ends makeEnds(const HelperProcess::Stream& stream, bool childReads) {
       check(ends.child.isOpen(), "open");
       return ends;
     case HelperProcess::Stream::Kind::pipe: {
-      auto [readEnd, writeEnd] = makePipe();
+      auto [readEnd, writeEnd] = makePipe(stream.capacity);
       ends = childReads ? Ends{std::move(readEnd), std::move(writeEnd)}
                         : Ends{std::move(writeEnd), std::move(readEnd)};
       break;

@@ -28,6 +28,7 @@ class HelperProcess {
     Kind kind = Kind::pipe;
     bool nonBlocking = false;  // the child's end; hosts that share their sockets leave it so
     std::string path = {};     // only for a file
+    std::size_t capacity = 0;  // of a pipe, bytes; 0: the system's default
   };
   struct Options {
     std::vector<std::string> arguments = {};  // after argument 0
