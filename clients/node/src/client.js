@@ -2,7 +2,7 @@
 //
 // One event loop, no threads. All state belongs to this object; a process reports only to the object that started it.
 import {systemClock, within} from './clock.js';
-import {PalaverError, errorCodeOf} from './errors.js';
+import {PalaverError, classifyError} from './errors.js';
 import {HelperProcess} from './helperProcess.js';
 import {findHelper} from './locate.js';
 import {IncomingQueue, OutgoingQueue} from './queues.js';
@@ -19,11 +19,17 @@ const terminateMs = 1000;
 /** @typedef {import('./clock.js').Clock} Clock */
 
 export class Client {
-  /** The latest helper.status. @type {any} */
+  /**
+   * The latest helper.status.
+   * @type {any}
+   */
   status = undefined;
   /** Whether a process is there to write to. */
   running = false;
-  /** Resolves when no process runs and none will be started. Never rejects. @type {Promise<any>} */
+  /**
+   * Resolves when no process runs and none will be started. Never rejects.
+   * @type {Promise<any>}
+   */
   ended;
   #resolveEnded = /** @type {(report: any) => void} */ (() => {});
   #process = /** @type {HelperProcess | undefined} */ (undefined);
@@ -59,6 +65,11 @@ export class Client {
     return this.running ? this.#process?.pid : undefined;
   }
 
+  /** Whether commands reach a helper that knows the sessions. */
+  get accepting() {
+    return this.running && !this.#restarting;
+  }
+
   get closed() {
     return this.#closing !== undefined || this.#failed !== undefined;
   }
@@ -84,7 +95,7 @@ export class Client {
     if (ending) {
       const {exitCode, signal, error} = ending;
       const how = signal ? `was ended by ${signal}` : `ended with status ${exitCode}`;
-      throw error ?? new PalaverError('helper_exited', `${helperPath} ${how} before its first status`,
+      throw error ?? new PalaverError('helper-exited', `${helperPath} ${how} before its first status`,
         {exitCode, signal, stderr: process.stderr});
     }
     if (!status) {
@@ -94,7 +105,7 @@ export class Client {
     }
     if ((status.protocolVersion ?? knownProtocol) !== knownProtocol) {
       await this.close({timeoutMs: 1000});
-      throw new PalaverError('unsupported_protocol', `The helper speaks protocol ${status.protocolVersion}, this client ${knownProtocol}`);
+      throw new PalaverError('unsupported-protocol', `The helper speaks protocol ${status.protocolVersion}, this client ${knownProtocol}`);
     }
     this.#started = true;
     if (process.hasEnded) this.#processEnded(await process.ended);
@@ -120,7 +131,7 @@ export class Client {
   /** @param {import('./helperProcess.js').Ending} ending */
   #processEnded({exitCode, signal, error}) {
     const message = signal ? `The helper was ended by ${signal}` : `The helper ended with status ${exitCode}`;
-    const reason = error ?? new PalaverError('helper_exited', message, {exitCode, signal, stderr: this.#process?.stderr});
+    const reason = error ?? new PalaverError('helper-exited', message, {exitCode, signal, stderr: this.#process?.stderr});
     for (const {reject} of this.#pings.splice(0)) reject(reason);
     this.#queue.removeCommands();
     for (const session of [...this.#sessions.values()]) session.helperEnded(reason);
@@ -131,7 +142,7 @@ export class Client {
     this.emit({type: 'client.exited', exitCode, signal, willRestart});
     if (!willRestart) {
       const limit = this.options.restart === false ? '' : `, the ${restartEnds}th time within ${restartWindowMs / 1000} s`;
-      return this.#end(new PalaverError('helper_exited', message + limit, {exitCode, signal, stderr: this.#process?.stderr}));
+      return this.#end(new PalaverError('helper-exited', message + limit, {exitCode, signal, stderr: this.#process?.stderr}));
     }
     this.#restarting ??= {exitCode, signal, since: now};
     this.#restartTimer = this.clock.setTimeout(() => this.#restart(), restartDelaysMs[this.#ends.length - 1]);
@@ -140,16 +151,18 @@ export class Client {
   #restart() {
     this.#restartTimer = undefined;
     const process = this.#spawn();
-    for (const session of this.#sessions.values()) {
-      for (const command of session.reopenCommands()) process.write(line(command));
-    }
+    const reopened = [...this.#sessions.values()];
+    for (const session of reopened) for (const command of session.reopenCommands()) process.write(line(command));
     this.#statusSeen = event => {
       if (event.type !== 'helper.status') return;
       this.#statusSeen = undefined;
       const {exitCode, signal, since} = /** @type {any} */ (this.#restarting);
       this.#restarting = undefined;
       this.emit({type: 'client.restarted', exitCode, signal, downMs: this.clock.monotonic() - since});
-      for (const session of this.#sessions.values()) session.reopened();
+      for (const session of reopened) {
+        if (session.state === 'open') session.reopened();
+        else this.command({type: 'session.stop', sessionId: session.id});  // stopped meanwhile
+      }
       this.#flush();
     };
   }
@@ -158,14 +171,14 @@ export class Client {
 
   /** @param {any} command */
   command(command) {
-    if (!this.running || this.#restarting) return;  // reopenCommands() has the state
+    if (!this.accepting) return;  // reopenCommands() has the state
     this.#queue.pushCommand(line(command));
     this.#flush();
   }
 
   /** @param {{line: string, key: string, ms: number, capturedAt: number}} entry */
   audio(entry) {
-    if (this.running && !this.#restarting && this.#process?.writable && this.#queue.empty) {
+    if (this.accepting && this.#process?.writable && this.#queue.empty) {
       this.#process.write(entry.line);
       return {result: 'sent', dropped: []};
     }
@@ -206,7 +219,7 @@ export class Client {
   #handle(event) {
     if (event.type === 'helper.status') this.status = event;
     if (event.type === 'helper.error') {
-      event = {...event, code: errorCodeOf(event.message)};
+      event = {...event, ...classifyError(event.message)};
       this.#sessions.get(event.sessionId)?.handle(event);
       this.error(event);
     } else {
@@ -226,7 +239,10 @@ export class Client {
     resolve({roundTripMs, clockOffsetMs: helperAt - (sentAt + roundTripMs / 2), helperAt});
   }
 
-  /** Folds repeats of an error: the first is delivered immediately, the others as one with their count. @param {any} event */
+  /**
+   * Folds repeats of an error: the first is delivered immediately, the others as one with their count.
+   * @param {any} event
+   */
   error(event) {
     const {at: _, ...identity} = event;
     const key = JSON.stringify(identity);
@@ -282,9 +298,9 @@ export class Client {
   /** @param {any} options */
   async openSession(options = {}) {
     if (this.closed) throw this.#failed ?? new PalaverError('closed', 'The helper is closed');
-    if (!this.running || this.#restarting) throw new PalaverError('helper_exited', 'The helper is being restarted; try again after client.restarted');
+    if (!this.accepting) throw new PalaverError('helper-exited', 'The helper is being restarted; try again after client.restarted');
     const session = new SessionCore(this, options ?? {});
-    if (this.#sessions.has(session.id)) throw new PalaverError('invalid_argument', `The session ${session.id} is already open`);
+    if (this.#sessions.has(session.id)) throw new PalaverError('invalid-argument', `The session ${session.id} is already open`);
     this.#sessions.set(session.id, session);
     return session.open();
   }
@@ -298,7 +314,7 @@ export class Client {
   /** @param {number} [timeoutMs] @returns {Promise<any>} */
   async ping(timeoutMs = 10_000) {
     if (this.closed) throw this.#failed ?? new PalaverError('closed', 'The helper is closed');
-    if (!this.running || this.#restarting) throw new PalaverError('helper_exited', 'The helper is being restarted');
+    if (!this.accepting) throw new PalaverError('helper-exited', 'The helper is being restarted');
     const began = this.clock.monotonic();
     // Pings of one millisecond are told apart by their fraction, which the helper returns as it is.
     const sentAt = this.#lastSentAt = Math.max(this.clock.now(), this.#lastSentAt + 0.001);
@@ -314,8 +330,8 @@ export class Client {
   }
 
   /** @param {{timeoutMs?: number}} [options] @returns {Promise<any>} */
-  close({timeoutMs = 5000} = {}) {
-    return this.#closing ??= this.#close(timeoutMs);
+  close(options) {
+    return this.#closing ??= this.#close(options?.timeoutMs ?? 5000);
   }
 
   /** @param {number} timeoutMs */
@@ -345,7 +361,10 @@ export class Client {
     return {exitCode: this.#lastEnding.exitCode, signal: this.#lastEnding.signal, forced};
   }
 
-  /** No process will follow. @param {PalaverError | undefined} failure */
+  /**
+   * No process will follow.
+   * @param {PalaverError | undefined} failure
+   */
   #end(failure) {
     if (this.#hasEnded) return;
     this.#hasEnded = true;

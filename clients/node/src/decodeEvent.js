@@ -17,7 +17,10 @@ const object = value => typeof value === 'object' && value !== null;
 
 const transcript = {sessionId: text, source, utteranceId: text, text, startedAt: number, transcribedAt: number};
 
-/** The keys that this client relies on. @type {Record<string, Record<string, (value: unknown) => boolean>>} */
+/**
+ * The keys that this client relies on.
+ * @type {Record<string, Record<string, (value: unknown) => boolean>>}
+ */
 const required = {
   'helper.status': {status: text, available: flag, implementation: text},
   'session.ready': {sessionId: text, available: flag},
@@ -37,6 +40,7 @@ const required = {
  * @returns {any} an event of the protocol, or `{type: 'unknown', raw}` with the parsed value, or with the line if it is not JSON
  */
 export function decodeEvent(line) {
+  /** @type {any} */
   let value;
   try {
     value = JSON.parse(line);

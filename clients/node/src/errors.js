@@ -1,5 +1,5 @@
 // The error class of this package, and the classification of the helper's error texts.
-import {errorCodes} from './errorCodes.js';
+import {errorDefinitions} from './errorDefinitions.js';
 
 /** See `PalaverError` in index.d.ts. */
 export class PalaverError extends Error {
@@ -20,10 +20,11 @@ export class PalaverError extends Error {
 }
 
 /**
- * Returns the code of a `helper.error` message, or `unknown` for a text that this version does not know.
+ * Returns the code of a `helper.error` message and what to do about it. A text that this version does not know has the code `unknown`.
  * @param {string} message
+ * @returns {{code: string, cure: string}}
  */
-export function errorCodeOf(message) {
-  for (const [code, pattern] of errorCodes) if (pattern.test(message)) return code;
-  return 'unknown';
+export function classifyError(message) {
+  const {code, cure} = errorDefinitions.find(({pattern}) => pattern.test(message)) ?? {code: 'unknown', cure: 'log it'};
+  return {code, cure};
 }

@@ -26,11 +26,11 @@ const stderrTail = 4096;  // characters kept for an error
 
 /** @param {NodeJS.ErrnoException} cause @param {string} path */
 function startError(cause, path) {
-  if (cause.code === 'ENOENT') return new PalaverError('helper_not_found', `There is no helper at ${path}`, {cause});
+  if (cause.code === 'ENOENT') return new PalaverError('helper-not-found', `There is no helper at ${path}`, {cause});
   if (cause.code === 'EACCES') {
-    return new PalaverError('helper_not_executable', `${path} is not executable; run: chmod +x '${path}'`, {cause});
+    return new PalaverError('helper-not-executable', `${path} is not executable; run: chmod +x '${path}'`, {cause});
   }
-  return new PalaverError('helper_not_started', `${path} cannot be started: ${cause.message}`, {cause});
+  return new PalaverError('helper-not-started', `${path} cannot be started: ${cause.message}`, {cause});
 }
 
 /** @param {any} action */
@@ -43,7 +43,10 @@ export class HelperProcess {
   #stderr = '';
   /** @type {(ending: Ending) => void} */
   #resolveEnded = () => {};
-  /** Resolves when the process has ended and its output is read. Never rejects. @type {Promise<Ending>} */
+  /**
+   * Resolves when the process has ended and its output is read. Never rejects.
+   * @type {Promise<Ending>}
+   */
   ended = new Promise(resolve => { this.#resolveEnded = resolve; });
   hasEnded = false;
 
@@ -73,6 +76,7 @@ export class HelperProcess {
 
   /** @param {readonly string[]} args @param {Record<string, string | undefined>} env */
   #spawn(args, env) {
+    /** @type {any} */
     let child;
     try {
       child = spawn(this.path, [...args], {stdio: ['pipe', 'pipe', 'pipe'], env, windowsHide: true});
@@ -89,17 +93,17 @@ export class HelperProcess {
     const lines = new LineReader(line => { if (!this.hasEnded) this.handlers.onEvent(decodeEvent(line)); }, {
       onTooLong: () => this.handlers.onEvent({type: 'unknown', raw: 'a line of more than 16 MiB, which was skipped'}),
     });
-    stdout.on('data', bytes => lines.push(bytes));
+    stdout.on('data', (/** @type {Uint8Array} */ bytes) => lines.push(bytes));
     stderr.setEncoding('utf8');
-    stderr.on('data', text => {
+    stderr.on('data', (/** @type {string} */ text) => {
       this.#stderr = (this.#stderr + text).slice(-stderrTail);
       ignoreErrors(() => this.handlers.onStderr?.(text));
     });
     const outputEnded = new Promise(resolve => stdout.once('close', resolve));
-    child.on('error', cause => {  // also when a signal could not be sent
-      if (child.pid === undefined) this.#end({exitCode: null, signal: null, error: startError(/** @type {any} */ (cause), this.path)});
+    child.on('error', (/** @type {any} */ cause) => {  // also when a signal could not be sent
+      if (child.pid === undefined) this.#end({exitCode: null, signal: null, error: startError(cause, this.path)});
     });
-    child.once('exit', (exitCode, signal) => {
+    child.once('exit', (/** @type {number | null} */ exitCode, /** @type {string | null} */ signal) => {
       // A child of the process may hold the pipes: on macOS the second process does, until its input ends.
       stdin.destroy();
       const timer = setTimeout(() => { stdout.destroy(); stderr.destroy(); }, streamGraceMs);
@@ -131,7 +135,10 @@ export class HelperProcess {
     ignoreErrors(() => this.#child?.stdin.end());
   }
 
-  /** Ends the helper by SIGTERM and, after `graceMs`, by SIGKILL. Text without a final is lost. @param {number} [graceMs] */
+  /**
+   * Ends the helper by SIGTERM and, after `graceMs`, by SIGKILL. Text without a final is lost.
+   * @param {number} [graceMs]
+   */
   terminate(graceMs = killGraceMs) {
     this.#inputClosed = true;
     const child = this.#child;

@@ -18,7 +18,11 @@ export class Session {
   get id() { return this.#core.id; }
   get available() { return this.#core.available; }
 
-  /** @param {any} source @param {Int16Array} samples @param {number} [capturedAt] */
+  /**
+   * @param {any} source
+   * @param {Int16Array} samples
+   * @param {number} [capturedAt]
+   */
   send(source, samples, capturedAt) { return this.#core.send(source, samples, capturedAt); }
 
   /** @param {any} source @param {boolean} [suppressed] */
@@ -52,7 +56,7 @@ export class PalaverHelper {
   events() { return this.#client.events(); }
 
   /** @param {{timeoutMs?: number}} [options] */
-  ping({timeoutMs} = {}) { return this.#client.ping(timeoutMs); }
+  ping(options) { return this.#client.ping(options?.timeoutMs); }
 
   /** @param {{timeoutMs?: number}} [options] */
   close(options) { return this.#client.close(options); }

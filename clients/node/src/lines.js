@@ -15,7 +15,8 @@ export class LineReader {
    * @param {{maxBytes?: number, onTooLong?: () => void}} [options] a line of more than `maxBytes` bytes is skipped to its end and
    *     reported once to `onTooLong`; this bounds memory
    */
-  constructor(onLine, {maxBytes = 16 * 1024 * 1024, onTooLong = () => {}} = {}) {
+  constructor(onLine, options = {}) {
+    const {maxBytes = 16 * 1024 * 1024, onTooLong = () => {}} = options;
     this.onLine = onLine;
     this.maxBytes = maxBytes;
     this.onTooLong = onTooLong;

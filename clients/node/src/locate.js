@@ -26,7 +26,7 @@ export const outsideOfArchive = path => path.replace(/\.asar(?=[\\/])/g, '.asar.
 
 /**
  * Returns the path of the helper: `PALAVER_STT_HELPER`, then this package's `prebuilt/<platform>-<arch>/`, then the resources of an
- * Electron application, then the `PATH`. Throws `helper_not_found` with the places that were tried.
+ * Electron application, then the `PATH`. Throws `helper-not-found` with the places that were tried.
  * @param {Record<string, string | undefined>} [env]
  */
 export function findHelper(env = process.env) {
@@ -39,6 +39,6 @@ export function findHelper(env = process.env) {
   for (const folder of (env.PATH ?? '').split(delimiter)) if (isAbsolute(folder)) places.push(join(folder, programName));
   const found = places.find(isExecutableFile);
   if (found) return found;
-  throw new PalaverError('helper_not_found',
+  throw new PalaverError('helper-not-found',
     `No ${programName} found. Pass helperPath, set PALAVER_STT_HELPER, or put it at ${places[0]} or on the PATH`);
 }

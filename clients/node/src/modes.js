@@ -1,10 +1,15 @@
 // The helper's one-shot modes: each starts a process, reads its events and waits for its end.
 import {systemClock, within} from './clock.js';
-import {PalaverError, errorCodeOf} from './errors.js';
+import {PalaverError, classifyError} from './errors.js';
 import {HelperProcess} from './helperProcess.js';
 import {findHelper} from './locate.js';
 
-/** @param {string[]} args @param {any} options @param {(event: any) => void} onEvent @returns {Promise<any>} */
+/**
+ * @param {string[]} args
+ * @param {any} options
+ * @param {(event: any) => void} onEvent
+ * @returns {Promise<any>}
+ */
 async function run(args, {helperPath, args: before = [], env, timeoutMs}, onEvent) {
   const path = helperPath ?? findHelper(env);
   const process = new HelperProcess({path, args: [...before, ...args], env}, {onEvent});
@@ -19,7 +24,12 @@ async function run(args, {helperPath, args: before = [], env, timeoutMs}, onEven
   return {...ending, stderr: process.stderr, path};
 }
 
-/** @param {string[]} args @param {any} options @param {string} type @param {(event: any) => void} [onEvent] */
+/**
+ * @param {string[]} args
+ * @param {any} options
+ * @param {string} type
+ * @param {(event: any) => void} [onEvent]
+ */
 async function answer(args, options, type, onEvent) {
   /** @type {any} */
   let found;
@@ -32,8 +42,8 @@ async function answer(args, options, type, onEvent) {
     }
     if (event.type === 'helper.error') failure = event;
   });
-  if (failure) throw new PalaverError(errorCodeOf(failure.message), failure.message, ending);
-  if (!found) throw new PalaverError('helper_exited', `${ending.path} ${args[0]} ended without an answer`, ending);
+  if (failure) throw new PalaverError(classifyError(failure.message).code, failure.message, ending);
+  if (!found) throw new PalaverError('helper-exited', `${ending.path} ${args[0]} ended without an answer`, ending);
   return {found, ending};
 }
 
@@ -51,7 +61,7 @@ export async function authorize(options = {}) {
 export async function installModel(locale = 'ja-JP', options = {}) {
   const {found, ending} = await answer(['--install-assets', locale], options, 'helper.model', options.onProgress);
   if (ending.exitCode !== 0) {
-    throw new PalaverError('model_not_installed', `The model for ${locale} is not installed: ${found.status}`, ending);
+    throw new PalaverError('model-not-installed', `The model for ${locale} is not installed: ${found.status}`, ending);
   }
   return found;
 }

@@ -91,7 +91,10 @@ export class OutgoingQueue {
     return (this.#audio.get(key)?.entries.length ?? 0) > 0;
   }
 
-  /** When the oldest waiting audio of a source was captured. @param {string} key */
+  /**
+   * When the oldest waiting audio of a source was captured.
+   * @param {string} key
+   */
   oldestCapturedAt(key) {
     return this.#audio.get(key)?.entries[0]?.capturedAt;
   }
@@ -180,7 +183,10 @@ export class IncomingQueue {
     return dropped;
   }
 
-  /** What is unread can still be read. Afterwards the iteration ends, or throws the error. @param {unknown} [error] */
+  /**
+   * What is unread can still be read. Afterwards the iteration ends, or throws the error.
+   * @param {unknown} [error]
+   */
   end(error) {
     if (this.#ended) return;
     this.#ended = true;

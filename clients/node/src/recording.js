@@ -11,7 +11,7 @@ const formatPCM = 1, formatFloat = 3, formatExtensible = 0xfffe;
 export function decodeWav(bytes) {
   const view = new DataView(bytes.buffer, bytes.byteOffset, bytes.byteLength);
   /** @param {string} why @returns {never} */
-  const refuse = why => { throw new PalaverError('invalid_recording', `Not a WAV file that can be read: ${why}`); };
+  const refuse = why => { throw new PalaverError('invalid-recording', `Not a WAV file that can be read: ${why}`); };
   /** @param {number} at */
   const tag = at => String.fromCharCode(...bytes.subarray(at, at + 4));
   if (bytes.length < 12 || tag(0) !== 'RIFF' || tag(8) !== 'WAVE') refuse('no RIFF header');
@@ -59,7 +59,8 @@ export async function readRecording(path) {
  * @param {{chunkMs?: number}} [options]
  * @param {import('./clock.js').Clock} [clock]
  */
-export async function* paced(samples, {chunkMs = 100} = {}, clock = systemClock) {
+export async function* paced(samples, options = {}, clock = systemClock) {
+  const {chunkMs = 100} = options;
   const frames = Math.max(1, Math.round(chunkMs * 16));
   const began = clock.monotonic();
   for (let at = 0; at < samples.length; at += frames) {

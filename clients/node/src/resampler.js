@@ -9,14 +9,21 @@ const stopbandDecibels = 84;  // 4 dB more than promised
 const passband = 0.4375;
 const stopband = 0.5;
 
-/** The modified Bessel function of the first kind and order 0. @param {number} x */
+/**
+ * The modified Bessel function of the first kind and order 0.
+ * @param {number} x
+ */
 function bessel0(x) {
   let sum = 1;
   for (let k = 1, term = 1; term > sum * 1e-12; ++k) sum += term *= (x / (2 * k)) ** 2;
   return sum;
 }
 
-/** @param {number} a @param {number} b @returns {number} */
+/**
+ * @param {number} a
+ * @param {number} b
+ * @returns {number}
+ */
 const greatestCommonDivisor = (a, b) => (b === 0 ? a : greatestCommonDivisor(b, a % b));
 
 export class Resampler {
@@ -108,7 +115,10 @@ export class Resampler {
     return chunks;
   }
 
-  /** The filter between two input samples, with a gain of exactly 1 for a constant. @param {number} phase */
+  /**
+   * The filter between two input samples, with a gain of exactly 1 for a constant.
+   * @param {number} phase
+   */
   #row(phase) {
     const row = new Float64Array(2 * this.#half);
     const scale = bessel0(this.#beta);

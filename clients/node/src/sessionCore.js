@@ -31,7 +31,7 @@ function base64(samples) {
 /** @param {any} options */
 function checked(options) {
   /** @param {string} message */
-  const refuse = message => { throw new PalaverError('invalid_argument', message); };
+  const refuse = message => { throw new PalaverError('invalid-argument', message); };
   const {locale, vocabulary = [], sources = allSources, sessionId = randomUUID(), readyTimeoutMs = 10_000} = options;
   if (locale !== undefined && typeof locale !== 'string') refuse('locale must be a string, such as en-US');
   if (!Array.isArray(vocabulary) || vocabulary.some(phrase => typeof phrase !== 'string')) {
@@ -50,7 +50,10 @@ function checked(options) {
 class SourceState {
   sequence = 0;
   muted = false;
-  /** Where the next chunk continues, if the host sends without a pause. @type {number | undefined} */
+  /**
+   * Where the next chunk continues, if the host sends without a pause.
+   * @type {number | undefined}
+   */
   sentUntil = undefined;
   ready = false;
   sent = 0;
@@ -64,7 +67,7 @@ export class SessionCore {
   utterances = new Utterances();
   available = false;
   gaps = 0;
-  /** @type {Map<string, {code: string, message: string, source?: string, count: number}>} */
+  /** @type {Map<string, {code: string, message: string, cure: string, source?: string, count: number}>} */
   errors = new Map();
   /** @type {Map<string, SourceState>} */
   #sources = new Map();
@@ -129,22 +132,31 @@ export class SessionCore {
     return `${this.id}/${source}`;
   }
 
-  /** @param {string} source @param {Int16Array} samples @param {number} [capturedAt] */
+  /**
+   * @param {string} source
+   * @param {Int16Array} samples
+   * @param {number} [capturedAt]
+   */
   send(source, samples, capturedAt) {
     if (this.state !== 'open') return 'closed';
     const state = this.#sources.get(source);
-    if (!state) return this.#misuse('invalid_source', `send() of the source ${String(source)}, which openSession() did not name`);
+    if (!state) return this.#misuse('invalid-source', `send() of the source ${String(source)}, which openSession() did not name`);
     if (!(samples instanceof Int16Array)) {
-      return this.#misuse('invalid_audio', 'send() takes an Int16Array of 16 kHz mono samples; Resampler makes one of other audio');
+      return this.#misuse('invalid-audio', 'send() takes an Int16Array of 16 kHz mono samples; Resampler makes one of other audio');
     }
     if (capturedAt !== undefined && !Number.isFinite(capturedAt)) {
-      return this.#misuse('invalid_audio', 'capturedAt must be a number of ms since the Unix epoch');
+      return this.#misuse('invalid-audio', 'capturedAt must be a number of ms since the Unix epoch');
     }
     if (state.muted) return 'dropped';
     return this.#send(source, state, samples, capturedAt);
   }
 
-  /** @param {string} source @param {SourceState} state @param {Int16Array} samples @param {number} [at] */
+  /**
+   * @param {string} source
+   * @param {SourceState} state
+   * @param {Int16Array} samples
+   * @param {number} [at]
+   */
   #send(source, state, samples, at) {
     const {client} = this;
     const ms = samples.length / framesPerMs;
@@ -178,7 +190,13 @@ export class SessionCore {
     }
   }
 
-  /** @param {string} source @param {string} reason @param {number} from @param {number} to @param {number} droppedChunks */
+  /**
+   * @param {string} source
+   * @param {string} reason
+   * @param {number} from
+   * @param {number} to
+   * @param {number} droppedChunks
+   */
   #gap(source, reason, from, to, droppedChunks) {
     ++this.gaps;
     this.client.emit({type: 'client.gap', sessionId: this.id, source, reason, from, to, droppedChunks});
@@ -190,11 +208,15 @@ export class SessionCore {
     return 'dropped';
   }
 
-  /** @param {string} source @param {boolean} suppressed @returns {Promise<string>} */
+  /**
+   * @param {string} source
+   * @param {boolean} suppressed
+   * @returns {Promise<string>}
+   */
   suppress(source, suppressed) {
     const state = this.#sources.get(source);
     if (this.state !== 'open' || !state) {
-      if (!state) this.#misuse('invalid_source', `suppress() of the source ${String(source)}, which openSession() did not name`);
+      if (!state) this.#misuse('invalid-source', `suppress() of the source ${String(source)}, which openSession() did not name`);
       return Promise.resolve('closed');
     }
     state.muted = Boolean(suppressed);
@@ -202,7 +224,7 @@ export class SessionCore {
       for (const chunk of this.client.removeQueuedAudio(this.#key(source))) this.#countDropped(state, /** @type {any} */ (chunk));
       state.gap = undefined;  // muted on request: nothing that the host misses
     }
-    if (!this.client.running) return Promise.resolve('deferred');
+    if (!this.client.accepting) return Promise.resolve('deferred');
     this.client.command({type: 'source.suppress', sessionId: this.id, source, suppressed: state.muted});
     return new Promise(resolve => this.#suppressing.push({source, suppressed: state.muted, resolve}));
   }
@@ -233,8 +255,8 @@ export class SessionCore {
         const known = this.errors.get(key);
         if (known) ++known.count;
         else if (this.errors.size < 100) {
-          const {code, message, source} = event;
-          this.errors.set(key, {code, message, count: 1, ...(source === undefined ? {} : {source})});
+          const {code, cure, message, source} = event;
+          this.errors.set(key, {code, message, cure, count: 1, ...(source === undefined ? {} : {source})});
         }
         break;
       }
@@ -257,9 +279,9 @@ export class SessionCore {
       this.#interrupted = () => resolve(false);
     });
     let answered = false;
-    if (client.running) {
+    if (client.accepting) {
       await Promise.race([this.#drain(drainMs), stopped]);
-      if (client.running) client.command({type: 'session.stop', sessionId: this.id});
+      if (client.accepting) client.command({type: 'session.stop', sessionId: this.id});
       answered = await within(client.clock, stopped, stopMs, false);
       if (answered && client.status?.implementation === 'speech-analyzer') {
         await within(client.clock, client.ended, analyzerFinalsMs, undefined);
@@ -268,12 +290,17 @@ export class SessionCore {
     return this.close(undefined, answered);
   }
 
-  /** Sends quiet at the pace of speech, so that the helper ends the open utterances. @param {number} drainMs */
+  /**
+   * Sends quiet at the pace of speech, so that the helper ends the open utterances.
+   * @param {number} drainMs
+   */
   async #drain(drainMs) {
     const {client} = this;
     const began = client.clock.monotonic();
-    const sources = [...this.#sources].filter(([, state]) => state.sent > 0 && !state.muted);
-    while (sources.length > 0 && client.running) {
+    // Where nothing was recognized, as in a locale without a model, there is nothing to wait for.
+    const hopeful = this.available || this.utterances.finals > 0 || this.utterances.open().length > 0;
+    const sources = hopeful ? [...this.#sources].filter(([, state]) => state.sent > 0 && !state.muted) : [];
+    while (sources.length > 0 && client.accepting) {
       const elapsed = client.clock.monotonic() - began;
       const waiting = this.utterances.open().length > 0 || sources.some(([source]) => client.hasQueuedAudio(this.#key(source)));
       if (elapsed >= drainMs || (elapsed >= leastPaddingMs && !waiting)) return;
@@ -282,7 +309,11 @@ export class SessionCore {
     }
   }
 
-  /** Ends the session on this side and returns its report. @param {PalaverError} [error] @param {boolean} [stopped] */
+  /**
+   * Ends the session on this side and returns its report.
+   * @param {PalaverError} [error]
+   * @param {boolean} [stopped]
+   */
   close(error, stopped = false) {
     if (this.state === 'closed') return this.report(stopped);
     const drained = this.utterances.open().length === 0;
@@ -315,7 +346,10 @@ export class SessionCore {
     for (const {resolve} of this.#suppressing.splice(0)) resolve(suppression);
   }
 
-  /** The process ended; another one may follow. @param {PalaverError} error */
+  /**
+   * The process ended; another one may follow.
+   * @param {PalaverError} error
+   */
   helperEnded(error) {
     /** @type {Map<string, number>} */
     const from = new Map();
@@ -329,7 +363,10 @@ export class SessionCore {
     this.utterances.abandon();
     this.#settle(error, 'deferred');
   }
-  /** Since when words may be missing, of each source that has sent audio. @type {Map<string, number>} */
+  /**
+   * Since when words may be missing, of each source that has sent audio.
+   * @type {Map<string, number>}
+   */
   #lostFrom = new Map();
 
   /** What a new process has to know, to be written before any queued audio. */

@@ -45,12 +45,18 @@ export class Utterances {
     this.#queue.push(Object.freeze(final), id);
   }
 
-  /** The utterances without a final. @param {string} [source] */
+  /**
+   * The utterances without a final.
+   * @param {string} [source]
+   */
   open(source) {
     return [...this.#open.values()].filter(utterance => source === undefined || utterance.source === source);
   }
 
-  /** Abandons the utterances without a final. @param {string} [source] */
+  /**
+   * Abandons the utterances without a final.
+   * @param {string} [source]
+   */
   abandon(source) {
     for (const utterance of this.open(source)) this.#abandon(utterance);
   }
