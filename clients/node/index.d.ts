@@ -136,8 +136,8 @@ export class PalaverHelper {
   openSession(options?: SessionOptions): Promise<Session>;
 
   /**
-   * All events from now on, including those that this package does not know. Ends after `close()` or the helper's last end. Each
-   * call returns its own iterator. At most 1000 unread events are kept; `client.overflow` says how many older ones were dropped.
+   * All events from now on, including those that this package does not know; right after `start()`, also those before. Ends after
+   * `close()` or the helper's last end. Each call returns its own iterator. At most 1000 unread events are kept; `client.overflow` says how many older ones were dropped.
    */
   events(): AsyncIterableIterator<HelperEvent>;
 

@@ -108,6 +108,7 @@ export class Client {
       throw new PalaverError('unsupported-protocol', `The helper speaks protocol ${status.protocolVersion}, this client ${knownProtocol}`);
     }
     this.#started = true;
+    setImmediate(() => { this.#early = undefined; });
     if (process.hasEnded) this.#processEnded(await process.ended);
     return this;
   }
@@ -270,13 +271,17 @@ export class Client {
 
   /** @param {any} event */
   emit(event) {
+    if (this.#early && this.#early.length < unreadEvents) this.#early.push(event);
     for (const queue of this.#listeners) queue.push(event);
   }
+  /** What comes before the host can call events(). */
+  #early = /** @type {any[] | undefined} */ ([]);
 
   events() {
     /** @type {IncomingQueue<any>} */
     const queue = new IncomingQueue(unreadEvents);
-    if (this.#failed || this.#hasEnded) queue.end();
+    for (const event of this.#early ?? []) queue.push(event);
+    if (this.#hasEnded) queue.end();
     else this.#listeners.add(queue);
     const stop = () => { queue.end(); this.#listeners.delete(queue); };
     return {

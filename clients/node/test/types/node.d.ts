@@ -26,5 +26,6 @@ interface ImportMeta { url: string }
 declare const performance: {now(): number};
 declare function setTimeout(action: () => void, ms: number): any;
 declare function clearTimeout(timer: any): void;
+declare function setImmediate(action: () => void): any;
 declare function queueMicrotask(action: () => void): void;
 interface ObjectConstructor { hasOwn(object: object, key: PropertyKey): boolean }
