@@ -69,10 +69,16 @@ const modes = {
     write(statusLine);
     setInterval(() => {}, 1e6);
   },
-  // Reads nothing until a signal comes, and then all of it.
-  'deaf-until-signal': () => {
+  // Stops reading at the first audio, until a signal comes.
+  stuck: () => {
+    let stuck = false;
+    process.on('SIGUSR2', () => process.stdin.resume());
     write(statusLine);
-    process.on('SIGUSR2', read);
+    read();
+    onCommand.audio = () => {
+      if (!stuck) process.stdin.pause();
+      stuck = true;
+    };
     setInterval(() => {}, 1e6);
   },
   stubborn: () => {
