@@ -65,6 +65,7 @@ test('a helper that does not read costs its oldest audio and no memory', async (
     type: 'client.gap', sessionId: 'm', source: 'remote', reason: 'backpressure', from: results.sent * chunkMs,
     to: at - 20 * chunkMs, droppedChunks: results.dropped,
   });
+  await helper.ping();
   const audio = events.values.filter(received('audio')).map(({raw}) => raw.command.capturedAt);
   const kept = [...Array(results.sent).keys(), ...Array.from({length: 20}, (_, i) => 19_980 + i)];
   assert.deepEqual(audio.map(time => time / chunkMs), kept);
