@@ -27,7 +27,8 @@ export function installed(example) {
 export function writeWav(path, {secondsOfQuiet = 0} = {}) {
   const raw = readFileSync(recording);
   const sampleRate = 16_000;
-  const samples = Buffer.concat([raw.subarray(0, raw.length - raw.length % 2), Buffer.alloc(2 * Math.round(16_000 * secondsOfQuiet))]);
+  const quiet = Int16Array.from({length: Math.round(16_000 * secondsOfQuiet)}, (_, i) => i % 7 - 3);  // not zeros: a live microphone
+  const samples = Buffer.concat([raw.subarray(0, raw.length - raw.length % 2), Buffer.from(quiet.buffer)]);
   const head = Buffer.alloc(44);
   head.write('RIFF');
   head.writeUInt32LE(36 + samples.length, 4);

@@ -1,8 +1,7 @@
 import assert from 'node:assert/strict';
-import test from 'node:test';
 
 import {IncomingQueue, OutgoingQueue} from '../src/queues.js';
-import {Collected, PalaverHelper, fake, ofType, received} from './support.js';
+import {Collected, fake, ofType, received, start, test} from './support.js';
 
 const chunk = new Int16Array(1600);
 const chunkMs = 100;
@@ -44,7 +43,7 @@ test('a chunk longer than the limit waits alone', () => {
 });
 
 test('a helper that does not read costs its oldest audio and no memory', async () => {
-  const helper = await PalaverHelper.start({...fake('stuck'), maxQueuedMs: 2000});
+  const helper = await start({...fake('stuck'), maxQueuedMs: 2000});
   const events = new Collected(helper.events());
   const session = await helper.openSession({sessionId: 'm'});
   const results = {sent: 0, queued: 0, dropped: 0};
@@ -66,6 +65,7 @@ test('a helper that does not read costs its oldest audio and no memory', async (
     to: at - 20 * chunkMs, droppedChunks: results.dropped,
   });
   await helper.ping();
+  await events.settled();
   const audio = events.values.filter(received('audio')).map(({raw}) => raw.command.capturedAt);
   const kept = [...Array(results.sent).keys(), ...Array.from({length: 20}, (_, i) => 19_980 + i)];
   assert.deepEqual(audio.map(time => time / chunkMs), kept);
@@ -76,20 +76,20 @@ test('a helper that does not read costs its oldest audio and no memory', async (
 
 test('1 MB of standard error before the first status blocks nothing', async () => {
   let length = 0;
-  const helper = await PalaverHelper.start({...fake('loud-at-start'), onStderr: text => { length += text.length; }});
+  const helper = await start({...fake('loud-at-start'), onStderr: text => { length += text.length; }});
   await helper.ping();
   await helper.close();
   assert.equal(length, 1024 * 1024);
 });
 
 test('a listener of standard error that throws is ignored', async () => {
-  const helper = await PalaverHelper.start({...fake('loud-at-start'), onStderr: () => { throw new Error('no'); }});
+  const helper = await start({...fake('loud-at-start'), onStderr: () => { throw new Error('no'); }});
   await helper.ping();
   await helper.close();
 });
 
 test('unread iterators hold what they may and report what was dropped', async () => {
-  const helper = await PalaverHelper.start(fake('flood', '12000'));
+  const helper = await start(fake('flood', '12000'));
   const events = helper.events();
   const session = await helper.openSession({sessionId: 'm'});
   const before = process.memoryUsage().heapUsed;
@@ -111,7 +111,7 @@ test('unread iterators hold what they may and report what was dropped', async ()
 });
 
 test('leaving a loop and coming back loses nothing', async () => {
-  const helper = await PalaverHelper.start(fake('flood', '3'));
+  const helper = await start(fake('flood', '3'));
   const session = await helper.openSession({sessionId: 'm'});
   session.send('remote', chunk);
   await helper.ping();

@@ -1,11 +1,11 @@
 import assert from 'node:assert/strict';
 import {spawn} from 'node:child_process';
 import {once} from 'node:events';
-import {describe, test} from 'node:test';
+import {describe} from 'node:test';
 
 import {paced} from '../src/recording.js';
-import {Collected, PalaverHelper, gone, isAlive, ofType, rawRecording, realHelper, simulator, withoutHelper, withoutSimulator}
-  from './support.js';
+import {Collected, gone, isAlive, ofType, rawRecording, realHelper, simulator, start, test, withoutHelper,
+  withoutSimulator} from './support.js';
 
 const skip = withoutHelper;
 const words = 'go forward ten meters';
@@ -17,7 +17,7 @@ async function play(session, source, ...recordings) {
 
 describe('meetings', {concurrency: 3}, () => {
   test('a recording is recognized, drained and reported', {skip}, async () => {
-    const helper = await PalaverHelper.start({helperPath: realHelper});
+    const helper = await start({helperPath: realHelper});
     const session = await helper.openSession({locale: 'en-US', sources: ['remote']});
     assert.equal(session.available, true);
     const utterances = new Collected(session.utterances);
@@ -35,7 +35,7 @@ describe('meetings', {concurrency: 3}, () => {
   });
 
   test('words that are open when the host closes become finals', {skip}, async () => {
-    const helper = await PalaverHelper.start({helperPath: realHelper});
+    const helper = await start({helperPath: realHelper});
     const session = await helper.openSession({locale: 'en-US', sources: ['self']});
     const utterances = new Collected(session.utterances);
     const playing = play(session, 'self', rawRecording('goforward.raw'));
@@ -49,7 +49,7 @@ describe('meetings', {concurrency: 3}, () => {
 
   test('two clients at once keep their words apart', {skip}, async () => {
     const meeting = async (name, expected) => {
-      const helper = await PalaverHelper.start({helperPath: realHelper});
+      const helper = await start({helperPath: realHelper});
       const session = await helper.openSession({locale: 'en-US', sources: ['remote']});
       const utterances = new Collected(session.utterances);
       await play(session, 'remote', rawRecording(name));
@@ -81,7 +81,7 @@ describe('meetings', {concurrency: 3}, () => {
   });
 
   test('a host may play macOS 26 with its sources prepared one by one', {skip: skip || withoutSimulator}, async () => {
-    const helper = await PalaverHelper.start({helperPath: simulator, args: ['analyzer']});
+    const helper = await start({helperPath: simulator, args: ['analyzer']});
     assert.equal(helper.status.implementation, 'speech-analyzer');
     const session = await helper.openSession({locale: 'en-US', sources: ['remote', 'self']});
     assert.equal(session.available, true);
@@ -95,7 +95,7 @@ describe('meetings', {concurrency: 3}, () => {
   });
 
   test('a killed helper is replaced in the middle of a meeting', {skip}, async () => {
-    const helper = await PalaverHelper.start({helperPath: realHelper});
+    const helper = await start({helperPath: realHelper});
     const events = new Collected(helper.events());
     const session = await helper.openSession({locale: 'en-US', sources: ['remote']});
     const utterances = new Collected(session.utterances);

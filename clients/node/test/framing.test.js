@@ -1,9 +1,8 @@
 import assert from 'node:assert/strict';
-import test from 'node:test';
 
 import {decodeEvent} from '../src/decodeEvent.js';
 import {LineReader} from '../src/lines.js';
-import {Collected, PalaverHelper, fake, ofType} from './support.js';
+import {Collected, fake, ofType, start, test} from './support.js';
 
 const japanese = '本日はお集まり\u2028いただき\u2029ありがとうございます。𠮷野家 👩‍💻';
 
@@ -41,7 +40,7 @@ test('what is unknown is wrapped and what is known keeps its unknown keys', () =
 });
 
 test('Japanese and U+2028 that come byte by byte are whole', async () => {
-  const helper = await PalaverHelper.start(fake('byte-by-byte', japanese));
+  const helper = await start(fake('byte-by-byte', japanese));
   const session = await helper.openSession({sessionId: 'm'});
   session.send('remote', new Int16Array(1600));
   const {value} = await session.utterances.next();
@@ -51,7 +50,7 @@ test('Japanese and U+2028 that come byte by byte are whole', async () => {
 });
 
 test('strange lines are delivered and break nothing', async () => {
-  const helper = await PalaverHelper.start(fake('strange'));
+  const helper = await start(fake('strange'));
   const events = new Collected(helper.events());
   assert.deepEqual(helper.status.newKey, {nested: [1]});
   const session = await helper.openSession({sessionId: 'm'});
@@ -63,7 +62,7 @@ test('strange lines are delivered and break nothing', async () => {
 });
 
 test('unknown events reach the iterator', async () => {
-  const helper = await PalaverHelper.start(fake('strange'));
+  const helper = await start(fake('strange'));
   const events = new Collected(helper.events());
   await events.find(({type, raw}) => type === 'unknown' && raw?.type === 'helper.weather' && raw.sunny);
   await events.find(({type, raw}) => type === 'unknown' && raw?.type === 'transcript.partial');
@@ -73,7 +72,7 @@ test('unknown events reach the iterator', async () => {
 });
 
 test('a line of 17 MiB is reported and the next one read', async () => {
-  const helper = await PalaverHelper.start(fake('endless'));
+  const helper = await start(fake('endless'));
   const events = new Collected(helper.events());
   const session = await helper.openSession({sessionId: 'm'});
   session.send('remote', new Int16Array(1600));

@@ -2,11 +2,10 @@ import assert from 'node:assert/strict';
 import {chmodSync, mkdtempSync, rmSync, writeFileSync} from 'node:fs';
 import {tmpdir} from 'node:os';
 import {join} from 'node:path';
-import test from 'node:test';
 
 import {PalaverError, findHelper} from '../src/index.js';
-import {Collected, PalaverHelper, fake, gone, isAlive, ofType, realHelper, received, simulator, withoutHelper, withoutSimulator}
-  from './support.js';
+import {Collected, PalaverHelper, fake, gone, isAlive, ofType, realHelper, received, simulator, start, test, withoutHelper,
+  withoutSimulator} from './support.js';
 
 const chunk = new Int16Array(1600);
 
@@ -39,7 +38,7 @@ test('a helper that ends before its first status is not restarted', async () => 
 });
 
 test('a helper without a status is ended', async () => {
-  const error = await PalaverHelper.start({...fake('silent'), statusTimeoutMs: 300}).catch(caught => caught);
+  const error = await start({...fake('silent'), statusTimeoutMs: 300}).catch(caught => caught);
   assert.equal(error.code, 'timeout');
 });
 
@@ -48,21 +47,21 @@ test('a helper of another protocol is refused', async () => {
 });
 
 test('a session without an answer times out and is forgotten', async () => {
-  const helper = await PalaverHelper.start(fake('never-ready'));
+  const helper = await start(fake('never-ready'));
   const events = new Collected(helper.events());
   // The helper answers a ping: the session is open, but nothing is ready.
   const session = await helper.openSession({sessionId: 'm', readyTimeoutMs: 200});
   assert.equal(session.available, false);
   await events.find(received('session.start'));
   await helper.close();
-  const deaf = await PalaverHelper.start(fake('deaf'));
+  const deaf = await start(fake('deaf'));
   await assert.rejects(deaf.openSession({readyTimeoutMs: 200}), {code: 'timeout'});
   await assert.rejects(deaf.ping({timeoutMs: 50}), {code: 'timeout'});
   await deaf.close({timeoutMs: 100});
 });
 
 test('wrong options are refused by name', async () => {
-  const helper = await PalaverHelper.start(fake('plain'));
+  const helper = await start(fake('plain'));
   const refused = [{locale: 1}, {vocabulary: 'words'}, {vocabulary: [1]}, {vocabulary: Array(101).fill('x')}, {sources: []},
     {sources: ['both']}, {sessionId: 3}, {readyTimeoutMs: 'soon'}];
   for (const options of refused) {
@@ -74,7 +73,7 @@ test('wrong options are refused by name', async () => {
 });
 
 test('send never throws and reports wrong arguments once with a count', async () => {
-  const helper = await PalaverHelper.start(fake('plain'));
+  const helper = await start(fake('plain'));
   const events = new Collected(helper.events());
   const session = await helper.openSession({sources: ['remote']});
   for (let i = 0; i < 5; ++i) assert.equal(session.send('self', chunk), 'dropped');
@@ -93,7 +92,7 @@ test('send never throws and reports wrong arguments once with a count', async ()
 });
 
 test('errors per chunk are folded, with their code and cure', async () => {
-  const helper = await PalaverHelper.start(fake('error-per-chunk'));
+  const helper = await start(fake('error-per-chunk'));
   const events = new Collected(helper.events());
   const session = await helper.openSession();
   for (let i = 0; i < 20; ++i) session.send('remote', chunk);
@@ -108,7 +107,7 @@ test('errors per chunk are folded, with their code and cure', async () => {
 });
 
 test('samples, sequence and time arrive as they were sent', async () => {
-  const helper = await PalaverHelper.start(fake('plain'));
+  const helper = await start(fake('plain'));
   const events = new Collected(helper.events());
   const session = await helper.openSession();
   const samples = Int16Array.from({length: 1000}, (_, i) => i * 65 - 32768);
@@ -116,6 +115,7 @@ test('samples, sequence and time arrive as they were sent', async () => {
   const before = Date.now();
   session.send('self', chunk);
   await helper.ping();
+  await events.settled();
   const audio = events.values.filter(received('audio')).map(({raw}) => raw.command);
   const bytes = Buffer.from(audio[0].pcmBase64, 'base64');
   assert.deepEqual(Array.from({length: 800}, (_, i) => bytes.readInt16LE(2 * i)), [...samples.subarray(1, 801)]);
@@ -126,7 +126,7 @@ test('samples, sequence and time arrive as they were sent', async () => {
 });
 
 test('a muted source sends nothing and its utterances are abandoned', async () => {
-  const helper = await PalaverHelper.start(fake('partials'));
+  const helper = await start(fake('partials'));
   const events = new Collected(helper.events());
   const session = await helper.openSession({sessionId: 'm'});
   const utterances = new Collected(session.utterances);
@@ -138,13 +138,14 @@ test('a muted source sends nothing and its utterances are abandoned', async () =
   assert.equal(await session.suppress('remote', false), 'applied');
   assert.equal(session.send('remote', chunk), 'sent');
   await helper.ping();
+  await events.settled();
   assert.equal(events.values.filter(received('audio')).length, 2);
   await helper.close();
   assert.equal(await session.suppress('remote'), 'closed');
 });
 
 test('an utterance whose id changes with its final is not left open', async () => {
-  const helper = await PalaverHelper.start(fake('changing-ids'));
+  const helper = await start(fake('changing-ids'));
   const session = await helper.openSession({sessionId: 'm'});
   const utterances = new Collected(session.utterances);
   session.send('remote', chunk);
@@ -155,7 +156,7 @@ test('an utterance whose id changes with its final is not left open', async () =
 });
 
 test('on macOS 26 a session waits for each of its sources and for late finals', async () => {
-  const helper = await PalaverHelper.start(fake('analyzer', 'remote,self'));
+  const helper = await start(fake('analyzer', 'remote,self'));
   assert.equal(helper.status.status, 'ready');
   const session = await helper.openSession({sessionId: 'm'});
   assert.equal(session.available, true);
@@ -167,14 +168,14 @@ test('on macOS 26 a session waits for each of its sources and for late finals', 
   assert.equal(utterances.values[0].text, 'last words');
   await helper.close();
 
-  const half = await PalaverHelper.start(fake('analyzer', 'self'));
+  const half = await start(fake('analyzer', 'self'));
   const onlySelf = await half.openSession({sources: ['self']});
   assert.equal(onlySelf.available, true);
   await half.close();
 });
 
 test('close is graceful, bounded and never rejects', async () => {
-  const helper = await PalaverHelper.start(fake('plain'));
+  const helper = await start(fake('plain'));
   const {pid} = helper;
   const pings = [helper.ping(), helper.ping()];
   await Promise.all(pings);
@@ -187,14 +188,14 @@ test('close is graceful, bounded and never rejects', async () => {
   await assert.rejects(helper.openSession(), {code: 'closed'});
   assert.deepEqual(await helper.events().next(), {value: undefined, done: true});
 
-  const stubborn = await PalaverHelper.start(fake('stubborn'));
+  const stubborn = await start(fake('stubborn'));
   const began = performance.now();
   assert.deepEqual(await stubborn.close({timeoutMs: 200}), {exitCode: null, signal: 'SIGKILL', forced: true});
   assert.ok(performance.now() - began < 1200 + 1000);
 });
 
 test('close settles what waits', async () => {
-  const helper = await PalaverHelper.start(fake('no-pong'));
+  const helper = await start(fake('no-pong'));
   const session = await helper.openSession();
   const utterance = session.utterances.next();
   const event = new Collected(helper.events());
@@ -207,7 +208,7 @@ test('close settles what waits', async () => {
 });
 
 test('a process that holds the streams of a killed helper does not delay anything', async () => {
-  const helper = await PalaverHelper.start({...fake('holder'), restart: false});
+  const helper = await start({...fake('holder'), restart: false});
   const events = new Collected(helper.events());
   const began = performance.now();
   process.kill(helper.pid, 'SIGKILL');
@@ -230,7 +231,7 @@ test('a refused permission is a status and a session that is not available', {sk
   const state = join(folder, 'state.json');
   writeFileSync(state, JSON.stringify({system: 'macOS 15.0', platform: {authorization: 'denied'}}));
   const options = {helperPath: simulator, args: ['live', state]};
-  const helper = await PalaverHelper.start(options);
+  const helper = await start(options);
   const events = new Collected(helper.events());
   assert.equal(helper.status.authorization, 'denied');
   assert.match(helper.status.message, /System Settings/);
@@ -244,7 +245,7 @@ test('a refused permission is a status and a session that is not available', {sk
 });
 
 test('no helper is left over', async () => {
-  const helper = await PalaverHelper.start(fake('plain'));
+  const helper = await start(fake('plain'));
   const {pid} = helper;
   process.kill(pid, 'SIGSTOP');
   const {forced} = await helper.close({timeoutMs: 100});

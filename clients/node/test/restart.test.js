@@ -1,14 +1,13 @@
 import assert from 'node:assert/strict';
 import {spawn} from 'node:child_process';
-import test from 'node:test';
 
-import {Collected, PalaverHelper, VirtualClock, fake, ofType, received, startOn} from './support.js';
+import {Collected, VirtualClock, fake, ofType, received, start, startOn, test} from './support.js';
 
 const chunk = new Int16Array(1600);
 const settledWithin = 2000;  // ms
 
 test('a helper killed in the middle of a line settles every promise', async () => {
-  const helper = await PalaverHelper.start({...fake('crash-at-audio'), restart: false});
+  const helper = await start({...fake('crash-at-audio'), restart: false});
   const session = await helper.openSession();
   const events = new Collected(helper.events());
   session.send('remote', chunk);
@@ -28,7 +27,7 @@ test('a helper killed in the middle of a line settles every promise', async () =
 });
 
 test('a helper that dies while a session is opened rejects the opening', async () => {
-  const helper = await PalaverHelper.start(fake('crash-at-session'));
+  const helper = await start(fake('crash-at-session'));
   const began = performance.now();
   await assert.rejects(helper.openSession(), {code: 'helper-exited', signal: 'SIGKILL'});
   assert.ok(performance.now() - began < settledWithin);
@@ -36,7 +35,7 @@ test('a helper that dies while a session is opened rejects the opening', async (
 });
 
 test('half of a line is no event', async () => {
-  const helper = await PalaverHelper.start({...fake('crash-at-audio'), restart: false});
+  const helper = await start({...fake('crash-at-audio'), restart: false});
   const events = new Collected(helper.events());
   const session = await helper.openSession();
   session.send('remote', chunk);
@@ -68,7 +67,7 @@ test('a host that only waits for its audio to be taken goes on when the helper d
 });
 
 test('sessions and mutes are there again after a restart, and the gap is reported', async () => {
-  const helper = await PalaverHelper.start(fake('partials'));
+  const helper = await start(fake('partials'));
   const events = new Collected(helper.events());
   const session = await helper.openSession({sessionId: 'm', locale: 'en-US', vocabulary: ['Palaver']});
   const stopped = await helper.openSession({sessionId: 'stopped'});
@@ -107,7 +106,7 @@ test('sessions and mutes are there again after a restart, and the gap is reporte
 });
 
 test('a session that is stopped during a restart is not left in the new helper', async () => {
-  const helper = await PalaverHelper.start(fake('plain'));
+  const helper = await start(fake('plain'));
   const events = new Collected(helper.events());
   const session = await helper.openSession({sessionId: 'm'});
   process.kill(helper.pid, 'SIGKILL');
@@ -117,6 +116,7 @@ test('a session that is stopped during a restart is not left in the new helper',
   assert.equal(session.send('remote', chunk), 'closed');
   await events.find(ofType('client.restarted'));
   await helper.ping();
+  await events.settled();
   const since = events.values.slice(events.values.findIndex(ofType('client.exited')));
   const of = type => since.filter(received(type)).length;
   assert.equal(of('session.start'), of('session.stop'));

@@ -1,8 +1,7 @@
 import assert from 'node:assert/strict';
-import test from 'node:test';
 
 import {paced} from '../src/recording.js';
-import {Collected, PalaverHelper, ofType, rawRecording, realHelper, withoutHelper as skip} from './support.js';
+import {Collected, ofType, rawRecording, realHelper, start, test, withoutHelper as skip} from './support.js';
 
 const words = 'go forward ten meters';
 const quiet = ms => new Int16Array(ms * 16);
@@ -12,7 +11,7 @@ async function play(session, source, ...recordings) {
 }
 
 test('a helper that is stopped for ten seconds goes on without a restart', {skip}, async () => {
-  const helper = await PalaverHelper.start({helperPath: realHelper});
+  const helper = await start({helperPath: realHelper});
   const events = new Collected(helper.events());
   const session = await helper.openSession({locale: 'en-US', sources: ['remote']});
   const utterances = new Collected(session.utterances);

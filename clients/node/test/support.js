@@ -1,11 +1,37 @@
 // What the tests share: fake helpers, the real one, a clock that the test moves, and waiting for what happens.
+import {AsyncLocalStorage} from 'node:async_hooks';
 import {existsSync, readFileSync} from 'node:fs';
+import nodeTest from 'node:test';
 import {fileURLToPath} from 'node:url';
 
 import {Client} from '../src/client.js';
-import {PalaverHelper, Session} from '../src/index.js';
+import {PalaverHelper} from '../src/index.js';
 
 const path = relative => fileURLToPath(new URL(relative, import.meta.url));
+
+/** The helpers of the running test. */
+const started = new AsyncLocalStorage();
+
+/** Like node:test's, but a test that fails leaves no helper running, which would keep the runner waiting. */
+export function test(name, ...rest) {
+  const action = rest.pop();
+  nodeTest(name, ...rest, () => {
+    const helpers = [];
+    return started.run(helpers, async () => {
+      try {
+        await action();
+      } finally {
+        await Promise.all(helpers.map(helper => helper.close({timeoutMs: 1000})));
+      }
+    });
+  });
+}
+
+export async function start(options) {
+  const helper = await PalaverHelper.start(options);
+  started.getStore().push(helper);
+  return helper;
+}
 
 /** Options that start a fake helper. */
 export const fake = (mode, ...rest) => ({helperPath: process.execPath, args: [path('fakes/helper.js'), mode, ...rest]});
@@ -38,6 +64,11 @@ export class Collected {
       }
     })();
     this.done.catch(() => {});  // tests that expect an error await `done`
+  }
+
+  /** Resolves when everything that was delivered is in `values`. */
+  settled() {
+    return new Promise(setImmediate);
   }
 
   /** The first value, past or future, that matches. */
@@ -107,7 +138,8 @@ export class VirtualClock {
 
 /** A helper like `PalaverHelper.start()` on a clock of the test. */
 export async function startOn(clock, options) {
-  const client = new Client({...options}, clock);
-  return new PalaverHelper(await client.start());
+  const helper = new PalaverHelper(await new Client({...options}, clock).start());
+  started.getStore().push(helper);
+  return helper;
 }
-export {PalaverHelper, Session};
+export {PalaverHelper};
