@@ -210,8 +210,8 @@ export class Session {
   suppress(source: AudioSource, suppressed?: boolean): Promise<'applied' | 'deferred' | 'closed'>;
 
   /**
-   * Ends the session without losing words: sends quiet for at least 1.5 s and up to `drainMs` (ms, default 5000; 0: none) until
-   * no utterance is open, stops the session and waits for the last finals. Never rejects; resolves within `drainMs` + 6000 ms, and
+   * Ends the session without losing words: sends quiet for 1.5 s, or 3 s if voice has yielded no text yet, and on until no
+   * utterance is open, at most `drainMs` (ms, default 5000; 0: none). It then stops the session and waits for the last finals. Never rejects; resolves within `drainMs` + 6000 ms, and
    * within 2000 ms after the helper's end. Further calls return the same promise.
    */
   stop(options?: {readonly drainMs?: number}): Promise<StopReport>;

@@ -18,6 +18,9 @@ const framesPerMs = 16;  // 16 kHz
 const padding = new Int16Array(1600);  // 100 ms of quiet
 const paddingMs = 100;
 const leastPaddingMs = 1500;  // 900 ms of quiet end an utterance; the rest is for the recognizer
+const voicedPaddingMs = 3000;  // where voice has yielded no text yet: a busy machine's recognizer is behind, or it was noise
+const voiceThreshold = 0.008;  // root mean square of full scale, as in the helper
+const trailingVoiceMs = 500;  // breath after the last word
 const stopMs = 5000;
 const analyzerFinalsMs = 1000;  // on macOS 26 finals may follow session.stopped
 const allSources = ['remote', 'self'];
@@ -26,6 +29,13 @@ const allSources = ['remote', 'self'];
 function base64(samples) {
   const bytes = Buffer.from(samples.buffer, samples.byteOffset, samples.byteLength);
   return endianness() === 'LE' ? bytes.toString('base64') : Buffer.from(bytes).swap16().toString('base64');
+}
+
+/** @param {Int16Array} samples */
+function isVoiced(samples) {
+  let energy = 0;
+  for (const sample of samples) energy += sample * sample;
+  return energy >= (voiceThreshold * 32_768) ** 2 * samples.length && samples.length > 0;
 }
 
 /** @param {any} options */
@@ -55,6 +65,8 @@ class SourceState {
    * @type {number | undefined}
    */
   sentUntil = undefined;
+  /** End of the latest chunk with voice. */
+  voicedUntil = -Infinity;
   ready = false;
   sent = 0;
   dropped = 0;
@@ -166,6 +178,7 @@ export class SessionCore {
     }) + '\n';
     const {result, dropped} = client.audio({line, key: this.#key(source), ms, capturedAt});
     state.sentUntil = capturedAt + ms;
+    if (isVoiced(samples)) state.voicedUntil = capturedAt + ms;
     ++state.sent;
     for (const chunk of dropped) this.#countDropped(state, chunk);
     return result;
@@ -303,7 +316,8 @@ export class SessionCore {
     while (sources.length > 0 && client.accepting) {
       const elapsed = client.clock.monotonic() - began;
       const waiting = this.utterances.open().length > 0 || sources.some(([source]) => client.hasQueuedAudio(this.#key(source)));
-      if (elapsed >= drainMs || (elapsed >= leastPaddingMs && !waiting)) return;
+      const unheard = sources.some(([source, state]) => state.voicedUntil > this.utterances.finalUntil(source) + trailingVoiceMs);
+      if (elapsed >= drainMs || (elapsed >= (unheard ? voicedPaddingMs : leastPaddingMs) && !waiting)) return;
       for (const [source, state] of sources) this.#send(source, state, padding, state.sentUntil);
       await within(client.clock, client.ended, paddingMs, undefined);
     }

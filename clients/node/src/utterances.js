@@ -36,6 +36,7 @@ export class Utterances {
     }
     this.#open.delete(id);
     ++this.finals;
+    this.#finalUntil.set(source, event.speechEndedAt);
     // On macOS 26 the id contains the start, which may change with the final.
     for (const utterance of [...this.#open.values()]) {
       if (utterance.source === source && utterance.startedAt < event.speechEndedAt) this.#abandon(utterance);
@@ -44,6 +45,16 @@ export class Utterances {
     const final = {state: 'final', ...base, speechEndedAt, latencyMs, reason: String(endpointing.reason ?? 'unknown')};
     this.#queue.push(Object.freeze(final), id);
   }
+
+  /**
+   * End of a source's latest final, ms since the Unix epoch.
+   * @param {string} source
+   */
+  finalUntil(source) {
+    return this.#finalUntil.get(source) ?? -Infinity;
+  }
+  /** @type {Map<string, number>} */
+  #finalUntil = new Map();
 
   /**
    * The utterances without a final.

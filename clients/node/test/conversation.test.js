@@ -22,7 +22,7 @@ describe('meetings', {concurrency: 3}, () => {
     assert.equal(session.available, true);
     const utterances = new Collected(session.utterances);
     await play(session, 'remote', rawRecording('goforward.raw'));
-    const report = await session.stop();
+    const report = await session.stop({drainMs: 20_000});
     await utterances.done;
     const finals = utterances.values.filter(({state}) => state === 'final');
     assert.deepEqual(finals.map(({text, source, reason}) => [text, source, reason]), [[words, 'remote', 'silence']]);
@@ -53,7 +53,7 @@ describe('meetings', {concurrency: 3}, () => {
       const session = await helper.openSession({locale: 'en-US', sources: ['remote']});
       const utterances = new Collected(session.utterances);
       await play(session, 'remote', rawRecording(name));
-      await session.stop();
+      await session.stop({drainMs: 20_000});
       await utterances.done;
       await helper.close();
       assert.equal(utterances.values.filter(({state}) => state === 'final').map(({text}) => text).join(' ').includes(expected), true,
@@ -87,7 +87,7 @@ describe('meetings', {concurrency: 3}, () => {
     assert.equal(session.available, true);
     const utterances = new Collected(session.utterances);
     await play(session, 'remote', rawRecording('goforward.raw'));
-    const report = await session.stop();
+    const report = await session.stop({drainMs: 20_000});
     await utterances.done;
     assert.deepEqual(utterances.values.filter(({state}) => state === 'final').map(({text, reason}) => [text, reason]), [[words, 'framework']]);
     assert.equal(report.abandoned, utterances.values.filter(({state}) => state === 'abandoned').length);
@@ -106,7 +106,7 @@ describe('meetings', {concurrency: 3}, () => {
     const gap = await events.find(ofType('client.gap'));
     assert.ok(gap.to >= gap.from);
     await play(session, 'remote', quiet(1000), rawRecording('goforward.raw'));
-    await session.stop();
+    await session.stop({drainMs: 20_000});
     await utterances.done;
     const finals = utterances.values.filter(({state}) => state === 'final');
     assert.equal(finals.at(-1).text, words);

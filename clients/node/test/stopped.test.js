@@ -21,7 +21,7 @@ test('a helper that is stopped for ten seconds goes on without a restart', {skip
   process.kill(pid, 'SIGSTOP');
   await play(session, 'remote', quiet(6000), rawRecording('goforward.raw'), quiet(1400));  // ten seconds in all
   process.kill(pid, 'SIGCONT');
-  const report = await session.stop();
+  const report = await session.stop({drainMs: 20_000});
   await utterances.done;
   assert.equal(helper.pid, pid);
   assert.equal(events.values.some(ofType('client.exited')), false);
