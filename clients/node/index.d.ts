@@ -210,9 +210,9 @@ export class Session {
   suppress(source: AudioSource, suppressed?: boolean): Promise<'applied' | 'deferred' | 'closed'>;
 
   /**
-   * Ends the session without losing words: sends quiet for 1.5 s, or 3 s if voice has yielded no text yet, and on until no
-   * utterance is open, at most `drainMs` (ms, default 5000; 0: none). It then stops the session and waits for the last finals. Never rejects; resolves within `drainMs` + 6000 ms, and
-   * within 2000 ms after the helper's end. Further calls return the same promise.
+   * Ends the session without losing words: sends quiet for 1.5 s, and on while an utterance is open or voice has yielded
+   * no text yet, at most `drainMs` (ms, default 5000; 0: none). Then stops the session and waits for the last finals. Never
+   * rejects; resolves within `drainMs` + 6000 ms, and within 2000 ms after the helper's end. Further calls return the same promise.
    */
   stop(options?: {readonly drainMs?: number}): Promise<StopReport>;
 }

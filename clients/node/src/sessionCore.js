@@ -18,7 +18,6 @@ const framesPerMs = 16;  // 16 kHz
 const padding = new Int16Array(1600);  // 100 ms of quiet
 const paddingMs = 100;
 const leastPaddingMs = 1500;  // 900 ms of quiet end an utterance; the rest is for the recognizer
-const voicedPaddingMs = 3000;  // where voice has yielded no text yet: a busy machine's recognizer is behind, or it was noise
 const voiceThreshold = 0.008;  // root mean square of full scale, as in the helper
 const trailingVoiceMs = 500;  // breath after the last word
 const stopMs = 5000;
@@ -315,9 +314,10 @@ export class SessionCore {
     const sources = hopeful ? [...this.#sources].filter(([, state]) => state.sent > 0 && !state.muted) : [];
     while (sources.length > 0 && client.accepting) {
       const elapsed = client.clock.monotonic() - began;
-      const waiting = this.utterances.open().length > 0 || sources.some(([source]) => client.hasQueuedAudio(this.#key(source)));
-      const unheard = sources.some(([source, state]) => state.voicedUntil > this.utterances.finalUntil(source) + trailingVoiceMs);
-      if (elapsed >= drainMs || (elapsed >= (unheard ? voicedPaddingMs : leastPaddingMs) && !waiting)) return;
+      const waiting = this.utterances.open().length > 0 || sources.some(([source, state]) => client.hasQueuedAudio(this.#key(source)) ||
+        // Voice without text: a busy machine's recognizer is behind, or it was noise.
+        state.voicedUntil > this.utterances.finalUntil(source) + trailingVoiceMs);
+      if (elapsed >= drainMs || (elapsed >= leastPaddingMs && !waiting)) return;
       for (const [source, state] of sources) this.#send(source, state, padding, state.sentUntil);
       await within(client.clock, client.ended, paddingMs, undefined);
     }

@@ -15,7 +15,7 @@ async function play(session, source, ...recordings) {
   for (const samples of recordings) for await (const chunk of paced(samples)) session.send(source, chunk);
 }
 
-describe('meetings', {concurrency: 3}, () => {
+describe('meetings', {concurrency: 2}, () => {
   test('a recording is recognized, drained and reported', {skip}, async () => {
     const helper = await start({helperPath: realHelper});
     const session = await helper.openSession({locale: 'en-US', sources: ['remote']});

@@ -4,8 +4,8 @@ import {tmpdir} from 'node:os';
 import {join} from 'node:path';
 
 import {PalaverError, findHelper} from '../src/index.js';
-import {Collected, PalaverHelper, fake, gone, isAlive, ofType, realHelper, received, simulator, start, test, withoutHelper,
-  withoutSimulator} from './support.js';
+import {Collected, PalaverHelper, VirtualClock, fake, gone, isAlive, ofType, realHelper, received, simulator, start,
+  startOn, test, withoutHelper, withoutSimulator} from './support.js';
 
 const chunk = new Int16Array(1600);
 
@@ -142,6 +142,27 @@ test('a muted source sends nothing and its utterances are abandoned', async () =
   assert.equal(events.values.filter(received('audio')).length, 2);
   await helper.close();
   assert.equal(await session.suppress('remote'), 'closed');
+});
+
+test('stopping sends 1.5 s of quiet, and on after voice without text', async () => {
+  for (const [level, padding] of [[0, 15], [100, 15], [1000, 50]]) {
+    const clock = new VirtualClock();
+    const helper = await startOn(clock, fake('plain'));
+    const events = new Collected(helper.events());
+    const session = await helper.openSession({sources: ['self']});
+    assert.equal(session.send('self', new Int16Array(1600).fill(level)), 'sent');
+    const stopping = session.stop();
+    for (let step = 0; step < padding; ++step) {
+      await new Promise(setImmediate);  // the client sends, and waits for the clock
+      assert.equal(events.values.some(ofType('session.stopped')), false);
+      clock.advance(100);
+    }
+    assert.equal((await stopping).drained, true);
+    await events.settled();
+    const audio = events.values.filter(received('audio')).map(({raw}) => raw.command.capturedAt);
+    assert.equal(audio.length, 1 + padding, `level ${level}`);
+    assert.ok(audio.every((time, index) => time === audio[0] + index * 100), 'without a gap');
+  }
 });
 
 test('an utterance whose id changes with its final is not left open', async () => {
