@@ -6,13 +6,16 @@
 folder=$1
 mkdir -p "$folder"
 
+# Ends a slow download, where this system can.
+limited() { if command -v timeout >/dev/null; then timeout 120 "$@"; else "$@"; fi; }
+
 install() {  # name, packages...
   name=$1
   shift
   [ -e "$folder/$name/.complete" ] && return
   rm -rf "${folder:?}/$name"
   if python3 -m venv "$folder/$name" >"$folder/$name.log" 2>&1 &&
-    "$folder/$name/bin/pip" --disable-pip-version-check --timeout 10 --retries 1 install --quiet "$@" >>"$folder/$name.log" 2>&1; then
+    limited "$folder/$name/bin/pip" --disable-pip-version-check --timeout 10 --retries 1 install --quiet "$@" >>"$folder/$name.log" 2>&1; then
     touch "$folder/$name/.complete"
   else
     echo "not installed: $*; the log is $folder/$name.log"

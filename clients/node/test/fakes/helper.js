@@ -87,9 +87,9 @@ const modes = {
     read();
     setInterval(() => {}, 1e6);
   },
-  // Leaves a process behind that holds its streams until its input ends, as the second process on macOS does.
+  // Leaves a process behind that holds its streams for 4 s, as a second process may.
   holder: () => {
-    spawn(process.execPath, ['-e', 'process.stdin.resume()'], {stdio: 'inherit'}).once('spawn', () => write(statusLine));
+    spawn(process.execPath, ['-e', 'setTimeout(() => {}, 4000)'], {stdio: 'inherit'}).once('spawn', () => write(statusLine));
   },
   'loud-at-start': () => {
     const line = 'x'.repeat(1023) + '\n';
