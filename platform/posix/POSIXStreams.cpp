@@ -9,8 +9,10 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <string>
+#include <cstdio>
 #include <thread>
+
+#include "platform/posix/Descriptor.h"
 
 namespace palaver {
 
@@ -26,6 +28,27 @@ bool mayTryAgain(int descriptor, short events) {
   if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
   pollfd waiting{.fd = descriptor, .events = events, .revents = 0};
   return ::poll(&waiting, 1, -1) >= 0 || errno == EINTR;
+}
+
+bool isOpenForWriting(int descriptor) {
+  const int flags = ::fcntl(descriptor, F_GETFL);
+  return flags >= 0 && (flags & O_ACCMODE) != O_RDONLY;
+}
+
+// Opens the same pipe again, as a non-blocking descriptor. Returns none for anything but a pipe of Linux.
+// Such a pipe is ready only while a whole page is free, but accepts bytes as long as they fit into its last
+// page; only a non-blocking write can find out. The original descriptor keeps its flags, as other processes
+// may share them.
+Descriptor reopenNonBlocking([[maybe_unused]] int descriptor) {
+#ifdef __linux__
+  struct stat status {};
+  if (::fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode)) {
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/self/fd/%d", descriptor);
+    return Descriptor(::open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+  }
+#endif
+  return {};
 }
 
 }  // namespace
@@ -47,9 +70,18 @@ void DescriptorInput::start(InputHandler& handler) {
 // A blocking descriptor blocks in write() once it is full, where no limit could end the wait. So each piece
 // waits for room first, and is small enough to be accepted whole then (write(2) for PIPE_BUF).
 void DescriptorOutput::write(std::string_view bytes) {
+  Descriptor nonBlocking;  // used once the pipe is nearly full
   while (!bytes.empty() && !isGivenUp_) {
     const auto piece = bytes.substr(0, PIPE_BUF);
-    ssize_t count = isReady(0) ? ::write(descriptor_, piece.data(), piece.size()) : writeToLastPage(piece);
+    ssize_t count = -1;
+    if (isReady(0)) {
+      count = ::write(descriptor_, piece.data(), piece.size());
+    } else {
+      if (!isOpenForWriting(descriptor_)) return;
+      if (!nonBlocking.isOpen()) nonBlocking = reopenNonBlocking(descriptor_);
+      errno = EAGAIN;
+      if (nonBlocking.isOpen()) count = ::write(nonBlocking.get(), piece.data(), piece.size());
+    }
     if (count >= 0) {
       bytes.remove_prefix(static_cast<std::size_t>(count));
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
@@ -58,21 +90,6 @@ void DescriptorOutput::write(std::string_view bytes) {
       return;
     }
   }
-}
-
-// A pipe of Linux is ready only while a whole page is free, but accepts bytes as long as they fit into its
-// last page. Only a non-blocking descriptor can find out. It is a descriptor of its own, because the flag
-// belongs to all who share the open pipe. Sets errno to EAGAIN where there is none.
-ssize_t DescriptorOutput::writeToLastPage([[maybe_unused]] std::string_view bytes) {
-#ifdef __linux__
-  struct stat status {};
-  if (nonBlocking_ == notOpened && ::fstat(descriptor_, &status) == 0 && S_ISFIFO(status.st_mode))
-    nonBlocking_ =
-        ::open(("/proc/self/fd/" + std::to_string(descriptor_)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-  if (nonBlocking_ >= 0) return ::write(nonBlocking_, bytes.data(), bytes.size());
-#endif
-  errno = EAGAIN;
-  return -1;
 }
 
 bool DescriptorOutput::isReady(int milliseconds) const {

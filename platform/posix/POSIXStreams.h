@@ -1,8 +1,6 @@
 // Implements the standard streams on file descriptors.
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <chrono>
 
@@ -35,16 +33,12 @@ class DescriptorOutput final : public OutputStream {
  private:
   using SteadyClock = std::chrono::steady_clock;
 
-  static constexpr int notOpened = -2;
-
-  ssize_t writeToLastPage(std::string_view bytes);
   bool isReady(int milliseconds) const;
   bool waitUntilReady() const;
   bool hasStalledSince(SteadyClock::time_point start) const;
 
   const int descriptor_;
-  std::atomic<int> nonBlocking_{notOpened};  // the same pipe, non-blocking; opened when the pipe first fills
-  std::atomic<double> stallLimit_{-1};       // ms; negative: none
+  std::atomic<double> stallLimit_{-1};  // ms; negative: none
   std::atomic<SteadyClock::rep> limitedAt_{0};
   std::atomic<bool> isGivenUp_{false};
 };
