@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/UTF8.h"
 #include "simulator/live.h"
 #include "simulator/scenario/ScenarioDifferences.h"
 #include "simulator/scenario/ScenarioRunner.h"
@@ -22,6 +23,9 @@ namespace {
 constexpr const char* usage =
     "Usage: PalaverSTTSimulator run FILE...\n"
     "         plays scenarios in virtual time; exit status 1 when one fails\n"
+    "       PalaverSTTSimulator record FILE...\n"
+    "         plays scenarios in virtual time and prints each run as a line of JSON: scenario, seed,\n"
+    "         arguments, input and output. A piece of input that is not UTF-8 is in hexadecimal, in a list\n"
     "       PalaverSTTSimulator converse FILE [DIFFERENCES] -- PROGRAM [ARGUMENT...]\n"
     "         plays a scenario against a program in stepped time (Linux only); exit status 1 when it fails,\n"
     "         77 when it cannot be played this way. DIFFERENCES lists intended differences of the program\n"
@@ -61,6 +65,47 @@ int run(std::span<char*> paths) {
   return failures == 0 ? 0 : 1;
 }
 
+// A piece of input: its text, or a list of its bytes in hexadecimal if it is not UTF-8 by itself.
+JSON inputPiece(const std::string& bytes) {
+  if (isValidUTF8(bytes)) return bytes;
+  std::string digits;
+  for (const char byte : bytes) {
+    constexpr const char* hexadecimal = "0123456789abcdef";
+    digits += hexadecimal[static_cast<unsigned char>(byte) >> 4];
+    digits += hexadecimal[static_cast<unsigned char>(byte) & 15];
+  }
+  return JSON::array({digits});
+}
+
+void recordFile(const std::filesystem::path& path) {
+  const auto scenario = readScenario(path);
+  JSON input = JSON::array();
+  for (const auto& action : scenario.actions)
+    if (const auto* const bytes = std::get_if<HostBytes>(&action.what)) input.push_back(inputPiece(bytes->bytes));
+  for (const auto& seed : scenario.seeds) {
+    const auto record = recordOnce(scenario, seed);
+    JSON output = JSON::array();
+    for (const auto& line : record.output.lines) output.push_back(line.text);
+    const JSON run{{"scenario", path.stem().string()},
+                   {"seed", seed ? JSON(*seed) : JSON()},
+                   {"arguments", scenario.settings.arguments},
+                   {"exitStatus", record.exitStatus ? JSON(*record.exitStatus) : JSON()},
+                   {"input", input},
+                   {"output", std::move(output)}};
+    std::printf("%s\n", run.dump().c_str());
+  }
+}
+
+int record(std::span<char*> paths) {
+  try {
+    for (const char* const path : paths) recordFile(path);
+    return 0;
+  } catch (const FileError& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 2;
+  }
+}
+
 #ifdef PALAVER_CONVERSATIONS
 
 // `files` holds the scenario and, optionally, the differences.
@@ -96,6 +141,7 @@ int main(int argumentCount, char** arguments) {
   const std::span all(arguments, static_cast<std::size_t>(argumentCount));
   const std::string_view mode = all.size() > 1 ? all[1] : "";
   if (mode == "run" && all.size() > 2) return palaver::run(all.subspan(2));
+  if (mode == "record" && all.size() > 2) return palaver::record(all.subspan(2));
 #ifdef PALAVER_CONVERSATIONS
   if (mode == "converse") {
     const auto words = all.subspan(2);

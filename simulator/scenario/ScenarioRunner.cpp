@@ -31,8 +31,8 @@ ScenarioRecord::Stream streamOf(const RecordingOutput& output) {
   return {output.lines(), output.rest()};
 }
 
-std::optional<std::string> playOnce(const Scenario& scenario, const std::optional<std::uint64_t>& seed,
-                                    const ScenarioProgram& program) {
+ScenarioRecord runOnce(const Scenario& scenario, const std::optional<std::uint64_t>& seed,
+                       const ScenarioProgram& program) {
   SimulatedSettings settings = scenario.settings;
   settings.seed = seed;
   const ScenarioDirectory directory(scenario.files);
@@ -57,22 +57,34 @@ std::optional<std::string> playOnce(const Scenario& scenario, const std::optiona
   record.output = streamOf(platform.standardOutput);
   record.errorOutput = streamOf(platform.standardError);
   record.received = receivedBy(platform.speechRecognition, platform.speechAnalysis);
+  return record;
+}
 
-  auto report = compare(scenario, record);
+std::optional<std::string> playOnce(const Scenario& scenario, const std::optional<std::uint64_t>& seed,
+                                    const ScenarioProgram& program) {
+  auto report = compare(scenario, runOnce(scenario, seed, program));
   if (report && seed) report->insert(0, "  with seed " + std::to_string(*seed) + ":\n");
   return report;
+}
+
+void runHelperOn(SimulatedPlatform&, Platform& platform) {
+  runHelper(platform);
 }
 
 }  // namespace
 
 std::optional<std::string> play(const Scenario& scenario) {
-  return play(scenario, [](SimulatedPlatform&, Platform& platform) { runHelper(platform); });
+  return play(scenario, runHelperOn);
 }
 
 std::optional<std::string> play(const Scenario& scenario, const ScenarioProgram& program) {
   for (const auto& seed : scenario.seeds)
     if (auto report = playOnce(scenario, seed, program)) return report;
   return std::nullopt;
+}
+
+ScenarioRecord recordOnce(const Scenario& scenario, const std::optional<std::uint64_t>& seed) {
+  return runOnce(scenario, seed, runHelperOn);
 }
 
 }  // namespace palaver

@@ -1,11 +1,13 @@
 // Plays scenarios in virtual time.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 
 #include "simulator/scenario/Scenario.h"
+#include "simulator/scenario/ScenarioRecord.h"
 
 namespace palaver {
 
@@ -16,5 +18,8 @@ using ScenarioProgram = std::function<void(SimulatedPlatform&, Platform&)>;
 // mismatches, or none.
 std::optional<std::string> play(const Scenario& scenario);
 std::optional<std::string> play(const Scenario& scenario, const ScenarioProgram& program);
+
+// Plays a scenario once with the helper, without comparing the result.
+ScenarioRecord recordOnce(const Scenario& scenario, const std::optional<std::uint64_t>& seed);
 
 }  // namespace palaver

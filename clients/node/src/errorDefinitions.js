@@ -229,7 +229,7 @@ export const errorDefinitions = [
     pattern: /^SpeechAnalyzer asset installation failed: [\s\S]*$/,
     repeats: 'once',
     backends: ['analyzer'],
-    cause: '--install-assets: the download failed; retry online',
+    cause: '--install-assets: the download failed',
     cure: 'retry online',
   },
   {
@@ -269,7 +269,7 @@ export const errorDefinitions = [
     pattern: /^Research transcription failed: Expected 16 kHz mono audio$/,
     repeats: 'once',
     backends: ['analyzer'],
-    cause: 'the file has another format; convert it',
+    cause: 'the file has another format',
     cure: 'convert it to 16 kHz mono',
   },
   {

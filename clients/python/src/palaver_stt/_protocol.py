@@ -597,7 +597,7 @@ ERROR_DEFINITIONS: tuple[ErrorDefinition, ...] = (
         re.compile("^SpeechAnalyzer asset installation failed: [\\s\\S]*$"),
         "once",
         ("analyzer",),
-        "--install-assets: the download failed; retry online",
+        "--install-assets: the download failed",
         "retry online",
     ),
     ErrorDefinition(
@@ -637,7 +637,7 @@ ERROR_DEFINITIONS: tuple[ErrorDefinition, ...] = (
         re.compile("^Research transcription failed: Expected 16 kHz mono audio$"),
         "once",
         ("analyzer",),
-        "the file has another format; convert it",
+        "the file has another format",
         "convert it to 16 kHz mono",
     ),
     ErrorDefinition(
