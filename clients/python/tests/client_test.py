@@ -113,6 +113,11 @@ class Meeting(ClientTest):
                     session.send("self", wrong)
             with self.assertRaises(ValueError):
                 session.send("mic", QUIET)  # type: ignore[arg-type]
+            with self.assertRaises(ValueError):
+                session.send("self", QUIET, captured_at=float("nan"))
+            for wrong_phrases, error in (("word", TypeError), ([1], TypeError), (["\ud800"], ValueError)):
+                with self.assertRaises(error):
+                    helper.session("en-US", vocabulary=wrong_phrases)  # type: ignore[arg-type]
             await helper.ping()
         sent = [(command["sequence"], command["capturedAt"]) for command in log.of_type("audio")]
         self.assertEqual(sent, [(0, 12.5), (1, 13)])
@@ -269,6 +274,16 @@ class Ends(ClientTest):
             os.kill(helper.pid, signal.SIGKILL)
             report = await self.within(2, stopping)
             self.assertFalse(report.stopped)
+
+    async def test_cancelled_stop_ends_the_session(self) -> None:
+        log = Log(self)
+        async with Helper.start([*FAKE, "echo"], env=log.env) as helper, helper.session("en-US") as session:
+            stopping = asyncio.ensure_future(session.stop(drain_ms=60_000))
+            await helper.ping()
+            stopping.cancel()
+            self.assertEqual(await self.within(1, finals(session)), [])
+            await helper.ping()
+            self.assertEqual(len(log.of_type("session.stop")), 1)
 
     async def test_close_is_bounded_and_never_raises(self) -> None:
         for behaviour, seconds in (("echo", 1.5), ("stubborn", 3)):

@@ -80,7 +80,7 @@ class RealHelper(ClientTest):
 
     async def test_unsupported_language_is_a_clear_error(self) -> None:
         async with Helper.start(HELPER, restart=NO_RESTART) as helper:
-            with self.assertRaisesRegex(SessionUnavailableError, "speech in xx-XX cannot be transcribed"):
+            with self.assertRaisesRegex(SessionUnavailableError, "speech in 'xx-XX' cannot be transcribed"):
                 await helper.session("xx-XX").__aenter__()
             async with helper.session("xx-XX", require_available=False) as session:
                 events = helper.events()

@@ -148,7 +148,7 @@ class ErrorFolder:
             self._held[key] = (error.at, 0, None)
             return error
         passed_at, count, _ = self._held[key]
-        if error.at - passed_at < self._window_ms:
+        if abs(error.at - passed_at) < self._window_ms:
             self._held[key] = (passed_at, count + 1, error)
             return None
         self._held[key] = (error.at, 0, None)

@@ -17,7 +17,7 @@ from typing import Any, Callable, Mapping, Sequence
 from ._events import ErrorFolder, HelperEnded, HelperRestarted, decode_event
 from ._process import HelperProcess, Item, SendQueue, SendResult
 from ._protocol import PROTOCOL_VERSION, Event, HelperErrorEvent, HelperStatus, Pong, SessionReady, SessionStopped
-from ._session import HelperClosedError, PalaverError, Session
+from ._session import HelperClosedError, PalaverError, Session, answer_within
 from ._streams import EventStream
 
 
@@ -145,7 +145,12 @@ class Helper:
         """
         if isinstance(vocabulary, str):
             raise TypeError("vocabulary must be a sequence of phrases")
-        return Session(self, id if id is not None else uuid.uuid4().hex, locale, vocabulary, require_available)
+        id = id if id is not None else uuid.uuid4().hex
+        for text in (id, locale, *vocabulary):
+            if not isinstance(text, str):
+                raise TypeError(f"id, locale and phrases must be str, not {type(text).__name__}")
+            text.encode("utf-8")  # raises UnicodeEncodeError, a ValueError, for half of a surrogate pair
+        return Session(self, id, locale, vocabulary, require_available)
 
     def events(self) -> EventStream:
         """Every event from now on: those of the helper, unknown ones as UnknownEvent, errors as HelperError with their code; and
@@ -171,7 +176,7 @@ class Helper:
         sent, sent_at = self._monotonic(), self._now_ms()
         try:
             self._command({"type": "ping", "sentAt": number})
-            pong = await asyncio.wait_for(answer, timeout)
+            pong = await answer_within(answer, timeout)
         finally:
             self._pings = deque(entry for entry in self._pings if entry[1] is not answer)
         received_at = self._now_ms()
@@ -245,8 +250,13 @@ class Helper:
             await self.ping()
         except (PalaverError, asyncio.TimeoutError):
             pass
-        message = self.status.message if self.status is not None and not self.status.available else None
-        return f"speech in {locale} cannot be transcribed now" + (f"; the state of Japanese is: {message}" if message else "")
+        why = "check the locale, and that its model is installed"
+        # The status is about Japanese; the permission and Dictation are about all languages.
+        if self.status is not None and not self.status.available and self.status.message:
+            is_permitted = self.status.authorization in ("authorized", "not-required")
+            if locale.startswith("ja") or not is_permitted or self.status.dictation == "disabled":
+                why = self.status.message
+        return f"speech in {locale!r} cannot be transcribed now: {why}"
 
     # The process
 
@@ -306,7 +316,7 @@ class Helper:
         while self._ends[0] <= now - self._policy.within_s:
             self._ends.popleft()
         may_restart = not self._closing and len(self._ends) < self._policy.most
-        self._queue.drop_commands()
+        self._queue.keep_audio_of({session.id for session in self._sessions.values() if session._is_open})
         reopening = [command for session in self._sessions.values() for command in session._reopening_commands()]
         self._fail_pings()
         for session in [*self._sessions.values()]:
@@ -353,4 +363,4 @@ class Helper:
 
 
 def _item(command: dict[str, Any]) -> Item:
-    return Item(json.dumps(command, ensure_ascii=False, separators=(",", ":")).encode("utf-8", "replace") + b"\n", None, 0)
+    return Item(json.dumps(command, ensure_ascii=False, separators=(",", ":")).encode() + b"\n", None, 0)

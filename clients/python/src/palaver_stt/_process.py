@@ -5,7 +5,7 @@ from __future__ import annotations
 import asyncio
 import enum
 from collections import deque
-from typing import Callable, Mapping, NamedTuple, Sequence
+from typing import Callable, Collection, Mapping, NamedTuple, Sequence, cast
 
 from ._lines import LineSplitter
 
@@ -67,9 +67,9 @@ class SendQueue:
         self._count_out(item)
         return item
 
-    def drop_commands(self) -> None:
-        """Leaves only the audio."""
-        kept = [item for item in self._items if item.channel is not None]
+    def keep_audio_of(self, session_ids: Collection[str]) -> None:
+        """Drops commands, and the audio of other sessions."""
+        kept = [item for item in self._items if item.channel is not None and item.channel[0] in session_ids]
         self._items.clear()
         self._waiting_ms.clear()
         for item in kept:
@@ -103,6 +103,7 @@ class HelperProcess(asyncio.SubprocessProtocol):
         self._held = True
         self._paused = False
         self._input_closed = False
+        self._input_lost = False
         self._exited = False
         self._ended = False
         self._transport: asyncio.SubprocessTransport | None = None
@@ -124,7 +125,6 @@ class HelperProcess(asyncio.SubprocessProtocol):
         _, process = await loop.subprocess_exec(
             lambda: cls(queue, on_line, on_end), *command, env=dict(env) if env is not None else None, start_new_session=True
         )
-        assert isinstance(process, cls)
         return process
 
     @property
@@ -185,12 +185,9 @@ class HelperProcess(asyncio.SubprocessProtocol):
     # Callbacks of the event loop
 
     def connection_made(self, transport: asyncio.BaseTransport) -> None:
-        assert isinstance(transport, asyncio.SubprocessTransport)
-        self._transport = transport
-        pipe = transport.get_pipe_transport(0)
-        assert isinstance(pipe, asyncio.WriteTransport)
-        self._input = pipe
-        pipe.set_write_buffer_limits(high=_PIPE_BUFFER)
+        self._transport = cast(asyncio.SubprocessTransport, transport)
+        self._input = cast(asyncio.WriteTransport, self._transport.get_pipe_transport(0))
+        self._input.set_write_buffer_limits(high=_PIPE_BUFFER)
 
     def pause_writing(self) -> None:
         self._paused = True
@@ -219,7 +216,7 @@ class HelperProcess(asyncio.SubprocessProtocol):
                 self.close_input()
                 self._loop.call_later(1, self._give_up)
         elif fd == 0:
-            self._input_closed = True
+            self._input_closed = self._input_lost = True
 
     def process_exited(self) -> None:
         # A child of the program may still hold the pipes, as on macOS, where the helper runs in a second process. It ends with
@@ -241,6 +238,8 @@ class HelperProcess(asyncio.SubprocessProtocol):
         if self._ended:
             return
         self._ended = True
+        if self._input is not None and not self._input_lost:
+            self._input.abort()  # what a process that does not read has left
         if self._transport is not None:
             self._transport.close()  # closes the pipes, and kills the process if it still runs
         if not self.ended.done():

@@ -5,11 +5,12 @@ from __future__ import annotations
 import asyncio
 import base64
 import json
+import math
 import sys
 from array import array
 from dataclasses import dataclass
 from types import TracebackType
-from typing import TYPE_CHECKING, Any, AsyncIterator, Sequence
+from typing import TYPE_CHECKING, Any, AsyncIterator, Sequence, TypeVar
 
 from ._process import Item, SendResult
 from ._protocol import (
@@ -29,7 +30,9 @@ if TYPE_CHECKING:
 SAMPLES_PER_MS = 16  # 16 kHz
 _CHUNK_MS = 100
 _QUIET = bytes(_CHUNK_MS * SAMPLES_PER_MS * 2)
-_SOURCES = ("remote", "self")
+_SOURCES: tuple[AudioSource, ...] = ("remote", "self")
+
+T = TypeVar("T")
 
 
 class PalaverError(Exception):
@@ -71,6 +74,18 @@ class StopReport:
     stopped: bool
     dropped_ms: float
     missed: int
+
+
+async def answer_within(answer: asyncio.Future[T], timeout: float) -> T:
+    """The future's result. Raises asyncio.TimeoutError after `timeout` s.
+
+    Unlike asyncio.wait_for() of Python 3.11 it lets no cancellation get lost that comes with the answer.
+    """
+    await asyncio.wait([answer], timeout=timeout)
+    if not answer.done():
+        answer.cancel()
+        raise asyncio.TimeoutError
+    return answer.result()
 
 
 def samples_of(pcm: object) -> bytes:
@@ -137,7 +152,8 @@ class Session:
             if self._ready.done():
                 self._ready.result()
             elif not self._ready_sources:
-                raise SessionUnavailableError(f"no answer to session.start within {self._helper.answer_timeout} s")
+                why = await self._helper._why_unavailable(self.locale)
+                raise SessionUnavailableError(f"no answer to session.start within {self._helper.answer_timeout} s: {why}")
             if self._require_available and not self.available:
                 raise SessionUnavailableError(await self._helper._why_unavailable(self.locale))
         except BaseException:
@@ -158,7 +174,8 @@ class Session:
 
         pcm: bytes (little-endian) or a buffer of int16.
         captured_at: time of the first sample, ms since the Unix epoch; by default now less the chunk's length.
-        Raises ValueError or TypeError if an argument is wrong; nothing is sent then.
+        Raises ValueError or TypeError if an argument is wrong; nothing is sent then. Not for other threads: use
+        `loop.call_soon_threadsafe(session.send, source, pcm, captured_at)` there.
         """
         if source not in _SOURCES:
             raise ValueError(f'source must be "remote" or "self", not {source!r}')
@@ -166,6 +183,9 @@ class Session:
         ms = len(data) / 2 / SAMPLES_PER_MS
         if captured_at is None:
             captured_at = self._helper._now_ms() - ms
+        captured_at = float(captured_at)
+        if not math.isfinite(captured_at):
+            raise ValueError(f"captured_at must be finite, not {captured_at}")
         if self._state not in ("open", "stopping") or self._helper.is_closed:
             return SendResult.CLOSED
         sequence = self._sequence.get(source, 0)
@@ -203,7 +223,7 @@ class Session:
         waiter: asyncio.Future[None] = asyncio.get_running_loop().create_future()
         self._suppress_waiters.append(waiter)
         self._helper._command(self._suppress_command(source, suppressed))
-        await asyncio.wait_for(waiter, self._helper.answer_timeout)
+        await answer_within(waiter, self._helper.answer_timeout)
 
     async def stop(self, drain_ms: float = 3000) -> StopReport:
         """Ends the session. Never raises; a second call returns at once.
@@ -216,19 +236,24 @@ class Session:
         self._state = "stopping"
         loop = asyncio.get_running_loop()
         self._stopped = loop.create_future()
-        if drain_ms > 0:
-            await self._drain(loop.time(), drain_ms / 1000)
         stopped = False
-        if not self._helper.is_closed:
-            self._helper._command({"type": "session.stop", "sessionId": self.id})
-            done, _ = await asyncio.wait([self._stopped], timeout=5)
-            stopped = bool(done) and self._stopped.result()
+        try:
+            try:
+                if drain_ms > 0:
+                    await self._drain(loop.time(), drain_ms / 1000)
+            finally:  # also when this call is cancelled
+                self._helper._command({"type": "session.stop", "sessionId": self.id})
+            if not self._helper.is_closed:
+                await asyncio.wait([self._stopped], timeout=5)
+                stopped = self._stopped.done() and self._stopped.result()
             if stopped and self._helper._is_analyzer:
                 # The last finals follow session.stopped.
-                await self._until(lambda: not any(self._utterances.open), loop.time() + 1)
-        report = self._report(stopped)
-        self._end()
-        return report
+                idle = asyncio.ensure_future(self._utterances.idle.wait())
+                await asyncio.wait([idle], timeout=1)
+                idle.cancel()
+            return self._report(stopped)
+        finally:
+            self._end()
 
     # For the helper
 
@@ -241,11 +266,15 @@ class Session:
     def _suppress_command(self, source: AudioSource, suppressed: bool) -> dict[str, Any]:
         return {"type": "source.suppress", "sessionId": self.id, "source": source, "suppressed": suppressed}
 
+    @property
+    def _is_open(self) -> bool:
+        return self._state in ("opening", "open")
+
     def _reopening_commands(self) -> list[dict[str, Any]]:
         """What a restarted helper needs to know."""
-        if self._state not in ("opening", "open"):
+        if not self._is_open:
             return []
-        mutes = [self._suppress_command(source, True) for source in _SOURCES_IN_ORDER if source in self._suppressed]
+        mutes = [self._suppress_command(source, True) for source in _SOURCES if source in self._suppressed]
         return [self._start_command(), *mutes]
 
     def _on_event(self, event: Event) -> None:
@@ -289,7 +318,7 @@ class Session:
         self._helper._remove_session(self)
 
     def _report(self, stopped: bool) -> StopReport:
-        return StopReport(not any(self._utterances.open), stopped, self._dropped_ms, self._utterances.missed)
+        return StopReport(self._utterances.idle.is_set(), stopped, self._dropped_ms, self._utterances.missed)
 
     async def _drain(self, start: float, seconds: float) -> None:
         loop = asyncio.get_running_loop()
@@ -301,20 +330,12 @@ class Session:
             pass
         least = loop.time() + 1
         while loop.time() < start + seconds and not self._helper.is_closed and not self._stopped.done():
-            if loop.time() >= least and not any(self._utterances.open):
+            if loop.time() >= least and self._utterances.idle.is_set():
                 return
             for source in self._sequence:
                 if source not in self._suppressed:
                     self.send(source, _QUIET)
             await asyncio.wait([self._stopped], timeout=_CHUNK_MS / 1000)  # the pace of speech
-
-    async def _until(self, holds: Any, deadline: float) -> None:
-        loop = asyncio.get_running_loop()
-        while not holds() and loop.time() < deadline and not self._helper.is_closed:
-            await asyncio.sleep(0.02)
-
-
-_SOURCES_IN_ORDER: tuple[AudioSource, ...] = ("remote", "self")
 
 
 def _settle(waiter: asyncio.Future[None]) -> None:

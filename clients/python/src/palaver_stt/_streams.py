@@ -104,6 +104,8 @@ class UtteranceStream(_Iterator[Utterance]):
         self._open: dict[str, Utterance] = {}
         self._limit = limit
         self.missed = 0
+        self.idle = asyncio.Event()  # set while every utterance has its final
+        self.idle.set()
 
     @property
     def open(self) -> Iterable[Utterance]:
@@ -148,14 +150,23 @@ class UtteranceStream(_Iterator[Utterance]):
         for utterance in [*self._open.values()]:
             self._add(replace(utterance, is_final=True, reason="interrupted"))
         self._open.clear()
+        self._note_open()
 
     def discard(self, source: str) -> None:
         """Forgets what is open of a muted source."""
         for utterance in [*self._open.values()]:
             if utterance.source == source:
                 del self._open[utterance.id]
+        self._note_open()
+
+    def _note_open(self) -> None:
+        if self._open:
+            self.idle.clear()
+        else:
+            self.idle.set()
 
     def _add(self, utterance: Utterance) -> None:
+        self._note_open()
         if self._closed:
             return
         self._unread.pop(utterance.id, None)
