@@ -81,7 +81,8 @@ void recordFile(const std::filesystem::path& path) {
   const auto scenario = readScenario(path);
   JSON input = JSON::array();
   for (const auto& action : scenario.actions)
-    if (const auto* const bytes = std::get_if<HostBytes>(&action.what)) input.push_back(inputPiece(bytes->bytes));
+    if (const auto* const bytes = std::get_if<HostBytes>(&action.what))
+      input.push_back(inputPiece(bytes->bytes));
   for (const auto& seed : scenario.seeds) {
     const auto record = recordOnce(scenario, seed);
     JSON output = JSON::array();
