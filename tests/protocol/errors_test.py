@@ -75,6 +75,17 @@ class ErrorTexts(unittest.TestCase):
             ]
             self.assertTrue(entries, text)
 
+    def test_texts_of_the_state_table_are_known(self) -> None:
+        """docs/states.md shows what the helper writes in each state of the machine."""
+        page = (ROOT / "docs/states.md").read_text(encoding="utf-8")
+        texts = re.findall(r"^\| [A-Z]+ \| (.*) \|$", page.split("## Texts")[1], re.MULTILINE)
+        self.assertGreater(len(texts), 10)
+        schema = json.loads((ROOT / "protocol/schema.json").read_text(encoding="utf-8"))
+        messages = set(re.findall(r"'const': (?:'([^']*)'|\"([^\"]*)\")", str(schema["$defs"]["HelperStatusEvent"])))
+        statuses = {first or second for first, second in messages}
+        for text in texts:
+            self.assertTrue(text in statuses or len(errors_of(text)) == 1, text)
+
     def test_clients_tables_agree(self) -> None:
         sys.path.insert(0, str(ROOT / "clients/python/src"))
         from palaver_stt._protocol import ERROR_DEFINITIONS

@@ -28,6 +28,18 @@ def require_jsonschema(what: str) -> None:
         sys.exit(77)
 
 
+def short_run() -> Conversation:
+    """The real helper with a session that is opened and stopped."""
+    commands = [
+        {"type": "session.start", "sessionId": "m", "locale": "en-US", "vocabulary": ["Palaver", "田中"]},
+        {"type": "source.suppress", "sessionId": "m", "source": "self", "suppressed": True},
+        {"type": "session.stop", "sessionId": "m"},
+    ]
+    data = b"".join(json.dumps(command, ensure_ascii=False).encode() + b"\n" for command in commands)
+    done = subprocess.run([HELPER], input=data, capture_output=True, check=True, timeout=60)
+    return Conversation(done.stdout.decode().splitlines(), [], data, True, done.returncode)
+
+
 def scenarios() -> dict[str, Conversation]:
     """Every run of every scenario, by the scenario's name and the run's seed."""
     files = sorted(map(str, (ROOT / "tests/scenarios").glob("*.json")))
