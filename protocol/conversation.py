@@ -165,7 +165,10 @@ def violations(conversation: Conversation) -> list[tuple[str, str]]:
             continue
         if rule.get("needs") == "steadyClock" and not conversation.steady_clock:
             continue
-        found += [(rule["id"], text) for text in CHECKS[rule["id"]](conversation)]
+        try:
+            found += [(rule["id"], text) for text in CHECKS[rule["id"]](conversation)]
+        except (AttributeError, KeyError, TypeError, ValueError) as error:
+            found.append((rule["id"], f"cannot be checked, as an event lacks its form: {error!r}"))
     return found
 
 
@@ -426,7 +429,7 @@ def _times(conversation: Conversation) -> Iterator[str]:
     for _, event in _transcripts(conversation):
         if event["type"] == "transcript.partial":
             continue
-        started, ended, made = (event.get(key) for key in ("startedAt", "speechEndedAt", "transcribedAt"))
+        started, ended, made = (float(event[key]) for key in ("startedAt", "speechEndedAt", "transcribedAt"))
         if ended < started:
             yield f"speechEndedAt {ended} before startedAt {started}"
         if event.get("latencyMs") != max(0, made - ended):

@@ -141,6 +141,11 @@ class Rules(unittest.TestCase):
                 with self.subTest(rule=rule, number=number):
                     self.assertIn(rule, [name for name, _ in violations(run)])
 
+    def test_malformed_events_are_no_crash(self) -> None:
+        lines = [STATUS, '{"type":"pong"}', '{"type":"transcript.final"}', '{"at":"x","type":"session.stopped"}', "1", '{"endpointing":1}']
+        found = {name for name, _ in violations(Conversation(lines, input=START, complete=True, exit_status=0))}
+        self.assertLessEqual({"line-form", "times", "answers", "clock-order"}, found)
+
     def test_correct_conversation_breaks_none(self) -> None:
         run = Conversation(
             [STATUS, READY, partial(), partial(), final(), partial(OTHER), MUTED.replace('"at":1', '"at":6'), STOPPED.replace("1", "7")],

@@ -12,7 +12,7 @@ from recordings import require_jsonschema, scenarios, short_run
 require_jsonschema("the lines of the scenarios against the schema")
 
 import validate  # noqa: E402
-from conversation import Conversation, decode_command, input_lines  # noqa: E402
+from conversation import Conversation, code_of, decode_command, input_lines  # noqa: E402
 
 Line = dict[str, Any]
 Schema = dict[str, Any]
@@ -44,7 +44,7 @@ def samples(runs: dict[str, Conversation]) -> list[Line]:
                 refused = {"invalid-command", "unsupported-command", "audio-incomplete", "session-start-incomplete"}
                 refused |= {"source-suppress-incomplete", "session-stop-incomplete", "payload-not-base64"}
                 surplus = command["type"] == "ping" and "sessionId" in command  # accepted, and ignored
-                if not surplus and not refused & {validate.conversation.code_of(event) for event in run.events}:
+                if not surplus and not refused & {code_of(event) for event in run.events}:
                     found.setdefault(signature(command), command)
     return list(found.values())
 
@@ -118,12 +118,12 @@ def status(**changes: Any) -> Line:
     return {key: value for key, value in {**ready, **changes}.items() if value is not None}
 
 
-ANALYZER = {"implementation": "speech-analyzer", "authorization": "not-required", "dictation": None}
-MISSING: dict[str, Any] = {"status": "setup-required", "available": False}
-CHECKING: dict[str, Any] = {**ANALYZER, "status": "checking-model", "available": False, "modelStatus": None}
-UNAVAILABLE: dict[str, Any] = {**ANALYZER, "status": "unavailable", "available": False, "modelStatus": "unsupported"}
-LEGACY_END = {"provider": "apple-sfspeech", "reason": "silence", "threshold": 0.008, "minSilenceMs": 900}
-ANALYZER_END = {"provider": "apple-speech-analyzer", "reason": "framework"}
+ANALYZER: Line = {"implementation": "speech-analyzer", "authorization": "not-required", "dictation": None}
+MISSING: Line = {"status": "setup-required", "available": False}
+CHECKING: Line = {**ANALYZER, "status": "checking-model", "available": False, "modelStatus": None}
+UNAVAILABLE: Line = {**ANALYZER, "status": "unavailable", "available": False, "modelStatus": "unsupported"}
+LEGACY_END: Line = {"provider": "apple-sfspeech", "reason": "silence", "threshold": 0.008, "minSilenceMs": 900}
+ANALYZER_END: Line = {"provider": "apple-speech-analyzer", "reason": "framework"}
 
 
 def final(**endpointing: Any) -> Line:

@@ -5,6 +5,8 @@ from __future__ import annotations
 import asyncio
 import json
 import os
+import random
+import re
 import signal
 import tempfile
 import unittest
@@ -30,6 +32,8 @@ from palaver_stt import (
     UnknownEvent,
     Utterance,
 )
+from palaver_stt._events import decode_event
+from palaver_stt._lines import LineSplitter
 
 NO_RESTART = RestartPolicy(most=1)
 DIE = b"die!" + bytes(3196)
@@ -169,6 +173,64 @@ class Meeting(ClientTest):
         audio = log.of_type("audio")
         self.assertEqual([command["sequence"] for command in audio], list(range(8640)))
         self.assertEqual([command["capturedAt"] for command in audio], [start + 10_000 * (index + 1) - 10 for index in range(8640)])
+
+
+class Decoding(unittest.TestCase):
+    """Needs no process. Examples are those of protocol/schema.json."""
+
+    def setUp(self) -> None:
+        schema = json.loads((Path(__file__).resolve().parents[3] / "protocol/schema.json").read_text(encoding="utf-8"))
+        names = [reference["$ref"].rsplit("/", 1)[1] for reference in schema["$defs"]["Event"]["oneOf"]]
+        self.examples = [example for name in names for example in schema["$defs"][name]["examples"]]
+
+    def test_every_event_is_known(self) -> None:
+        self.assertEqual(len(self.examples), 11)
+        for example in self.examples:
+            event = decode_event(json.dumps(example).encode())
+            self.assertEqual(event.TYPE, example["type"])  # type: ignore[attr-defined]
+            self.assertEqual(event.raw, example)
+            for key, value in example.items():
+                attribute = re.sub(r"(?<=[a-z])([A-Z])", r"_\1", key).lower()
+                if key not in ("type", "endpointing"):
+                    self.assertEqual(getattr(event, attribute), value)
+
+    def test_additions_change_nothing_and_damage_is_unknown(self) -> None:
+        for example in self.examples:
+            known = decode_event(json.dumps(example).encode())
+            for value in (1, "x", None, [], {"a": 1}):
+                self.assertEqual(decode_event(json.dumps({**example, "added": value}).encode()), known)
+            for key in example:
+                for value in (None, [], {}):
+                    event = decode_event(json.dumps({**example, key: value}).encode())
+                    optional = key in ("message", "modelStatus", "dictation", "sessionId", "source") and type(event) is type(known)
+                    self.assertTrue(optional or isinstance(event, UnknownEvent), event)
+
+    def test_nothing_raises(self) -> None:
+        chance = random.Random(1)
+        for _ in range(3000):
+            line = bytearray(json.dumps(chance.choice(self.examples)).encode())
+            for _ in range(chance.randint(1, 4)):
+                line[chance.randrange(len(line))] = chance.randrange(256)
+            self.assertIsInstance(decode_event(bytes(line)), Event)
+        self.assertIsInstance(decode_event(b"[" * 100_000), UnknownEvent)
+        self.assertIsInstance(decode_event(b'{"type":' + b"9" * 5000 + b"}"), UnknownEvent)
+
+    def test_lines_are_cut_at_line_feeds_only(self) -> None:
+        chance = random.Random(2)
+        text = "".join(chance.choice("a\u2028\u2029\x85\r語👍\n") for _ in range(3000)).encode()
+        splitter = LineSplitter()
+        lines: list[bytes] = []
+        start = 0
+        while start < len(text):
+            end = start + chance.randint(1, 40)
+            lines += splitter.feed(text[start:end])
+            start = end
+        self.assertEqual(lines, text.split(b"\n")[:-1])
+
+    def test_endless_line_is_skipped(self) -> None:
+        splitter = LineSplitter(longest=10)
+        lines = [line for piece in (b"short\n123456", b"789012", b"345\nnext", b"\n") for line in splitter.feed(piece)]
+        self.assertEqual(lines, [b"short", b"next"])
 
 
 class Reading(ClientTest):
@@ -349,7 +411,7 @@ class BackPressure(ClientTest):
             self.assertEqual(report.drained, True)
             received = [command["sequence"] for command in log.of_type("audio")]
             self.assertEqual(received, sorted(received))
-            self.assertEqual(received[-21:], list(range(80, 101)))  # the newest 2 s and the last chunk
+            self.assertEqual(received[-20:], list(range(81, 101)))  # the newest 2 s
             self.assertEqual(report.dropped_ms, (101 - len(received)) * 100)
             self.assertEqual(len(log.of_type("source.suppress")), 1)
 

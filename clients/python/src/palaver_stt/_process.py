@@ -187,7 +187,8 @@ class HelperProcess(asyncio.SubprocessProtocol):
     def connection_made(self, transport: asyncio.BaseTransport) -> None:
         self._transport = cast(asyncio.SubprocessTransport, transport)
         self._input = cast(asyncio.WriteTransport, self._transport.get_pipe_transport(0))
-        self._input.set_write_buffer_limits(high=_PIPE_BUFFER)
+        if not self._input.is_closing():
+            self._input.set_write_buffer_limits(high=_PIPE_BUFFER)
 
     def pause_writing(self) -> None:
         self._paused = True
