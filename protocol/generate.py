@@ -255,7 +255,25 @@ def py_type(protocol: Protocol, schema: Schema) -> str:
         return f"Literal[{json.dumps(schema['const'])}]"
     if "enum" in schema:
         return "Literal[" + ", ".join(map(json.dumps, schema["enum"])) + "]"
+    if schema["type"] == "array":
+        return f"list[{py_type(protocol, schema['items'])}]"
     return {"string": "str", "boolean": "bool", "number": "float", "integer": "int"}[schema["type"]]
+
+
+def py_command(protocol: Protocol, name: str) -> list[str]:
+    """Two classes, as NotRequired came with Python 3.11."""
+    schema = protocol.definitions[name]
+    optional = [key for key in schema["properties"] if key not in schema["required"]]
+
+    def fields(keys: list[str]) -> list[str]:
+        return [f"    {key}: {py_type(protocol, schema['properties'][key])}" for key in keys]
+
+    if not optional:
+        return ["", "", f"class {name}(TypedDict):", f'    """{schema["description"]}"""', "", *fields(schema["required"])]
+    return [
+        *["", "", f"class _{name}(TypedDict):", *fields(schema["required"])],
+        *["", "", f"class {name}(_{name}, total=False):", f'    """{schema["description"]}"""', "", *fields(optional)],
+    ]
 
 
 def py_class(protocol: Protocol, name: str, class_name: str) -> list[str]:
@@ -283,12 +301,15 @@ def py_name(name: str) -> str:
 
 def python(protocol: Protocol) -> str:
     version = protocol.definitions["HelperStatusEvent"]["properties"]["protocolVersion"]["const"]
-    lines = [f"# {HEADER}", '"""The events of the helper as frozen dataclasses, and the table of its error texts."""', ""]
+    lines = [f"# {HEADER}", '"""The commands as typed dictionaries, the events as frozen dataclasses, and the table of error texts."""', ""]
     lines += ["from __future__ import annotations", "", "import re", "from dataclasses import dataclass, field"]
-    lines += ["from typing import Any, ClassVar, Literal, Mapping", "", f"PROTOCOL_VERSION = {version}", ""]
+    lines += ["from typing import Any, ClassVar, Literal, Mapping, TypedDict, Union", "", f"PROTOCOL_VERSION = {version}", ""]
     for name in ("AudioSource", "Implementation"):
         lines.append(f"{name} = {py_type(protocol, protocol.definitions[name])}")
     lines += ["", "ErrorCode = Literal["] + [f"    {json.dumps(code)}," for code in protocol.codes] + ["]"]
+    for name in protocol.commands:
+        lines += py_command(protocol, name)
+    lines += ["", "", "Command = Union["] + [f"    {name}," for name in protocol.commands] + ["]"]
     lines += ["", "", "@dataclass(frozen=True)", "class Event:"]
     lines += ['    """An event.', "", "    raw: the JSON object as the helper wrote it, with keys that this version does not know.", '    """', ""]
     lines += ["    raw: Mapping[str, Any] = field(repr=False, compare=False)"]

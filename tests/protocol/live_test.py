@@ -1,6 +1,7 @@
 """What the real helper writes in real conversations follows the schema and the rules: the command loop, over recordings, and the
 one-shot modes; and so does the analyzer backend over this machine's recognizer."""
 
+import asyncio
 import atexit
 import base64
 import json
@@ -115,6 +116,10 @@ def whole_meeting(command: list[str]) -> Conversation:
     return meeting.end()
 
 
+def written_lines(run: Conversation) -> list[bytes]:
+    return [line for line in (run.input or b"").split(b"\n") if line]
+
+
 def one_shot(command: list[str], *arguments: str) -> Conversation:
     done = subprocess.run([*command, *arguments], stdin=subprocess.DEVNULL, capture_output=True, timeout=60)
     return Conversation(done.stdout.decode().splitlines(), list(arguments), None, True, done.returncode)
@@ -150,6 +155,30 @@ class LiveConversations(unittest.TestCase):
         meeting.say("shutdown")
         meeting.say("ping")
         self.assert_valid(meeting.end(), "transcript.partial", "transcript.final")
+
+    def test_python_client(self) -> None:
+        """What the client writes follows the schema strictly, and so does the conversation."""
+        sys.path.insert(0, str(ROOT / "clients/python/src"))
+        from palaver_stt import Helper
+
+        async def meet(command: list[str]) -> None:
+            async with Helper.start(command) as helper, helper.session("en-US", vocabulary=["Palaver", "田中"]) as session:
+                session.send("remote", (DATA / "goforward.raw").read_bytes()[: 10 * CHUNK])
+                session.send("self", bytes(CHUNK), captured_at=1)
+                await helper.ping()
+                await session.suppress("self")
+                await session.suppress("self", False)
+                await session.stop(drain_ms=0)
+
+        with tempfile.TemporaryDirectory() as folder:
+            written, read = Path(folder, "in"), Path(folder, "out")
+            asyncio.run(meet(["sh", "-c", 'tee "$1" | "$0" | tee "$2"', HELPER, str(written), str(read)]))
+            run = Conversation(read.read_text(encoding="utf-8").splitlines(), [], written.read_bytes(), True, 0)
+        self.assert_valid(run, "session.ready", "session.stopped", "source.suppressed", "pong")
+        commands = [json.loads(line) for line in written_lines(run)]
+        self.assertEqual({command["type"] for command in commands}, {"session.start", "audio", "ping", "source.suppress", "session.stop"})
+        for command in commands:
+            self.assertEqual(self.schemas.faults(command), [])
 
     def test_killed_helper(self) -> None:
         meeting = Meeting([HELPER])

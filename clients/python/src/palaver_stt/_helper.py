@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import asyncio
-import json
 import os
 import shutil
 import time
@@ -12,11 +11,11 @@ import weakref
 from collections import deque
 from dataclasses import dataclass
 from types import TracebackType
-from typing import Any, Callable, Mapping, Sequence
+from typing import Callable, Mapping, Sequence
 
 from ._events import ErrorFolder, HelperEnded, HelperRestarted, decode_event
-from ._process import HelperProcess, Item, SendQueue, SendResult
-from ._protocol import PROTOCOL_VERSION, Event, HelperErrorEvent, HelperStatus, Pong, SessionReady, SessionStopped
+from ._process import HelperProcess, Item, SendQueue, SendResult, encoded
+from ._protocol import PROTOCOL_VERSION, Command, Event, HelperErrorEvent, HelperStatus, Pong, SessionReady, SessionStopped
 from ._session import HelperClosedError, PalaverError, Session, answer_within
 from ._streams import EventStream
 
@@ -226,7 +225,7 @@ class Helper:
     def _remove_session(self, session: Session) -> None:
         self._sessions.pop(session.id, None)
 
-    def _command(self, command: dict[str, Any]) -> None:
+    def _command(self, command: Command) -> None:
         self._enqueue(_item(command))
 
     def _enqueue(self, item: Item) -> SendResult:
@@ -327,7 +326,7 @@ class Helper:
         elif not self._closing:
             self._finish(f"the helper ended {len(self._ends)} times within {self._policy.within_s:g} s")
 
-    async def _restart(self, reopening: list[dict[str, Any]], exit_status: int | None) -> None:
+    async def _restart(self, reopening: list[Command], exit_status: int | None) -> None:
         """Starts another process and opens the sessions again, ahead of the audio and commands that have been queued since."""
         ended_at = self._now_ms()
         try:
@@ -362,5 +361,5 @@ class Helper:
             stream.close()
 
 
-def _item(command: dict[str, Any]) -> Item:
-    return Item(json.dumps(command, ensure_ascii=False, separators=(",", ":")).encode() + b"\n", None, 0)
+def _item(command: Command) -> Item:
+    return Item(encoded(command), None, 0)

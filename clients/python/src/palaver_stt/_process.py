@@ -4,10 +4,12 @@ from __future__ import annotations
 
 import asyncio
 import enum
+import json
 from collections import deque
 from typing import Callable, Collection, Mapping, NamedTuple, Sequence, cast
 
 from ._lines import LineSplitter
+from ._protocol import Command
 
 STDERR_TAIL = 8192  # bytes kept of standard error
 _PIPE_BUFFER = 16 << 10  # bytes that the event loop holds beyond what the pipe takes
@@ -28,6 +30,11 @@ class Item(NamedTuple):
     data: bytes
     channel: tuple[str, str] | None
     ms: float
+
+
+def encoded(command: Command) -> bytes:
+    """The line that carries a command."""
+    return json.dumps(command, ensure_ascii=False, separators=(",", ":")).encode() + b"\n"
 
 
 class SendQueue:

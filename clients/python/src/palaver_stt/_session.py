@@ -4,20 +4,23 @@ from __future__ import annotations
 
 import asyncio
 import base64
-import json
 import math
 import sys
 from array import array
 from dataclasses import dataclass
 from types import TracebackType
-from typing import TYPE_CHECKING, Any, AsyncIterator, Sequence, TypeVar
+from typing import TYPE_CHECKING, AsyncIterator, Sequence, TypeVar
 
-from ._process import Item, SendResult
+from ._process import Item, SendResult, encoded
 from ._protocol import (
+    AudioCommand,
     AudioSource,
+    Command,
     Event,
     SessionReady,
+    SessionStartCommand,
     SessionStopped,
+    SourceSuppressCommand,
     SourceSuppressed,
     TranscriptFinal,
     TranscriptPartial,
@@ -190,12 +193,16 @@ class Session:
             return SendResult.CLOSED
         sequence = self._sequence.get(source, 0)
         self._sequence[source] = sequence + 1
-        line = (
-            f'{{"type":"audio","sessionId":{json.dumps(self.id)},"source":"{source}","sequence":{sequence},'
-            f'"capturedAt":{captured_at!r},"pcmBase64":"{base64.b64encode(data).decode()}"}}\n'
-        )
+        command: AudioCommand = {
+            "type": "audio",
+            "sessionId": self.id,
+            "source": source,
+            "sequence": sequence,
+            "capturedAt": captured_at,
+            "pcmBase64": base64.b64encode(data).decode(),
+        }
         before = self._helper._queue.dropped_ms
-        result = self._helper._enqueue(Item(line.encode(), (self.id, source), ms))
+        result = self._helper._enqueue(Item(encoded(command), (self.id, source), ms))
         self._dropped_ms += self._helper._queue.dropped_ms - before
         return result
 
@@ -257,20 +264,20 @@ class Session:
 
     # For the helper
 
-    def _start_command(self) -> dict[str, Any]:
-        command: dict[str, Any] = {"type": "session.start", "sessionId": self.id, "locale": self.locale}
+    def _start_command(self) -> SessionStartCommand:
+        command: SessionStartCommand = {"type": "session.start", "sessionId": self.id, "locale": self.locale}
         if self.vocabulary:
             command["vocabulary"] = list(self.vocabulary)
         return command
 
-    def _suppress_command(self, source: AudioSource, suppressed: bool) -> dict[str, Any]:
+    def _suppress_command(self, source: AudioSource, suppressed: bool) -> SourceSuppressCommand:
         return {"type": "source.suppress", "sessionId": self.id, "source": source, "suppressed": suppressed}
 
     @property
     def _is_open(self) -> bool:
         return self._state in ("opening", "open")
 
-    def _reopening_commands(self) -> list[dict[str, Any]]:
+    def _reopening_commands(self) -> list[Command]:
         """What a restarted helper needs to know."""
         if not self._is_open:
             return []
