@@ -1,6 +1,6 @@
 """Checks a whole conversation with the helper against the rules of rules.json.
 
-A conversation is what a host wrote and what one run of the helper wrote. The form of each line is the business of schema.json.
+A conversation is what a host wrote and what one run of the helper wrote. schema.json describes the form of each line.
 Python 3.10 or later; standard library only.
 """
 
@@ -29,7 +29,7 @@ class Conversation:
     output: the lines of standard output, without their line feeds.
     arguments: the helper's arguments.
     input: the bytes of standard input, None if they are unknown.
-    complete: the input has ended or held a shutdown, and the helper has ended by itself.
+    complete: the input has ended or held a shutdown, and the helper has exited, not been killed.
     exit_status: None if the helper was killed, still runs, or its status is unknown.
     steady_clock: the helper's clock was not set during the run.
     """
@@ -285,7 +285,7 @@ def _error_names(conversation: Conversation) -> Iterator[str]:
 
 @_rule("status-follows")
 def _status_follows(conversation: Conversation) -> Iterator[str]:
-    # Errors of the command reader come from another thread and may stand in between.
+    # Errors of the command reader come from another thread and may precede it.
     events = [event for event in conversation.events if code_of(event) != "invalid-command"]
     for event, after in zip(events, [*events[1:], None]):
         unavailable = event.get("type") == "session.ready" and event.get("available") is False
@@ -299,17 +299,17 @@ def _status_follows(conversation: Conversation) -> Iterator[str]:
 
 @_rule("dictation-once")
 def _dictation_once(conversation: Conversation) -> Iterator[str]:
-    told: set[tuple[Any, Any]] = set()
+    reported: set[tuple[Any, Any]] = set()
     for event in conversation.events:
         kind = event.get("type")
         if kind == "helper.status" and event.get("dictation") != "disabled":
-            told.clear()
+            reported.clear()
         elif kind in ("session.ready", "session.stopped"):
-            told = {key for key in told if key[0] != event.get("sessionId")}
+            reported = {key for key in reported if key[0] != event.get("sessionId")}
         elif code_of(event) == "dictation-disabled":
-            if _channel(event) in told:
-                yield f"told twice: {_channel(event)}"
-            told.add(_channel(event))
+            if _channel(event) in reported:
+                yield f"reported twice: {_channel(event)}"
+            reported.add(_channel(event))
 
 
 @_rule("ready-first")
@@ -515,7 +515,7 @@ def _answers(conversation: Conversation) -> Iterator[str]:
     answers = [answer for event in conversation.events if (answer := _answer(conversation, event))]
     for index, answer in enumerate(answers):
         if index >= len(expected):
-            yield f"nobody asked for {answer}"
+            yield f"no command asked for {answer}"
         elif answer != expected[index]:
             yield f"{answer} instead of {expected[index]}"
             return

@@ -65,7 +65,7 @@ int run(std::span<char*> paths) {
   return failures == 0 ? 0 : 1;
 }
 
-// A piece of input: its text, or a list of its bytes in hexadecimal if it is not UTF-8 by itself.
+// Returns a piece of input as text, or as a list of its bytes in hexadecimal if it is not valid UTF-8.
 JSON inputPiece(const std::string& bytes) {
   if (isValidUTF8(bytes)) return bytes;
   std::string digits;

@@ -24,7 +24,7 @@ OPEN_STATUS = ("helper.model",)
 
 
 def signature(value: Any, key: str = "") -> Any:
-    """What tells lines apart: the keys, and the values of those with a closed list."""
+    """Identifies the kind of a line: its keys, and the values of those with a closed list."""
     if isinstance(value, dict):
         return tuple((name, signature(item, name)) for name, item in sorted(value.items()))
     if key in CLOSED or isinstance(value, bool) or (key == "message" and len(value) > 60):

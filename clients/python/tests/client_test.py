@@ -34,6 +34,7 @@ from palaver_stt import (
 )
 from palaver_stt._events import decode_event
 from palaver_stt._lines import LineSplitter
+from palaver_stt._session import is_voice
 
 NO_RESTART = RestartPolicy(most=1)
 DIE = b"die!" + bytes(3196)
@@ -95,6 +96,14 @@ class Meeting(ClientTest):
             self.assertGreaterEqual(len(log.of_type("audio")), 9)  # a second of silence
             self.assertIs(session.send("remote", VOICE), SendResult.CLOSED)
             self.assertEqual((await session.stop()).stopped, False)
+
+    async def test_stop_waits_for_speech_without_text(self) -> None:
+        """The recognizer may be behind: sound without any partial is waited for, as long as drain_ms allows."""
+        log = Log(self)
+        async with Helper.start([*FAKE, "errors"], env=log.env) as helper, helper.session("en-US") as session:
+            session.send("remote", b"\x00\x10" * 1600)
+            await self.within(3, session.stop(drain_ms=2000))
+        self.assertGreaterEqual(len(log.of_type("audio")), 17)
 
     async def test_stop_without_drain_reports_open_utterances(self) -> None:
         async with Helper.start([*FAKE, "echo"]) as helper, helper.session("en-US") as session:
@@ -233,6 +242,14 @@ class Decoding(unittest.TestCase):
         self.assertEqual(lines, [b"short", b"next"])
 
 
+class Loudness(unittest.TestCase):
+    def test_threshold_is_that_of_the_helper(self) -> None:
+        for level, expected in ((0, False), (262, False), (263, True), (-263, True), (-32768, True)):
+            self.assertEqual(is_voice(array("h", [level] * 1600).tobytes()), expected, level)
+        self.assertFalse(is_voice(array("h", [5000] + [0] * 1599).tobytes()))  # a click
+        self.assertFalse(is_voice(b""))
+
+
 class Reading(ClientTest):
     async def test_japanese_byte_by_byte_with_line_separator(self) -> None:
         async with Helper.start([*FAKE, "japanese"]) as helper, helper.session("en-US") as session:
@@ -335,7 +352,7 @@ class Ends(ClientTest):
             await asyncio.sleep(0)
             os.kill(helper.pid, signal.SIGKILL)
             report = await self.within(2, stopping)
-            self.assertFalse(report.stopped)
+            self.assertFalse(report.stopped or report.drained)
 
     async def test_cancelled_stop_ends_the_session(self) -> None:
         log = Log(self)

@@ -1,4 +1,4 @@
-"""Stands in for the helper in tests: fake_helper.py BEHAVIOUR [ARGUMENT...]. Speaks the protocol, and misbehaves as it is told.
+"""Replaces the helper in tests: fake_helper.py BEHAVIOUR [ARGUMENT...]. Speaks the protocol and misbehaves as BEHAVIOUR says.
 
 Appends each command that it reads to the file FAKE_LOG, if the variable is set.
 """

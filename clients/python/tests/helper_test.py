@@ -10,7 +10,7 @@ import sys
 import unittest
 from pathlib import Path
 
-from support import DATA, HELPER, ClientTest, process_ends_within
+from support import DATA, HELPER, SIMULATOR, ClientTest, process_ends_within
 
 from palaver_stt import Helper, HelperError, RestartPolicy, Session, SessionUnavailableError, Utterance
 
@@ -67,6 +67,15 @@ class RealHelper(ClientTest):
             self.assertEqual((report.drained, report.dropped_ms), (True, 0))
             words = " ".join(utterance.text for utterance in await utterances_of(session) if utterance.is_final)
             self.assertIn("ten meters", words)
+
+    async def test_analyzer_backend(self) -> None:
+        """The backend of macOS 26 over this machine's recognizer: ready per source, finals after session.stopped."""
+        helper = Helper.start([SIMULATOR, "analyzer"], restart=NO_RESTART)
+        async with helper, helper.session("en-US") as session:
+            await play(session, "remote", recording("goforward.raw"))
+            self.assertTrue((await session.stop(drain_ms=5000)).stopped)
+            finals = [utterance for utterance in await utterances_of(session) if utterance.is_final]
+        self.assertEqual([(final.text, final.reason) for final in finals], [("go forward ten meters", "framework")])
 
     async def test_closing_keeps_the_last_words(self) -> None:
         async with Helper.start(HELPER, restart=NO_RESTART) as helper:

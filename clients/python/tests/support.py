@@ -15,6 +15,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "src"))
 
 FAKE = [sys.executable, "-S", str(Path(__file__).with_name("fake_helper.py"))]
 HELPER = os.environ.get("PALAVER_HELPER", "")
+SIMULATOR = os.environ.get("PALAVER_SIMULATOR", "")
 DATA = Path("/usr/share/pocketsphinx/test/data")
 VOICE = b"\x10\x00" * 1600
 QUIET = bytes(3200)

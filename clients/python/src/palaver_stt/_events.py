@@ -26,7 +26,7 @@ class HelperError(Event):
     code: stable name of the error; "unknown" for a text that this version does not know.
     message: the helper's text, in English, for logs and developers.
     at: ms since the Unix epoch, helper's clock, of the newest repetition.
-    count: how many errors this one stands for.
+    count: number of errors folded into this one.
     cause, cure: what happened and what to do; empty for an unknown error.
     """
 
@@ -57,7 +57,7 @@ class HelperRestarted(Event):
 
 @dataclass(frozen=True)
 class HelperEnded(Event):
-    """The helper is gone for good: it was closed, or it ended and the restart policy allows no further restart.
+    """The helper has ended and will not be restarted: it was closed, or it ended and the restart policy allows no further restart.
 
     reason: "closed", or why there is no other helper.
     exit_status: negative for a signal; None if it is unknown.

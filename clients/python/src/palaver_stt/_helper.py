@@ -182,7 +182,7 @@ class Helper:
         return Ping((self._monotonic() - sent) * 1000, pong.helper_at - (sent_at + received_at) / 2)
 
     async def close(self, timeout: float = 2) -> None:
-        """Ends the helper by closing its input, which makes finals of the last texts. Never raises.
+        """Ends the helper by closing its input, which turns the last texts into finals. Never raises.
 
         timeout: s until a helper that hangs is killed. Takes at most two seconds more.
         """
@@ -196,7 +196,7 @@ class Helper:
 
     @property
     def is_closed(self) -> bool:
-        """Whether the helper is gone for good."""
+        """Whether the helper has ended and will not be restarted."""
         return self._ended is not None or self._closing
 
     @property
@@ -268,7 +268,8 @@ class Helper:
             )
         except OSError as error:
             raise HelperStartError(f"{self._command_line[0]}: {error.strerror or error}") from None
-        await asyncio.wait([self._first_status, self._process.ended], timeout=self._start_timeout, return_when=asyncio.FIRST_COMPLETED)
+        either = [self._first_status, self._process.ended]
+        await asyncio.wait(either, timeout=self._start_timeout, return_when=asyncio.FIRST_COMPLETED)
         if not self._first_status.done():
             ended = self._process.ended.done()
             await self._process.close(0.1)
@@ -277,6 +278,7 @@ class Helper:
         assert self.status is not None
         if self.status.protocol_version != PROTOCOL_VERSION:
             version = self.status.protocol_version
+            self._first_status = None  # this end calls for no restart
             await self._process.close(0.1)
             raise HelperStartError(f"the helper speaks protocol version {version}, this client {PROTOCOL_VERSION}")
 

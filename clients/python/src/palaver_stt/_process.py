@@ -21,7 +21,7 @@ class SendResult(enum.Enum):
     SENT = "sent"  # handed to the helper's pipe
     QUEUED = "queued"  # waits until the helper reads
     DROPPED = "dropped"  # waits too, and the oldest waiting audio of this source was dropped for it
-    CLOSED = "closed"  # not taken: the session or the helper has ended
+    CLOSED = "closed"  # not taken: the session is not open, or the helper has ended
 
 
 class Item(NamedTuple):

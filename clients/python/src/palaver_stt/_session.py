@@ -5,6 +5,7 @@ from __future__ import annotations
 import asyncio
 import base64
 import math
+import operator
 import sys
 from array import array
 from dataclasses import dataclass
@@ -67,10 +68,10 @@ class SessionUnavailableError(PalaverError):
 class StopReport:
     """How a session ended.
 
-    drained: every utterance has its final, as far as the helper has reported any.
+    drained: the helper has confirmed the end, and every utterance that it reported has its final.
     stopped: the helper has confirmed the end.
     dropped_ms: audio that this client dropped during the session, because the helper did not read it in time.
-    missed: utterances that nobody read in time, dropped.
+    missed: updates of utterances dropped because they were not read in time.
     """
 
     drained: bool
@@ -112,6 +113,17 @@ def samples_of(pcm: object) -> bytes:
     return data
 
 
+def is_voice(data: bytes) -> bool:
+    """Whether the helper takes the chunk for voice: root mean square of 0.008 of full scale or more."""
+    samples: array[int] = array("h", data)
+    if sys.byteorder == "big":
+        samples.byteswap()
+    least = 0.008 * 32768
+    if not samples or max(samples) < least > -min(samples):
+        return False
+    return float(sum(map(operator.mul, samples, samples))) >= least * least * len(samples)
+
+
 class Session:
     """One meeting with up to two sources, made by `Helper.session()`. Lives on the helper's event loop.
 
@@ -129,11 +141,14 @@ class Session:
         self._sequence: dict[AudioSource, int] = {}
         self._ready_sources: set[str] = set()
         self._suppressed: set[AudioSource] = set()
-        self._suppress_waiters: list[asyncio.Future[None]] = []
+        self._suppress_waiters: list[tuple[AudioSource, bool, asyncio.Future[None]]] = []
         self._ready: asyncio.Future[None] | None = None
         self._stopped: asyncio.Future[bool] | None = None
         self._state = "new"  # new, opening, open, stopping, ended
         self._dropped_ms = 0.0
+        # Per source, ms on the host's clock: the end of the last chunk with voice, and of the last word with a final.
+        self._voice_until: dict[AudioSource, float] = {}
+        self._final_until: dict[AudioSource, float] = {}
 
     # For users
 
@@ -191,6 +206,8 @@ class Session:
             raise ValueError(f"captured_at must be finite, not {captured_at}")
         if self._state not in ("open", "stopping") or self._helper.is_closed:
             return SendResult.CLOSED
+        if is_voice(data):
+            self._voice_until[source] = captured_at + ms
         sequence = self._sequence.get(source, 0)
         self._sequence[source] = sequence + 1
         command: AudioCommand = {
@@ -228,15 +245,16 @@ class Session:
             raise HelperClosedError("the session has ended")
         (self._suppressed.add if suppressed else self._suppressed.discard)(source)
         waiter: asyncio.Future[None] = asyncio.get_running_loop().create_future()
-        self._suppress_waiters.append(waiter)
+        self._suppress_waiters.append((source, suppressed, waiter))
         self._helper._command(self._suppress_command(source, suppressed))
         await answer_within(waiter, self._helper.answer_timeout)
 
     async def stop(self, drain_ms: float = 3000) -> StopReport:
-        """Ends the session. Never raises; a second call returns at once.
+        """Ends the session. Never raises; a second call returns immediately.
 
-        First sends quiet audio at its natural pace, at least 1 s and at most `drain_ms`, until every utterance has its final.
-        With 0 the helper makes finals of the last texts. Then waits for the end of the session, at most 5 s.
+        First sends quiet audio at its natural pace, at least 1 s and at most `drain_ms`, until every utterance has its final. Speech
+        of which the recognizer has returned nothing yet counts as an utterance; noise without words takes the whole `drain_ms`.
+        With 0 the helper turns the last texts into finals. Then waits for the end of the session, at most 5 s.
         """
         if self._state != "open":
             return self._report(False)
@@ -254,10 +272,7 @@ class Session:
                 await asyncio.wait([self._stopped], timeout=5)
                 stopped = self._stopped.done() and self._stopped.result()
             if stopped and self._helper._is_analyzer:
-                # The last finals follow session.stopped.
-                idle = asyncio.ensure_future(self._utterances.idle.wait())
-                await asyncio.wait([idle], timeout=1)
-                idle.cancel()
+                await asyncio.sleep(1)  # the last finals follow session.stopped, and nothing says which is the last
             return self._report(stopped)
         finally:
             self._end()
@@ -289,6 +304,7 @@ class Session:
             self._utterances.partial(event)
         elif isinstance(event, TranscriptFinal):
             self._utterances.final(event)
+            self._final_until[event.source] = event.speech_ended_at
         elif isinstance(event, SessionReady):
             self.available = event.available
             if event.source is not None:
@@ -299,8 +315,12 @@ class Session:
         elif isinstance(event, SourceSuppressed):
             if event.suppressed:
                 self._utterances.discard(event.source)
-            if self._suppress_waiters:
-                _settle(self._suppress_waiters.pop(0))
+                self._voice_until.pop(event.source, None)
+            for entry in self._suppress_waiters:
+                if entry[:2] == (event.source, event.suppressed):
+                    self._suppress_waiters.remove(entry)
+                    _settle(entry[2])
+                    break
         elif isinstance(event, SessionStopped):
             if self._stopped is not None and not self._stopped.done():
                 self._stopped.set_result(True)
@@ -308,7 +328,7 @@ class Session:
     def _on_interruption(self, is_final: bool) -> None:
         """The helper has ended. `is_final`: no other takes its place."""
         self._utterances.interrupt()
-        for waiter in self._suppress_waiters:
+        for _, _, waiter in self._suppress_waiters:
             _settle(waiter)  # the mute applies again after the restart
         self._suppress_waiters.clear()
         if self._stopped is not None and not self._stopped.done():
@@ -325,7 +345,12 @@ class Session:
         self._helper._remove_session(self)
 
     def _report(self, stopped: bool) -> StopReport:
-        return StopReport(self._utterances.idle.is_set(), stopped, self._dropped_ms, self._utterances.missed)
+        return StopReport(stopped and self._utterances.idle.is_set(), stopped, self._dropped_ms, self._utterances.missed)
+
+    def _awaits_text(self) -> bool:
+        """Whether speech was sent that no final covers. The last word may end a while before the last sound."""
+        never = float("-inf")
+        return any(until - self._final_until.get(source, never) > 1500 for source, until in self._voice_until.items())
 
     async def _drain(self, start: float, seconds: float) -> None:
         loop = asyncio.get_running_loop()
@@ -337,7 +362,7 @@ class Session:
             pass
         least = loop.time() + 1
         while loop.time() < start + seconds and not self._helper.is_closed and not self._stopped.done():
-            if loop.time() >= least and self._utterances.idle.is_set():
+            if loop.time() >= least and self._utterances.idle.is_set() and not self._awaits_text():
                 return
             for source in self._sequence:
                 if source not in self._suppressed:

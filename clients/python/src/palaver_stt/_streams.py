@@ -78,7 +78,7 @@ class Utterance:
     ended_at: end of the last word, ms since the Unix epoch, host's clock; None until final.
     latency_ms: time from the end of speech to the final; None until final.
     reason: why the utterance ended: one of the helper's reasons, or "interrupted" if the helper ended; None until final.
-    replaces: ids of earlier updates that this final stands for although its id is another. Take them off the screen.
+    replaces: ids of earlier updates that this final replaces although its id differs. Remove them from the display.
     """
 
     id: str
