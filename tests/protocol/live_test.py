@@ -4,6 +4,7 @@ one-shot modes; and so does the analyzer backend over this machine's recognizer.
 import asyncio
 import atexit
 import base64
+import concurrent.futures
 import json
 import subprocess
 import sys
@@ -76,6 +77,17 @@ class Meeting:
             if not self.arrived.wait_for(arrived, 20):
                 raise AssertionError(f"no {text} among {self.lines}")
 
+    def play_quiet_until(self, session: str, sources: list[str], text: str, count: int = 1) -> None:
+        """Sends quiet at its pace until `count` lines with the text have arrived: without audio no utterance ends."""
+        deadline = time.monotonic() + 40
+        while time.monotonic() < deadline:
+            for source in sources:
+                self.audio(session, source, bytes(CHUNK))
+            with self.arrived:
+                if self.arrived.wait_for(lambda: sum(text in line for line in self.lines) >= count, 0.1):
+                    return
+        raise AssertionError(f"no {text} among {self.lines}")
+
     def end(self) -> Conversation:
         self.input.close()
         self.reader.join(30)
@@ -86,7 +98,6 @@ class Meeting:
 
 def whole_meeting(command: list[str]) -> Conversation:
     """Two sources in English, every command, every mistake of a host, and a second session that the end of the input cuts."""
-    quiet = bytes(15 * CHUNK)
     forward = (DATA / "goforward.raw").read_bytes()
     something = (DATA / "something.raw").read_bytes()
     meeting = Meeting(command)
@@ -100,8 +111,8 @@ def whole_meeting(command: list[str]) -> Conversation:
     meeting.say("audio", sessionId="m", source="self", sequence=0, capturedAt=0, pcmBase64="AAA")
     meeting.say("audio", sessionId="m", source="self", sequence=0, capturedAt=0, pcmBase64="AAAA")
     meeting.wait_for("session.ready")
-    meeting.play("m", {"remote": forward + quiet, "self": something + quiet})
-    meeting.wait_for("transcript.final", 2)
+    meeting.play("m", {"remote": forward, "self": something})
+    meeting.play_quiet_until("m", ["remote", "self"], "transcript.final", 2)
     meeting.say("source.suppress", sessionId="m", source="self", suppressed=True)
     meeting.play("m", {"self": something[: 5 * CHUNK]})
     meeting.say("source.suppress", sessionId="m", source="self", suppressed=False)
@@ -113,6 +124,8 @@ def whole_meeting(command: list[str]) -> Conversation:
     meeting.play("n", {"remote": forward[: 20 * CHUNK]})
     meeting.say("ping")
     meeting.wait_for("pong", 2)
+    if command == [HELPER]:
+        meeting.wait_for('"sessionId":"n","source":"remote","startedAt"')  # text that the end of the input makes final
     return meeting.end()
 
 
@@ -126,7 +139,17 @@ def one_shot(command: list[str], *arguments: str) -> Conversation:
 
 
 class LiveConversations(unittest.TestCase):
+    of_helper: "concurrent.futures.Future[Conversation]"
+    of_analyzer: "concurrent.futures.Future[Conversation]"
     schemas = validate.Schemas()
+
+    @classmethod
+    def setUpClass(cls) -> None:
+        """Begins the two long meetings, which take place side by side."""
+        pool = concurrent.futures.ThreadPoolExecutor(2)
+        cls.addClassCleanup(pool.shutdown)
+        cls.of_helper = pool.submit(whole_meeting, [HELPER])
+        cls.of_analyzer = pool.submit(whole_meeting, [SIMULATOR, "analyzer"])
 
     def assert_valid(self, run: Conversation, *types: str) -> None:
         self.assertEqual(validate.faults(run, self.schemas), [])
@@ -134,14 +157,14 @@ class LiveConversations(unittest.TestCase):
         self.assertLessEqual(set(types), found)
 
     def test_helper(self) -> None:
-        run = whole_meeting([HELPER])
+        run = self.of_helper.result()
         self.assert_valid(run, "session.ready", "transcript.partial", "transcript.final", "session.stopped", "source.suppressed")
         finals = [event["text"] for event in run.events if event["type"] == "transcript.final"]
         self.assertIn("go forward ten meters", finals)
         self.assertIn("flush", [event["endpointing"]["reason"] for event in run.events if "endpointing" in event])
 
     def test_analyzer_backend(self) -> None:
-        run = whole_meeting([SIMULATOR, "analyzer"])
+        run = self.of_analyzer.result()
         self.assertEqual(run.backend, "analyzer")
         self.assert_valid(run, "session.ready", "transcript.final", "session.stopped", "source.suppressed")
 
@@ -150,8 +173,8 @@ class LiveConversations(unittest.TestCase):
         meeting.wait_for("helper.status")
         meeting.say("session.start", sessionId="m")
         voice = b"".join((3000 if index % 2 else -3000).to_bytes(2, "little", signed=True) for index in range(8000))
-        meeting.play("m", {"remote": voice + bytes(11 * CHUNK)})
-        meeting.wait_for("transcript.final")
+        meeting.play("m", {"remote": voice})
+        meeting.play_quiet_until("m", ["remote"], "transcript.final")
         meeting.say("shutdown")
         meeting.say("ping")
         self.assert_valid(meeting.end(), "transcript.partial", "transcript.final")
