@@ -539,7 +539,9 @@ def _undecodable_lines(conversation: Conversation) -> Iterator[str]:
 def _exit_status(conversation: Conversation) -> Iterator[str]:
     last = conversation.events[-1] if conversation.events else {}
     status = 0
-    if conversation.mode and last.get("type") == "helper.error":
+    if code_of(last) == "helper-ends":
+        status = 1
+    elif conversation.mode and last.get("type") == "helper.error":
         matching = errors_of(str(last.get("message")))
         status = matching[0].get("exitStatus", 1) if matching else 1
     elif conversation.mode == "--install-assets" and last.get("status") != "installed":

@@ -253,6 +253,8 @@ export type ErrorCode =
   | 'source-suppress-incomplete'
   | 'session-stop-incomplete'
   | 'unsupported-command'
+  | 'command-too-large'
+  | 'helper-ends'
   | 'payload-not-base64'
   | 'payload-odd-length'
   | 'audio-format-unavailable'

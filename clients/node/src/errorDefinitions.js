@@ -65,6 +65,22 @@ export const errorDefinitions = [
     cure: 'fix the host; types are case-sensitive',
   },
   {
+    code: 'command-too-large',
+    pattern: /^The command does not fit into memory$/,
+    repeats: 'each-command',
+    backends: ['legacy', 'analyzer'],
+    cause: 'the command was decoded, but handling it needs more memory than there is',
+    cure: 'free memory; the command is lost, the next one is handled',
+  },
+  {
+    code: 'helper-ends',
+    pattern: /^The helper has to end: [\s\S]*$/,
+    repeats: 'once',
+    backends: ['legacy', 'analyzer'],
+    cause: 'no memory or no thread is left to go on',
+    cure: 'free memory or raise the limits, then start it again; the exit status is 1',
+  },
+  {
     code: 'payload-not-base64',
     pattern: /^(?:SpeechAnalyzer input failed: )?pcmBase64 is not valid Base64$/,
     repeats: 'each-chunk',
