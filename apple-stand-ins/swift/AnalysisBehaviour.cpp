@@ -22,6 +22,7 @@ constexpr const char* speechErrorDomain = "SFSpeechErrorDomain";
 
 // Names as in SFSpeechError.Code (Apple's documentation). Numbers from public reports, unverified.
 enum SpeechErrorCode : long {
+  notSubscribed = 1,
   assetLocaleNotAllocated = 10,
   tooManyAssetLocalesAllocated = 11,
   insufficientResources = 16
@@ -147,7 +148,10 @@ struct Analyzer {
 // called without it.
 class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
  public:
-  AnalysisSeam(SpeechAnalysis& analysis, AnalysisQuirks quirks) : analysis_(analysis), quirks_(quirks) {}
+  AnalysisSeam(SpeechAnalysis& analysis, AnalysisQuirks quirks)
+      : analysis_(analysis),
+        quirks_(std::move(quirks)),
+        reserved_(quirks_.reservedLocales.begin(), quirks_.reservedLocales.end()) {}
 
   // Runs a call on the installed behaviour, if any. Destroying the behaviour waits for the end of the call.
   template <typename Call>
@@ -229,22 +233,52 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     const auto module = find(transcribers_, number);
     if (!module) return;
     analysis_.assetInventory().status(
-        module->transcriber, [question, reported = quirks_.reportedStatus](AssetStatus status) {
+        module->transcriber, [question, reported = quirks_.reportedStatus,
+                              isReserved = isReserved(module->locale)](AssetStatus status) {
+          if (!isReserved && status == AssetStatus::installed) status = AssetStatus::supported;
           question->answerNumber(static_cast<std::int64_t>(reported.value_or(status)));
         });
+  }
+
+  void reserve(std::string locale, const QuestionPointer& question) {
+    if (quirks_.reservationError) return question->answer(quirks_.reservationError);
+    std::unique_lock lock(lock_);
+    const bool isNew = reserved_.count(locale) == 0;
+    const bool isRefused = isNew && reserved_.size() >= quirks_.maxReservedLocales;
+    if (!isRefused) reserved_.insert(std::move(locale));
+    lock.unlock();
+    if (isRefused)
+      return question->answer(
+          PlatformError(speechErrorDomain, tooManyAssetLocalesAllocated, "Too many allocated locales"));
+    question->answerNumber(isNew ? 1 : 0);
+  }
+
+  void reservedLocales(const QuestionPointer& question) {
+    std::string lines;
+    for (const auto& locale : reserved()) lines += locale + "\n";
+    question->answerText(lines);
+  }
+
+  void release(const std::string& locale, const QuestionPointer& question) {
+    std::unique_lock lock(lock_);
+    const auto released = reserved_.erase(locale);
+    lock.unlock();
+    question->answerNumber(static_cast<std::int64_t>(released));
+  }
+
+  std::set<std::string> reserved() const {
+    const std::lock_guard guard(lock_);
+    return reserved_;
   }
 
   void installationRequest(std::int64_t number, const QuestionPointer& question) {
     const auto module = find(transcribers_, number);
     if (!module) return;
-    if (quirks_.maxReservedLocales) {
-      const std::lock_guard guard(lock_);
-      reserved_.insert(module->locale);
-      if (reserved_.size() > *quirks_.maxReservedLocales) {
-        reserved_.erase(module->locale);
-        return question->answer(
-            PlatformError(speechErrorDomain, tooManyAssetLocalesAllocated, "Too many allocated locales"));
-      }
+    if (!isReserved(module->locale)) {
+      if (quirks_.unreservedRequestIsNull) return question->answerNumber(0);
+      return question->answer(
+          PlatformError(speechErrorDomain, notSubscribed,
+                        "The program is not subscribed to transcription." + module->locale));
     }
     analysis_.assetInventory().assetInstallationRequest(
         module->transcriber, [self = weak_from_this(), question](AssetInventory::InstallationRequest answer) {
@@ -345,13 +379,15 @@ class AnalysisSeam : public std::enable_shared_from_this<AnalysisSeam> {
     return newest_;
   }
 
+  bool isReserved(const std::string& locale) const { return reserved().count(locale) != 0; }
+
   // Counts an analyzer. Returns why it must not be prepared, or none.
   std::optional<PlatformError> take(std::int64_t number, const std::string& locale) {
     const std::lock_guard guard(lock_);
     prepared_.insert(number);
     if (quirks_.maxPreparedAnalyzers && prepared_.size() > *quirks_.maxPreparedAnalyzers)
       return PlatformError(speechErrorDomain, insufficientResources, "Too many simultaneous requests");
-    if (quirks_.maxReservedLocales && reserved_.count(locale) == 0)
+    if (reserved_.count(locale) == 0)
       return PlatformError(speechErrorDomain, assetLocaleNotAllocated,
                            "The module uses a locale that is not allocated");
     return std::nullopt;
@@ -387,7 +423,7 @@ std::shared_ptr<AnalysisSeam> AnalysisSeam::current_;
 std::int64_t AnalysisSeam::newest_ = 0;
 
 AnalysisBehaviour::AnalysisBehaviour(SpeechAnalysis& analysis, AnalysisQuirks quirks)
-    : seam_(std::make_shared<AnalysisSeam>(analysis, quirks)) {
+    : seam_(std::make_shared<AnalysisSeam>(analysis, std::move(quirks))) {
   AnalysisSeam::install(seam_);
 }
 
@@ -397,6 +433,10 @@ AnalysisBehaviour::~AnalysisBehaviour() {
 
 bool AnalysisBehaviour::waitForPreparedAnalyzers(std::size_t count) const {
   return seam_->waitForPreparedAnalyzers(count);
+}
+
+std::set<std::string> AnalysisBehaviour::reservedLocales() const {
+  return seam_->reserved();
 }
 
 bool AnalysisBehaviour::waitForObjects(std::size_t count, std::chrono::milliseconds deadline) const {
@@ -443,6 +483,23 @@ int64_t analysisSeamMakeTranscriber(const char* locale, size_t length) {
 void analysisSeamBestFormat(int64_t transcriber, AnalysisSeamCompletion completion, void* context) {
   const auto question = ask(completion, context);
   AnalysisSeam::with([&](auto& seam) { seam.bestFormat(transcriber, question); });
+}
+
+void analysisSeamReserve(const char* locale, size_t length, AnalysisSeamCompletion completion,
+                         void* context) {
+  const auto question = ask(completion, context);
+  AnalysisSeam::with([&](auto& seam) { seam.reserve({locale, length}, question); });
+}
+
+void analysisSeamReservedLocales(AnalysisSeamCompletion completion, void* context) {
+  const auto question = ask(completion, context);
+  AnalysisSeam::with([&](auto& seam) { seam.reservedLocales(question); });
+}
+
+void analysisSeamRelease(const char* locale, size_t length, AnalysisSeamCompletion completion,
+                         void* context) {
+  const auto question = ask(completion, context);
+  AnalysisSeam::with([&](auto& seam) { seam.release({locale, length}, question); });
 }
 
 void analysisSeamStatus(int64_t transcriber, AnalysisSeamCompletion completion, void* context) {

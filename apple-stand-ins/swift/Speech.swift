@@ -317,6 +317,28 @@ public final class AssetInventory: Sendable {
         public static func < (a: Status, b: Status) -> Bool { a.rawValue < b.rawValue }
     }
 
+    /// Returns false when the locale was reserved already (Apple's documentation).
+    public static func reserve(locale: Locale) async throws -> Bool {
+        let answer = try await askThrowing { completion, context in
+            locale.identifier.withSeamBytes { analysisSeamReserve($0, $1, completion, context) }
+        }
+        return answer.number != 0
+    }
+
+    public static var reservedLocales: [Locale] {
+        get async {
+            let answer = await ask { analysisSeamReservedLocales($0, $1) }
+            return (answer.text ?? "").split(separator: "\n").map { Locale(identifier: String($0)) }
+        }
+    }
+
+    public static func release(reservedLocale: Locale) async -> Bool {
+        let answer = await ask { completion, context in
+            reservedLocale.identifier.withSeamBytes { analysisSeamRelease($0, $1, completion, context) }
+        }
+        return answer.number != 0
+    }
+
     public static func status(forModules modules: [any SpeechModule]) async -> Status {
         let transcriber = modules[0] as! SpeechTranscriber
         let answer = await ask { analysisSeamStatus(transcriber.handle, $0, $1) }

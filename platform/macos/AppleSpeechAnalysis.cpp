@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "platform/macos/LocaleReservations.h"
 #include "platform/macos/PendingAnswers.h"
 #include "platform/macos/ResultQueue.h"
 #include "platform/macos/SpeechAnalyzerBridge.h"
@@ -65,8 +66,10 @@ void answerFallible(void* context, const SpeechBridgeError* error) {
 
 class AppleSpeechAnalysis::Transcriber final : public SpeechTranscriber {
  public:
-  Transcriber(std::string_view locale, std::shared_ptr<PendingAnswers> pending)
-      : transcriber_(speechBridgeMakeTranscriber(bridged(locale))),
+  Transcriber(std::string_view locale, std::shared_ptr<void> reservation,
+              std::shared_ptr<PendingAnswers> pending)
+      : reservation_(std::move(reservation)),
+        transcriber_(speechBridgeMakeTranscriber(bridged(locale))),
         queue_(std::make_shared<ResultQueue>(std::move(pending))) {}
   ~Transcriber() override { cancelResults(); }
   Transcriber(const Transcriber&) = delete;
@@ -105,6 +108,7 @@ class AppleSpeechAnalysis::Transcriber final : public SpeechTranscriber {
     owner->end(EndOfResults{});
   }
 
+  const std::shared_ptr<void> reservation_;
   const Handle<SpeechBridgeTranscriber> transcriber_;
   const std::shared_ptr<ResultQueue> queue_;
   std::mutex lock_;
@@ -245,7 +249,9 @@ class AppleSpeechAnalysis::Installation final : public AssetInstallationRequest 
   const std::shared_ptr<PendingAnswers> pending_;
 };
 
-AppleSpeechAnalysis::AppleSpeechAnalysis() : pending_(std::make_shared<PendingAnswers>()) {}
+AppleSpeechAnalysis::AppleSpeechAnalysis()
+    : pending_(std::make_shared<PendingAnswers>()),
+      reservations_(std::make_shared<LocaleReservations>(pending_)) {}
 
 AppleSpeechAnalysis::~AppleSpeechAnalysis() {
   pending_->abandon();
@@ -257,12 +263,19 @@ bool AppleSpeechAnalysis::isTranscriberAvailable() const {
 
 void AppleSpeechAnalysis::supportedLocale(std::string_view equivalentTo,
                                           UniqueFunction<void(std::optional<std::string>)> completion) {
+  UniqueFunction<void(std::optional<std::string>)> reserve =
+      [reservations = reservations_, completion = std::move(completion)](auto locale) mutable {
+        if (!locale) return completion(std::nullopt);
+        const auto identifier = *locale;
+        reservations->reserve(identifier,
+                              [completion = std::move(completion), identifier] { completion(identifier); });
+      };
   speechBridgeSupportedLocale(
       bridged(equivalentTo),
       [](void* context, const SpeechBridgeString* identifier) {
         PendingAnswers::answer(context, identifier ? std::optional(toString(*identifier)) : std::nullopt);
       },
-      pending_->keep(std::move(completion)));
+      pending_->keep(std::move(reserve)));
 }
 
 std::shared_ptr<SpeechTranscriber> AppleSpeechAnalysis::makeTranscriber(std::string_view supportedLocale,
@@ -271,7 +284,7 @@ std::shared_ptr<SpeechTranscriber> AppleSpeechAnalysis::makeTranscriber(std::str
     case TranscriberPreset::progressiveTranscription:
       break;  // the only one
   }
-  return std::make_shared<Transcriber>(supportedLocale, pending_);
+  return std::make_shared<Transcriber>(supportedLocale, reservations_->use(supportedLocale), pending_);
 }
 
 void AppleSpeechAnalysis::bestAvailableAudioFormat(

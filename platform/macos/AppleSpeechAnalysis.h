@@ -10,6 +10,7 @@
 
 namespace palaver {
 
+class LocaleReservations;
 class PendingAnswers;
 
 // Requires macOS 26 or later. Before that only isTranscriberAvailable() may be called. A thin wrapper of the
@@ -18,6 +19,9 @@ class PendingAnswers;
 // - An analyzer that was never fed is cancelled instead of finalized: finalizing might never return.
 // - An analyzer whose preparation fails is cancelled. Otherwise it would keep counting against the few that
 //   the system allows at the same time.
+// - A supported locale is reserved for this program before it is returned. Otherwise the system reports its
+// model as
+//   missing. A failed reservation is not an error of its own.
 // - Audio is fed only in the format that the analyzer was prepared for: other sample types end the process.
 //
 // Completions are called on Swift threads. They are destroyed with this object. An operation may complete
@@ -40,8 +44,6 @@ class AppleSpeechAnalysis final : public SpeechAnalysis, public AssetInventory {
 
   void status(const std::shared_ptr<SpeechTranscriber>& transcriber,
               UniqueFunction<void(AssetStatus)> completion) override;
-  // Also reserves the locale for this program (Apple's documentation of
-  // assetInstallationRequest(supporting:)).
   void assetInstallationRequest(const std::shared_ptr<SpeechTranscriber>& transcriber,
                                 UniqueFunction<void(InstallationRequest)> completion) override;
 
@@ -53,6 +55,7 @@ class AppleSpeechAnalysis final : public SpeechAnalysis, public AssetInventory {
   class Installation;
 
   const std::shared_ptr<PendingAnswers> pending_;
+  const std::shared_ptr<LocaleReservations> reservations_;
 };
 
 }  // namespace palaver

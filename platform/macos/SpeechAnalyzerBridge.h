@@ -81,6 +81,9 @@ typedef enum {
 typedef void (*SpeechBridgeCompletion)(void* context);
 typedef void (*SpeechBridgeFallibleCompletion)(void* context, const SpeechBridgeError* _Nullable error);
 typedef void (*SpeechBridgeLocaleCompletion)(void* context, const SpeechBridgeString* _Nullable identifier);
+// The strings are valid during the call only.
+typedef void (*SpeechBridgeLocalesCompletion)(void* context, const SpeechBridgeString* _Nullable identifiers,
+                                              size_t count);
 typedef void (*SpeechBridgeFormatCompletion)(void* context, const SpeechBridgeAudioFormat* _Nullable format);
 typedef void (*SpeechBridgeStatusCompletion)(void* context, SpeechBridgeAssetStatus status);
 // If both are null, there is nothing to install.
@@ -138,6 +141,15 @@ void speechBridgeFinalizeAndFinishThroughEndOfInput(SpeechBridgeAnalyzer* analyz
                                                     SpeechBridgeFallibleCompletion completion, void* context);
 void speechBridgeCancelAndFinishNow(SpeechBridgeAnalyzer* analyzer, SpeechBridgeCompletion completion,
                                     void* context);
+
+// AssetInventory.reserve(locale:). Completes without an error also when the locale is reserved already.
+void speechBridgeReserveLocale(SpeechBridgeString locale, SpeechBridgeFallibleCompletion completion,
+                               void* context);
+// AssetInventory.reservedLocales, the reservations of this program.
+void speechBridgeReservedLocales(SpeechBridgeLocalesCompletion completion, void* context);
+// AssetInventory.release(reservedLocale:).
+void speechBridgeReleaseLocale(SpeechBridgeString reservedLocale, SpeechBridgeCompletion completion,
+                               void* context);
 
 // AssetInventory.status(forModules:) and assetInstallationRequest(supporting:) of one module.
 void speechBridgeAssetStatus(SpeechBridgeTranscriber* transcriber, SpeechBridgeStatusCompletion completion,

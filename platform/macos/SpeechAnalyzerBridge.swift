@@ -287,6 +287,54 @@ public func speechBridgeCancelAndFinishNow(
 // MARK: AssetInventory
 
 @available(macOS 26.0, *)
+@_cdecl("speechBridgeReserveLocale")
+public func speechBridgeReserveLocale(
+    _ locale: SpeechBridgeString, _ completion: @escaping SpeechBridgeFallibleCompletion,
+    _ context: UnsafeMutableRawPointer
+) {
+    let locale = Locale(identifier: String(locale))
+    run(completion, context) { _ = try await AssetInventory.reserve(locale: locale) }
+}
+
+@available(macOS 26.0, *)
+@_cdecl("speechBridgeReservedLocales")
+public func speechBridgeReservedLocales(
+    _ completion: @escaping SpeechBridgeLocalesCompletion, _ context: UnsafeMutableRawPointer
+) {
+    let callback = Callback(function: completion, context: context)
+    Task {
+        let identifiers = await AssetInventory.reservedLocales.map { Array($0.identifier.utf8CString) }
+        let bridged = UnsafeMutableBufferPointer<SpeechBridgeString>.allocate(capacity: identifiers.count)
+        defer { bridged.deallocate() }
+        // Inner array buffers do not move while the outer array is alive.
+        withExtendedLifetime(identifiers) {
+            for (index, identifier) in identifiers.enumerated() {
+                identifier.withUnsafeBufferPointer {
+                    bridged.initializeElement(
+                        at: index,
+                        to: SpeechBridgeString(bytes: $0.baseAddress, length: identifier.count - 1))
+                }
+            }
+            callback.function(callback.context, bridged.baseAddress, identifiers.count)
+        }
+    }
+}
+
+@available(macOS 26.0, *)
+@_cdecl("speechBridgeReleaseLocale")
+public func speechBridgeReleaseLocale(
+    _ reservedLocale: SpeechBridgeString, _ completion: @escaping SpeechBridgeCompletion,
+    _ context: UnsafeMutableRawPointer
+) {
+    let callback = Callback(function: completion, context: context)
+    let locale = Locale(identifier: String(reservedLocale))
+    Task {
+        _ = await AssetInventory.release(reservedLocale: locale)
+        callback.function(callback.context)
+    }
+}
+
+@available(macOS 26.0, *)
 extension AssetInventory.Status {
     /// Maps an unknown status to that of a model that can be installed.
     fileprivate var bridged: SpeechBridgeAssetStatus {

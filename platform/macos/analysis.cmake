@@ -40,6 +40,7 @@ endif()
 
 palaver_library(palaver_apple_analysis
   ${PROJECT_SOURCE_DIR}/platform/macos/AppleSpeechAnalysis.cpp
+  ${PROJECT_SOURCE_DIR}/platform/macos/LocaleReservations.cpp
   ${PROJECT_SOURCE_DIR}/platform/macos/PendingAnswers.cpp
   ${PROJECT_SOURCE_DIR}/platform/macos/ResultQueue.cpp
   ${bridge_object}

@@ -51,6 +51,12 @@ void analysisSeamSupportedLocale(const char* equivalentTo, size_t length, Analys
                                  void* context);
 int64_t analysisSeamMakeTranscriber(const char* locale, size_t length);
 void analysisSeamBestFormat(int64_t transcriber, AnalysisSeamCompletion completion, void* context);
+// Answers with 1 for a new reservation, 0 for an existing one.
+void analysisSeamReserve(const char* locale, size_t length, AnalysisSeamCompletion completion, void* context);
+// Answers with the reserved locales, one a line.
+void analysisSeamReservedLocales(AnalysisSeamCompletion completion, void* context);
+// Answers with 1 when the locale was reserved.
+void analysisSeamRelease(const char* locale, size_t length, AnalysisSeamCompletion completion, void* context);
 void analysisSeamStatus(int64_t transcriber, AnalysisSeamCompletion completion, void* context);
 void analysisSeamInstallationRequest(int64_t transcriber, AnalysisSeamCompletion completion, void* context);
 void analysisSeamDownload(int64_t installation, AnalysisSeamCompletion completion, void* context);

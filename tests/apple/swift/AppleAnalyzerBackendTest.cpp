@@ -81,7 +81,7 @@ ThreadPoolTasks& makeTasks() {
 template <typename Subject>
 class Conversation {
  public:
-  explicit Conversation(AnalysisQuirks quirks = {}) : behaviour(subject.analysis(), quirks) {}
+  explicit Conversation(AnalysisQuirks quirks = {}) : behaviour(subject.analysis(), std::move(quirks)) {}
 
   void say(const std::vector<std::int16_t>& samples, const std::string& session, AudioSource source) {
     constexpr std::size_t chunk = 1600;

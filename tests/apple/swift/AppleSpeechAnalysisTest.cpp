@@ -7,6 +7,8 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <map>
+#include <set>
 
 #include "apple-stand-ins/swift/AnalysisBehaviour.h"
 #include "platform/macos/SpeechAnalyzerBridge.h"
@@ -27,7 +29,7 @@ class AppleSpeechAnalysisTest : public testing::Test {
   void start(AnalysisState state = {}, AnalysisQuirks quirks = {}) {
     if (state.utterances.empty()) state.utterances = {tenMeters()};
     simulated.setState(std::move(state));
-    behaviour.emplace(simulated, quirks);
+    behaviour.emplace(simulated, std::move(quirks));
     analysis.emplace();
   }
 
@@ -53,7 +55,7 @@ class AppleSpeechAnalysisTest : public testing::Test {
   std::optional<AppleSpeechAnalysis> analysis;
 };
 
-constexpr AnalysisQuirks silentFinish{.finishingWithoutAudioIsNeverAnswered = true};
+const AnalysisQuirks silentFinish{.finishingWithoutAudioIsNeverAnswered = true};
 
 TEST_F(AppleSpeechAnalysisTest, UnfedAnalyzerFinishes) {
   start({}, silentFinish);
@@ -159,18 +161,89 @@ TEST_F(AppleSpeechAnalysisTest, ReportedStatusIsForwarded) {
   EXPECT_EQ(askForStatus(*analysis, transcriber), AssetStatus::supported);
 }
 
-TEST_F(AppleSpeechAnalysisTest, InstallationRequestReservesLocale) {
-  AnalysisState state;
-  state.locales = {{"ja-JP", "ja_JP"}, {"en-US", "en_US"}};
-  start(state, {.maxReservedLocales = 1});
-  const auto refused = open(false);
-  expectError(refused.prepare(), speechErrorDomain, 10, "The module uses a locale that is not allocated");
-  EXPECT_TRUE(askForInstallation(*analysis, refused.transcriber));
-  open();
+using Locales = std::set<std::string>;
 
-  const auto other = askForInstallation(*analysis, makeTranscriber(*analysis, "en-US"));
-  ASSERT_TRUE(other && std::holds_alternative<PlatformError>(*other));
-  expectError(std::get<PlatformError>(*other), speechErrorDomain, 11, "Too many allocated locales");
+const std::map<std::string, std::string, std::less<>> threeLocales{
+    {"ja-JP", "ja_JP"}, {"en-US", "en_US"}, {"fr-FR", "fr_FR"}};
+
+TEST_F(AppleSpeechAnalysisTest, SupportedLocaleIsReserved) {
+  start();
+  const auto transcriber = makeTranscriber(*analysis, "ja-JP");
+  EXPECT_EQ(behaviour->reservedLocales(), Locales{"ja_JP"});
+  EXPECT_EQ(askForStatus(*analysis, transcriber), AssetStatus::installed);
+  EXPECT_FALSE(open(false).prepare());
+}
+
+TEST_F(AppleSpeechAnalysisTest, UnsupportedLocaleIsNotReserved) {
+  start();
+  EXPECT_EQ(askForLocale(*analysis, "fr-FR"), std::nullopt);
+  EXPECT_TRUE(behaviour->reservedLocales().empty());
+}
+
+TEST_F(AppleSpeechAnalysisTest, ReservedLocaleIsInstalled) {
+  AnalysisState state;
+  state.model = AssetStatus::supported;
+  start(state);
+  const auto answer = askForInstallation(*analysis, makeTranscriber(*analysis, "ja-JP"));
+  ASSERT_TRUE(answer);
+  EXPECT_TRUE(std::holds_alternative<std::shared_ptr<AssetInstallationRequest>>(*answer));
+}
+
+TEST_F(AppleSpeechAnalysisTest, FailedReservationIsNotAnError) {
+  start({}, {.reservationError = PlatformError(speechErrorDomain, 15, "cannot be reserved")});
+  const auto transcriber = makeTranscriber(*analysis, "ja-JP");
+  EXPECT_EQ(askForStatus(*analysis, transcriber), AssetStatus::supported);
+  expectError(open(false).prepare(), speechErrorDomain, 10, "The module uses a locale that is not allocated");
+  const auto answer = askForInstallation(*analysis, transcriber);
+  ASSERT_TRUE(answer && std::holds_alternative<PlatformError>(*answer));
+  expectError(std::get<PlatformError>(*answer), speechErrorDomain, 1,
+              "The program is not subscribed to transcription.ja_JP");
+}
+
+TEST_F(AppleSpeechAnalysisTest, UnreservedRequestMayBeNull) {
+  start({}, {.reservationError = PlatformError(speechErrorDomain, 15, "cannot be reserved"),
+             .unreservedRequestIsNull = true});
+  const auto answer = askForInstallation(*analysis, makeTranscriber(*analysis, "ja-JP"));
+  ASSERT_TRUE(answer && std::holds_alternative<std::shared_ptr<AssetInstallationRequest>>(*answer));
+  EXPECT_FALSE(std::get<std::shared_ptr<AssetInstallationRequest>>(*answer));
+}
+
+TEST_F(AppleSpeechAnalysisTest, EarlierReservationIsReleasedAtLimit) {
+  start({}, {.maxReservedLocales = 2, .reservedLocales = {"de_DE", "it_IT"}});
+  open();
+  const auto reserved = behaviour->reservedLocales();
+  EXPECT_EQ(reserved.size(), 2U);
+  EXPECT_TRUE(reserved.contains("ja_JP"));
+}
+
+TEST_F(AppleSpeechAnalysisTest, ReservationInUseIsKeptAtLimit) {
+  AnalysisState state;
+  state.locales = threeLocales;
+  start(state, {.maxReservedLocales = 2});
+  const auto japanese = makeTranscriber(*analysis, "ja-JP");
+  makeTranscriber(*analysis, "en-US");  // destroyed
+  const auto french = makeTranscriber(*analysis, "fr-FR");
+  EXPECT_EQ(behaviour->reservedLocales(), (Locales{"fr_FR", "ja_JP"}));
+  EXPECT_EQ(askForStatus(*analysis, japanese), AssetStatus::installed);
+  EXPECT_EQ(askForStatus(*analysis, french), AssetStatus::installed);
+}
+
+TEST_F(AppleSpeechAnalysisTest, LimitOfLocalesInUseIsReported) {
+  AnalysisState state;
+  state.locales = threeLocales;
+  start(state, {.maxReservedLocales = 1});
+  const auto japanese = makeTranscriber(*analysis, "ja-JP");
+  const auto english = makeTranscriber(*analysis, "en-US");
+  EXPECT_EQ(behaviour->reservedLocales(), Locales{"ja_JP"});
+  EXPECT_EQ(askForStatus(*analysis, english), AssetStatus::supported);
+}
+
+TEST_F(AppleSpeechAnalysisTest, EarliestUnusedReservationIsReleasedFirst) {
+  AnalysisState state;
+  state.locales = threeLocales;
+  start(state, {.maxReservedLocales = 2});
+  for (const auto* const locale : {"ja-JP", "en-US", "fr-FR"}) makeTranscriber(*analysis, locale);
+  EXPECT_EQ(behaviour->reservedLocales(), (Locales{"en_US", "fr_FR"}));
 }
 
 TEST_F(AppleSpeechAnalysisTest, AvailabilityFollowsTranscriber) {
