@@ -1,8 +1,9 @@
 #include "cli/TranscribeArguments.h"
 
-#include <charconv>
 #include <fstream>
+#include <locale>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <utility>
 
 namespace palaver::cli {
@@ -14,9 +15,12 @@ constexpr double maxSpeed = 100;
 
 double parseSpeed(const std::string& text) {
   double speed = 0;
-  const auto* const end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, speed);
-  if (error != std::errc() || rest != end || !(speed >= minSpeed && speed <= maxSpeed))
+  // std::from_chars for floating point requires macOS 26.
+  std::istringstream stream(text);
+  stream.imbue(std::locale::classic());
+  stream >> std::noskipws >> speed;
+  if (!stream || stream.peek() != std::istringstream::traits_type::eof() ||
+      !(speed >= minSpeed && speed <= maxSpeed))
     throw UsageError("--speed takes a number from 0.1 to 100, not '" + text + "'");
   return speed;
 }

@@ -1,6 +1,8 @@
 #include "modes/ResearchTranscription.h"
 
+#include <algorithm>
 #include <asio/co_spawn.hpp>
+#include <asio/post.hpp>
 #include <asio/use_awaitable.hpp>
 #include <cerrno>
 #include <fstream>

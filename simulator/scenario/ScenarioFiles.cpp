@@ -1,5 +1,7 @@
 #include "simulator/scenario/ScenarioFiles.h"
 
+#include <unistd.h>  // mkdtemp, on macOS
+
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>

@@ -1,6 +1,8 @@
 // Copies the system's English model to a temporary directory, where single files can be replaced.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>

@@ -46,4 +46,40 @@ check_macos_build() {
   note_part macos-cross "$(sed -n 's/^Ran \([0-9]*\) tests.*/\1/p' "$log")" 0 0 $((SECONDS - started))
 }
 
+# Prints the path of each program zig whose libc++ the sources are checked with: the one above, and the one of 0.13, with the
+# libc++ 18 of about Xcode 16, where .ci/run puts it.
+find_libcxx_zigs() {
+  local old
+  find_zig || return 1
+  for old in "$root"/build/tools/zig-0.13/lib/python3*/site-packages/ziglang/zig; do
+    if [ -x "$old" ]; then printf '%s\n' "$old"; fi
+  done
+}
+
+# Checks that all C++ and Objective-C++ of the preset macos compiles, with the tests and the tools.
+check_macos_sources() {
+  local zig zigs started=$SECONDS log=build/logs/macos-sources.log status=0 good bad
+  if is_mac; then note_unchecked "the sources of macOS against several versions of libc++: a Mac compiles them itself"; return; fi
+  if ! zigs=$(find_libcxx_zigs); then
+    note_unchecked "the sources of macOS: they need Zig (pip install ziglang, or PALAVER_ZIG=/path/to/zig)"
+    return 0
+  fi
+  case $zigs in *zig-0.13*) ;; *) note_unchecked "the sources of macOS with libc++ 18: .ci/run installs Zig 0.13 for it" ;; esac
+  zig=$(printf '%s\n' "$zigs" | head -n 1)
+  mkdir -p build/logs
+  say "checking (macos-sources)"
+  # Configured only. The libraries of the tests are this machine's, for their headers.
+  PALAVER_ZIG=$zig cmake -S . -B build/macos-sources -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/zig-macos-arm64.cmake" \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPALAVER_TESTS=ON -DCMAKE_TRY_COMPILE_TARGET_TYPE=STATIC_LIBRARY \
+    -DCMAKE_PREFIX_PATH=/usr -DCMAKE_LIBRARY_ARCHITECTURE="$(cc -print-multiarch 2>/dev/null || true)" >"$log" 2>&1 </dev/null ||
+    show_failure "configuring (macos-sources)" "$log"
+  local paths=() path
+  while IFS= read -r path; do paths+=("$path"); done <<<"$zigs"
+  tools/check-macos-sources build/macos-sources/compile_commands.json "${paths[@]}" 2>&1 | tee -a "$log" || status=$?
+  good=$(sed -n 's/^\([0-9]*\) of [0-9]* sources compile .*/\1/p' "$log" | awk '{ n += $1 } END { print n + 0 }')
+  bad=$(sed -n 's/^\([0-9]*\) of \([0-9]*\) sources compile .*/\1 \2/p' "$log" | awk '{ n += $2 - $1 } END { print n + 0 }')
+  if [ "$status" -ne 0 ] && [ "$bad" -eq 0 ]; then bad=1; fi
+  note_part macos-sources "$good" "$bad" 0 $((SECONDS - started))
+}
+
 project_version() { sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt; }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <asio/io_context.hpp>
+#include <asio/post.hpp>
 #include <asio/strand.hpp>
 #include <asio/thread_pool.hpp>
 #include <atomic>

@@ -57,7 +57,7 @@ TEST(TranscribeArgumentsTest, BadUsageIsExplained) {
   EXPECT_EQ(failure({"a", "--fast"}), "unknown option --fast");
   EXPECT_EQ(failure({"a", "--locale"}), "--locale needs a value");
   EXPECT_EQ(failure({"a", "--json=yes"}), "--json takes no value");
-  for (const char* speed : {"0", "-1", "x", "nan", "inf", "1x", ""})
+  for (const char* speed : {"0", "-1", "x", "nan", "inf", "1x", "", " 2", "2 ", "2,5"})
     EXPECT_EQ(failure({"a", "--speed", speed}),
               std::string("--speed takes a number from 0.1 to 100, not '") + speed + "'");
 }

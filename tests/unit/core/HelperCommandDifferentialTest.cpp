@@ -15,11 +15,20 @@ namespace {
 
 enum class Verdict { accepted, refused, unable };
 
+// Integers of more than 64 bits have an error of their own since simdjson 4. Until then they were number
+// errors.
+template <typename Error>
+bool isUnreadableNumber(Error error) {
+  if constexpr (requires { Error::BIGINT_ERROR; })
+    if (error == Error::BIGINT_ERROR) return true;
+  return error == Error::NUMBER_ERROR;
+}
+
 // Whether the first parser accepts the line as a JSON object. It has no verdict on integers of more
 // than 64 bits.
 Verdict structuralVerdict(simdjson::dom::parser& parser, const std::string& line) {
   const auto result = parser.parse(line);
-  if (result.error() == simdjson::NUMBER_ERROR) return Verdict::unable;
+  if (isUnreadableNumber(result.error())) return Verdict::unable;
   if (result.error() == simdjson::CAPACITY) return Verdict::unable;
   return result.error() == simdjson::SUCCESS ? Verdict::accepted : Verdict::refused;
 }

@@ -191,7 +191,7 @@ TEST(JSONLineWriterTest, ThreadsWriteWholeLines) {
   JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
   constexpr int threads = 8, each = 500;
   {
-    std::vector<std::jthread> writers;
+    std::vector<std::thread> writers;
     for (int thread = 0; thread < threads; ++thread)
       writers.emplace_back([&writer, thread] {
         for (int i = 0; i < each; ++i) {
@@ -204,6 +204,7 @@ TEST(JSONLineWriterTest, ThreadsWriteWholeLines) {
           }
         }
       });
+    for (auto& writing : writers) writing.join();
   }
   std::map<std::string, int> lines;
   std::string text = fake.standardOutput.text();
@@ -222,10 +223,10 @@ TEST(JSONLineWriterTest, ThreadsWriteWholeLines) {
 TEST(JSONLineWriterTest, LinesWaitWhileHeld) {
   FakePlatform fake;
   JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
-  std::jthread other;
+  std::thread other;
   {
     const auto held = writer.holdLines();
-    other = std::jthread([&writer] { writer.write({{"type", "x"}}); });
+    other = std::thread([&writer] { writer.write({{"type", "x"}}); });
     EXPECT_EQ(fake.standardOutput.text(), "");
   }
   other.join();

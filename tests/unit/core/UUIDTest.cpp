@@ -42,11 +42,12 @@ TEST(UUIDTest, TenThousandFromSeveralThreadsAreDistinct) {
   constexpr std::size_t threads = 4, each = 2500;
   std::vector<std::vector<std::string>> made(threads);
   {
-    std::vector<std::jthread> makers;
+    std::vector<std::thread> makers;
     for (auto& mine : made)
       makers.emplace_back([&mine] {
         for (std::size_t i = 0; i < each; ++i) mine.push_back(makeUUIDString());
       });
+    for (auto& maker : makers) maker.join();
   }
   std::set<std::string> all;
   for (const auto& mine : made) all.insert(mine.begin(), mine.end());

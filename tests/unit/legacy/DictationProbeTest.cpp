@@ -74,8 +74,8 @@ class HandDrivenRecognition final : public SpeechRecognition {
       return std::make_shared<Request>();
     }
     std::unique_ptr<RecognitionTask> recognitionTask(const std::shared_ptr<RecognitionRequest>&,
-                                                     ResultHandler handler) override {
-      service_.handler = std::move(handler);
+                                                     ResultHandler resultHandler) override {
+      service_.handler = std::move(resultHandler);
       return std::make_unique<Task>(service_);
     }
 

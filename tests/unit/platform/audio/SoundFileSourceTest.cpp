@@ -1,5 +1,7 @@
 #include "platform/audio/SoundFileSource.h"
 
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 #include <sndfile.h>
 

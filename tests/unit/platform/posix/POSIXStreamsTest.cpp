@@ -111,15 +111,15 @@ class Interruptions {
     action.sa_handler = [](int) { interrupted.fetch_add(1); };  // without SA_RESTART
     EXPECT_EQ(::sigaction(SIGUSR1, &action, &before_), 0);
     interrupted = 0;
-    thread_ = std::jthread([target](const std::stop_token& stop) {
-      while (!stop.stop_requested()) {
+    thread_ = std::thread([this, target] {
+      while (!isStopped_) {
         ::pthread_kill(target, SIGUSR1);
         std::this_thread::yield();
       }
     });
   }
   ~Interruptions() {
-    thread_.request_stop();
+    isStopped_ = true;
     thread_.join();
     ::sigaction(SIGUSR1, &before_, nullptr);
   }
@@ -130,7 +130,8 @@ class Interruptions {
 
  private:
   struct sigaction before_ {};
-  std::jthread thread_;
+  std::atomic<bool> isStopped_ = false;
+  std::thread thread_;
 };
 
 class POSIXStreamsTest : public ::testing::Test {
