@@ -1,5 +1,7 @@
 # What makes a program of macOS out of an executable without a bundle: its property list, and its signature.
 
+include(${CMAKE_CURRENT_LIST_DIR}/CodeSigning.cmake)
+
 set(PALAVER_CODESIGN_IDENTITY "-" CACHE STRING
   "On a Mac: the identity to sign the helper with; - signs ad hoc, and then a permission is lost with the next build")
 
@@ -25,9 +27,10 @@ function(palaver_macos_program target)
     OBJECT_DEPENDS ${PALAVER_INFO_PLIST}
   )
   if(CMAKE_HOST_APPLE)
+    palaver_codesign_options(codesign_options ${PALAVER_CODESIGN_IDENTITY})
     add_custom_command(TARGET ${target} POST_BUILD VERBATIM
-      COMMAND codesign --force --sign ${PALAVER_CODESIGN_IDENTITY} --identifier app.palaver.stthelper
-              $<TARGET_FILE:${target}>
+      COMMAND codesign --force --sign ${PALAVER_CODESIGN_IDENTITY} ${codesign_options}
+              --identifier app.palaver.stthelper $<TARGET_FILE:${target}>
       COMMENT "Signing ${target}")
   endif()
 endfunction()

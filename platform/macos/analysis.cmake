@@ -2,22 +2,15 @@
 # PALAVER_HAS_SPEECH_ANALYZER is off, and the platform uses the absent service of platform/posix. The C++ part is still
 # compiled, so that the cross build, which has no Swift for macOS, checks that it compiles.
 #
+# cmake/SpeechAnalyzer.cmake looks for the SDK.
+#
 # On Linux the tests set PALAVER_SPEECH_MODULES to a target that stands in for the frameworks. Its INTERFACE directories
 # hold their modules.
 
 if(PALAVER_SPEECH_MODULES)
   set(PALAVER_HAS_SPEECH_ANALYZER ON)
-elseif(APPLE AND NOT CMAKE_CROSSCOMPILING)
-  execute_process(COMMAND xcrun --sdk macosx --show-sdk-version
-    OUTPUT_VARIABLE sdk_version OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE sdk_missing ERROR_QUIET)
-  if(NOT sdk_missing AND sdk_version VERSION_GREATER_EQUAL 26)
-    set(PALAVER_HAS_SPEECH_ANALYZER ON)
-  else()
-    set(PALAVER_HAS_SPEECH_ANALYZER OFF)
-    message(STATUS "No SpeechAnalyzer in this build: it needs the SDK of macOS 26.")
-  endif()
 else()
-  set(PALAVER_HAS_SPEECH_ANALYZER OFF)
+  set(PALAVER_HAS_SPEECH_ANALYZER ${PALAVER_SDK_HAS_SPEECH_ANALYZER})
 endif()
 
 if(PALAVER_HAS_SPEECH_ANALYZER)
