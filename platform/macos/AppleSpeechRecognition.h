@@ -1,5 +1,8 @@
 // Implements the contract with SFSpeechRecognizer, its requests, tasks and results, and its permission.
 //
+// kLSRErrorDomain 201, which means that Dictation is off, always has its English text "Siri and Dictation are
+// disabled".
+//
 // Threads: as in the contract. Results arrive on the main thread from the main dispatch queue, the
 // default of SFSpeechRecognizer.
 #pragma once

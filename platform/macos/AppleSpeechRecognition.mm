@@ -25,6 +25,20 @@ RecognitionResult toRecognitionResult(SFSpeechRecognitionResult* result) {
   return converted;
 }
 
+// Dictation is switched off. (Public reports: kLSRErrorDomain 201, whose English text is like this one.) The
+// system translates the text, and a caller can only recognize the English one. So this text replaces a
+// translated one.
+constexpr std::string_view localRecognitionDomain = "kLSRErrorDomain";
+constexpr long dictationIsOff = 201;
+constexpr const char* dictationIsOffText = "Siri and Dictation are disabled";
+
+PlatformError toRecognitionError(NSError* error) {
+  auto converted = toPlatformError(error);
+  if (converted.code() == dictationIsOff && converted.domain() == localRecognitionDomain)
+    return {converted.domain(), converted.code(), dictationIsOffText};
+  return converted;
+}
+
 // Represents one request with its task. Shared by both handles and by the block that receives the results.
 // The system itself keeps a task and its recognizer alive until the task has ended. Main thread.
 class Recognition : public std::enable_shared_from_this<Recognition> {
@@ -67,7 +81,7 @@ class Recognition : public std::enable_shared_from_this<Recognition> {
     std::optional<RecognitionResult> converted;
     std::optional<PlatformError> failure;
     if (result) converted = toRecognitionResult(result);
-    if (error) failure = toPlatformError(error);
+    if (error) failure = toRecognitionError(error);
     if (failure || (converted && converted->isFinal)) end();
     handler_(std::move(converted), std::move(failure));
   }

@@ -10,6 +10,7 @@
 
 #include "apple-stand-ins/frameworks/FrameworkBehaviour.h"
 #include "apple-stand-ins/objc/Runtime.h"
+#include "legacy/DictationProbe.h"
 #include "platform/audio/SndfileAudioFile.h"
 #include "platform/audio/SpeexAudioConverter.h"
 #include "platform/macos/AppleSpeechRecognition.h"
@@ -183,6 +184,28 @@ TEST_F(AppleSpeech, ErrorsKeepDomainCodeAndText) {
     EXPECT_EQ(all[0].error->code(), error.code());
     EXPECT_EQ(all[0].error->localizedDescription(), error.localizedDescription());
   }
+}
+
+// On a Japanese system the text is believed to be Japanese.
+TEST_F(AppleSpeech, DictationOffIsRecognizedInAnyLanguage) {
+  const auto speaker = begin();
+  simulated_.answer(
+      0, {std::nullopt, PlatformError("kLSRErrorDomain", 201, "Siriと音声入力が無効になっています")});
+  pass();
+  const auto all = speaker.answers->all();
+  ASSERT_EQ(all.size(), 1U);
+  EXPECT_TRUE(isDictationDisabledError(*all[0].error));
+  EXPECT_EQ(texts(speaker).at(0), "kLSRErrorDomain 201: Siri and Dictation are disabled");
+}
+
+TEST_F(AppleSpeech, OtherErrorsKeepTranslatedText) {
+  const auto speaker = begin();
+  simulated_.answer(0, {std::nullopt, PlatformError("kAFAssistantErrorDomain", 201, "再試行")});
+  const auto other = begin();
+  simulated_.answer(1, {std::nullopt, PlatformError("kLSRErrorDomain", 300, "初期化できません")});
+  pass();
+  EXPECT_THAT(texts(speaker), ElementsAre("kAFAssistantErrorDomain 201: 再試行"));
+  EXPECT_THAT(texts(other), ElementsAre("kLSRErrorDomain 300: 初期化できません"));
 }
 
 TEST_F(AppleSpeech, ResultAndErrorArriveTogether) {
