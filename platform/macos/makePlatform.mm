@@ -1,5 +1,6 @@
 #include "platform/makePlatform.h"
 
+#include <pthread/qos.h>
 #include <unistd.h>
 
 #include "platform/macos/AppleAudioBuffers.h"
@@ -28,13 +29,16 @@ using MacSpeechAnalysis = AppleSpeechAnalysis;
 using MacSpeechAnalysis = AbsentSpeechAnalysis;
 #endif
 
+// A failure leaves the thread at the default quality, which only costs time under load.
+void useUserInitiatedQuality() { pthread_set_qos_class_self_np(QOS_CLASS_USER_INITIATED, 0); }
+
 struct MacPlatform {
   MacPlatform(int argumentCount, char** arguments) : process(argumentCount, arguments) {}
 
   SystemClock clock;
   MacProcess process;
   RunLoopMainQueue mainQueue;
-  DescriptorInput standardInput{STDIN_FILENO};
+  DescriptorInput standardInput{STDIN_FILENO, useUserInitiatedQuality};
   DescriptorOutput standardOutput{STDOUT_FILENO};
   DescriptorOutput standardError{STDERR_FILENO};
   AppleAudioBuffers audioBuffers;

@@ -54,7 +54,8 @@ Descriptor reopenNonBlocking([[maybe_unused]] int descriptor) {
 }  // namespace
 
 void DescriptorInput::start(InputHandler& handler) {
-  std::thread([descriptor = descriptor_, &handler] {
+  std::thread([descriptor = descriptor_, prepareThread = prepareThread_, &handler] {
+    prepareThread();
     for (;;) {
       const auto room = handler.prepare();
       const ssize_t count = ::read(descriptor, room.data(), std::min(room.size(), mostBytes));

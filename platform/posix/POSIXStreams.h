@@ -12,12 +12,16 @@ namespace palaver {
 // non-blocking descriptors, pipes and sockets.
 class DescriptorInput final : public StandardInput {
  public:
-  explicit DescriptorInput(int descriptor) : descriptor_(descriptor) {}
+  // `prepareThread`: called on the reader's thread before the first read.
+  explicit DescriptorInput(
+      int descriptor, void (*prepareThread)() = [] {})
+      : descriptor_(descriptor), prepareThread_(prepareThread) {}
 
   void start(InputHandler& handler) override;
 
  private:
   int descriptor_;
+  void (*prepareThread_)();
 };
 
 // Writes to a descriptor, blocking or not, through interruptions and short writes. Any thread. SIGPIPE

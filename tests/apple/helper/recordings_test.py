@@ -141,6 +141,17 @@ class RecordingsTest(unittest.TestCase):
         here = finals_of_session(Helper(self, [MACOS], PALAVER_STT_SYSTEM="macOS 26"), audio)
         self.assert_same_finals(here, there)
 
+    def test_reader_has_user_initiated_quality_of_service(self):
+        # The stand-in names a thread after its quality of service.
+        helper = Helper(self, [MACOS], PALAVER_STT_SYSTEM="macOS 15")
+        helper.now()  # the reader runs
+        names = []
+        for thread in os.listdir(f"/proc/{helper.process.pid}/task"):
+            with open(f"/proc/{helper.process.pid}/task/{thread}/comm", encoding="utf-8") as name:
+                names.append(name.read().strip())
+        self.assertEqual(names.count("qos 0x19"), 1, names)
+        helper.end()
+
     def test_macos_26_research_mode_matches_linux(self):
         for recording in RECORDINGS:
             with self.subTest(recording):
