@@ -12,6 +12,7 @@ usage: first_run.py --helper PATH [options]
   --no-install         do not install a missing model
   --long SECONDS       the length of the speech without a pause (70)
   --build-log FILE     the log of the helper's build
+  --missing-step       only print what the user has to do before the helper can transcribe
   --report FILE        the report (first-run-report.txt); created anew with mode 0600
 
 Every step runs, also after one that fails. The report holds what each step showed, and for each question what was seen or why
@@ -39,6 +40,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 RATE = 16000  # Hz
 CHUNK_MS = 100
 ANSWER_S = 60  # longest wait for an event
+SLOW_S = 20  # longest wait for a final after the speech
 PROMPT_S = 120  # longest wait for the user's answer
 INSTALL_S = 1800
 SPOKEN = {"ja": ("Kyoko", ["会議を始めます。今日の議題は予算です。", "来週の金曜日までに資料を送ってください。"]),
@@ -197,6 +199,35 @@ def chunks_of(samples):
     return [samples[at:at + size] for at in range(0, len(samples), size)]
 
 
+def missing_step(status, helper):
+    """What the user has to do next before the helper can transcribe, for a helper.status; None if nothing."""
+    if status.get("available"):
+        return None
+    step = {"not-determined": f"it needs the permission: run {helper} --authorize, in a login session with a screen",
+            "denied": "the permission is denied: grant it in System Settings > Privacy & Security > Speech Recognition",
+            "restricted": "the permission is restricted: the administrator of this Mac has to allow it"}.get(
+                status.get("authorization"))
+    if step:
+        return step
+    if status.get("dictation") == "disabled":
+        return "Dictation is off: turn it on in System Settings > Keyboard > Dictation"
+    if status.get("status") == "unavailable":
+        return "this Mac has no transcriber for the language, like a virtual machine or an unsupported Mac"
+    if status.get("implementation") == "speech-analyzer":
+        return f"the model is missing: run {helper} --install-assets while online"
+    return "the model is missing: turn on Dictation for the language, and let its model download"
+
+
+def print_missing_step(helper):
+    """Prints nothing when nothing is missing. Returns the exit status."""
+    with Helper(os.path.abspath(helper), "--health") as child:
+        _, status = child.wait_for("helper.status")
+    step = missing_step(status, helper)
+    if step:
+        print(step)
+    return 0
+
+
 class FirstRun:
     def __init__(self, options, folder):
         self.options, self.folder = options, folder
@@ -253,22 +284,9 @@ class FirstRun:
         return self.status.get("implementation") == "speech-analyzer"
 
     def need_ready(self):
-        if self.status.get("available"):
-            return
-        reason = {"not-determined": "it needs the permission: run again with --authorize, in a login session with a screen",
-                  "denied": "the permission is denied: grant it in System Settings > Privacy & Security > Speech Recognition",
-                  "restricted": "the permission is restricted: the administrator of this Mac has to allow it"}.get(
-                      self.status.get("authorization"))
-        if not reason and self.status.get("dictation") == "disabled":
-            reason = "Dictation is off: turn it on in System Settings > Keyboard > Dictation"
-        if not reason and self.status.get("status") == "unavailable":
-            reason = "this Mac has no transcriber for the language, as a virtual machine or an unsupported Mac"
-        if not reason and self.has_analyzer:
-            reason = "the model is missing: run again while online"
-        if not reason:
-            reason = "the model is missing: turn on Dictation for the language, and let its model download"
-        self.missing = reason
-        raise NotTried(reason)
+        self.missing = missing_step(self.status, self.options.helper)
+        if self.missing:
+            raise NotTried(self.missing)
 
     # Steps
 
@@ -480,6 +498,8 @@ class FirstRun:
                 rest = began + (index + 1) * CHUNK_MS / 1000 * pace - time.monotonic()
                 if rest > 0:
                     threading.Event().wait(rest)
+            if not self.has_analyzer:
+                self.stream_quiet(helper, streams, captured, began)
             for session in sessions:
                 helper.send(type="session.stop", sessionId=session)
             for session in sessions:
@@ -492,6 +512,29 @@ class FirstRun:
             if status != 0:
                 raise Problem(f"exit status {status}")
             return events, list(helper.trace), captured, ready_after
+
+    @staticmethod
+    def stream_quiet(helper, streams, captured, began):
+        """Goes on with quiet, as a host does, until each source has a final: a slow recognizer has no text before."""
+        waiting, taken = set(streams), 0
+        index = max(len(chunks) for chunks in streams.values())
+        quiet = base64.b64encode(b"\0\0" * (RATE * CHUNK_MS // 1000)).decode()
+        for index in range(index, index + SLOW_S * 1000 // CHUNK_MS):
+            try:
+                while helper.next(max(0.001, began + index * CHUNK_MS / 1000 - time.monotonic()))[1] is not None:
+                    pass
+                return  # the helper has ended
+            except queue.Empty:
+                pass
+            for _, event in helper.seen[taken:]:
+                if event["type"] == "transcript.final":
+                    waiting.discard((event["sessionId"], event["source"]))
+            taken = len(helper.seen)
+            if not waiting:
+                return
+            for session, source in streams:
+                helper.send(type="audio", sessionId=session, source=source, sequence=index,
+                            capturedAt=captured + index * CHUNK_MS, pcmBase64=quiet)
 
     @staticmethod
     def wait_for_quiet(helper):
@@ -668,6 +711,7 @@ def main(arguments):
     parser.add_argument("--no-install", action="store_true")
     parser.add_argument("--long", type=int, default=70)
     parser.add_argument("--build-log")
+    parser.add_argument("--missing-step", action="store_true")
     parser.add_argument("--report", default="first-run-report.txt")
     options = parser.parse_args(arguments)
     if not os.access(options.helper, os.X_OK):
@@ -677,6 +721,8 @@ def main(arguments):
             samples_of(recording)
         except (OSError, ValueError, EOFError, wave.Error) as error:
             parser.error(str(error))
+    if options.missing_step:
+        return print_missing_step(options.helper)
     with tempfile.TemporaryDirectory() as folder:
         return FirstRun(options, pathlib.Path(folder)).go()
 

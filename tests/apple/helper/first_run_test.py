@@ -12,7 +12,7 @@ import tempfile
 import threading
 import unittest
 
-HELPER = sys.argv[1]
+HELPER = os.path.abspath(sys.argv[1])
 TOOL = pathlib.Path(__file__).resolve().parents[3] / "tools/dev/first_run.py"
 SENTENCE = "/usr/share/pocketsphinx/test/data/librivox/sense_and_sensibility_01_austen_64kb-%s.wav"
 RECORDINGS = [SENTENCE % number for number in ("0880", "0930")]
@@ -81,7 +81,7 @@ class FirstRunTest(unittest.TestCase):
             return report
 
     def test_bad_states_of_macos_15(self):
-        self.check_bad_state("macOS 15", "not-determined", "it needs the permission: run again with --authorize")
+        self.check_bad_state("macOS 15", "not-determined", f"it needs the permission: run {HELPER} --authorize")
         self.check_bad_state("macOS 15", "denied", "the permission is denied: grant it in System Settings")
         self.check_bad_state("macOS 15", "restricted", "the permission is restricted: the administrator")
         self.check_bad_state("macOS 15", "no-recognizer", "the model is missing: turn on Dictation")
@@ -92,10 +92,22 @@ class FirstRunTest(unittest.TestCase):
     def test_bad_states_of_macos_26(self):
         self.check_bad_state("macOS 26", "no-transcriber", "this Mac has no transcriber for the language",
                              "health: as expected", "SpeechAnalyzer does not support locale ja-JP")
-        self.check_bad_state("macOS 26", "no-network", "the model is missing: run again while online", "model: DIFFERS",
+        self.check_bad_state("macOS 26", "no-network", f"the model is missing: run {HELPER} --install-assets while online", "model: DIFFERS",
                              "The Internet connection appears to be offline.; exit status 1")
-        self.check_bad_state("macOS 26", "no-model", "the model is missing: run again while online", "model: DIFFERS",
+        self.check_bad_state("macOS 26", "no-model", f"the model is missing: run {HELPER} --install-assets while online", "model: DIFFERS",
                              "supported > downloading > installed; a new process reports supported")
+
+    def test_missing_step_is_printed_alone(self):
+        for system, state, step in (("macOS 15", "ready", ""), ("macOS 26", "ready", ""),
+                                    ("macOS 15", "dictation-off",
+                                     "Dictation is off: turn it on in System Settings > Keyboard > Dictation\n"),
+                                    ("macOS 26", "no-model",
+                                     f"the model is missing: run {HELPER} --install-assets while online\n")):
+            done = subprocess.run([sys.executable, TOOL, "--helper", HELPER, "--missing-step"], stdin=subprocess.DEVNULL,
+                                  capture_output=True, text=True, check=False, cwd=self.folder,
+                                  env={**os.environ, "PALAVER_STT_SYSTEM": system, "PALAVER_STT_STATE": state})
+            self.assertEqual((done.returncode, done.stdout), (0, step), done.stderr)
+            self.assertEqual(os.listdir(self.folder), [], "no report is written")
 
     def test_broken_helper_is_reported(self):
         helper = self.folder / "helper"

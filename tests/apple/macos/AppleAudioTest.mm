@@ -27,30 +27,13 @@
 #include "simulator/machine/Scheduler.h"
 #include "simulator/machine/SimulatedSpeechRecognition.h"
 #include "simulator/scenario/SoundFile.h"
+#include "tests/apple/native/AudioSupport.h"
 
 namespace palaver {
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-AudioFormat mono(CommonFormat commonFormat, double sampleRate, bool interleaved = false) {
-  return {commonFormat, sampleRate, 1, interleaved};
-}
-
-// Creates a rising ramp.
-std::shared_ptr<PCMBuffer> ramp(const AudioFormat& format, std::uint32_t frames, int from = 0) {
-  auto buffer = std::make_shared<PCMBuffer>(format, frames);
-  buffer->setFrameLength(frames);
-  for (std::uint32_t channel = 0; channel < (format.interleaved ? 1 : format.channelCount); ++channel)
-    for (std::uint32_t i = 0; i < frames * (format.interleaved ? format.channelCount : 1); ++i) {
-      const auto value =
-          static_cast<std::int16_t>(from + static_cast<int>(i) + 1000 * static_cast<int>(channel));
-      if (auto* const whole = buffer->int16ChannelData(channel)) whole[i] = value;
-      if (auto* const real = buffer->floatChannelData(channel)) real[i] = static_cast<float>(value) / 32768;
-    }
-  return buffer;
-}
 
 std::size_t alive(Class of) { return objc::liveObjects((__bridge objc::Class*)of); }
 
@@ -111,48 +94,6 @@ TEST_F(AppleAudio, NewBuffersAreEmptyWithRequestedCapacity) {
   EXPECT_FALSE(buffers_.makeBuffer(mono(CommonFormat::int16, 16000), 0x80000000)) << "4 GiB";
 }
 
-TEST_F(AppleAudio, WrappedBufferSharesSamples) {
-  const AutoreleasePool pool;
-  for (const bool interleaved : {false, true})
-    for (const auto type : {CommonFormat::int16, CommonFormat::float32})
-      for (const std::uint32_t channels : {1U, 2U}) {
-        const AudioFormat format{type, 16000, channels, interleaved};
-        const auto buffer = ramp(format, 100);
-        AVAudioPCMBuffer* const wrapped = wrap(buffer, toAVAudioFormat(format));
-        ASSERT_NE(wrapped, nil);
-        EXPECT_EQ(wrapped.frameLength, 100U);
-        EXPECT_EQ(wrapped.frameCapacity, 100U);
-        for (std::uint32_t channel = 0; channel < (interleaved ? 1 : channels); ++channel) {
-          if (type == CommonFormat::int16)
-            EXPECT_EQ(wrapped.int16ChannelData[channel], buffer->int16ChannelData(channel));
-          else
-            EXPECT_EQ(wrapped.floatChannelData[channel], buffer->floatChannelData(channel));
-        }
-      }
-}
-
-TEST_F(AppleAudio, WrappedBufferShowsFramesInUse) {
-  const AutoreleasePool pool;
-  const auto buffer = ramp(mono(CommonFormat::int16, 16000), 100);
-  buffer->setFrameLength(40);
-  EXPECT_EQ(wrap(buffer, toAVAudioFormat(buffer->format())).frameLength, 40U);
-}
-
-TEST_F(AppleAudio, WrappedBufferRetainsBuffer) {
-  auto buffer = ramp(mono(CommonFormat::int16, 16000), 100);
-  const std::weak_ptr<PCMBuffer> watch = buffer;
-  AVAudioPCMBuffer* wrapped = nil;
-  {
-    const AutoreleasePool pool;
-    AVAudioFormat* const format = toAVAudioFormat(buffer->format());
-    wrapped = wrap(std::move(buffer), format);
-  }
-  EXPECT_FALSE(watch.expired());
-  EXPECT_EQ(wrapped.int16ChannelData[0][99], 99);
-  wrapped = nil;
-  EXPECT_TRUE(watch.expired());
-}
-
 TEST_F(AppleAudio, FailedWrapReleasesBuffer) {
   const AutoreleasePool pool;
   auto buffer = ramp(mono(CommonFormat::int16, 16000), 100);
@@ -163,29 +104,6 @@ TEST_F(AppleAudio, FailedWrapReleasesBuffer) {
   EXPECT_TRUE(watch.expired());
   EXPECT_EQ(wrap(ramp(mono(CommonFormat::int16, 16000), 0), format), nil) << "no room";
   EXPECT_EQ(wrap(std::make_shared<PCMBuffer>(mono(CommonFormat::float64, 16000), 10), format), nil);
-}
-
-// Converts a stream in chunks of 100 frames. Holds the statuses and the frames of each chunk.
-struct Converted {
-  std::vector<ConverterOutputStatus> statuses;
-  std::vector<std::int16_t> samples;
-};
-
-Converted convertChunks(AudioConverter& converter, const std::vector<std::shared_ptr<PCMBuffer>>& chunks) {
-  Converted converted;
-  for (const auto& chunk : chunks) {
-    PCMBuffer output(converter.outputFormat(), 1000);
-    std::optional<PlatformError> error;
-    bool given = false;
-    converted.statuses.push_back(converter.convert(output, error, [&](ConverterInputStatus& status) {
-      status = given ? ConverterInputStatus::noDataNow : ConverterInputStatus::haveData;
-      return std::exchange(given, true) ? nullptr : chunk;
-    }));
-    EXPECT_FALSE(error);
-    for (std::uint32_t i = 0; i < output.frameLength(); ++i)
-      converted.samples.push_back(output.int16ChannelData()[i]);
-  }
-  return converted;
 }
 
 TEST_F(AppleAudio, ConversionMatchesDirectConverter) {
@@ -203,53 +121,6 @@ TEST_F(AppleAudio, ConversionMatchesDirectConverter) {
   EXPECT_GT(converted.samples.size(), 900U);
   // inputRanDry is the normal end of a call whose single buffer was consumed.
   for (const auto status : converted.statuses) EXPECT_EQ(status, ConverterOutputStatus::inputRanDry);
-}
-
-TEST_F(AppleAudio, EmptyBufferDoesNotEndStream) {
-  const auto from = mono(CommonFormat::int16, 16000), to = mono(CommonFormat::int16, 16000);
-  const auto converter = converters_.makeConverter(from, to);
-  const auto converted =
-      convertChunks(*converter, {ramp(from, 3, 1), std::make_shared<PCMBuffer>(from, 0), ramp(from, 3, 4)});
-  EXPECT_THAT(converted.samples, ElementsAre(1, 2, 3, 4, 5, 6));
-}
-
-TEST_F(AppleAudio, EndOfStreamIsForwarded) {
-  const auto format = mono(CommonFormat::int16, 16000);
-  const auto converter = converters_.makeConverter(format, format);
-  PCMBuffer output(format, 10);
-  std::optional<PlatformError> error;
-  EXPECT_EQ(converter->convert(output, error,
-                               [](ConverterInputStatus& status) {
-                                 status = ConverterInputStatus::endOfStream;
-                                 return nullptr;
-                               }),
-            ConverterOutputStatus::endOfStream);
-}
-
-TEST_F(AppleAudio, MonoInterleavingIsIgnored) {
-  const auto converter = converters_.makeConverter(mono(CommonFormat::int16, 16000, false),
-                                                   mono(CommonFormat::int16, 16000, true));
-  const auto converted = convertChunks(*converter, {ramp(mono(CommonFormat::int16, 16000, true), 3)});
-  EXPECT_THAT(converted.samples, ElementsAre(0, 1, 2));
-  // The analyzer's own format, as Macs report it, needs no conversion.
-  EXPECT_EQ(mono(CommonFormat::int16, 16000, true), mono(CommonFormat::int16, 16000, false));
-}
-
-TEST_F(AppleAudio, OverflowWaitsForNextCall) {
-  const auto format = mono(CommonFormat::int16, 16000);
-  const auto converter = converters_.makeConverter(format, format);
-  int asked = 0;
-  const auto once = [&](ConverterInputStatus& status) -> std::shared_ptr<const PCMBuffer> {
-    status = asked == 0 ? ConverterInputStatus::haveData : ConverterInputStatus::noDataNow;
-    return asked++ == 0 ? ramp(format, 100) : nullptr;
-  };
-  PCMBuffer small(format, 60);
-  std::optional<PlatformError> error;
-  EXPECT_EQ(converter->convert(small, error, once), ConverterOutputStatus::haveData);
-  EXPECT_EQ(small.frameLength(), 60U);
-  EXPECT_EQ(converter->convert(small, error, once), ConverterOutputStatus::inputRanDry);
-  EXPECT_EQ(small.frameLength(), 40U);
-  EXPECT_EQ(small.int16ChannelData()[0], 60);
 }
 
 TEST_F(AppleAudio, ExceptionIsAConversionError) {
@@ -301,23 +172,6 @@ TEST_F(AppleAudio, UnsupportedFormatPairHasNoConverter) {
   EXPECT_FALSE(converters_.makeConverter({CommonFormat::int16, 16000, 6, false}, format));
 }
 
-// Channel converters run on threads without an autorelease pool.
-TEST_F(AppleAudio, ChannelsConvertWithoutAutoreleasePool) {
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < 3; ++thread)
-    threads.emplace_back([this] {
-      BufferConverter converter(buffers_, converters_);
-      std::uint64_t frames = 0;
-      for (int i = 0; i < 50; ++i)
-        frames +=
-            converter.convert(ramp(mono(CommonFormat::int16, 16000), 1600), mono(CommonFormat::int16, 48000))
-                ->frameLength();
-      EXPECT_GT(frames, 50U * 4800 - 1000);
-      EXPECT_LE(frames, 50U * 4800);
-    });
-  for (auto& thread : threads) thread.join();
-}
-
 TEST_F(AppleAudio, FileIsReadToEnd) {
   for (const int channels : {1, 2, 6}) {
     const auto file = files_.openForReading(write({"wav", "int16", 44100, channels, 10000, 0.25}));
@@ -338,22 +192,6 @@ TEST_F(AppleAudio, FileIsReadToEnd) {
     EXPECT_THAT(lengths, ElementsAre(4000, 4000, 2000));
     EXPECT_EQ(file->framePosition(), 10000);
   }
-}
-
-// The system's read would fail here without an error.
-TEST_F(AppleAudio, ReadAtEndReturnsNoFrames) {
-  const auto file = files_.openForReading(write({"wav", "int16", 16000, 1, 5, 0}));
-  PCMBuffer buffer(file->processingFormat(), 10);
-  file->read(buffer);
-  EXPECT_EQ(buffer.frameLength(), 5U);
-  file->read(buffer);
-  EXPECT_EQ(buffer.frameLength(), 0U);
-  PCMBuffer none(file->processingFormat(), 0);
-  file->read(none);
-  const auto empty = files_.openForReading(write({"wav", "int16", 16000, 1, 0, 0}));
-  buffer.setFrameLength(10);
-  empty->read(buffer);
-  EXPECT_EQ(buffer.frameLength(), 0U);
 }
 
 TEST_F(AppleAudio, FailureWithoutErrorHasText) {
@@ -378,12 +216,6 @@ TEST_F(AppleAudio, InvalidSoundFileReportsSystemError) {
     EXPECT_FALSE(expected.empty());
     EXPECT_EQ(failure([&] { files_.openForReading(path); }), expected) << name;
   }
-}
-
-TEST_F(AppleAudio, BufferOfOtherFormatIsRejected) {
-  const auto file = files_.openForReading(write({"wav", "int16", 16000, 1, 5, 0}));
-  PCMBuffer buffer(mono(CommonFormat::int16, 16000), 10);
-  EXPECT_THAT(failure([&] { file->read(buffer); }), HasSubstr("another format"));
 }
 
 TEST_F(AppleAudio, RefusedBufferIsAReadError) {
