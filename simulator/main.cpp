@@ -101,7 +101,7 @@ int record(std::span<char*> paths) {
   try {
     for (const char* const path : paths) recordFile(path);
     return 0;
-  } catch (const FileError& error) {
+  } catch (const std::exception& error) {  // an invalid file, or a text that is not UTF-8
     std::fprintf(stderr, "%s\n", error.what());
     return 2;
   }
@@ -134,27 +134,35 @@ int converseWith(std::span<char*> files, std::span<char*> command) {
 
 #endif
 
-}  // namespace
-
-}  // namespace palaver
-
-int main(int argumentCount, char** arguments) {
-  const std::span all(arguments, static_cast<std::size_t>(argumentCount));
+int runMode(std::span<char*> all) {
   const std::string_view mode = all.size() > 1 ? all[1] : "";
-  if (mode == "run" && all.size() > 2) return palaver::run(all.subspan(2));
-  if (mode == "record" && all.size() > 2) return palaver::record(all.subspan(2));
+  if (mode == "run" && all.size() > 2) return run(all.subspan(2));
+  if (mode == "record" && all.size() > 2) return record(all.subspan(2));
 #ifdef PALAVER_CONVERSATIONS
   if (mode == "converse") {
     const auto words = all.subspan(2);
     const auto separator = std::find(words.begin(), words.end(), std::string_view("--"));
     const auto files = words.first(static_cast<std::size_t>(separator - words.begin()));
     if ((files.size() == 1 || files.size() == 2) && words.end() - separator > 1)
-      return palaver::converseWith(files, {separator + 1, words.end()});
+      return converseWith(files, {separator + 1, words.end()});
   }
-  if (mode == "stepped") palaver::runStepped(all.subspan(2));
+  if (mode == "stepped") runStepped(all.subspan(2));
 #endif
-  if (mode == "live" && all.size() > 2) return palaver::live(all.subspan(2));
-  if (mode == "analyzer") palaver::runLiveAnalyzer(all.subspan(2));
-  std::fputs(palaver::usage, stderr);
+  if (mode == "live" && all.size() > 2) return live(all.subspan(2));
+  if (mode == "analyzer") runLiveAnalyzer(all.subspan(2));
+  std::fputs(usage, stderr);
   return 2;
+}
+
+}  // namespace
+
+}  // namespace palaver
+
+int main(int argumentCount, char** arguments) {
+  try {
+    return palaver::runMode({arguments, static_cast<std::size_t>(argumentCount)});
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "PalaverSTTSimulator: %s\n", error.what());
+    return 2;
+  }
 }
