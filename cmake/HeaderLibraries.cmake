@@ -1,12 +1,11 @@
-# The libraries of headers alone, for builds for macOS: links to them, and to nothing else of the directory in which
-# they are installed. A cross build must not see the host's own headers, and a native one sees those of the compiler's
-# SDK first whatever else Homebrew holds.
+# Links the header-only libraries into a directory of their own, for builds for macOS. A cross build must not see the
+# host's other headers, and a native build must find the SDK's headers before Homebrew's.
 #
 # Sets PALAVER_HEADER_LIBRARIES, a directory to include from as a system directory.
 set(PALAVER_HEADER_LIBRARIES ${CMAKE_BINARY_DIR}/include)
 file(MAKE_DIRECTORY ${PALAVER_HEADER_LIBRARIES})
 
-# palaver_header_library(NAME HEADER ENTRY...): finds the directory that holds HEADER and links to each ENTRY there.
+# palaver_header_library(NAME HEADER ENTRY...) finds the directory that holds HEADER and links to each ENTRY there.
 function(palaver_header_library name header)
   find_path(PALAVER_${name}_DIR ${header} NO_CMAKE_FIND_ROOT_PATH
     PATHS /opt/homebrew/include /usr/local/include /usr/include

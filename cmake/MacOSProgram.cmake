@@ -1,4 +1,4 @@
-# What makes a program of macOS out of an executable without a bundle: its property list, and its signature.
+# Embeds the property list in an executable without a bundle, and signs it.
 
 include(${CMAKE_CURRENT_LIST_DIR}/CodeSigning.cmake)
 
@@ -17,8 +17,8 @@ set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEP
 
 enable_language(ASM)
 
-# Embeds the property list in the executable and, on a Mac, signs it. The signature has to come after the linking: the
-# one that a linker adds does not cover the property list, and the system then does not trust it.
+# Embeds the property list in the executable and, on a Mac, signs it after linking. The linker's own signature does not
+# cover the property list, so the system would not trust it.
 function(palaver_macos_program target)
   set(assembly ${PROJECT_SOURCE_DIR}/platform/macos/InfoPlist.S)
   target_sources(${target} PRIVATE ${assembly})

@@ -1,12 +1,11 @@
-# Objective-C++ with ARC: on macOS as it comes; on Linux with clang, which writes what Apple's runtime reads, for the
-# runtime and the frameworks of apple-stand-ins.
+# Enables Objective-C++ with ARC. On Linux clang emits code for Apple's runtime, which apple-stand-ins implements.
 if(NOT APPLE)
-  # CMake does not look for this one on the PATH.
+  # CMake does not search the PATH for this compiler.
   set(CMAKE_OBJCXX_COMPILER "${CMAKE_CXX_COMPILER}" CACHE FILEPATH "The Objective-C++ compiler" FORCE)
 endif()
 enable_language(OBJCXX)
 
-# The options of a target, already made by palaver_options, that has sources in Objective-C++.
+# Sets the options of a target with Objective-C++ sources. Call it after palaver_options.
 function(palaver_objcxx target)
   set_target_properties(${target} PROPERTIES OBJCXX_STANDARD 20 OBJCXX_STANDARD_REQUIRED ON OBJCXX_EXTENSIONS OFF)
   target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-arc>)

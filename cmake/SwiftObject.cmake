@@ -1,11 +1,11 @@
-# Swift without CMake's own Swift support, which with Ninja does not hand the deployment target on:
+# Compiles Swift without CMake's Swift support, which does not pass the deployment target with Ninja. Defines
 #
 #   palaver_swift_object(OBJECT SOURCE file MODULE name [FLAGS ...] [DEPENDS ...])
-#     compiles one file, as Swift 6 with warnings as errors, to the object file OBJECT, to be named as a source of a target.
+#     compiles one file as Swift 6, with warnings as errors, to the object file OBJECT, which a target names as a source.
 #   PalaverSwift::Runtime
-#     what a program with such objects is linked with.
+#     the libraries that a program with such objects links.
 #
-# PALAVER_SWIFTC is the compiler with the options that every compilation wants. The half for a Mac has not been run yet.
+# PALAVER_SWIFTC is the compiler with the options of every compilation. The branch for a Mac is not verified.
 
 if(APPLE)
   execute_process(COMMAND xcrun --sdk macosx --show-sdk-path
@@ -42,7 +42,7 @@ endfunction()
 if(NOT TARGET PalaverSwift::Runtime)
   add_library(PalaverSwift::Runtime INTERFACE IMPORTED)
   if(APPLE)
-    # The objects themselves name the libraries and frameworks that they need.
+    # The objects name the libraries and frameworks that they need.
     target_link_directories(PalaverSwift::Runtime INTERFACE
       ${swift_sdk}/usr/lib/swift ${swift_toolchain}/lib/swift/macosx)
     target_link_options(PalaverSwift::Runtime INTERFACE "LINKER:-rpath,/usr/lib/swift")

@@ -1,9 +1,9 @@
-# The Swift toolchain of Linux, for its CoreFoundation, libdispatch and Blocks runtime: the same sources as on macOS, so
-# that C++ written against them can be run here. Defines
+# Finds the Swift toolchain of Linux by PALAVER_SWIFT_BIN or the PATH. Its CoreFoundation, libdispatch and Blocks runtime
+# have the same sources as those of macOS, so C++ written against them runs here. Defines
 #   SWIFTC                          the compiler
 #   SWIFT_TOOLCHAIN                 the toolchain's prefix, the folder that holds bin and lib
 #   SwiftToolchain::CoreFoundation  CoreFoundation, libdispatch, blocks; needs clang
-# and stops with an explanation where there is none.
+# and stops with an explanation if there is none.
 
 find_program(SWIFTC swiftc HINTS ENV PALAVER_SWIFT_BIN)
 if(NOT SWIFTC)
@@ -31,7 +31,7 @@ endforeach()
 if(NOT TARGET SwiftToolchain::CoreFoundation)
   add_library(SwiftToolchain::CoreFoundation INTERFACE IMPORTED)
   target_include_directories(SwiftToolchain::CoreFoundation SYSTEM INTERFACE ${swift_headers} ${swift_headers}/Block)
-  # CoreFoundation's own header calls major(), which glibc declares elsewhere.
+  # CoreFoundation's header calls major(), which glibc declares in another header.
   target_compile_options(SwiftToolchain::CoreFoundation INTERFACE -fblocks
     $<$<COMPILE_LANGUAGE:CXX,OBJCXX>:-includesys/sysmacros.h>)
   target_link_directories(SwiftToolchain::CoreFoundation INTERFACE ${swift_libraries})

@@ -198,8 +198,6 @@ class CommandBuilder {
   }
 
  private:
-  enum Key currentKey() const { return key_; }
-
   // Returns whether the current value belongs to an unknown key.
   bool isIgnored() const { return depth_ > 0 && key_ == Key::unknown; }
 

@@ -1,13 +1,13 @@
-# The macOS sources on Linux: they run on the CoreFoundation and libdispatch of a Swift toolchain, which no package brings.
+# Runs the macOS sources on Linux. They need the CoreFoundation and libdispatch of a Swift toolchain, which no package provides.
 
-# The reason why they cannot be run here; nothing where they can. Looks where cmake/SwiftToolchain.cmake does.
+# Prints why they cannot run here, or nothing. Searches the places that cmake/SwiftToolchain.cmake searches.
 why_no_apple_tests() {
   local place
   if is_mac; then echo "a Mac runs them as what they are"; return; fi
   if [ "$(uname -m)" != x86_64 ]; then echo "they run on x86-64 only"; return; fi
   for place in "${PALAVER_SWIFT_BIN:+$PALAVER_SWIFT_BIN/swiftc}" "$(command -v swiftc || true)"; do
     if [ -n "$place" ] && [ -x "$place" ]; then
-      # What it needs itself, such as libncurses6, is not the project's to install.
+      # The project does not install what the compiler itself needs, such as libncurses6.
       "$place" --version >/dev/null 2>&1 || { echo "$place does not start"; return; }
       set_up apple
       command -v clang++-14 >/dev/null || echo "clang++-14 is missing (packages/debian-apple.txt)"

@@ -1,4 +1,4 @@
-# Runs the benchmarks of bench/: reports, never tests.
+# Runs the benchmarks of bench/. They report and never fail for being slow.
 
 benchmark_target() {  # name
   case $1 in

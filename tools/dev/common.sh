@@ -1,4 +1,4 @@
-# Small helpers of ./dev: messages, and what this machine is.
+# Prints messages and identifies the machine, for ./dev.
 
 say() { printf '%s\n' "$*" >&2; }
 note_skipped() { say "skipped: $*"; }
@@ -10,8 +10,8 @@ is_debian() { command -v apt-get >/dev/null && command -v dpkg-query >/dev/null;
 
 processors() { getconf _NPROCESSORS_ONLN 2>/dev/null || echo 2; }
 
-# The thread sanitizers of GCC 12 and clang 14 need their shadow memory free of mappings, which kernels with much address
-# randomization do not grant.
+# Runs a command without address randomization for the presets of the thread sanitizer. GCC 12 and clang 14 need their shadow
+# memory free of mappings, which kernels with much randomization do not grant.
 with_fixed_addresses() {  # preset, command...
   local preset=$1
   shift

@@ -1,4 +1,4 @@
-# Recordings for ./dev demo on a Mac, and what keeps its helper from transcribing them.
+# Makes the recordings of ./dev demo on a Mac, and prints the step that is missing there.
 
 # The value of --locale among the arguments, or the default.
 locale_of() {

@@ -1,4 +1,4 @@
-# Runs each fuzzer for some seconds. What it finds is kept in build/fuzz-findings, its corpus in build/fuzz-corpus.
+# Runs each fuzzer for some seconds. Writes findings to build/fuzz-findings and the corpus to build/fuzz-corpus.
 
 can_fuzz() {
   command -v clang++-14 >/dev/null &&

@@ -1,6 +1,6 @@
-# The checks of the sources: format, clang-tidy, layers. Each runs even when one before it failed.
+# Checks the sources: format, layers, clang-tidy. Each check runs even when an earlier one failed.
 
-# The tree's files: those of the repository (also new ones not added yet), or all without one.
+# Prints the files of the repository, including new ones, or all files where there is no repository.
 tree_files() {
   if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
     git ls-files --cached --others --exclude-standard
@@ -13,8 +13,7 @@ check_format() {
   tree_files | grep -E '\.(h|c|cpp|mm|m)$' | tr '\n' '\0' | xargs -0 -n 40 clang-format-14 --dry-run --Werror
 }
 
-# The product's and the tools' sources, as far as the preset dev compiles them. The tests' are left out: a run over them
-# takes as long again as all the rest.
+# Checks the sources that the preset dev compiles, except the tests, which would double the time.
 check_tidy() {
   local sources
   sources=$(sed -n 's|^  "file": "'"$root"'/\(.*\)",\{0,1\}$|\1|p' build/dev/compile_commands.json | grep -v '^tests/' | sort -u)
@@ -26,7 +25,7 @@ check_tidy() {
     --extra-arg=-Wno-unknown-warning-option 2>build/logs/clang-tidy-noise.log
 }
 
-# The sources of macOS, as the preset apple compiles them on Linux.
+# Checks the sources of macOS as the preset apple compiles them on Linux.
 check_tidy_macos() {
   find platform/macos -name '*.cpp' -o -name '*.mm' | sort | tr '\n' '\0' | xargs -0 -n 2 -P "$(processors)" \
     clang-tidy-14 -p build/apple --quiet --header-filter="^$root/(analyzer|core|platform)/" 2>build/logs/clang-tidy-macos-noise.log

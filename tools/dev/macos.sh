@@ -1,4 +1,4 @@
-# The binary for macOS, cross-built on any system by Zig's compiler driver, and read back.
+# Cross-builds the binary for macOS with Zig and reads it back.
 
 # Prints the path of the program zig: PALAVER_ZIG, or one on the PATH, or that of the Python package ziglang, also where
 # .ci/run puts it. Fails where there is none.
@@ -25,21 +25,21 @@ find_zig() {
 
 check_macos_build() {
   local zig started=$SECONDS
-  # A zig that PALAVER_ZIG names and that does not work is an error, not a reason to skip.
+  # A PALAVER_ZIG that does not work is an error, not a reason to skip.
   [ -z "${PALAVER_ZIG-}" ] || find_zig >/dev/null
   if ! zig=$(find_zig); then
     note_unchecked "the arm64 build for macOS: it needs Zig (pip install ziglang, or PALAVER_ZIG=/path/to/zig)"
     return 0
   fi
-  # Zig keeps the standard library that it builds first, for a minute or so, in the user's cache.
+  # Zig caches the standard library that it builds in the first minute.
   if [ -z "${HOME-}${XDG_CACHE_HOME-}" ]; then export ZIG_GLOBAL_CACHE_DIR="${ZIG_GLOBAL_CACHE_DIR:-$root/build/zig-cache}"; fi
-  # CMake keeps to the compiler that it began with.
+  # CMake cannot change the compiler of a build directory.
   if ! grep -qsxF "PALAVER_ZIG:FILEPATH=$zig" build/macos-cross/CMakeCache.txt; then rm -rf build/macos-cross; fi
   PALAVER_ZIG=$zig build macos-cross
   local program=build/macos-cross/PalaverSTTHelper
   say "reading back (macos-cross): $program, $(wc -c <"$program" | tr -d ' ') bytes, by Zig $("$zig" version)"
   python3 tools/check-macho "$program" || fail "the binary for macOS is not as it has to be"
-  # That the check finds damage, on this very binary.
+  # Shows that the check finds damage, on this binary.
   local log=build/logs/check-macho.log
   python3 tests/unit/tools/check_macho_test.py "$(project_version)" "$program" >"$log" 2>&1 ||
     show_failure "testing the check of the binary" "$log"

@@ -1,6 +1,6 @@
-# Installs what is missing of the packages that packages/*.txt list. A machine that has them all needs no network.
+# Installs missing packages of packages/*.txt. Needs no network when all are present.
 
-# The names in package lists, without comments and empty lines.
+# Prints the names in package lists, without comments and empty lines.
 packages_in() { sed -e 's/#.*//' -e 's/[[:space:]]//g' -e '/^$/d' "$@"; }
 
 as_root() {
