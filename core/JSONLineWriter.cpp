@@ -74,7 +74,12 @@ void JSONLineWriter::error(std::string_view message, std::optional<std::string_v
 }
 
 bool JSONLineWriter::tryError(std::string_view message) {
-  const auto line = serializeEvent(errorEvent(message));
+  std::string line;
+  try {
+    line = serializeEvent(errorEvent(message));
+  } catch (const std::exception&) {
+    return false;  // error() reports it
+  }
   const std::unique_lock guard(lock_, std::try_to_lock);
   if (!guard.owns_lock() || !standardOutput_.isWritable()) return false;
   writeLine(line);

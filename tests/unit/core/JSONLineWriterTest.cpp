@@ -66,6 +66,14 @@ TEST(JSONLineWriterTest, NonASCIITextIsWrittenAsUTF8) {
   EXPECT_EQ(serializeEvent({{"text", "会議 é 😀 \xE2\x80\xA8"}}), "{\"text\":\"会議 é 😀 \xE2\x80\xA8\"}");
 }
 
+TEST(JSONLineWriterTest, ImmediateErrorThatIsNotUTF8IsLeftToError) {
+  FakePlatform fake;
+  JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
+  EXPECT_FALSE(writer.tryError("\xFF"));
+  EXPECT_THAT(fake.standardOutput.writes(), IsEmpty());
+  EXPECT_TRUE(writer.tryError("text"));
+}
+
 TEST(JSONLineWriterTest, EmptyContainersAndIntegersAreWritten) {
   EXPECT_EQ(serializeEvent(Event::object()), "{}");
   EXPECT_EQ(serializeEvent({{"a", Event::array()}, {"o", Event::object()}, {"n", nullptr}}),
