@@ -8,7 +8,7 @@ namespace {
 
 // Returns the length of the member of the set at the start of the text, or 0. Sources: Unicode general
 // category Zs, the newline set U+000A to U+000D, U+0085, U+2028, U+2029, and U+200B, which Foundation's
-// whitespacesAndNewlines has too (tests/apple/swift compares with the real one).
+// whitespacesAndNewlines has too (tests/apple/WhiteSpaceTest.cpp compares with the real one).
 std::size_t spaceLength(std::string_view text) {
   const auto byte = [&text](std::size_t i) {
     return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u;
