@@ -22,9 +22,12 @@ class SerialPromise {
   void resolve(Value value) { settle(std::move(value)); }
   void reject(std::exception_ptr error) { settle(std::move(error)); }
 
-  // Destroys the waiters, because no value will be set. Breaks the reference cycle of a promise and waiters
-  // that own its owner.
-  void abandon() { std::exchange(waiters_, {}).clear(); }
+  // Destroys the waiters, and every later one, because no value will be set. Breaks the reference cycle of a
+  // promise and waiters that own its owner. Does nothing once a value or an error has been set.
+  void abandon() {
+    isAbandoned_ = true;
+    std::exchange(waiters_, {}).clear();
+  }
 
   // Abandons the promise when the coroutine that should settle it ends or is destroyed.
   class Keeper {
@@ -43,6 +46,7 @@ class SerialPromise {
     if (std::holds_alternative<std::monostate>(outcome_)) {
       co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(
           [this](auto handler) {
+            if (isAbandoned_) return;  // destroying the handler destroys the coroutine
             waiters_.push_back([waiter = std::move(handler)]() mutable { std::move(waiter)(); });
           },
           asio::use_awaitable);
@@ -60,6 +64,7 @@ class SerialPromise {
 
   std::variant<std::monostate, Value, std::exception_ptr> outcome_;
   std::vector<UniqueFunction<void()>> waiters_;
+  bool isAbandoned_ = false;
 };
 
 }  // namespace palaver

@@ -86,6 +86,14 @@ TEST_F(SerialPromiseTest, AbandonDestroysWaiters) {
   EXPECT_EQ(log, Log());
 }
 
+TEST_F(SerialPromiseTest, WaiterOfAbandonedPromiseIsDestroyed) {
+  promise.abandon();
+  spawn(context.get_executor(), await("late"));
+  run();
+  EXPECT_EQ(destroyed, 1);
+  EXPECT_EQ(log, Log());
+}
+
 TEST_F(SerialPromiseTest, KeeperAbandonsWithoutValue) {
   spawn(context.get_executor(), await("a"));
   run();
