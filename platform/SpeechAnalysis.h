@@ -2,8 +2,10 @@
 // one by one, and the inventory of models. Modelled on SpeechAnalyzer, SpeechTranscriber and
 // AssetInventory of macOS 26.
 //
-// Any thread may call, but calls on one object never overlap. Each completion is called at most once, on any
-// thread, possibly inside the call. A completion that is never called is destroyed with the platform.
+// Any thread may call. Calls on SpeechAnalysis and on AssetInventory may overlap, because every channel uses
+// the same two objects. Calls on one transcriber, analyzer, input or installation request never do. Each
+// completion is called at most once, on any thread, possibly inside the call. A completion that is never
+// called is destroyed with the platform.
 #pragma once
 
 #include <memory>

@@ -9,11 +9,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <variant>
 #include <vector>
 
@@ -180,6 +182,27 @@ TEST_P(SpeechAnalysisContract, AnalyzersRunConcurrently) {
   EXPECT_FALSE(text.empty());
   EXPECT_EQ(other.readAll().finalText(), text);
   EXPECT_EQ(silent.readAll().finalText(), "");
+}
+
+TEST_P(SpeechAnalysisContract, CallsOfManyThreadsAreAllAnswered) {
+  constexpr int threadCount = 4;
+  constexpr int rounds = 10;
+  std::atomic<int> answered = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < threadCount; ++i)
+    threads.emplace_back([this, &answered] {
+      for (int round = 0; round < rounds; ++round) {
+        const auto transcriber = makeTranscriber(analysis(), subject_->locale());
+        const auto format = askForFormat(analysis(), transcriber);
+        const bool isInstalled = askForStatus(analysis(), transcriber) == AssetStatus::installed;
+        const bool needsNothing = askForInstallation(analysis(), transcriber).has_value();
+        const auto made = analysis().makeAnalyzer(transcriber, {});
+        made.input->finish();
+        if (format && isInstalled && needsNothing) ++answered;
+      }
+    });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(answered, threadCount * rounds);
 }
 
 TEST_P(SpeechAnalysisContract, Accepts100ContextualPhrases) {
