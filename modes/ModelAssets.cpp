@@ -18,6 +18,11 @@ namespace palaver {
 
 namespace {
 
+// Replaces bytes that are not UTF-8 by U+FFFD. An argument may have any bytes, an event may not.
+std::string repairedUTF8(std::string_view text) {
+  return Event::parse(Event(text).dump(-1, ' ', false, Event::error_handler_t::replace)).get<std::string>();
+}
+
 asio::awaitable<AssetStatus> reportModel(AssetInventory& inventory,
                                          const std::shared_ptr<SpeechTranscriber>& transcriber,
                                          const std::string& locale, JSONLineWriter& writer) {
@@ -70,7 +75,7 @@ void installSpeechAnalyzerAssets(Platform& platform, JSONLineWriter& writer,
     writer.error("SpeechAnalyzer assets require macOS 26 and the macOS 26 SDK (Xcode/Command Line Tools 26)");
     endProcess(platform.process, writer, 1);
   }
-  spawn(platform.tasks.executor(), installAndExit(platform, writer, std::string(localeIdentifier)));
+  spawn(platform.tasks.executor(), installAndExit(platform, writer, repairedUTF8(localeIdentifier)));
   platform.mainQueue.run();
 }
 
