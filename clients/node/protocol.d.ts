@@ -268,6 +268,7 @@ export type ErrorCode =
   | 'japanese-unsupported'
   | 'analyzer-failed'
   | 'audio-conversion-failed'
+  | 'audio-refused'
   | 'result-stream-failed'
   | 'research-usage'
   | 'system-unsupported'
