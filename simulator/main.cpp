@@ -1,7 +1,12 @@
 // Runs the helper on a simulated machine, for tests.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <span>
 #include <string>
@@ -49,6 +54,26 @@ bool playFile(const std::filesystem::path& path) {
   return !report;
 }
 
+// Plays a file in a child process, so that a crash ends only this scenario.
+bool playFileApart(const std::filesystem::path& path) {
+  std::fflush(stdout);
+  const pid_t child = fork();
+  if (child < 0) return playFile(path);
+  if (child == 0) {
+    const bool passed = playFile(path);
+    std::exit(passed ? 0 : 1);
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (WIFEXITED(status) && WEXITSTATUS(status) <= 1) return WEXITSTATUS(status) == 0;
+  const auto reason = WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
+                                          : "status " + std::to_string(WEXITSTATUS(status));
+  std::printf("FAILED %s\n  the process that played it ended with %s\n", path.stem().string().c_str(),
+              reason.c_str());
+  return false;
+}
+
 int live(std::span<char*> arguments) {
   try {
     runLive(arguments.front(), arguments.subspan(1));
@@ -60,7 +85,8 @@ int live(std::span<char*> arguments) {
 
 int run(std::span<char*> paths) {
   int failures = 0;
-  for (const char* const path : paths) failures += playFile(path) ? 0 : 1;
+  const auto playOne = paths.size() > 1 ? playFileApart : playFile;
+  for (const char* const path : paths) failures += playOne(path) ? 0 : 1;
   if (paths.size() > 1) std::printf("%zu scenarios, %d failed\n", paths.size(), failures);
   return failures == 0 ? 0 : 1;
 }

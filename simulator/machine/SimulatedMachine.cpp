@@ -81,7 +81,7 @@ void RecordingOutput::write(std::string_view bytes) {
   if (scheduler_.hasEnded()) return;
   rest_ += bytes;
   for (std::size_t end; (end = rest_.find('\n')) != std::string::npos; rest_.erase(0, end + 1))
-    lines_.push_back({scheduler_.now(), rest_.substr(0, end)});
+    lines_.push_back({scheduler_.now(), rest_.substr(0, end), ++lineCount_});
 }
 
 std::optional<AudioFormat> SimulatedAudioBuffers::makeFormat(CommonFormat commonFormat, double sampleRate,

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <deque>
 #include <map>
 #include <memory>
@@ -104,9 +105,12 @@ class RecordingOutput final : public OutputStream {
   struct Line {
     double time;  // ms since the start, when the write completed the line
     std::string text;
+    std::size_t number = 0;  // from 1, among the lines of all streams of the machine; 0: unknown
   };
 
-  explicit RecordingOutput(const Scheduler& scheduler) : scheduler_(scheduler) {}
+  // `lineCount`: counts the lines of all streams of the machine.
+  RecordingOutput(const Scheduler& scheduler, std::size_t& lineCount)
+      : scheduler_(scheduler), lineCount_(lineCount) {}
 
   void write(std::string_view bytes) override;
 
@@ -117,6 +121,7 @@ class RecordingOutput final : public OutputStream {
 
  private:
   const Scheduler& scheduler_;
+  std::size_t& lineCount_;
   std::vector<Line> lines_;
   std::string rest_;
 };

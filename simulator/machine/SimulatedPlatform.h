@@ -47,6 +47,7 @@ class SimulatedPlatform {
   SimulatedProcess process;
   SimulatedMainQueue mainQueue;
   SimulatedInput standardInput;
+  std::size_t lineCount = 0;  // of both streams
   RecordingOutput standardOutput;
   RecordingOutput standardError;
   SimulatedAudioBuffers audioBuffers;

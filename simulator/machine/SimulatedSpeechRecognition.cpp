@@ -86,7 +86,9 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
     recognition->record.hasTask = true;
     if (!state_.utterances.empty())
       recognition->utterance = state_.utterances[tasks_.size() % state_.utterances.size()];
-    if (!recognition->record.isProbe()) {
+    if (recognition->record.isProbe()) {
+      probes_.push_back(recognition);
+    } else {
       tasks_.push_back(recognition);
       if (!state_.dictationIsOn)
         answerLater(recognition, 0, [] { return errorAnswer(dictationDisabledError()); });
@@ -107,19 +109,30 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
     giveDuePartials(recognition);
   }
 
-  void endAudio(const Pointer& recognition) {
-    if (timeline_.hasEnded() || recognition->record.endAudioAt) return;
+  // endAudio() and cancel() return the answer to give inside the call, without the lock, if there is one.
+  std::optional<RecognitionAnswer> endAudio(const Pointer& recognition) {
+    if (timeline_.hasEnded() || recognition->record.endAudioAt) return std::nullopt;
     recognition->record.endAudioAt = timeline_.now();
-    if (recognition->handler) answerEndOfAudio(recognition);
+    if (!recognition->handler) return std::nullopt;
+    if (recognition->record.isProbe() || !state_.answersInsideEndAudio) {
+      answerEndOfAudio(recognition);
+      return std::nullopt;
+    }
+    if (recognition->hasEnded) return std::nullopt;
+    const auto answer = answerToEndOfAudio(*recognition);
+    note(*recognition, answer);
+    return answer;
   }
 
-  void cancel(const Pointer& recognition) {
-    if (timeline_.hasEnded() || recognition->record.cancelledAt) return;
+  std::optional<RecognitionAnswer> cancel(const Pointer& recognition) {
+    if (timeline_.hasEnded() || recognition->record.cancelledAt) return std::nullopt;
     recognition->record.cancelledAt = timeline_.now();
-    if (recognition->hasEnded) return;
+    if (recognition->hasEnded) return std::nullopt;
     recognition->hasEnded = true;
+    if (state_.answersInsideCancel) return errorAnswer(cancelledError());
     if (state_.answersAfterCancel)
       call(recognition, *state_.answersAfterCancel, errorAnswer(cancelledError()));
+    return std::nullopt;
   }
 
   void failAll(const PlatformError& error) {
@@ -136,9 +149,19 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
                        });
   }
 
-  Pointer task(std::size_t number) const {
-    if (tasks_.empty() || number > tasks_.size()) return nullptr;
-    return tasks_[(number == 0 ? tasks_.size() : number) - 1];
+  Pointer task(const TaskChoice& choice) const {
+    if (choice.by == TaskChoice::By::sample) {
+      const auto hasReceived = [&choice](const Pointer& task) {
+        return std::ranges::any_of(task->record.buffers,
+                                   [&](const auto& buffer) { return buffer.firstSample == choice.number; });
+      };
+      const auto found = std::find_if(tasks_.rbegin(), tasks_.rend(), hasReceived);
+      return found == tasks_.rend() ? nullptr : *found;
+    }
+    const auto& tasks = choice.by == TaskChoice::By::probeStart ? probes_ : tasks_;
+    const auto number = static_cast<std::size_t>(choice.number);
+    if (tasks.empty() || number > tasks.size()) return nullptr;
+    return tasks[(number == 0 ? tasks.size() : number) - 1];
   }
 
   std::vector<RecordedRequest> recorded(bool probes) {
@@ -168,23 +191,42 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
   }
 
   void answerEndOfAudio(const Pointer& recognition) {
-    const bool isProbe = recognition->record.isProbe();
-    const auto after = isProbe ? state_.probeAnswersAfter : state_.answersAfterEndAudio;
+    const auto weak = std::weak_ptr(recognition);
+    if (!recognition->record.isProbe()) {
+      if (const auto after = state_.answersAfterEndAudio)
+        answerLater(recognition, *after, [weak] { return answerToEndOfAudio(*weak.lock()); });
+      return;
+    }
+    std::optional<RecognitionAnswer> own;
+    auto after = state_.probeAnswersAfter;
+    if (auto& next = state_.nextProbeAnswers; !next.empty()) {
+      own = std::move(next.front().answer);
+      after = next.front().after;
+      next.pop_front();
+    }
     if (!after) return;
-    answerLater(recognition, *after, [this, weak = std::weak_ptr(recognition), isProbe] {
-      if (isProbe && !state_.dictationIsOn) return errorAnswer(dictationDisabledError());
-      const auto self = weak.lock();
-      if (self->utterance && self->sound > 0) {
-        auto text = self->utterance->finalText;
-        if (text.empty()) text = self->newest.formattedString;
-        if (!text.empty()) return resultAnswer(*self, text, true);
-      }
-      if (isProbe) return state_.probeAnswer;
-      auto result = self->newest;
-      result.isFinal = true;
-      return result.formattedString.empty() ? errorAnswer(noSpeechError())
-                                            : RecognitionAnswer{result, std::nullopt};
+    answerLater(recognition, *after, [this, weak, own = std::move(own)] {
+      if (!state_.dictationIsOn) return errorAnswer(dictationDisabledError());
+      if (const auto answer = scriptedFinal(*weak.lock())) return *answer;
+      return own.value_or(state_.probeAnswer);
     });
+  }
+
+  // Returns the final of the task's own script, if it has one and has received sound.
+  static std::optional<RecognitionAnswer> scriptedFinal(const Recognition& recognition) {
+    if (!recognition.utterance || recognition.sound == 0) return std::nullopt;
+    auto text = recognition.utterance->finalText;
+    if (text.empty()) text = recognition.newest.formattedString;
+    if (text.empty()) return std::nullopt;
+    return resultAnswer(recognition, text, true);
+  }
+
+  static RecognitionAnswer answerToEndOfAudio(const Recognition& recognition) {
+    if (const auto answer = scriptedFinal(recognition)) return *answer;
+    auto result = recognition.newest;
+    result.isFinal = true;
+    if (result.formattedString.empty()) return errorAnswer(noSpeechError());
+    return {std::move(result), std::nullopt};
   }
 
   // Calls the handler with the answer determined at that time, unless the task has ended by then.
@@ -211,6 +253,7 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
   RecognitionState state_;
   std::vector<Pointer> all_;
   std::vector<Pointer> tasks_;  // without the probes
+  std::vector<Pointer> probes_;
   std::mutex lock_;
 };
 
@@ -223,7 +266,8 @@ class SimulatedSpeechRecognition::Request final : public RecognitionRequest {
     service_->locked([&] { service_->append(recognition_, *buffer); });
   }
   void endAudio() override {
-    service_->locked([&] { service_->endAudio(recognition_); });
+    const auto answer = service_->locked([&] { return service_->endAudio(recognition_); });
+    if (answer) recognition_->handler(answer->result, answer->error);
   }
   const Service::Pointer& recognition() const { return recognition_; }
 
@@ -238,7 +282,8 @@ class SimulatedSpeechRecognition::Task final : public RecognitionTask {
       : service_(std::move(service)), recognition_(std::move(recognition)) {}
 
   void cancel() override {
-    service_->locked([&] { service_->cancel(recognition_); });
+    const auto answer = service_->locked([&] { return service_->cancel(recognition_); });
+    if (answer) recognition_->handler(answer->result, answer->error);
   }
 
  private:
@@ -313,7 +358,7 @@ void SimulatedSpeechRecognition::setState(RecognitionState state) {
   });
 }
 
-bool SimulatedSpeechRecognition::answer(std::size_t task, RecognitionAnswer answer, double delay) {
+bool SimulatedSpeechRecognition::answer(const TaskChoice& task, RecognitionAnswer answer, double delay) {
   return service_->locked([&] {
     const auto recognition = service_->task(task);
     if (recognition) service_->call(recognition, delay, std::move(answer));

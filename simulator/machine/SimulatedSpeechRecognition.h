@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -57,6 +58,12 @@ struct RecognitionState {
   // delay in ms. None: never.
   RecognitionAnswer probeAnswer{std::nullopt, noSpeechError()};
   std::optional<double> probeAnswersAfter = 0;
+  // Answers to the next such recognitions, one each, instead.
+  struct ProbeAnswer {
+    RecognitionAnswer answer{std::nullopt, noSpeechError()};
+    std::optional<double> after = 0;
+  };
+  std::deque<ProbeAnswer> nextProbeAnswers;
 
   // Whether handlers are called on the main thread as platform callbacks, as on macOS, or in the background.
   bool callbacksOnMainThread = true;
@@ -66,6 +73,9 @@ struct RecognitionState {
   std::optional<double> answersAfterEndAudio;
   // ms from cancel() to cancelledError(). None: a cancelled task calls no handler.
   std::optional<double> answersAfterCancel;
+  // Whether these answers come inside the call instead, as if another thread gave them meanwhile.
+  bool answersInsideEndAudio = false;
+  bool answersInsideCancel = false;
   // Utterances of tasks without a script: the first task gets the first, and so on, starting over
   // after the last.
   std::vector<SimulatedUtterance> utterances;
@@ -92,6 +102,17 @@ struct RecordedRequest {
   bool isProbe() const { return !options.shouldReportPartialResults; }
 };
 
+// Chooses the task that answers.
+struct TaskChoice {
+  enum class By {
+    start,       // from 1 in the order of their start, without the probes; 0 is the newest
+    probeStart,  // from 1 in the order of their start, the probes only; 0 is the newest
+    sample,      // the newest task that has received a buffer with this first sample
+  };
+  By by = By::start;
+  std::int64_t number = 0;
+};
+
 // Any thread, as far as the contract allows. Handlers are called without a lock held. Tasks and requests keep
 // alive what they need, but the timeline must outlive them all.
 class SimulatedSpeechRecognition final : public SpeechRecognition {
@@ -108,9 +129,9 @@ class SimulatedSpeechRecognition final : public SpeechRecognition {
   // Changes the state. Turning Dictation off fails all running tasks.
   void setState(RecognitionState state);
 
-  // Calls the handler of a task, running or not, `delay` ms from now. Tasks except probes are numbered from 1
-  // in the order of their start. 0 is the newest. Returns false when there is no such task.
-  bool answer(std::size_t task, RecognitionAnswer answer, double delay = 0);
+  // Calls the handler of a task, running or not, `delay` ms from now. Returns false when there is no
+  // such task.
+  bool answer(const TaskChoice& task, RecognitionAnswer answer, double delay = 0);
 
   // Returns copies of the records of all requests so far, in the order of their creation, without the probes
   // or only the probes.

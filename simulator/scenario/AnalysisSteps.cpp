@@ -37,7 +37,7 @@ std::optional<AudioFormat> readFormat(const JSON& value, const std::string& wher
   if (const auto samples = reader.text("samples"))
     format.commonFormat = oneOf(commonFormats, *samples, reader.where("samples"));
   if (const auto rate = reader.number("rate")) format.sampleRate = *rate;
-  if (const auto channels = reader.number("channels"))
+  if (const auto channels = reader.wholeNumber("channels"))
     format.channelCount = static_cast<std::uint32_t>(*channels);
   if (const auto interleaved = reader.boolean("interleaved")) format.interleaved = *interleaved;
   reader.finish();
@@ -142,7 +142,7 @@ void readAnalysisState(const JSON& value, const std::string& where, AnalysisStat
 
 AnalyzerEmission readAnalyzerEmission(const JSON& value, const std::string& where) {
   ObjectReader reader(value, where);
-  const double number = reader.number("number").value_or(0);
+  const auto number = reader.wholeNumber("number").value_or(0);
   const auto partial = reader.text("partial");
   const auto final = reader.text("final");
   const auto* const error = reader.find("error");
@@ -151,7 +151,7 @@ AnalyzerEmission readAnalyzerEmission(const JSON& value, const std::string& wher
   const auto [start, end] = readRange(reader);
   const double after = reader.number("after").value_or(0);
   reader.finish();
-  if (!(number >= 0) || number != std::floor(number)) reader.fail("number must be a number from 1");
+  if (number < 0) reader.fail("number must be a number from 1");
   if (partial.has_value() + final.has_value() + (error != nullptr) + ends + isCancelled != 1)
     reader.fail("must hold exactly one of partial, final, error, end, cancelled");
 

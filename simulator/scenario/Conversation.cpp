@@ -17,7 +17,7 @@ class ConversationReader {
   ConversationReader(const JSON& templates, Scenario& scenario)
       : templates_(templates), scenario_(scenario) {}
 
-  void readStep(const JSON& value, const std::string& where);
+  void readStep(const JSON& value, std::size_t number, const std::string& where);
 
  private:
   void send(double time, std::string bytes) {
@@ -28,6 +28,7 @@ class ConversationReader {
   void readHost(const JSON& value, const std::string& where);
   void readBytes(const std::string& digits, const std::string& where);
   void readAudio(const JSON& value, const std::string& where);
+  void readGroup(const JSON& events, std::size_t step, const std::string& where);
 
   const JSON& templates_;
   Scenario& scenario_;
@@ -88,9 +89,9 @@ void ConversationReader::readAudio(const JSON& value, const std::string& where) 
   const auto sessionId = reader.text("sessionId").value_or("a");
   const auto source = reader.text("source").value_or("remote");
   const double every = reader.number("every").value_or(100);
-  const double times = reader.number("times").value_or(1);
-  const auto sequence = reader.number("sequence");
-  const auto firstSample = reader.number("firstSample");
+  const auto times = reader.wholeNumber("times").value_or(1);
+  const auto sequence = reader.wholeNumber("sequence");
+  const auto firstSample = reader.wholeNumber("firstSample");
   const auto* const capturedAt = reader.find("capturedAt");
   const double frames = reader.number("frames").value_or(reader.number("ms").value_or(100) * 16);
   const double rms = reader.number("rms").value_or(0.1);
@@ -98,7 +99,7 @@ void ConversationReader::readAudio(const JSON& value, const std::string& where) 
   reader.finish();
   if (frames < 0 || frames != std::floor(frames)) reader.fail("the audio must hold whole frames");
   if (!(rms >= 0 && rms <= 0.99)) reader.fail("rms must be from 0 to 0.99");
-  if (!(every >= 0) || !(times >= 1) || times != std::floor(times)) reader.fail("every or times is wrong");
+  if (!(every >= 0) || times < 1) reader.fail("every or times is wrong");
 
   auto samples = samplesOfLoudness(exact ? 0 : rms, static_cast<std::size_t>(frames));
   if (exact)
@@ -110,21 +111,29 @@ void ConversationReader::readAudio(const JSON& value, const std::string& where) 
       samples[i] = sample.get<std::int16_t>();
     }
   auto& next = sequences_[{sessionId, source}];
-  if (sequence) next = static_cast<std::int64_t>(*sequence);
-  for (double i = 0; i < times; ++i) {
-    const double time = time_ + i * every;
+  if (sequence) next = *sequence;
+  for (std::int64_t i = 0; i < times; ++i) {
+    const double sinceFirst = static_cast<double>(i) * every;
+    const double time = time_ + sinceFirst;
     if (firstSample && !samples.empty()) samples[0] = static_cast<std::int16_t>(*firstSample + i);
     JSON command{{"type", "audio"},    {"sessionId", sessionId}, {"source", source},
                  {"sequence", next++}, {"capturedAt", "@now"},   {"pcmBase64", encodePCM(samples)}};
     if (capturedAt) command["capturedAt"] = *capturedAt;
     command = withTimes(command, scenario_.settings.startsAt, time, where);
     if (capturedAt && command["capturedAt"].is_number() && *capturedAt != "@now")
-      command["capturedAt"] = command["capturedAt"].get<double>() + i * every;
+      command["capturedAt"] = command["capturedAt"].get<double>() + sinceFirst;
     send(time, command.dump() + "\n");
   }
 }
 
-void ConversationReader::readStep(const JSON& value, const std::string& where) {
+void ConversationReader::readGroup(const JSON& events, std::size_t step, const std::string& where) {
+  if (events.size() < 2 || events.size() > 8) throw FileError(where, "must hold from 2 to 8 events");
+  for (const auto& event : events)
+    scenario_.output.push_back({time_, expanded(event, time_, where), "", step});
+  scenario_.output[scenario_.output.size() - events.size()].groupSize = events.size();
+}
+
+void ConversationReader::readStep(const JSON& value, std::size_t number, const std::string& where) {
   ObjectReader reader(value, where);
   const auto at = reader.number("at");
   const auto after = reader.number("after");
@@ -153,14 +162,15 @@ void ConversationReader::readStep(const JSON& value, const std::string& where) {
     if (const auto* const step = has(key))
       scenario_.actions.push_back({time_, readMachineStep(key, *step, reader.where(key))});
   if (const auto* const out = has("out"))
-    scenario_.output.push_back({time_, expanded(*out, time_, reader.where("out")), ""});
-  if (has("outLine")) scenario_.output.push_back({time_, nullptr, textOf("outLine")});
-  if (has("errorLine")) scenario_.errorOutput.push_back({time_, nullptr, textOf("errorLine")});
+    scenario_.output.push_back({time_, expanded(*out, time_, reader.where("out")), "", number});
+  if (has("outInAnyOrder")) readGroup(*reader.array("outInAnyOrder"), number, reader.where("outInAnyOrder"));
+  if (has("outLine")) scenario_.output.push_back({time_, nullptr, textOf("outLine"), number});
+  if (has("errorLine")) scenario_.errorOutput.push_back({time_, nullptr, textOf("errorLine"), number});
   reader.finish();
   if (actions != 1)
     reader.fail(
         "must hold exactly one of host, line, text, bytes, audio, closeInput, recognizer, "
-        "analyzer, platform, out, outLine, errorLine");
+        "analyzer, platform, out, outInAnyOrder, outLine, errorLine");
 }
 
 }  // namespace
@@ -168,7 +178,7 @@ void ConversationReader::readStep(const JSON& value, const std::string& where) {
 void readConversation(const JSON& steps, const JSON& templates, Scenario& scenario) {
   ConversationReader reader(templates, scenario);
   for (std::size_t i = 0; i < steps.size(); ++i)
-    reader.readStep(steps[i], "conversation[" + std::to_string(i) + "]");
+    reader.readStep(steps[i], i, "conversation[" + std::to_string(i) + "]");
 }
 
 }  // namespace palaver

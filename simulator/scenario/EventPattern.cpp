@@ -82,6 +82,8 @@ Difference compare(const JSON& pattern, const JSON& actual, const std::string& p
         return found;
     return std::nullopt;
   }
+  if (pattern.is_number_integer() && actual.is_number_float())
+    return in(path) + " is " + actual.dump() + ", which is not written as a whole number";
   return pattern == actual ? std::nullopt : unlike(pattern, actual, path);
 }
 

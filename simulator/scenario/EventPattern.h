@@ -12,8 +12,9 @@ namespace palaver {
 // Maps variables to values. The mapping is one-to-one.
 using Variables = std::map<std::string, JSON>;
 
-// Compares a value with a pattern. Keys and values must be equal at every depth, except for these strings and
-// objects of the pattern:
+// Compares a value with a pattern. Keys and values must be equal at every depth. A number that the pattern
+// has without a fraction (1) must be written so in the value too; another one (1.0) matches 1 as well. The
+// exceptions are these strings and objects of the pattern:
 //
 //   "$name"                         any value; equal names match equal values, different names different ones
 //   "$$text"                        the string "$text"

@@ -1,7 +1,6 @@
 #include "simulator/scenario/MachineSteps.h"
 
-#include <cmath>
-#include <cstddef>
+#include <optional>
 #include <utility>
 
 #include "simulator/scenario/AnalysisSteps.h"
@@ -12,18 +11,30 @@ namespace {
 
 // Holds one answer of a recognition task.
 struct RecognizerAnswer {
-  std::size_t task;  // 1-based start order; 0 is the newest
+  TaskChoice task;
   RecognitionAnswer answer;
 };
 
+TaskChoice readTaskChoice(ObjectReader& reader) {
+  using By = TaskChoice::By;
+  std::optional<TaskChoice> choice;
+  for (const auto& [key, by] :
+       {std::pair{"task", By::start}, {"probe", By::probeStart}, {"heard", By::sample}})
+    if (const auto number = reader.wholeNumber(key)) {
+      if (choice) reader.fail("has more than one of task, probe, heard");
+      if (by != By::sample && *number < 1) throw FileError(reader.where(key), "must be a number from 1");
+      choice = {by, *number};
+    }
+  return choice.value_or(TaskChoice());
+}
+
 RecognizerAnswer readRecognizerAnswer(const JSON& value, const std::string& where) {
   ObjectReader reader(value, where);
-  const double task = reader.number("task").value_or(0);
+  const auto task = readTaskChoice(reader);
   auto answer = readRecognitionAnswer(reader);
   reader.finish();
   if (!answer.result && !answer.error) reader.fail("has none of partial, final, error");
-  if (!(task >= 0) || task != std::floor(task)) reader.fail("task must be a number from 1");
-  return {static_cast<std::size_t>(task), std::move(answer)};
+  return {task, std::move(answer)};
 }
 
 }  // namespace

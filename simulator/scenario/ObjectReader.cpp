@@ -1,5 +1,6 @@
 #include "simulator/scenario/ObjectReader.h"
 
+#include <cmath>
 #include <fstream>
 #include <utility>
 #include <vector>
@@ -50,6 +51,15 @@ std::optional<double> ObjectReader::number(const std::string& key) {
   if (!value) return std::nullopt;
   if (!value->is_number()) throw FileError(where(key), "must be a number");
   return value->get<double>();
+}
+
+std::optional<std::int64_t> ObjectReader::wholeNumber(const std::string& key) {
+  const auto value = number(key);
+  if (!value) return std::nullopt;
+  constexpr double limit = 9007199254740992;  // 2^53: beyond it a double skips whole numbers
+  if (*value != std::trunc(*value) || std::abs(*value) > limit)
+    throw FileError(where(key), "must be a whole number");
+  return static_cast<std::int64_t>(*value);
 }
 
 std::optional<bool> ObjectReader::boolean(const std::string& key) {

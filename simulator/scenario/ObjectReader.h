@@ -1,6 +1,7 @@
 // Reads JSON objects strictly: unknown keys and values of the wrong type are errors that name their location.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -38,6 +39,8 @@ class ObjectReader {
 
   std::optional<std::string> text(const std::string& key);
   std::optional<double> number(const std::string& key);
+  // A number without a fraction, whether written 1 or 1.0.
+  std::optional<std::int64_t> wholeNumber(const std::string& key);
   std::optional<bool> boolean(const std::string& key);
   const JSON* array(const std::string& key);
 

@@ -44,7 +44,32 @@ void readLocales(const JSON& value, const std::string& where, RecognitionState& 
   }
 }
 
+RecognitionState::ProbeAnswer readProbeAnswer(const JSON& value, const std::string& where) {
+  RecognitionState::ProbeAnswer probe;
+  if (value == "never") {
+    probe.after.reset();
+    return probe;
+  }
+  ObjectReader reader(value, where);
+  probe.after = reader.number("after").value_or(0);
+  const auto answer = readRecognitionAnswer(reader);
+  if (answer.result || answer.error) probe.answer = answer;
+  reader.finish();
+  return probe;
+}
+
 void readProbe(const JSON& value, const std::string& where, RecognitionState& state) {
+  state.nextProbeAnswers.clear();
+  if (value.is_array()) {
+    if (value.empty()) throw FileError(where, "must hold at least one answer");
+    for (const auto& item : value)
+      state.nextProbeAnswers.push_back(
+          readProbeAnswer(item, where + "[" + std::to_string(state.nextProbeAnswers.size()) + "]"));
+    state.probeAnswer = state.nextProbeAnswers.back().answer;
+    state.probeAnswersAfter = state.nextProbeAnswers.back().after;
+    state.nextProbeAnswers.pop_back();
+    return;
+  }
   if (value == "never") {
     state.probeAnswersAfter.reset();
     return;
@@ -54,6 +79,15 @@ void readProbe(const JSON& value, const std::string& where, RecognitionState& st
   const auto answer = readRecognitionAnswer(reader);
   if (answer.result || answer.error) state.probeAnswer = answer;
   reader.finish();
+}
+
+// Reads a delay in ms, null for no answer, or "insideCall".
+void readDelay(ObjectReader& reader, const std::string& key, std::optional<double>& delay,
+               bool& isInsideCall) {
+  const auto* const value = reader.find(key);
+  if (!value) return;
+  isInsideCall = *value == "insideCall";
+  if (!isInsideCall) delay = reader.numberOrNull(key).value();
 }
 
 void readUtterances(const JSON& value, const std::string& where, RecognitionState& state) {
@@ -93,9 +127,9 @@ void readPlatformState(const JSON& value, const std::string& where, PlatformStat
     constexpr std::pair<const char*, bool> choices[]{{"main", true}, {"background", false}};
     recognition.callbacksOnMainThread = oneOf(choices, *callbacks, reader.where("callbacks"));
   }
-  if (const auto after = reader.numberOrNull("answersAfterEndAudio"))
-    recognition.answersAfterEndAudio = *after;
-  if (const auto after = reader.numberOrNull("answersAfterCancel")) recognition.answersAfterCancel = *after;
+  readDelay(reader, "answersAfterEndAudio", recognition.answersAfterEndAudio,
+            recognition.answersInsideEndAudio);
+  readDelay(reader, "answersAfterCancel", recognition.answersAfterCancel, recognition.answersInsideCancel);
   if (const auto* const utterances = reader.array("utterances"))
     readUtterances(*utterances, reader.where("utterances"), recognition);
   if (const auto fault = reader.text("audioBuffers")) {
@@ -157,7 +191,8 @@ PlatformError readPlatformError(const JSON& value, const std::string& where) {
   }
   ObjectReader reader(value, where);
   PlatformError error(reader.text("domain").value_or("kAFAssistantErrorDomain"),
-                      static_cast<long>(reader.number("code").value_or(0)), reader.text("text").value_or(""));
+                      static_cast<long>(reader.wholeNumber("code").value_or(0)),
+                      reader.text("text").value_or(""));
   reader.finish();
   return error;
 }

@@ -80,7 +80,7 @@ Scenario readScenario(const std::filesystem::path& path, const JSON& changes) {
   readSettings(reader, scenario);
   if (const auto* const seed = reader.find("seed")) readSeeds(*seed, reader.where("seed"), scenario);
   if (const auto until = reader.number("until")) scenario.until = *until;
-  if (const auto status = reader.number("exit")) scenario.exitStatus = static_cast<int>(*status);
+  if (const auto status = reader.wholeNumber("exit")) scenario.exitStatus = static_cast<int>(*status);
   if (const auto* const requests = reader.array("requests"))
     scenario.requests = readRequestPatterns(*requests, reader.where("requests"));
   if (const auto* const probes = reader.array("probes"))

@@ -33,6 +33,10 @@ struct ExpectedLine {
   double time;       // ms since the start
   JSON event;        // event pattern, or null
   std::string text;  // exact line, if there is no pattern
+  std::size_t step;  // number of its step in the conversation, from 0
+  // Number of lines from this one on that may come in any order; 1 for a line on its own. Only the first line
+  // of such a group has it.
+  std::size_t groupSize = 1;
 };
 
 struct Scenario {

@@ -13,9 +13,9 @@ namespace {
 
 constexpr std::string_view filesPrefix = "@files/";
 
-std::string vocabularyOf(double count) {
+std::string vocabularyOf(std::int64_t count) {
   JSON phrases = JSON::array();
-  for (int i = 1; i <= static_cast<int>(count); ++i) phrases.push_back("w" + std::to_string(i));
+  for (std::int64_t i = 1; i <= count; ++i) phrases.push_back("w" + std::to_string(i));
   return phrases.dump();
 }
 
@@ -24,9 +24,9 @@ SoundFileDescription readSound(const JSON& value, const std::string& where) {
   SoundFileDescription sound;
   sound.container = reader.text("container").value_or(sound.container);
   sound.encoding = reader.text("encoding").value_or(sound.encoding);
-  sound.sampleRate = static_cast<int>(reader.number("rate").value_or(sound.sampleRate));
-  sound.channels = static_cast<int>(reader.number("channels").value_or(sound.channels));
-  sound.frames = static_cast<std::int64_t>(reader.number("frames").value_or(0));
+  sound.sampleRate = static_cast<int>(reader.wholeNumber("rate").value_or(sound.sampleRate));
+  sound.channels = static_cast<int>(reader.wholeNumber("channels").value_or(sound.channels));
+  sound.frames = reader.wholeNumber("frames").value_or(0);
   sound.loudness = reader.number("rms").value_or(0);
   reader.finish();
   return sound;
@@ -40,7 +40,7 @@ ScenarioFile readFile(const std::string& name, const JSON& value, const std::str
     file.content = readSound(*sound, reader.where("sound"));
     ++contents;
   }
-  if (const auto phrases = reader.number("phrases")) {
+  if (const auto phrases = reader.wholeNumber("phrases")) {
     file.content = vocabularyOf(*phrases);
     ++contents;
   }
@@ -48,7 +48,7 @@ ScenarioFile readFile(const std::string& name, const JSON& value, const std::str
     file.content = *text;
     ++contents;
   }
-  if (const auto length = reader.number("cutTo")) file.length = static_cast<std::uint64_t>(*length);
+  if (const auto length = reader.wholeNumber("cutTo")) file.length = static_cast<std::uint64_t>(*length);
   reader.finish();
   if (contents != 1) reader.fail("must hold exactly one of sound, phrases, text");
   if (name.empty() || name.find('/') != std::string::npos) reader.fail("the name must be that of a file");

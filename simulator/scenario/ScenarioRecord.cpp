@@ -1,7 +1,11 @@
 #include "simulator/scenario/ScenarioRecord.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <string_view>
 
 #include "simulator/scenario/AnalysisSteps.h"
 #include "simulator/scenario/EventPattern.h"
@@ -65,6 +69,22 @@ std::optional<std::string> difference(const ExpectedLine& expected, const Scenar
   return palaver::difference(expected.event, JSON::parse(actual.text), variables);
 }
 
+// Matches `expected` with the lines from `first` on, in any order. Binds the variables on success only.
+bool matchInAnyOrder(std::vector<ExpectedLine> expected, const std::vector<ScenarioRecord::Line>& actual,
+                     std::size_t first, Variables& variables) {
+  if (expected.empty()) return true;
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    Variables bound = variables;
+    if (difference(expected[i], actual[first], bound)) continue;
+    auto others = expected;
+    others.erase(others.begin() + static_cast<std::ptrdiff_t>(i));
+    if (!matchInAnyOrder(std::move(others), actual, first + 1, bound)) continue;
+    variables = std::move(bound);
+    return true;
+  }
+  return false;
+}
+
 // Returns the first difference between the expected and the written lines with surrounding lines, or none.
 std::optional<std::string> compareLines(const char* stream, const std::vector<ExpectedLine>& expected,
                                         const ScenarioRecord::Stream& output, Variables& variables) {
@@ -76,6 +96,13 @@ std::optional<std::string> compareLines(const char* stream, const std::vector<Ex
       why = "it was not expected";
     } else if (line == actual.size()) {
       why = "it never came";
+    } else if (const auto size = expected[line].groupSize; size > 1 && line + size <= actual.size()) {
+      const auto begin = expected.begin() + static_cast<std::ptrdiff_t>(line);
+      if (matchInAnyOrder({begin, begin + static_cast<std::ptrdiff_t>(size)}, actual, line, variables)) {
+        line += size - 1;
+      } else {
+        why = "the " + std::to_string(size) + " lines from here on are not the expected ones in any order";
+      }
     } else {
       why = difference(expected[line], actual[line], variables);
     }
@@ -92,6 +119,37 @@ std::optional<std::string> compareLines(const char* stream, const std::vector<Ex
   for (std::size_t i = line; i < std::min(actual.size(), line + linesAfter); ++i)
     report += shown("+", actual[i].time, actual[i].text);
   return report;
+}
+
+// Compares the order of the lines of both streams, which have all come as expected. Lines of unknown order
+// are not compared.
+std::optional<std::string> compareOrder(const Scenario& scenario, const ScenarioRecord& record) {
+  struct Step {
+    std::size_t expected;
+    std::size_t actual;
+    bool isError;
+    std::string text;
+  };
+  std::vector<Step> steps;
+  const auto add = [&steps](const auto& expected, const auto& stream, bool isError) {
+    for (std::size_t i = 0; i < expected.size(); ++i)
+      steps.push_back({expected[i].step, stream.lines[i].number, isError, stream.lines[i].text});
+  };
+  add(scenario.output, record.output, false);
+  add(scenario.errorOutput, record.errorOutput, true);
+  if (std::ranges::any_of(steps, [](const Step& step) { return step.actual == 0; })) return std::nullopt;
+  std::ranges::sort(steps, {}, &Step::actual);
+  for (std::size_t i = 1; i < steps.size(); ++i) {
+    const auto& before = steps[i - 1];
+    const auto& after = steps[i];
+    if (before.isError == after.isError || before.expected <= after.expected) continue;
+    const auto named = [](const Step& step) {
+      return std::string(step.isError ? "standard error: " : "standard output: ") + step.text + "\n";
+    };
+    return "  these lines came in this order instead of the other one:\n    " + named(before) + "    " +
+           named(after);
+  }
+  return std::nullopt;
 }
 
 JSON toJSON(const RecordedRequest& request) {
@@ -118,16 +176,54 @@ JSON toJSON(const RecordedRequest& request) {
   return value;
 }
 
+// Returns the value with numbers without a fraction as whole numbers, as the patterns have them.
+JSON withWholeNumbers(JSON value) {
+  if (value.is_structured()) {
+    for (auto& member : value) member = withWholeNumbers(std::move(member));
+  } else if (value.is_number_float()) {
+    constexpr double limit = 9007199254740992;  // 2^53
+    const auto number = value.get<double>();
+    if (number == std::trunc(number) && std::abs(number) <= limit) value = static_cast<std::int64_t>(number);
+  }
+  return value;
+}
+
+// Replaces each number of the text within a year after `startsAt` by "@" and the ms since then.
+std::string withRelativeTimes(const std::string& text, double startsAt) {
+  constexpr double year = 365.0 * 24 * 60 * 60 * 1000;  // ms
+  constexpr std::string_view digits = "0123456789";
+  if (startsAt < year) return text;  // a time could not be told from other numbers
+  std::string result;
+  for (std::size_t i = 0; i < text.size();) {
+    double number = 0;
+    const bool isInWord = i > 0 && (std::isalnum(static_cast<unsigned char>(text[i - 1])) ||
+                                    text[i - 1] == '-' || text[i - 1] == '.' || text[i - 1] == '@');
+    char* end = nullptr;
+    if (!isInWord && digits.find(text[i]) != std::string_view::npos) number = std::strtod(&text[i], &end);
+    const auto length = end ? static_cast<std::size_t>(end - &text[i]) : 1;
+    if (number >= startsAt && number < startsAt + year) {
+      result += "@" + shown(number - startsAt);
+    } else {
+      result += text.substr(i, length);
+    }
+    i += length;
+  }
+  return result;
+}
+
 // Compares patterns with what requests, probes or analyzers received. Only keys that a pattern names are
 // compared.
 std::optional<std::string> compareReceived(const char* kind, const std::vector<JSON>& expected,
                                            const JSON& actual, Variables& variables) {
   std::string report;
-  if (expected.size() != actual.size())
+  if (expected.size() != actual.size()) {
     report += std::string("  ") + kind + "s: " + std::to_string(actual.size()) + " were made instead of " +
               std::to_string(expected.size()) + "\n";
+    for (const auto& pattern : expected) report += "    - " + pattern.dump() + "\n";
+    for (const auto& made : actual) report += "    + " + withWholeNumbers(made).dump() + "\n";
+  }
   for (std::size_t i = 0; i < std::min(expected.size(), actual.size()); ++i) {
-    JSON value = actual[i];
+    JSON value = withWholeNumbers(actual[i]);
     for (const auto& [key, unused] : actual[i].items())
       if (!expected[i].contains(key)) value.erase(key);
     if (const auto why = palaver::difference(expected[i], value, variables))
@@ -154,6 +250,11 @@ JSON receivedBy(const SimulatedSpeechRecognition& recognition, const SimulatedSp
           {"analyzers", listOf(analysis.analyses())}};
 }
 
+std::string complaintAboutLateSteps(std::size_t count, double firstTime) {
+  return "the helper exited before " + std::to_string(count) +
+         " step(s) of the host or the machine; the first is at " + shown(firstTime) + " ms";
+}
+
 std::optional<std::string> compare(const Scenario& scenario, const ScenarioRecord& record) {
   std::string report;
   const auto add = [&report](const std::optional<std::string>& part) { report += part.value_or(""); };
@@ -161,6 +262,7 @@ std::optional<std::string> compare(const Scenario& scenario, const ScenarioRecor
   Variables variables;
   add(compareLines("standard output", scenario.output, record.output, variables));
   add(compareLines("standard error", scenario.errorOutput, record.errorOutput, variables));
+  if (report.empty()) add(compareOrder(scenario, record));
   const auto addReceived = [&](const char* kind, const std::optional<std::vector<JSON>>& expected) {
     if (!expected) return;
     const auto lists = record.received.find(std::string(kind) + "s");
@@ -176,7 +278,7 @@ std::optional<std::string> compare(const Scenario& scenario, const ScenarioRecor
     report += "  the helper " + nameOf(record.exitStatus) +
               ", but was expected otherwise: " + nameOf(scenario.exitStatus) + "\n";
   if (report.empty()) return std::nullopt;
-  return report;
+  return withRelativeTimes(report, scenario.settings.startsAt);
 }
 
 }  // namespace palaver

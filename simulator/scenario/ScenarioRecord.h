@@ -28,7 +28,11 @@ struct ScenarioRecord {
 // Returns what the services have received so far.
 JSON receivedBy(const SimulatedSpeechRecognition& recognition, const SimulatedSpeechAnalysis& analysis);
 
-// Returns a readable description of the mismatches, or none.
+// Describes steps that could not be performed because the helper had exited. `firstTime`: ms since the start.
+std::string complaintAboutLateSteps(std::size_t count, double firstTime);
+
+// Returns a readable description of the mismatches, or none. Times of the wall clock are shown as "@" and ms
+// since the start.
 std::optional<std::string> compare(const Scenario& scenario, const ScenarioRecord& record);
 
 }  // namespace palaver

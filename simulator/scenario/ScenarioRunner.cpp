@@ -1,5 +1,6 @@
 #include "simulator/scenario/ScenarioRunner.h"
 
+#include <set>
 #include <utility>
 
 #include "app/Helper.h"
@@ -41,7 +42,9 @@ ScenarioRecord runOnce(const Scenario& scenario, const std::optional<std::uint64
   VirtualMachine machine(platform);
   Stage stage(machine, scenario.state);
   ScenarioRecord record;
+  std::multiset<double> ahead;  // times of the steps that have not been performed
   const auto perform = [&](const ScenarioAction& action) {
+    ahead.erase(ahead.find(action.time));
     if (const auto* const bytes = std::get_if<HostBytes>(&action.what)) {
       platform.standardInput.arrive(bytes->bytes);
     } else if (const auto* const step = std::get_if<MachineStep>(&action.what)) {
@@ -50,10 +53,14 @@ ScenarioRecord runOnce(const Scenario& scenario, const std::optional<std::uint64
       platform.standardInput.end();
     }
   };
-  for (const auto& action : scenario.actions)
+  for (const auto& action : scenario.actions) {
+    ahead.insert(action.time);
     platform.scheduler.schedule(action.time, Timeline::Context::background, &scenario,
                                 [&] { perform(action); });
+  }
   record.exitStatus = platform.run([&](Platform& parts) { program(platform, parts); }, scenario.until);
+  if (record.exitStatus && !ahead.empty())
+    record.complaints.push_back(complaintAboutLateSteps(ahead.size(), *ahead.begin()));
   record.output = streamOf(platform.standardOutput);
   record.errorOutput = streamOf(platform.standardError);
   record.received = receivedBy(platform.speechRecognition, platform.speechAnalysis);

@@ -24,14 +24,17 @@ std::optional<std::string> reasonToSkip(const Scenario& scenario) {
   return std::nullopt;
 }
 
-void play(const Scenario& scenario, SteppedProcess& helper) {
+// Returns a complaint about steps after the end of the helper, or none.
+std::optional<std::string> play(const Scenario& scenario, SteppedProcess& helper) {
   auto actions = scenario.actions;
   // Repeated steps are listed where the repetition starts.
   std::stable_sort(actions.begin(), actions.end(),
                    [](const auto& a, const auto& b) { return a.time < b.time; });
-  for (const auto& [time, what] : actions) {
+  for (auto action = actions.begin(); action != actions.end(); ++action) {
+    const auto& [time, what] = *action;
     helper.advance(time, SteppedProcess::End::excluded);
-    if (helper.hasEnded()) return;
+    if (helper.hasEnded())
+      return complaintAboutLateSteps(static_cast<std::size_t>(actions.end() - action), time);
     if (const auto* const bytes = std::get_if<HostBytes>(&what)) {
       helper.send(bytes->bytes);
     } else if (const auto* const step = std::get_if<MachineStep>(&what)) {
@@ -41,6 +44,7 @@ void play(const Scenario& scenario, SteppedProcess& helper) {
     }
   }
   helper.advance(scenario.until, SteppedProcess::End::included);
+  return std::nullopt;
 }
 
 }  // namespace
@@ -56,7 +60,7 @@ ConversationOutcome converse(const Scenario& scenario, std::vector<std::string> 
   try {
     if (auto reason = helper.start(scenario.machine, scenario.settings.startsAt))
       return {std::move(reason), std::nullopt};
-    play(scenario, helper);
+    if (const auto complaint = play(scenario, helper)) failure = "  " + *complaint + "\n";
     helper.askWhatWasReceived();
   } catch (const ConversationError& error) {
     failure = "  " + std::string(error.what()) + "\n";

@@ -38,7 +38,7 @@ void ConversationTest::audio(double time, double rms, const std::string& source)
 
 void ConversationTest::answers(double time, RecognitionAnswer answer) {
   at(time, [this, answer = std::move(answer)] {
-    EXPECT_TRUE(machine().speechRecognition.answer(0, answer)) << "there is no task yet";
+    EXPECT_TRUE(machine().speechRecognition.answer(TaskChoice(), answer)) << "there is no task yet";
   });
 }
 

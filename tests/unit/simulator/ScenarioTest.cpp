@@ -26,6 +26,15 @@ class ScenarioTest : public testing::Test {
           R"({"at": 20, "out": "status"})" + (steps.empty() ? "" : ", " + steps) + "]}");
     return play(readScenario(path_)).value_or("");
   }
+  // Plays a scenario of exactly these steps with a program. Returns the report, or "".
+  std::string reportOf(const std::string& steps, const ScenarioProgram& program) {
+    write(R"({"title": "t", "conversation": [)" + steps + "]}");
+    return play(readScenario(path_), program).value_or("");
+  }
+  std::string reportOfFile(const std::string& file) {
+    write(file);
+    return play(readScenario(path_)).value_or("");
+  }
   // Returns the error of reading a file, or "".
   std::string fileError(const std::string& file) {
     write(file);
@@ -110,6 +119,101 @@ TEST_F(ScenarioTest, FailsWhenAnsweringTaskIsMissing) {
   EXPECT_THAT(report(R"({"at": 100, "recognizer": {"partial": "x"}})"), HasSubstr("there is no such task"));
 }
 
+TEST_F(ScenarioTest, FailsOnStepsAfterTheExit) {
+  EXPECT_THAT(report(R"({"at": 100, "host": {"type": "shutdown"}}, {"at": 200, "host": {"type": "ping"}},
+                       {"at": 300, "closeInput": true})",
+                     R"("exit": 0, )"),
+              HasSubstr("exited before 2 step(s) of the host or the machine; the first is at 200 ms"));
+}
+
+TEST_F(ScenarioTest, WholeNumberMustBeWrittenAsOne) {
+  const auto pong = [](const std::string& sentAt) {
+    return R"(, {"out": {"type": "pong", "sentAt": )" + sentAt + R"(, "helperAt": "@100"}})";
+  };
+  const std::string large = R"({"at": 100, "host": {"type": "ping", "sentAt": 1e30}})";
+  const std::string whole = "1000000000000000000000000000000";
+  EXPECT_EQ(report(large + pong("1e30")), "");
+  EXPECT_EQ(report(std::string(ping) + pong("5.0")), "") << "a pattern with a fraction takes both";
+  EXPECT_EQ(report(std::string(ping) + pong("5")), "");
+  const std::string small = R"({"at": 100, "host": {"type": "ping", "sentAt": 5.5}})";
+  EXPECT_THAT(report(small + pong("5")), HasSubstr("sentAt is 5.5, which is not written as a whole number"));
+}
+
+TEST_F(ScenarioTest, OrderOfStandardOutputAndErrorIsCompared) {
+  const auto errorFirst = [](SimulatedPlatform&, Platform& platform) {
+    platform.standardError.write("error\n");
+    platform.standardOutput.write("output\n");
+  };
+  const std::string error = R"({"errorLine": "error"})";
+  const std::string output = R"({"outLine": "output"})";
+  EXPECT_EQ(reportOf(error + ", " + output, errorFirst), "");
+  EXPECT_THAT(reportOf(output + ", " + error, errorFirst),
+              HasSubstr("came in this order instead of the other one:\n    standard error: error\n"));
+}
+
+TEST_F(ScenarioTest, GroupMatchesLinesInAnyOrder) {
+  const std::string twoPings =
+      R"({"at": 100, "host": [{"type": "ping", "sentAt": 5}, {"type": "ping", "sentAt": 6}]})";
+  const auto pong = [](int sentAt) {
+    return R"({"type": "pong", "sentAt": )" + std::to_string(sentAt) + R"(, "helperAt": "@100"})";
+  };
+  const auto group = [&](int first, int second) {
+    return twoPings + R"(, {"outInAnyOrder": [)" + pong(first) + ", " + pong(second) + "]}";
+  };
+  EXPECT_EQ(report(group(5, 6)), "");
+  EXPECT_EQ(report(group(6, 5)), "");
+  EXPECT_THAT(report(group(5, 5)), HasSubstr("line 2: the 2 lines from here on are not the expected ones"));
+  EXPECT_THAT(report(group(6, 5) + ", " + R"({"out": )" + pong(7) + "}"), HasSubstr("line 4: it never came"));
+}
+
+TEST_F(ScenarioTest, ReportsShowTimesSinceTheStart) {
+  const auto text =
+      report(std::string(ping) + R"(, {"out": {"type": "pong", "sentAt": 5, "helperAt": "@150"}})");
+  EXPECT_THAT(text, AllOf(HasSubstr("helperAt is @100 instead of @150"), HasSubstr("\"helperAt\":@100")));
+  EXPECT_THAT(text, testing::Not(HasSubstr("1700000000")));
+}
+
+TEST_F(ScenarioTest, ReportsWhichRequestsWereMade) {
+  EXPECT_THAT(report("", R"("probes": [{"locale": "x"}, {}], )"),
+              AllOf(HasSubstr("- {\"locale\":\"x\"}"), HasSubstr("+ {"), HasSubstr("\"locale\":\"ja-JP\"")));
+}
+
+TEST_F(ScenarioTest, ProbesAreAnsweredInTurn) {
+  const std::string steps = R"({"at": 100, "host": {"type": "session.start", "sessionId": "a"}},
+    {"at": 40000, "host": {"type": "session.start", "sessionId": "b"}})";
+  // The first probe, at the start, finds Dictation off. The second one, after half a minute, does not.
+  const auto text =
+      report(steps, R"("platform": {"probe": [{"error": "dictationDisabled"}, {"error": "noSpeech"}]},
+                                     "probes": [{"madeAt": 0}, {"madeAt": 40000}], )");
+  EXPECT_THAT(text, AllOf(HasSubstr("available is false instead of true"),
+                          HasSubstr("40020  {\"available\":true"), testing::Not(HasSubstr("probes:"))));
+}
+
+TEST_F(ScenarioTest, ProbeMayBeAnsweredByStep) {
+  const std::string disabled = R"({"at": 5, "recognizer": {"probe": 1, "error": "dictationDisabled"}})";
+  const std::string file =
+      R"({"title": "t", "templates": "status.json", "platform": {"probe": "never"},
+    "conversation": [)" +
+      disabled +
+      R"(, {"at": 20, "out": {"type": "helper.status", "status": "$s", "available": false,
+      "implementation": "$i", "authorization": "$a", "modelStatus": "$m", "dictation": "disabled", "message": "$t",
+      "protocolVersion": 1}}]})";
+  EXPECT_EQ(reportOfFile(file), "");
+  EXPECT_THAT(report(R"({"at": 100, "recognizer": {"probe": 2, "error": "noSpeech"}})"),
+              HasSubstr("there is no such task"));
+}
+
+TEST_F(ScenarioTest, TaskMayBeChosenByWhatItHeard) {
+  const std::string steps = R"({"at": 100, "host": {"type": "session.start", "sessionId": "a"}},
+    {"out": {"type": "session.ready", "sessionId": "a", "available": true,
+             "implementation": "sf-speech-recognizer", "locale": "ja-JP"}},
+    {"at": 1000, "audio": {"firstSample": 501}}, {"at": 1000, "audio": {"source": "self", "firstSample": 601}},
+    {"at": 1100, "recognizer": {"heard": )";
+  EXPECT_THAT(report(steps + R"(501, "partial": "x"}})"), HasSubstr("\"source\":\"remote\""));
+  EXPECT_THAT(report(steps + R"(601, "partial": "x"}})"), HasSubstr("\"source\":\"self\""));
+  EXPECT_THAT(report(steps + R"(701, "partial": "x"}})"), HasSubstr("there is no such task"));
+}
+
 TEST_F(ScenarioTest, ReportsFailingSeed) {
   EXPECT_THAT(report(ping, R"("seed": [4, 5], )"), HasSubstr("with seed 4"));
 }
@@ -139,6 +243,13 @@ TEST_F(ScenarioTest, RejectsUnknownInput) {
   EXPECT_THAT(step(R"("recognizer": {})"), HasSubstr("has none of"));
   EXPECT_THAT(step(R"("recognizer": {"partial": "a", "final": "b"})"), HasSubstr("both partial and final"));
   EXPECT_THAT(step(R"("recognizer": {"error": "bang"})"), HasSubstr("unknown value \"bang\""));
+  EXPECT_THAT(step(R"("recognizer": {"error": {"code": 1110.9}})"),
+              HasSubstr("code: must be a whole number"));
+  EXPECT_THAT(step(R"("recognizer": {"partial": "a", "task": 0})"), HasSubstr("must be a number from 1"));
+  EXPECT_THAT(step(R"("recognizer": {"partial": "a", "task": 1, "heard": 5})"),
+              HasSubstr("more than one of"));
+  EXPECT_THAT(step(R"("outInAnyOrder": [{}])"), HasSubstr("from 2 to 8 events"));
+  EXPECT_THAT(step(R"("platform": {"probe": []})"), HasSubstr("at least one answer"));
   EXPECT_THAT(step(R"("platform": {"dictation": "maybe"})"), HasSubstr("unknown value \"maybe\""));
   EXPECT_THAT(step(R"("closeInput": false)"), HasSubstr("must be true"));
 }
