@@ -57,6 +57,13 @@ first `helper.status` is written at the start, the second after the lookup of th
 
 )";
 
+constexpr const char* differingIntroduction = R"(## Macs that differ
+
+What the helper reports on a Mac that is not like the others, and what its user can do. `--install-assets` exists on macOS 26
+only. It is not verified which of the two states a Mac has on which Dictation is forbidden.
+
+)";
+
 // Assigns letters to texts.
 class Legend {
  public:
@@ -122,6 +129,7 @@ class StateTable {
     // Texts get their letters in the order of the page.
     std::string text = head + legacyTable() + "\n";
     text += analyzerTable() + "\n";
+    text += differingTable() + "\n";
     return text + legend_.table();
   }
 
@@ -206,6 +214,71 @@ class StateTable {
                         cell(second, "modelStatus"), letter(second), healthOf(settings), ready, answer});
         }
     return table;
+  }
+
+  // Returns the letter of the error of an installation, if there is one, and the exit status.
+  std::string installationOf(const SimulatedSettings& settings) {
+    const auto installation = run(settings, "--install-assets", false);
+    std::string errors;
+    for (const auto& event : installation.events)
+      if (event.at("type") == "helper.error") errors += letter(event) + ", ";
+    return errors + "exit status " +
+           (installation.exitStatus ? std::to_string(*installation.exitStatus) : "none");
+  }
+
+  std::string differingTable() {
+    struct Machine {
+      const char* name;
+      const char* step;
+      SimulatedSettings settings;
+    };
+    std::vector<Machine> machines;
+    const auto add = [&machines](const char* name, int version, const char* step) -> SimulatedSettings& {
+      machines.push_back({name, step, {}});
+      machines.back().settings.macOS = OperatingSystemVersion{version, 0, 0};
+      return machines.back().settings;
+    };
+    auto& virtualMachine =
+        add("macOS 26 without transcriber and locales: a virtual machine or an unsupported Mac", 26,
+            "use a supported Mac; no setting changes this");
+    virtualMachine.analysis.isAvailable = false;
+    virtualMachine.analysis.locales.clear();
+    auto& offline = add("macOS 26 without a network when the model is first installed", 26,
+                        "go online and run `--install-assets` again");
+    offline.analysis.model = AssetStatus::supported;
+    offline.analysis.download.error =
+        PlatformError("NSURLErrorDomain", -1009, "The Internet connection appears to be offline.");
+    add("macOS 15, managed, speech recognition forbidden", 15,
+        "ask the administrator to allow speech recognition")
+        .recognition.authorization = AuthorizationStatus::restricted;
+    add("macOS 15, managed, Dictation forbidden, reported as a missing model", 15,
+        "ask the administrator to allow Dictation")
+        .recognition.locales["ja-JP"] = false;
+    add("macOS 15, managed, Dictation forbidden, reported as Dictation off", 15,
+        "ask the administrator to allow Dictation")
+        .recognition.dictationIsOn = false;
+
+    std::string table =
+        differingIntroduction +
+        row({"machine", "last `status`", "`message`, or error in place of the status", "`--health`",
+             "`--install-assets`", "`session.ready`", "error after audio", "what its user can do"}) +
+        "|---|---|---|---|---|---|---|---|\n";
+    for (const auto& [name, step, settings] : machines) {
+      const auto loop = run(settings, "", true);
+      json status, message;
+      for (const auto& event : loop.events) {
+        if (event.contains("sessionId")) break;
+        if (event.at("type") == "helper.status") status = event;
+        message = event;
+      }
+      const auto [ready, answer] = sessionOf(loop);
+      const bool hasAnalyzer = settings.macOS->major >= 26;
+      table += row({name, cell(status, "status"), letter(message), healthOf(settings),
+                    hasAnalyzer ? installationOf(settings) : "", ready, answer, step});
+    }
+    return table + row({"the helper in an app bundle, started through a link, or from a path with spaces and "
+                        "Japanese text",
+                        "as elsewhere", "", "", "", "", "", "nothing"});
   }
 
   Legend legend_;
