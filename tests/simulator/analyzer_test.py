@@ -13,6 +13,8 @@ import time
 import unittest
 import wave
 
+from checked import faults
+
 SIMULATOR, STATE = sys.argv[1:3]
 MEASURES_MEMORY = "--memory" in sys.argv
 RECORDINGS = "/usr/share/pocketsphinx/test/data/librivox/sense_and_sensibility_01_austen_64kb-%s.wav"
@@ -53,7 +55,10 @@ def research(mode, recording, vocabulary):
         _, status, usage = os.wait4(helper.pid, 0)
         helper.returncode = os.waitstatus_to_exitcode(status)
         output.seek(0)
-        return helper.returncode, [json.loads(line) for line in output], usage.ru_maxrss * 1024
+        lines = output.readlines()
+        arguments = ["--research-transcribe-file", recording, vocabulary.path]
+        assert faults(lines, arguments, helper.returncode) == [], faults(lines, arguments, helper.returncode)
+        return helper.returncode, [json.loads(line) for line in lines], usage.ru_maxrss * 1024
 
 
 class RecordingTest(unittest.TestCase):
@@ -103,6 +108,7 @@ class CommandLoopTest(unittest.TestCase):
         self.helper = subprocess.Popen([SIMULATOR, "analyzer"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.addCleanup(self.helper.stdout.close)
         self.addCleanup(self.helper.kill)
+        self.lines = []
 
     def send(self, **command):
         self.helper.stdin.write(json.dumps(command).encode() + b"\n")
@@ -115,7 +121,8 @@ class CommandLoopTest(unittest.TestCase):
                       pcmBase64=base64.b64encode(audio[start:start + 2 * CHUNK]).decode())
 
     def receive(self):
-        return json.loads(self.helper.stdout.readline())
+        self.lines.append(self.helper.stdout.readline())
+        return json.loads(self.lines[-1])
 
     def test_pause_separates_two_finals_of_one_source(self):
         self.assertEqual(self.receive()["status"], "checking-model")
@@ -147,6 +154,7 @@ class CommandLoopTest(unittest.TestCase):
         self.helper.stdin.close()
         self.assertEqual(self.helper.stdout.read(), b"")
         self.assertEqual(self.helper.wait(), 0)
+        self.assertEqual(faults(self.lines, status=0), [])
 
 
 if __name__ == "__main__":

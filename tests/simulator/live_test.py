@@ -10,6 +10,8 @@ import sys
 import time
 import unittest
 
+from checked import faults
+
 SIMULATOR, STATE = sys.argv[1:3]
 
 
@@ -18,6 +20,7 @@ class LiveTest(unittest.TestCase):
         self.helper = subprocess.Popen([SIMULATOR, "live", STATE], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.addCleanup(self.helper.stdout.close)
         self.addCleanup(self.helper.kill)
+        self.lines = []
 
     def send(self, **command):
         self.helper.stdin.write(json.dumps(command).encode() + b"\n")
@@ -29,7 +32,8 @@ class LiveTest(unittest.TestCase):
                   pcmBase64=base64.b64encode(samples).decode())
 
     def expect(self, type, **values):
-        event = json.loads(self.helper.stdout.readline())
+        self.lines.append(self.helper.stdout.readline())
+        event = json.loads(self.lines[-1])
         self.assertEqual(event["type"], type, event)
         for key, value in values.items():
             self.assertEqual(event[key], value, event)
@@ -52,6 +56,7 @@ class LiveTest(unittest.TestCase):
         self.helper.stdin.close()
         self.assertEqual(self.helper.stdout.read(), b"")
         self.assertEqual(self.helper.wait(), 0)
+        self.assertEqual(faults(self.lines, status=0), [])
 
 
 if __name__ == "__main__":

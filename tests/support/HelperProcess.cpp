@@ -1,6 +1,7 @@
 #include "tests/support/HelperProcess.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
@@ -65,6 +67,24 @@ bool await(int descriptor, short events, Clock::time_point deadline) {
   }
 }
 
+// Returns the directory for conversations, or null.
+const char* conversationDirectory() {
+  return std::getenv("PALAVER_CONVERSATIONS");
+}
+
+constexpr std::size_t longestConversation = std::size_t{256} << 10;  // bytes in one direction
+
+std::string hexadecimal(std::string_view bytes) {
+  constexpr std::string_view digits = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const char byte : bytes) {
+    text += digits[static_cast<unsigned char>(byte) >> 4];
+    text += digits[static_cast<unsigned char>(byte) & 15];
+  }
+  return text;
+}
+
 }  // namespace
 
 HelperProcess::HelperProcess(const Options& options) {
@@ -87,6 +107,34 @@ HelperProcess::HelperProcess(const Options& options) {
   output_ = std::move(output.host);
   error_ = std::move(error.host);
   exitPipe_ = std::move(exitPipe.host);
+  conversation_.arguments = options.arguments;
+  conversation_.isKept = conversationDirectory() && options.program.empty() && output_.isOpen() &&
+                         options.input.kind != Stream::Kind::file;
+  conversation_.inputClosed = !input_.isOpen();
+}
+
+HelperProcess::~HelperProcess() {
+  if (conversation_.isKept) writeConversation();
+}
+
+void HelperProcess::writeConversation() {
+  static int number = 0;
+  const auto* const test = testing::UnitTest::GetInstance()->current_test_info();
+  if (!test) return;
+  std::string name =
+      std::string(test->test_suite_name()) + "." + test->name() + "-" + std::to_string(++number);
+  std::ranges::replace(name, '/', '-');
+  // Without the end of the output it is unknown what the helper has written.
+  const bool isComplete = conversation_.outputEnded && end_ && end_->status;
+  nlohmann::json record{{"test", name},
+                        {"arguments", conversation_.arguments},
+                        {"input", hexadecimal(conversation_.input)},
+                        {"inputEnded", conversation_.inputClosed},
+                        {"output", hexadecimal(conversation_.output)},
+                        {"complete", isComplete},
+                        {"exitStatus", isComplete ? nlohmann::json(*end_->status) : nlohmann::json()}};
+  std::ofstream(std::string(conversationDirectory()) + "/" + name + ".json")
+      << record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 bool HelperProcess::send(std::string_view bytes) {
@@ -94,6 +142,10 @@ bool HelperProcess::send(std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t count = ::write(input_.get(), bytes.data(), bytes.size());
     if (count >= 0) {
+      if (conversation_.isKept) {
+        conversation_.input += bytes.substr(0, static_cast<std::size_t>(count));
+        conversation_.isKept = conversation_.input.size() <= longestConversation;
+      }
       bytes.remove_prefix(static_cast<std::size_t>(count));
     } else if (errno == EAGAIN) {
       if (!await(input_.get(), POLLOUT, deadline)) return false;
@@ -106,6 +158,7 @@ bool HelperProcess::send(std::string_view bytes) {
 
 void HelperProcess::closeInput() {
   input_.close();
+  conversation_.inputClosed = true;
 }
 
 void HelperProcess::closeOutput() {
@@ -127,6 +180,11 @@ std::string HelperProcess::readSome(std::size_t most) {
     const ssize_t count = ::read(output_.get(), bytes.data(), bytes.size());
     if (count >= 0) {
       bytes.resize(static_cast<std::size_t>(count));
+      conversation_.outputEnded = count == 0;
+      if (conversation_.isKept) {
+        conversation_.output += bytes;
+        conversation_.isKept = conversation_.output.size() <= longestConversation;
+      }
       return bytes;
     }
     if (errno == EAGAIN) {

@@ -20,6 +20,9 @@ namespace palaver {
 inline constexpr std::chrono::seconds helperDeadline{60};
 
 // Test thread only. The destructor kills a child that is still running.
+//
+// When the variable PALAVER_CONVERSATIONS names a directory, the destructor writes there what was said in
+// both directions, for the check against the protocol (tests/protocol/processes_test.py).
 class HelperProcess {
  public:
   // Describes one standard stream of the child.
@@ -49,6 +52,7 @@ class HelperProcess {
       : HelperProcess(Options{.arguments = std::move(arguments)}) {}
   HelperProcess(const HelperProcess&) = delete;
   HelperProcess& operator=(const HelperProcess&) = delete;
+  ~HelperProcess();
 
   // Writes all bytes. False when the helper does not read them within the deadline, or has exited.
   bool send(std::string_view bytes);
@@ -78,6 +82,16 @@ class HelperProcess {
 
  private:
   bool fill();
+  void writeConversation();
+
+  // What was said. Not kept beyond a size that no check needs.
+  struct Conversation {
+    std::vector<std::string> arguments;
+    std::string input, output;
+    bool isKept = false;
+    bool inputClosed = false;
+    bool outputEnded = false;
+  };
 
   std::optional<ChildProcess> process_;
   Descriptor input_, output_, error_;
@@ -85,6 +99,7 @@ class HelperProcess {
   std::string unread_;
   std::string errorText_;
   std::optional<End> end_;
+  Conversation conversation_;
 };
 
 inline std::optional<HelperProcess::End> exited(int status) {
