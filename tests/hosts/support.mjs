@@ -8,6 +8,7 @@ import {fileURLToPath} from 'node:url';
 const root = fileURLToPath(new URL('../..', import.meta.url));
 export const helperPath = process.env.PALAVER_STT_HELPER ?? join(root, 'build/dev/PalaverSTTHelper');
 export const recording = '/usr/share/pocketsphinx/test/data/goforward.raw';
+export const pythonClient = join(root, 'clients/python/src');
 export const words = 'go forward ten meters';
 export const skip = !existsSync(helperPath) ? `there is no helper at ${helperPath}`
   : !existsSync(recording) ? 'the recordings of pocketsphinx-testdata are not installed' : false;
