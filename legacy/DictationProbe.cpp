@@ -102,6 +102,7 @@ void DictationProbe::recordDisabled() {
 DictationAvailability DictationProbe::probe(std::string_view locale, double timeout) {
   if (platform_.speechRecognition.authorizationStatus() != AuthorizationStatus::authorized)
     return DictationAvailability::unknown;
+  if (!platform_.speechRecognition.hasDictationSetting()) return DictationAvailability::unknown;
   const auto recognizer = platform_.speechRecognition.makeRecognizer(locale);
   if (!recognizer || !recognizer->supportsOnDeviceRecognition()) return DictationAvailability::unknown;
   const auto silence = makeSilentBuffer(probeAudioMilliseconds);

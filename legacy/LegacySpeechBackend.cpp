@@ -62,6 +62,7 @@ void LegacySpeechBackend::startSession(std::string_view id, std::string_view loc
                              SessionConfiguration{std::string(locale), {phrases.begin(), phrases.end()}});
   // An unavailable session stays open. Its error is reported when audio arrives.
   const bool available = isAvailable(locale);
+  if (available) platform_.speechRecognition.prepare(locale);
   writer_.write({{"type", "session.ready"},
                  {"sessionId", id},
                  {"available", available},

@@ -116,6 +116,13 @@ class SpeechRecognition {
   // Returns null when the locale (an identifier such as "ja-JP") is not supported. Cheap: loads no model.
   virtual std::unique_ptr<SpeechRecognizer> makeRecognizer(std::string_view localeIdentifier) = 0;
 
+  // Returns whether the user can switch Dictation off, which makes all tasks fail.
+  virtual bool hasDictationSetting() const { return true; }
+
+  // Announces that tasks in this locale will follow soon, so that a platform can load its model before the
+  // first audio. Returns immediately. Tasks report what fails.
+  virtual void prepare(std::string_view /*localeIdentifier*/) {}
+
  protected:
   SpeechRecognition() = default;
   SpeechRecognition(const SpeechRecognition&) = default;

@@ -17,8 +17,8 @@
 #include "simulator/scenario/ClaimedProcess.h"
 #include "simulator/scenario/PlatformState.h"
 #ifdef PALAVER_RECOGNIZER
-#include "platform/linux/LinuxSpeechRecognition.h"
 #include "simulator/RecognizedSpeechAnalysis.h"
+#include "worker/pocketsphinx/PocketSphinxRecognition.h"
 #endif
 
 namespace palaver {
@@ -77,7 +77,7 @@ void runLive(const std::filesystem::path& stateFile, std::span<char*> arguments)
 void runLiveAnalyzer(std::span<char*> arguments) {
   constexpr OperatingSystemVersion system{26, 0, 0};
   prepareStandardStreams();
-  auto& recognition = *new LinuxSpeechRecognition;
+  auto& recognition = *new PocketSphinxRecognition;
   // Status, health and the research mode request Japanese, which has no model here.
   auto& analysis = *new RecognizedSpeechAnalysis(recognition, {{"ja-JP", "en-US"}});
   auto& live = *new LivePlatform(system, arguments, recognition, analysis);

@@ -11,9 +11,9 @@
 #include "apple-stand-ins/swift/AnalysisBehaviour.h"
 #include "platform/audio/SndfileAudioFile.h"
 #include "platform/audio/SpeexAudioConverter.h"
-#include "platform/linux/LinuxSpeechRecognition.h"
 #include "simulator/RecognizedSpeechAnalysis.h"
 #include "simulator/scenario/PlatformState.h"
+#include "worker/pocketsphinx/PocketSphinxRecognition.h"
 
 namespace palaver {
 
@@ -41,7 +41,7 @@ std::string claimedState() {
 }
 
 struct LinuxBehindFrameworks {
-  LinuxSpeechRecognition recognition;
+  PocketSphinxRecognition recognition;
   // Status, health and the research mode request Japanese, which has no model here.
   RecognizedSpeechAnalysis analysis{recognition, {{"ja-JP", "en-US"}}};
   const std::string state = claimedState();

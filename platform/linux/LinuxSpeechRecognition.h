@@ -1,33 +1,49 @@
-// Implements speech recognition on Linux. No permission is needed, and a locale is served when its
-// model is installed.
+// Implements speech recognition on Linux, in speech workers. No permission is needed, and a locale is served
+// when its model is installed.
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <memory>
 
 #include "platform/SpeechRecognition.h"
 #include "platform/linux/SpeechModelFiles.h"
+#include "platform/linux/WorkerModel.h"
+#include "platform/linux/WorkerSettings.h"
 
 namespace palaver {
 
-class RecognitionEngines;
+class MainQueue;
+class SpeechWorker;
 
-// Recognizers may outlive it.
+// Creates nothing and starts nothing until a recognizer is created. One worker serves all recognizers of a
+// model. Recognizers may outlive it. Main thread.
 class LinuxSpeechRecognition final : public SpeechRecognition {
  public:
-  // Searches models under `modelRoot`, which has one directory per locale.
-  explicit LinuxSpeechRecognition(std::filesystem::path modelRoot = systemModelRoot);
+  // Searches models under `modelRoot`, which has one directory per locale. The queue outlives everything
+  // else.
+  explicit LinuxSpeechRecognition(MainQueue& mainQueue, std::filesystem::path modelRoot = systemModelRoot,
+                                  WorkerSettings settings = {});
+  ~LinuxSpeechRecognition() override;
 
   AuthorizationStatus authorizationStatus() const override { return AuthorizationStatus::authorized; }
   void requestAuthorization(std::function<void(AuthorizationStatus)> handler) override {
     handler(AuthorizationStatus::authorized);
   }
-  // Supports every well-formed identifier. See modelDirectoryName().
+  // Supports every well-formed identifier. See modelDirectoryName(). Starts no worker.
   std::unique_ptr<SpeechRecognizer> makeRecognizer(std::string_view localeIdentifier) override;
+  // Dictation is a setting of macOS. Without it a status needs no recognition, and starts no worker.
+  bool hasDictationSetting() const override { return false; }
+  // Starts the locale's worker, which loads the model.
+  void prepare(std::string_view localeIdentifier) override;
 
  private:
+  std::shared_ptr<SpeechWorker> workerFor(const WorkerModel& model);
+
+  MainQueue& mainQueue_;
   const std::filesystem::path modelRoot_;
-  const std::shared_ptr<RecognitionEngines> engines_;
+  const WorkerSettings settings_;
+  std::map<WorkerModel, std::shared_ptr<SpeechWorker>> workers_;
 };
 
 }  // namespace palaver

@@ -27,7 +27,7 @@ struct LinuxPlatform {
   DescriptorOutput standardOutput{STDOUT_FILENO};
   DescriptorOutput standardError{STDERR_FILENO};
   MemoryAudioBuffers audioBuffers;
-  LinuxSpeechRecognition speechRecognition;
+  LinuxSpeechRecognition speechRecognition{mainQueue};
   AbsentSpeechAnalysis speechAnalysis;
   SpeexAudioConverters audioConverters;
   AbsentAudioFiles audioFiles;

@@ -20,21 +20,30 @@ void check(int error, const char* what) {
 
 class SpawnActions {
  public:
-  explicit SpawnActions(const std::map<int, int>& descriptors) {
+  explicit SpawnActions(const ChildOptions& options) {
     check(::posix_spawn_file_actions_init(&actions_), "posix_spawn_file_actions_init");
-    for (const auto& [number, own] : descriptors) {
+    for (const auto& [number, own] : options.descriptors) {
       if (own >= 0) {
         check(::posix_spawn_file_actions_adddup2(&actions_, own, number), "posix_spawn_file_actions_adddup2");
       } else {
         check(::posix_spawn_file_actions_addclose(&actions_, number), "posix_spawn_file_actions_addclose");
       }
     }
+#ifdef __linux__
+    if (options.closesFrom)
+      check(::posix_spawn_file_actions_addclosefrom_np(&actions_, *options.closesFrom),
+            "posix_spawn_file_actions_addclosefrom_np");
+#endif
   }
-  ~SpawnActions() { ::posix_spawn_file_actions_destroy(&actions_); }
+  ~SpawnActions() {
+    ::posix_spawn_file_actions_destroy(&actions_);
+  }
   SpawnActions(const SpawnActions&) = delete;
   SpawnActions& operator=(const SpawnActions&) = delete;
 
-  const posix_spawn_file_actions_t* get() const { return &actions_; }
+  const posix_spawn_file_actions_t* get() const {
+    return &actions_;
+  }
 
  private:
   posix_spawn_file_actions_t actions_;
@@ -90,7 +99,7 @@ std::string ExitStatus::description() const {
 
 ChildProcess::ChildProcess(const ChildOptions& options) {
   if (options.command.empty()) check(EINVAL, "no program");
-  const SpawnActions actions(options.descriptors);
+  const SpawnActions actions(options);
   const SpawnAttributes attributes(options);
   auto command = options.command;
   if (options.argument0) command.front() = *options.argument0;

@@ -30,6 +30,8 @@ struct ChildOptions {
       {};  // by number in the child: the descriptor of this process, or -1 for closed
   std::vector<int> defaultSignals{SIGPIPE};  // reset to their default action
   bool leadsProcessGroup = false;            // Ctrl-C in the terminal then does not reach the child
+  std::optional<int> closesFrom =
+      {};  // closes all descriptors from this number on; Linux only, others ignore it
 };
 
 // Used by one thread at a time. Different children may be used on different threads.

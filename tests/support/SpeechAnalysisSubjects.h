@@ -5,13 +5,13 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/LinuxSpeechRecognition.h"
 #include "simulator/RecognizedSpeechAnalysis.h"
 #include "simulator/ThreadedTimeline.h"
 #include "simulator/machine/SimulatedSpeechAnalysis.h"
 #include "simulator/scenario/SyntheticAudio.h"
 #include "tests/support/AnalysisSession.h"
 #include "tests/support/Recording.h"
+#include "worker/pocketsphinx/PocketSphinxRecognition.h"
 
 namespace palaver {
 
@@ -53,7 +53,7 @@ class RecognizedAnalysisSubject final : public SpeechAnalysisContractSubject {
   }
 
  private:
-  LinuxSpeechRecognition recognition_;
+  PocketSphinxRecognition recognition_;
   RecognizedSpeechAnalysis analysis_{recognition_, {}};
 };
 

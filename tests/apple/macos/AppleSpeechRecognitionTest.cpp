@@ -8,7 +8,6 @@
 #include "apple-stand-ins/frameworks/FrameworkBehaviour.h"
 #include "platform/audio/SndfileAudioFile.h"
 #include "platform/audio/SpeexAudioConverter.h"
-#include "platform/linux/LinuxSpeechRecognition.h"
 #include "platform/macos/AppleSpeechRecognition.h"
 #include "simulator/ThreadedTimeline.h"
 #include "simulator/machine/Scheduler.h"
@@ -16,6 +15,7 @@
 #include "tests/apple/support/MainRunLoop.h"
 #include "tests/support/Recording.h"
 #include "tests/support/SpeechRecognitionContract.h"
+#include "worker/pocketsphinx/PocketSphinxRecognition.h"
 
 namespace palaver {
 namespace {
@@ -118,7 +118,7 @@ class LinuxAppleSubject final : public AppleSubject {
 
  private:
   static SpeechRecognition& service() {
-    static LinuxSpeechRecognition recognition;  // its engines are shared by all tests
+    static PocketSphinxRecognition recognition;  // its engines are shared by all tests
     return recognition;
   }
 };

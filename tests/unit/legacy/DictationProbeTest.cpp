@@ -45,9 +45,11 @@ class HandDrivenRecognition final : public SpeechRecognition {
  public:
   ResultHandler handler;
   std::function<void()> onCancel = [] {};
+  bool hasSetting = true;
 
   AuthorizationStatus authorizationStatus() const override { return AuthorizationStatus::authorized; }
   void requestAuthorization(std::function<void(AuthorizationStatus)>) override {}
+  bool hasDictationSetting() const override { return hasSetting; }
   std::unique_ptr<SpeechRecognizer> makeRecognizer(std::string_view) override {
     return std::make_unique<Recognizer>(*this);
   }
@@ -121,6 +123,14 @@ class DictationProbeTest : public testing::Test {
   SimulatedPlatform machine_;
   HandDrivenRecognition recognition_;
 };
+
+TEST_F(DictationProbeTest, SystemWithoutSettingIsNotProbed) {
+  recognition_.hasSetting = false;
+  with([this](DictationProbe& probe) {
+    EXPECT_EQ(probe.availability("ja-JP"), unknown);
+    EXPECT_FALSE(recognition_.handler);
+  });
+}
 
 TEST_F(DictationProbeTest, DisabledBeforeFinalMeansDisabled) {
   answer(1, failure(dictationDisabledError()));

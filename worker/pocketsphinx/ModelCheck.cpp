@@ -1,4 +1,4 @@
-#include "platform/linux/ModelCheck.h"
+#include "worker/pocketsphinx/ModelCheck.h"
 
 #include <algorithm>
 #include <array>
@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/linux/PocketSphinxHandles.h"
+#include "worker/pocketsphinx/PocketSphinxHandles.h"
 
 // All formats are checked as little-endian, as the models are distributed. The library can swap bytes, but a
 // big-endian model is rejected here.

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/SpeechRecognition.h"
-#include "platform/linux/Decoder.h"
+#include "worker/pocketsphinx/Decoder.h"
 
 namespace palaver {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/ModelCheck.h"
+#include "worker/pocketsphinx/ModelCheck.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/linux/Transcription.h"
+#include "worker/pocketsphinx/Transcription.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/linux/Pronunciations.h"
+#include "worker/pocketsphinx/Pronunciations.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
-#include "platform/linux/PocketSphinxRecognizer.h"
+#include "worker/pocketsphinx/PocketSphinxRecognizer.h"
 
 #include <atomic>
 #include <utility>
 
-#include "platform/linux/RecognitionEngine.h"
+#include "worker/pocketsphinx/RecognitionEngine.h"
 
 namespace palaver {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/ContextualModel.h"
+#include "worker/pocketsphinx/ContextualModel.h"
 
 #include <algorithm>
 #include <cmath>

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/CepstralMean.h"
-#include "platform/linux/PocketSphinxHandles.h"
 #include "platform/linux/SpeechModelFiles.h"
+#include "worker/pocketsphinx/CepstralMean.h"
+#include "worker/pocketsphinx/PocketSphinxHandles.h"
 
 namespace palaver {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/CepstralMean.h"
+#include "worker/pocketsphinx/CepstralMean.h"
 
 #include <algorithm>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "platform/linux/Decoder.h"
+#include "worker/pocketsphinx/Decoder.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -13,9 +13,9 @@
 #include <sphinxbase/err.h>
 #include <sphinxbase/feat.h>
 
-#include "platform/linux/ContextualModel.h"
-#include "platform/linux/ModelCheck.h"
-#include "platform/linux/Pronunciations.h"
+#include "worker/pocketsphinx/ContextualModel.h"
+#include "worker/pocketsphinx/ModelCheck.h"
+#include "worker/pocketsphinx/Pronunciations.h"
 
 namespace palaver {
 

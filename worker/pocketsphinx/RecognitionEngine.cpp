@@ -1,4 +1,4 @@
-#include "platform/linux/RecognitionEngine.h"
+#include "worker/pocketsphinx/RecognitionEngine.h"
 
 #include <malloc.h>
 
@@ -14,8 +14,8 @@
 #include <utility>
 
 #include "platform/UniqueFunction.h"
-#include "platform/linux/Decoder.h"
-#include "platform/linux/Transcription.h"
+#include "worker/pocketsphinx/Decoder.h"
+#include "worker/pocketsphinx/Transcription.h"
 
 namespace palaver {
 
