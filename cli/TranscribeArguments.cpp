@@ -4,7 +4,8 @@
 #include <locale>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <utility>
+
+#include "cli/ArgumentReader.h"
 
 namespace palaver::cli {
 
@@ -51,53 +52,12 @@ std::vector<std::string> readVocabulary(const std::string& path) {
   return phrases;
 }
 
-// Iterates over the arguments and splits "--option=value".
-class Reader {
- public:
-  explicit Reader(std::span<const std::string> arguments) : left_(arguments) {}
-
-  bool atEnd() const { return left_.empty(); }
-
-  // Returns the next option or file.
-  std::string next() {
-    auto argument = left_.front();
-    left_ = left_.subspan(1);
-    value_.reset();
-    const auto equals = argument.find('=');
-    if (argument.starts_with("--") && equals != std::string::npos) {
-      value_ = argument.substr(equals + 1);
-      argument.resize(equals);
-    }
-    option_ = argument;
-    return argument;
-  }
-
-  // Returns the value of the current option.
-  std::string value() {
-    if (value_) return *std::exchange(value_, std::nullopt);
-    if (left_.empty()) throw UsageError(option_ + " needs a value");
-    auto value = left_.front();
-    left_ = left_.subspan(1);
-    return value;
-  }
-
-  // Throws when the current option has an unwanted value.
-  void expectNoValue() const {
-    if (value_) throw UsageError(option_ + " takes no value");
-  }
-
- private:
-  std::span<const std::string> left_;
-  std::string option_;
-  std::optional<std::string> value_;
-};
-
 }  // namespace
 
 TranscribeArguments parseTranscribeArguments(std::span<const std::string> arguments) {
   TranscribeArguments parsed;
   std::vector<std::string> files;
-  for (Reader reader(arguments); !reader.atEnd();) {
+  for (ArgumentReader reader(arguments); !reader.atEnd();) {
     const auto argument = reader.next();
     if (argument == "--helper") {
       parsed.helper = reader.value();

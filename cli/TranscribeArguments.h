@@ -3,16 +3,13 @@
 
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace palaver::cli {
+#include "cli/ArgumentReader.h"
 
-struct UsageError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+namespace palaver::cli {
 
 struct TranscribeArguments {
   std::string remote;               // path of a sound file

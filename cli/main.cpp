@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "cli/TranscribeArguments.h"
+#include "cli/ArgumentReader.h"
+#include "cli/doctor.h"
 #include "cli/transcribe.h"
 
 namespace {
@@ -14,6 +15,7 @@ constexpr const char* usage =
     R"(usage: palaver-stt COMMAND [arguments]
 
   transcribe REMOTE [SELF]  stream sound files to the helper and show the transcript
+  doctor [FILE...]          say why a meeting would have no transcript, and what to do
 
   --version                 print the version
   --help                    print this help
@@ -26,6 +28,7 @@ int run(std::span<const std::string> arguments) {
   using namespace palaver::cli;
   if (arguments.empty()) throw UsageError("a command is required");
   const auto& command = arguments.front();
+  if (command == "doctor") return doctor(arguments.subspan(1));
   if (command == "transcribe") return transcribe(arguments.subspan(1));
   if (command == "--help" || command == "-h" || command == "help")
     return std::fputs(usage, stdout) < 0 ? 1 : 0;

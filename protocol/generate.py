@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Generates what follows from schema.json and errors.json: the AsyncAPI document, the types of both clients and the tables of
-docs/protocol.md.
+"""Generates what follows from schema.json and errors.json: the AsyncAPI document, the types of both clients, the codes of
+the command line tool and the tables of docs/protocol.md.
 
     protocol/generate.py          writes the files
     protocol/generate.py --check  compares them; exit status 1 and a list of the differing files when one differs
@@ -150,6 +150,15 @@ def javascript_errors(protocol: Protocol) -> str:
             "  },",
         ]
     return "\n".join(lines + ["];", ""])
+
+
+def cpp_errors(protocol: Protocol) -> str:
+    lines = [f"// {HEADER}", '#include "cli/ErrorDefinitions.h"', "", "namespace palaver::cli {", ""]
+    lines += ["const std::vector<ErrorDefinition>& errorDefinitions() {", "  // clang-format off", "  static const std::vector<ErrorDefinition> definitions{"]
+    for error in ordered_errors(protocol):
+        lines.append(f"      {{{json.dumps(error['code'])}, R\"({error['pattern']})\"}},")
+    lines += ["  };", "  // clang-format on", "  return definitions;", "}", "", "}  // namespace palaver::cli", ""]
+    return "\n".join(lines)
 
 
 def json_type(protocol: Protocol, schema: Schema) -> str:
@@ -530,6 +539,7 @@ def outputs(protocol: Protocol) -> dict[str, str]:
         "protocol/asyncapi.json": asyncapi(protocol),
         "clients/node/protocol.d.ts": typescript(protocol),
         "clients/node/src/errorDefinitions.js": javascript_errors(protocol),
+        "cli/ErrorDefinitions.cpp": cpp_errors(protocol),
         "clients/python/src/palaver_stt/_protocol.py": python(protocol),
         "docs/protocol.md": with_tables(protocol, page),
     }

@@ -1,6 +1,9 @@
 """Runs palaver-stt as a user does: commands, help, version and errors."""
+import json
+import pathlib
 import subprocess
 import sys
+import tempfile
 import unittest
 
 PROGRAM = sys.argv.pop(1)
@@ -33,6 +36,28 @@ class CommandLineTest(unittest.TestCase):
             status, output, errors = run(*arguments)
             self.assertEqual((status, output), (2, ""))
             self.assertIn(f"palaver-stt: {message}\n", errors)
+
+    def test_doctor_gives_one_step(self):
+        for arguments, code in ((["--helper", "/nowhere/helper"], "helper-missing"), (["--helper", __file__], "helper-not-executable"),
+                                (["--helper", "/bin/true"], "helper-ended"), (["--locale", "xx-XX"], "model-missing"),
+                                ([], "ready")):
+            status, output, errors = run("doctor", *arguments)
+            self.assertEqual((status, errors), (0 if code == "ready" else 1, ""))
+            self.assertEqual(output.count("Next step: "), 1, output)
+            self.assertTrue(output.splitlines()[-2].startswith(f"{code}: "), output)
+            status, output, errors = run("doctor", "--json", *arguments)
+            self.assertEqual(json.loads(output)["code"], code)
+
+    def test_doctor_hears_whether_a_recording_has_voice(self):
+        with tempfile.TemporaryDirectory() as folder:
+            for amplitude, code in ((0, "audio-silent"), (50, "audio-quiet"), (5000, "ready")):
+                path = pathlib.Path(folder, f"{amplitude}.raw")
+                path.write_bytes(b"".join((amplitude * (-1) ** i).to_bytes(2, "little", signed=True) for i in range(16000)))
+                status, output, _ = run("doctor", "--json", str(path))
+                self.assertEqual((status, json.loads(output)["code"]), (0 if code == "ready" else 1, code))
+        status, _, errors = run("doctor", "/nowhere/sound.wav")
+        self.assertEqual(status, 1)
+        self.assertIn("cannot read /nowhere/sound.wav", errors)
 
     def test_unreadable_file_is_failure(self):
         status, output, errors = run("transcribe", "missing.wav")
