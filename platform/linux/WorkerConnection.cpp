@@ -301,17 +301,20 @@ class WorkerConnection::Link {
         watchdog_.answered(number);
       }
     }
-    call(*task, std::move(frame.result), std::move(frame.error));
+    call(*task, [&frame](const ResultHandler& handler) {
+      handler(std::move(frame.result), std::move(frame.error));
+    });
   }
 
   void checkTask(std::uint32_t number) const {
     if (number == 0 || number > newestTask_) throw MalformedFrame();
   }
 
-  void call(Task& task, std::optional<RecognitionResult> result, std::optional<PlatformError> error) {
+  template <typename Call>
+  void call(const Task& task, Call callHandler) {
     if (task.isCancelled || !task.handler || isStopping_) return;
     try {
-      task.handler(std::move(result), std::move(error));
+      callHandler(task.handler);
     } catch (...) {
       // There is no caller to report to. The thread and the other tasks continue.
     }
@@ -350,7 +353,8 @@ class WorkerConnection::Link {
     }
     process_->signal(SIGKILL);
     if (failure)
-      for (const auto& [number, task] : tasks) call(*task, std::nullopt, failure);
+      for (const auto& [number, task] : tasks)
+        call(*task, [&failure](const ResultHandler& handler) { handler(std::nullopt, failure); });
     process_.reset();  // waits until the process has ended
     const std::lock_guard guard(lock_);
     socket_.close();

@@ -155,6 +155,12 @@ TEST_F(RealSpeechWorker, WorkerInheritsOnlyItsSocket) {
   await(helper_, "session.ready");
   const auto worker = workerOf(helper_);
   ASSERT_GT(worker, 0);
+  // Until then it is still the helper's copy, which starts the program.
+  ASSERT_TRUE(eventually([&] {
+    std::error_code ended;
+    const auto program = std::filesystem::read_symlink("/proc/" + std::to_string(worker) + "/exe", ended);
+    return program.filename() == "PalaverSpeechWorker";
+  }));
   const std::filesystem::path folder = "/proc/" + std::to_string(worker) + "/fd";
   for (int i = 0; i < 3; ++i)
     EXPECT_EQ(std::filesystem::read_symlink(folder / std::to_string(i)), "/dev/null") << i;
