@@ -6,15 +6,16 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <filesystem>
 #include <mutex>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include <sphinxbase/err.h>
 #include <sphinxbase/feat.h>
 
 #include "worker/pocketsphinx/ContextualModel.h"
-#include "worker/pocketsphinx/ModelCheck.h"
 #include "worker/pocketsphinx/Pronunciations.h"
 
 namespace palaver {
@@ -52,6 +53,18 @@ CommandLineHandle makeConfiguration(const SpeechModelFiles& files) {
       cmd_ln_parse_r(nullptr, ps_args(), static_cast<std::int32_t>(pointers.size()), pointers.data(), TRUE));
   if (!configuration) throw engineFailure("be configured");
   return configuration;
+}
+
+// A full disk leaves empty files, and the library does not name the file that ends it. Other damage crashes
+// or ends the process, which the caller must survive.
+void checkFiles(const SpeechModelFiles& files) {
+  for (const auto& file : files.all()) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(file, error) || std::filesystem::file_size(file, error) == 0 ||
+        error)
+      throw recognizerError(RecognizerErrorCode::modelDamaged,
+                            file.filename().string() + " is empty or not a file");
+  }
 }
 
 // Creates an unnamed file that the library can open by path.
@@ -102,7 +115,7 @@ BaseLanguageModel::BaseLanguageModel(SpeechModelFiles files)
       fingerprint_(files_.fingerprint()),
       configuration_(makeConfiguration(files_)),
       logMath_(logmath_init(logBase, 0, 0)) {
-  checkModel(files_);
+  checkFiles(files_);
   model_.reset(
       ngram_model_read(configuration_.get(), files_.languageModel.c_str(), NGRAM_AUTO, logMath_.get()));
   if (!model_) throw engineFailure("load its language model");

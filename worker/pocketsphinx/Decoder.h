@@ -22,7 +22,8 @@ inline constexpr int samplesPerDecoderFrame = modelSampleRate / 100;
 // that thread only.
 class BaseLanguageModel {
  public:
-  // Checks every file of the model, then loads the language model. Throws PlatformError.
+  // Loads the language model. Throws PlatformError when a file is empty. Other damage may crash or end the
+  // process.
   explicit BaseLanguageModel(SpeechModelFiles files);
 
   const SpeechModelFiles& files() const { return files_; }

@@ -73,5 +73,59 @@ TEST_F(LinuxSpeechRecognitionTest, ModelWithMissingFileIsNotInstalled) {
   EXPECT_TRUE(recognizer->supportsOnDeviceRecognition());
 }
 
+// Recognizes "go forward ten meters" with a model whose files can be damaged.
+class DamagedModelTest : public testing::Test {
+ protected:
+  // Returns the final text of a new worker, or the error as "error: ...".
+  std::string recognize() {
+    LinuxSpeechRecognition recognition(mainQueue_, model_.root(), realWorker());
+    const auto recognizer = recognition.makeRecognizer("en-US");
+    const auto request = recognizer->makeRequest({});
+    RecordedAnswers answers;
+    const auto task = recognizer->recognitionTask(request, answers.handler());
+    appendInBuffers(*request, goForward());
+    request->endAudio();
+    mainQueue_.runAll();
+    const auto last = answers.waitForLast();
+    if (!last) return "(no answer)";
+    return last->error ? "error: " + last->error->localizedDescription() : last->result->formattedString;
+  }
+
+  const DamagedModel model_;
+  const std::string couldNotBeLoaded_ =
+      "error: The speech model in " + (model_.root() / "en-us").string() + " could not be loaded: ";
+  JobQueue mainQueue_;
+};
+
+TEST_F(DamagedModelTest, EmptyFileIsNamed) {
+  model_.replace(model_.file("sendump"), "");
+  EXPECT_EQ(recognize(), couldNotBeLoaded_ + "sendump is empty or not a file");
+  model_.restore(model_.file("sendump"));
+  EXPECT_EQ(recognize(), "go forward ten meters");
+}
+
+// The library notices these, by crashing, by ending the process or by an error.
+TEST_F(DamagedModelTest, HalvedFileIsErrorThatNamesFolder) {
+  for (const char* const name : {"en-us.lm.bin", "mdef", "means", "transition_matrices", "variances"}) {
+    const auto file = model_.file(name);
+    const auto contents = DamagedModel::read(file);
+    model_.replace(file, std::string_view(contents).substr(0, contents.size() / 2));
+    EXPECT_THAT(recognize(), testing::StartsWith(couldNotBeLoaded_)) << name;
+    model_.restore(file);
+  }
+  EXPECT_EQ(recognize(), "go forward ten meters");
+}
+
+// The library does not notice these. They cost words at most.
+TEST_F(DamagedModelTest, HalvedTableIsStillAnswered) {
+  for (const char* const name : {"cmudict-en-us.dict", "sendump"}) {
+    const auto file = model_.file(name);
+    const auto contents = DamagedModel::read(file);
+    model_.replace(file, std::string_view(contents).substr(0, contents.size() / 2));
+    EXPECT_THAT(recognize(), testing::Not("(no answer)")) << name;
+    model_.restore(file);
+  }
+}
+
 }  // namespace
 }  // namespace palaver
