@@ -31,14 +31,24 @@ def recordings():
     return audio
 
 
-def processor_seconds(pid):
-    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+def processes(helper):
+    """The helper and its speech workers."""
+    return [helper] + [int(child) for child in
+                       pathlib.Path(f"/proc/{helper}/task/{helper}/children").read_text().split()]
 
 
-def resident_megabytes(pid):
-    status = pathlib.Path(f"/proc/{pid}/status").read_text()
-    return int(status.split("VmRSS:")[1].split()[0]) / 1024
+def processor_seconds(helper):
+    seconds = 0.0
+    for pid in processes(helper):
+        fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+        seconds += (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    return seconds
+
+
+def resident_megabytes(helper):
+    """Of the helper and of its workers, in that order."""
+    return "+".join(f"{int(pathlib.Path(f'/proc/{pid}/status').read_text().split('VmRSS:')[1].split()[0]) / 1024:.0f}"
+                    for pid in processes(helper))
 
 
 def main():
@@ -64,6 +74,7 @@ def main():
     streams = [b"".join(part + PAUSE for part in speech[channel % len(speech):] + speech[:channel % len(speech)])
                for channel in range(channels)]
     begin, used, latencies, errors, memory = time.time(), None, [], [], []
+    first = {}  # latency of each channel's first final
     for sequence in range(10 * seconds):
         time.sleep(max(0, begin + (sequence + 1) / 10 - time.time()))
         for (session, source), stream in zip(sources, streams):
@@ -74,11 +85,12 @@ def main():
         if sequence == 100:
             used = (time.time(), processor_seconds(helper.pid))  # everything is loaded
         if sequence % 300 == 299:
-            memory.append(f"{resident_megabytes(helper.pid):.0f}")
+            memory.append(resident_megabytes(helper.pid))
         while not events.empty():
             event = events.get()
             if event["type"] == "transcript.final":
                 latencies.append((time.time() - begin, event["latencyMs"]))
+                first.setdefault((event["sessionId"], event["source"]), event["latencyMs"])
             if event["type"] == "helper.error":
                 errors.append(event["message"])
     load = (processor_seconds(helper.pid) - used[1]) / (time.time() - used[0])
@@ -90,6 +102,7 @@ def main():
     print("| finals |", " | ".join(str(len(half)) for half in halves), "|")
     for name, figure in (("median latency", statistics.median), ("longest latency", max)):
         print(f"| {name} |", " | ".join(f"{figure(half):.0f} ms" if half else "none" for half in halves), "|")
+    print(f"| median latency of each channel's first final | {statistics.median(first.values()):.0f} ms | |" if first else "")
     print(f"\n{load:.2f} processors of {os.cpu_count()}, {load / channels:.3f} a channel; resident after each half minute: "
           f"{', '.join(memory)} MB; errors: {errors or 'none'}; exit status {helper.returncode}")
 

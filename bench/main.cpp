@@ -1,4 +1,4 @@
-// Runs the benchmarks: `palaver_bench [throughput] [latency] [startup] [memory]` runs the named
+// Runs the benchmarks: `palaver_bench [throughput] [latency] [startup] [memory] [worker]` runs the named
 // measurements, or all, and prints one table. Its status reports whether the benchmarks worked, not whether
 // the targets were met.
 #include <cstdio>
@@ -21,7 +21,8 @@ const std::vector<std::pair<std::string, std::vector<Row> (*)()>> measurements{
     {"throughput", measureThroughput},
     {"latency", measureLatency},
     {"startup", measureStartUp},
-    {"memory", measureMemory}};
+    {"memory", measureMemory},
+    {"worker", measureWorker}};
 
 int play(std::span<char*> arguments) {
   const auto write = [&](bool byReference) {
@@ -48,7 +49,7 @@ int measure(std::span<char*> names) {
     for (auto& row : measurement()) rows.push_back(std::move(row));
   }
   if (rows.empty()) {
-    std::fputs("usage: palaver_bench [throughput] [latency] [startup] [memory]\n", stderr);
+    std::fputs("usage: palaver_bench [throughput] [latency] [startup] [memory] [worker]\n", stderr);
     return 2;
   }
   print(rows);

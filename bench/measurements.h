@@ -21,4 +21,7 @@ std::vector<Row> measureStartUp();
 // Measures resident memory with the main thread stalled, and over an hour of audio.
 std::vector<Row> measureMemory();
 
+// Compares the way to an engine in a speech worker and back with a thread of this process.
+std::vector<Row> measureWorker();
+
 }  // namespace palaver::bench

@@ -18,6 +18,7 @@
 #include "legacy/DictationProbe.h"
 #include "legacy/LegacySpeechBackend.h"
 #include "platform/MainQueue.h"
+#include "platform/Process.h"
 #include "platform/StandardStreams.h"
 #include "platform/makePlatform.h"
 #include "platform/posix/POSIXStreams.h"

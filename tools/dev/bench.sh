@@ -2,10 +2,10 @@
 
 benchmark_target() {  # name
   case $1 in
-    path | throughput | latency | startup | memory) echo palaver_bench ;;
+    path | throughput | latency | startup | memory | worker) echo palaver_bench ;;
     kernels | accuracy) echo "palaver_$1" ;;
     channels) echo PalaverSTTHelper ;;
-    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup and memory, kernels, accuracy, and channels" ;;
+    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup, memory and worker, kernels, accuracy, and channels" ;;
   esac
 }
 
@@ -28,7 +28,7 @@ run_benchmarks() {  # names...
     program=$(benchmark_program "$(benchmark_target "$name")")
     say "benchmark $name"
     case $name in
-      throughput | latency | startup | memory) "$program" "$name" ;;
+      throughput | latency | startup | memory | worker) "$program" "$name" ;;
       channels) python3 bench/channels.py "$program" ;;
       *) "$program" ;;
     esac
