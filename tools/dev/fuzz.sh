@@ -13,7 +13,7 @@ fuzz_one() {  # program, seconds
   mkdir -p "$corpus" "build/fuzz-findings/$name"
   say "fuzzing $name for $2 s"
   set -- "$1" "-max_total_time=$2" -print_final_stats=1 "-artifact_prefix=build/fuzz-findings/$name/" "$corpus"
-  if [ -d "fuzz/corpus/$name" ]; then set -- "$@" "fuzz/corpus/$name"; fi
+  if [ -d "fuzz/corpus/${name#fuzz_}" ]; then set -- "$@" "fuzz/corpus/${name#fuzz_}"; fi
   "$@" >"$log" 2>&1 </dev/null || show_failure "$name" "$log"
   grep 'stat::number_of_executed_units' "$log" || true
 }
