@@ -3,6 +3,7 @@
 #include <string>
 
 #include "worker/pocketsphinx/PocketSphinxRecognition.h"
+#include "worker/sherpa/SherpaRecognition.h"
 
 namespace palaver {
 
@@ -13,6 +14,7 @@ std::unique_ptr<SpeechRecognition> makeEngine(std::string_view name, const std::
       throw PlatformError("SpeechWorker", 0, "its name is not that of the locale " + std::string(locale));
     return std::make_unique<PocketSphinxRecognition>(modelFolder.parent_path());
   }
+  if (name == "sherpa") return std::make_unique<SherpaRecognition>(modelFolder, std::string(locale));
   throw PlatformError("SpeechWorker", 0, "the engine " + std::string(name) + " is not built in");
 }
 

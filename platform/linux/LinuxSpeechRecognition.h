@@ -10,6 +10,7 @@
 #include "platform/linux/SpeechModelFiles.h"
 #include "platform/linux/WorkerModel.h"
 #include "platform/linux/WorkerSettings.h"
+#include "platform/linux/models/SpeechModels.h"
 
 namespace palaver {
 
@@ -20,8 +21,9 @@ class SpeechWorker;
 // model. Recognizers may outlive it. Main thread.
 class LinuxSpeechRecognition final : public SpeechRecognition {
  public:
-  // Searches models under `modelRoot`, which has one directory per locale. The queue outlives everything
-  // else.
+  // Searches models in these places. The queue outlives everything else.
+  LinuxSpeechRecognition(MainQueue& mainQueue, SpeechModels models, WorkerSettings settings = {});
+  // Searches only PocketSphinx's models, under `modelRoot`, which has one directory per locale.
   explicit LinuxSpeechRecognition(MainQueue& mainQueue, std::filesystem::path modelRoot = systemModelRoot,
                                   WorkerSettings settings = {});
   ~LinuxSpeechRecognition() override;
@@ -41,7 +43,7 @@ class LinuxSpeechRecognition final : public SpeechRecognition {
   std::shared_ptr<SpeechWorker> workerFor(const WorkerModel& model);
 
   MainQueue& mainQueue_;
-  const std::filesystem::path modelRoot_;
+  const SpeechModels models_;
   const WorkerSettings settings_;
   std::map<WorkerModel, std::shared_ptr<SpeechWorker>> workers_;
 };

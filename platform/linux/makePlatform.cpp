@@ -3,6 +3,8 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include "platform/audio/SpeexAudioConverter.h"
 #include "platform/linux/LinuxSpeechRecognition.h"
 #include "platform/posix/AbsentServices.h"
@@ -27,7 +29,7 @@ struct LinuxPlatform {
   DescriptorOutput standardOutput{STDOUT_FILENO};
   DescriptorOutput standardError{STDERR_FILENO};
   MemoryAudioBuffers audioBuffers;
-  LinuxSpeechRecognition speechRecognition{mainQueue};
+  LinuxSpeechRecognition speechRecognition{mainQueue, SpeechModels(SpeechModels::usualRoots(&std::getenv))};
   AbsentSpeechAnalysis speechAnalysis;
   SpeexAudioConverters audioConverters;
   AbsentAudioFiles audioFiles;

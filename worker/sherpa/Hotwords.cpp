@@ -1,0 +1,33 @@
+#include "worker/sherpa/Hotwords.h"
+
+namespace palaver {
+
+std::string_view hotwordUnit(const SherpaModel& model) {
+  const bool hasPieces = model.hasWordPieces && !model.bpeVocabulary.empty();
+  if (model.hasCharacterTokens) return hasPieces ? "cjkchar+bpe" : "cjkchar";
+  return hasPieces ? "bpe" : "";
+}
+
+std::string hotwordsOf(const std::vector<std::string>& phrases) {
+  constexpr std::string_view special = ":#@/";
+  std::string hotwords;
+  for (const auto& phrase : phrases) {
+    std::string words;
+    for (const char c : phrase) {
+      const bool isSeparator =
+          special.find(c) != std::string_view::npos || static_cast<unsigned char>(c) <= ' ';
+      if (!isSeparator) {
+        words += c;
+      } else if (!words.empty() && words.back() != ' ') {
+        words += ' ';
+      }
+    }
+    if (words.ends_with(' ')) words.pop_back();
+    if (words.empty()) continue;
+    if (!hotwords.empty()) hotwords += '/';
+    hotwords += words;
+  }
+  return hotwords;
+}
+
+}  // namespace palaver
