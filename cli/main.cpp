@@ -7,6 +7,7 @@
 
 #include "cli/ArgumentReader.h"
 #include "cli/doctor.h"
+#include "cli/models.h"
 #include "cli/record.h"
 #include "cli/transcribe.h"
 
@@ -19,6 +20,7 @@ constexpr const char* usage =
   doctor [FILE...]          say why a meeting would have no transcript, and what to do
   record FILE               stand between a host and the helper, and record both
   replay FILE               say again what a recorded host said, and compare the finals
+  models                    list, add, check and remove speech models (Linux)
 
   --version                 print the version
   --help                    print this help
@@ -35,6 +37,7 @@ int run(std::span<const std::string> arguments) {
   if (command == "record") return record(arguments.subspan(1));
   if (command == "replay") return replay(arguments.subspan(1));
   if (command == "transcribe") return transcribe(arguments.subspan(1));
+  if (command == "models") return models(arguments.subspan(1));
   if (command == "--help" || command == "-h" || command == "help")
     return std::fputs(usage, stdout) < 0 ? 1 : 0;
   if (command == "--version") return std::printf("palaver-stt %s\n", PALAVER_VERSION) < 0 ? 1 : 0;
