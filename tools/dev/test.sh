@@ -55,7 +55,7 @@ run_tests() {  # preset, then ctest's options
   mkdir -p build/logs
   log=build/logs/test-$preset.log
   # pipefail makes ctest's status the pipeline's.
-  with_fixed_addresses "$preset" ctest --preset "$preset" -j "$(processors)" "$@" 2>&1 </dev/null | tee "$log" |
+  XDG_DATA_HOME=$root/build/no-user-data with_fixed_addresses "$preset" ctest --preset "$preset" -j "$(processors)" "$@" 2>&1 </dev/null | tee "$log" |
     show_test_progress "$preset" || status=$?
   total=$(sed -n 's/^[0-9]*% tests passed, .* out of \([0-9]*\).*/\1/p' "$log")
   failed=$(sed -n 's/^[0-9]*% tests passed, \([0-9]*\) tests failed .*/\1/p' "$log")
