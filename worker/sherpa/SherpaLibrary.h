@@ -50,6 +50,7 @@ class SherpaLibrary {
   FUNCTION(OnlineStreamInputFinished)
 
 // SherpaOnnxGetVersionStr is the member GetVersionStr, and so on.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a name that is declared takes none
 #define PALAVER_SHERPA_MEMBER(name) decltype(&SherpaOnnx##name) name = nullptr;
   PALAVER_SHERPA_FUNCTIONS(PALAVER_SHERPA_MEMBER)
 #undef PALAVER_SHERPA_MEMBER
