@@ -1,6 +1,8 @@
 """Runs palaver-stt as a user does: commands, help, version and errors."""
 import json
+import os
 import pathlib
+import platform
 import subprocess
 import sys
 import tempfile
@@ -89,6 +91,43 @@ class CommandLineTest(unittest.TestCase):
         status, output, errors = run("transcribe", "missing.wav")
         self.assertEqual((status, output), (1, ""))
         self.assertIn("palaver-stt: cannot read missing.wav: there is no such file", errors)
+
+
+@unittest.skipUnless(platform.system() == "Linux", "models are managed on Linux only")
+class ModelsTest(unittest.TestCase):
+    TONES = pathlib.Path(__file__).resolve().parents[3] / "tests/models/tones"
+
+    def setUp(self):
+        self.data = tempfile.TemporaryDirectory()
+        self.addCleanup(self.data.cleanup)
+
+    def models(self, *arguments):
+        process = subprocess.run([PROGRAM, "models", *arguments], capture_output=True, text=True, timeout=60, check=False,
+                                 env={**os.environ, "XDG_DATA_HOME": self.data.name})
+        return process.returncode, process.stdout, process.stderr
+
+    def test_added_model_is_listed_and_removed(self):
+        status, output, errors = self.models("add", str(self.TONES), "--locale", "ja-JP")
+        self.assertEqual((status, errors), (0, ""))
+        self.assertIn("ja-JP: streaming transducer, 3 kB, copied to ", output)
+        self.assertIn("streaming transducer", self.models("list")[1])
+        self.assertEqual(self.models("remove", "ja-JP")[0], 0)
+        self.assertNotIn("ja-JP", self.models("list")[1])
+
+    def test_unusable_folder_is_one_sentence(self):
+        with tempfile.TemporaryDirectory() as empty:
+            status, output, errors = self.models("add", empty, "--locale", "ja-JP")
+        self.assertEqual((status, output), (1, ""))
+        self.assertIn("holds no model (*.onnx or *.ort).", errors)
+        self.assertEqual(len(errors.splitlines()), 1)
+
+    def test_invalid_usage_is_explained(self):
+        for arguments, message in (([], "models needs one of list, add, check and remove"),
+                                   (["add", "x"], "models add needs --locale"), (["list", "x"], "models list takes nothing else"),
+                                   (["show"], "there is no command 'models show'"), (["remove"], "models remove takes one locale")):
+            status, _, errors = self.models(*arguments)
+            self.assertEqual(status, 2, arguments)
+            self.assertIn(message, errors)
 
 
 if __name__ == "__main__":
