@@ -98,6 +98,14 @@ class DictationProbeTest : public testing::Test {
     machine_.scheduler.schedule(time, Timeline::Context::background, this, [this, answer] { call(answer); });
   }
 
+  // Calls the handler twice at this time (ms), before the waiting probe can read the first outcome.
+  void answerTwice(double time, const RecognitionAnswer& first, const RecognitionAnswer& second) {
+    machine_.scheduler.schedule(time, Timeline::Context::background, this, [this, first, second] {
+      call(first);
+      call(second);
+    });
+  }
+
   // Runs a test with a probe on a machine with this recognition service.
   void with(const std::function<void(DictationProbe&)>& test) {
     machine_.run(
@@ -144,6 +152,16 @@ TEST_F(DictationProbeTest, FinalBeforeDisabledMeansEnabled) {
   with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), enabled); });
 }
 
+TEST_F(DictationProbeTest, SecondOutcomeWithinOneWaitIsIgnored) {
+  answerTwice(1, result(true), failure(dictationDisabledError()));
+  with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), enabled); });
+}
+
+TEST_F(DictationProbeTest, SecondOutcomeWithinOneWaitLeavesDisabled) {
+  answerTwice(1, failure(dictationDisabledError()), result(true));
+  with([](DictationProbe& probe) { EXPECT_EQ(probe.availability("ja-JP"), disabled); });
+}
+
 TEST_F(DictationProbeTest, EmptyOrPartialCallIsNoOutcome) {
   answer(1, {});
   answer(2, result(false));
@@ -175,6 +193,11 @@ TEST_F(DictationProbeTest, CallAfterVerdictIsIgnored) {
     EXPECT_EQ(machine_.scheduler.now(), 10001);
     EXPECT_EQ(probe.cachedVerdict(), enabled);
   });
+}
+
+TEST(DictationProbeLimits, AreTheDocumentedTimes) {
+  EXPECT_EQ(dictationProbeTimeout, 2500);
+  EXPECT_EQ(dictationRecheckInterval, 30000);
 }
 
 TEST_F(DictationProbeTest, UnansweredProbeTimesOut) {
