@@ -53,19 +53,6 @@ std::vector<std::string> readVocabulary(const std::string& path) {
   return vocabulary.get<std::vector<std::string>>();
 }
 
-asio::awaitable<void> feed(AudioFile& file, SpeechAnalyzerChannel& channel, Platform& platform) {
-  const auto& format = file.processingFormat();
-  while (file.framePosition() < file.length()) {
-    const auto buffer = platform.audioBuffers.makeBuffer(format, framesPerBuffer);
-    if (!buffer) throw researchError(3, "Cannot allocate research audio buffer");
-    const double capturedAt = static_cast<double>(file.framePosition()) / format.sampleRate * 1000;
-    file.read(*buffer);
-    if (buffer->frameLength() == 0) break;
-    channel.append(buffer, capturedAt);
-    co_await asio::post(asio::use_awaitable);  // lets the channel's result loop run
-  }
-}
-
 // Runs on the channel's executor.
 asio::awaitable<void> transcribe(SerialExecutor executor, AudioFile& file,
                                  std::vector<std::string> vocabulary, Platform& platform,
@@ -75,7 +62,9 @@ asio::awaitable<void> transcribe(SerialExecutor executor, AudioFile& file,
                                            std::string(statusLocale), std::move(vocabulary));
   std::exception_ptr failure;
   try {
-    co_await feed(file, *channel, platform);
+    co_await readRecording(file, platform.audioBuffers, [&channel](const auto& buffer, double capturedAt) {
+      channel->append(buffer, capturedAt);
+    });
   } catch (const std::exception&) {
     failure = std::current_exception();
   }
@@ -99,6 +88,19 @@ asio::awaitable<void> transcribeAndExit(std::string path, std::string vocabulary
 }
 
 }  // namespace
+
+asio::awaitable<void> readRecording(AudioFile& file, AudioBuffers& audioBuffers, RecordingConsumer consumer) {
+  const auto& format = file.processingFormat();
+  while (file.framePosition() < file.length()) {
+    const auto buffer = audioBuffers.makeBuffer(format, framesPerBuffer);
+    if (!buffer) throw researchError(3, "Cannot allocate research audio buffer");
+    const double capturedAt = static_cast<double>(file.framePosition()) / format.sampleRate * 1000;
+    file.read(*buffer);
+    if (buffer->frameLength() == 0) break;
+    consumer(buffer, capturedAt);
+    co_await asio::post(asio::use_awaitable);  // lets the channel's result loop run
+  }
+}
 
 asio::awaitable<void> transcribeResearchFile(std::string path, std::string vocabularyPath, Platform& platform,
                                              JSONLineWriter& writer) {

@@ -2,13 +2,26 @@
 #pragma once
 
 #include <asio/awaitable.hpp>
+#include <functional>
+#include <memory>
 #include <span>
 #include <string>
 
 namespace palaver {
 
+class AudioBuffers;
+class AudioFile;
 class JSONLineWriter;
+class PCMBuffer;
 struct Platform;
+
+// Takes one buffer of a recording. `capturedAt`: ms from the start of the recording to its first frame.
+using RecordingConsumer = std::function<void(const std::shared_ptr<PCMBuffer>&, double capturedAt)>;
+
+// Reads a recording to its end in buffers of at most 4000 frames (250 ms) and passes each to the consumer. A
+// read without frames counts as the end. Suspends after each buffer, so that other work of the executor runs.
+// Throws PlatformError "STTResearch" 3 when no buffer can be created, the file's errors and the consumer's.
+asio::awaitable<void> readRecording(AudioFile& file, AudioBuffers& audioBuffers, RecordingConsumer consumer);
 
 // Feeds a 16 kHz mono sound file, buffer by buffer in file order, through one analyzer channel with the
 // vocabulary of a JSON file (an array of at most 100 strings). Then writes "research.complete". Throws

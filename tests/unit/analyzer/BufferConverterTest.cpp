@@ -170,6 +170,17 @@ TEST_F(BufferConverterTest, MissingConverterIsRetriedAtNextCall) {
   EXPECT_EQ(record.created, 2);
 }
 
+TEST_F(BufferConverterTest, ReplacementThatCannotBeCreatedIsError) {
+  const auto first = mono(CommonFormat::int16, 48000), second = mono(CommonFormat::int16, 44100);
+  converter.convert(silence(1600), first);
+  record.refuseToMake = true;
+  EXPECT_EQ(failureOf(1600, second), Case::failedToCreateConverter);
+  EXPECT_EQ(failureOf(1600, first), Case::failedToCreateConverter) << "the former converter is released";
+  record.refuseToMake = false;
+  EXPECT_EQ(converter.convert(silence(1600), second)->format(), second);
+  EXPECT_EQ(record.created, 4);
+}
+
 TEST_F(BufferConverterTest, RefusedOutputBufferIsErrorAndKeepsConverter) {
   record.refuseBuffers = true;
   EXPECT_EQ(failureOf(1600, mono(CommonFormat::int16, 48000)), Case::failedToCreateBuffer);

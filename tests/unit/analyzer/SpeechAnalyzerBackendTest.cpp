@@ -136,6 +136,46 @@ TEST(SpeechAnalyzerBackendOrder, EventsAndTimesAreSameInEveryOrder) {
     EXPECT_EQ(eventsWithSeed(seed), expected) << "seed " << seed;
 }
 
+// After stopAll() the process normally ends before a task runs, so this drives the backend without a process.
+TEST(SpeechAnalyzerBackendEnd, StopAllCancelsEveryChannelAndForgetsSessions) {
+  SimulatedSettings settings;
+  settings.macOS = macOS26;
+  settings.analysis.utterances = {
+      {.partials = {}, .finalText = "unheard", .finalAfter = std::nullopt, .start = 0, .end = 0}};
+  SimulatedPlatform machine(settings);
+  machine.run(
+      [&machine](Platform& platform) {
+        JSONLineWriter writer(platform.clock, platform.standardOutput, platform.standardError);
+        SpeechAnalyzerBackend backend(platform, writer);
+        const auto chunk = encodePCM(samplesOfLoudness(0.1, 1600));
+        const auto at = [&](double time, auto operation) {
+          machine.scheduler.schedule(time, Timeline::Context::background, &machine,
+                                     [&platform, operation] { platform.mainQueue.async(operation); });
+        };
+        at(100, [&] {
+          backend.startSession("x", "ja-JP", {});
+          backend.startSession("y", "ja-JP", {});
+        });
+        at(200, [&] { backend.appendAudio("x", AudioSource::remote, 0, 1000, chunk); });
+        at(300, [&] { backend.stopAll(); });
+        at(400, [&] {
+          backend.appendAudio("x", AudioSource::remote, 0, 1000, chunk);
+          for (const auto* const id : {"x", "y"}) backend.stopSession(id);
+          backend.stopAll();
+        });
+        platform.mainQueue.run();
+      },
+      1e6);
+  EXPECT_EQ(machine.standardOutput.lines().size(), 4u) << "a session.ready per source, and nothing else";
+  const auto analyses = machine.speechAnalysis.analyses();
+  ASSERT_EQ(analyses.size(), 4u);
+  EXPECT_EQ(analyses[0].buffers.size(), 1u);
+  for (const auto& analysis : analyses) {
+    EXPECT_EQ(analysis.cancelledAt, 300);
+    EXPECT_EQ(analysis.finalizedAt, std::nullopt);
+  }
+}
+
 class BackendStormTest : public testing::TestWithParam<std::uint64_t> {};
 
 TEST_P(BackendStormTest, ChunkReachesChannelOfItsArrival) {

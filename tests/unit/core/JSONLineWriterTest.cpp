@@ -8,9 +8,12 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "core/UTF8.h"
+#include "core/endProcess.h"
 #include "tests/unit/core/Fakes.h"
 
 namespace palaver {
@@ -228,17 +231,106 @@ TEST(JSONLineWriterTest, ThreadsWriteWholeLines) {
   for (const auto& [thread, count] : lines) EXPECT_EQ(count, each) << thread;
 }
 
+// Calls tryError() on another thread. It never waits, so the test knows when it has written what it may.
+bool anotherThreadWrites(JSONLineWriter& writer) {
+  bool written = false;
+  std::thread([&] { written = writer.tryError("another thread"); }).join();
+  return written;
+}
+
+// Lets another thread try to write inside every write of this stream.
+class ContendedStream final : public OutputStream {
+ public:
+  void write(std::string_view bytes) override {
+    text += bytes;
+    if (writer && !std::exchange(isInside_, true)) {
+      overtaken |= anotherThreadWrites(*writer);
+      isInside_ = false;
+    }
+  }
+
+  JSONLineWriter* writer = nullptr;
+  std::string text;
+  bool overtaken = false;  // the other thread wrote
+
+ private:
+  bool isInside_ = false;
+};
+
+TEST(JSONLineWriterTest, NoThreadWritesInsideLineOfAnother) {
+  const FixedClock clock;
+  ContendedStream output, errors;
+  JSONLineWriter writer(clock, output, errors);
+  output.writer = &writer;
+  writer.write({{"type", "x"}});
+  EXPECT_FALSE(output.overtaken);
+  EXPECT_EQ(output.text, "{\"type\":\"x\"}\n");
+  EXPECT_TRUE(writer.tryError("m"));
+  EXPECT_FALSE(output.overtaken);
+  EXPECT_EQ(std::count(output.text.begin(), output.text.end(), '\n'), 2);
+}
+
 TEST(JSONLineWriterTest, LinesWaitWhileHeld) {
   FakePlatform fake;
   JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
   std::thread other;
   {
     const auto held = writer.holdLines();
+    EXPECT_FALSE(anotherThreadWrites(writer));
     other = std::thread([&writer] { writer.write({{"type", "x"}}); });
     EXPECT_EQ(fake.standardOutput.text(), "");
   }
   other.join();
   EXPECT_EQ(fake.standardOutput.text(), "{\"type\":\"x\"}\n");
+  EXPECT_TRUE(anotherThreadWrites(writer));
+}
+
+// Another thread may write a line at any time. The process must end between two lines.
+class ContendedProcess final : public Process {
+ public:
+  const std::vector<std::string>& arguments() const override { return arguments_; }
+  std::optional<std::string> environmentVariable(std::string_view) const override { return std::nullopt; }
+  bool isMacOSAtLeast(OperatingSystemVersion) const override { return false; }
+
+  JSONLineWriter* writer = nullptr;
+  bool overtaken = false;  // a thread wrote while the process ended
+
+ private:
+  void terminate(int status) override {
+    overtaken = anotherThreadWrites(*writer);
+    throw Exit{status};
+  }
+
+  std::vector<std::string> arguments_;
+};
+
+TEST(JSONLineWriterTest, NoThreadWritesWhileProcessEnds) {
+  FakePlatform fake;
+  JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
+  ContendedProcess process;
+  process.writer = &writer;
+  try {
+    endProcess(process, writer, 7);
+  } catch (const Exit& exit) {
+    EXPECT_EQ(exit.status, 7);
+  }
+  EXPECT_FALSE(process.overtaken);
+  EXPECT_THAT(fake.standardOutput.writes(), IsEmpty());
+}
+
+TEST(JSONLineWriterTest, FailedProcessReportsReasonAndExits1) {
+  const auto output = [](const std::exception& failure) {
+    FakePlatform fake;
+    JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
+    try {
+      failProcess(fake.process, writer, failure);
+    } catch (const Exit& exit) {
+      EXPECT_EQ(exit.status, 1);
+    }
+    return Event::parse(fake.standardOutput.text()).at("message").get<std::string>();
+  };
+  EXPECT_EQ(output(std::runtime_error("no thread")), "The helper has to end: no thread");
+  EXPECT_EQ(output(std::bad_alloc()), "The helper has to end: out of memory");
 }
 
 TEST(JSONLineWriterTest, AuthorizationStatusesHaveLabels) {
