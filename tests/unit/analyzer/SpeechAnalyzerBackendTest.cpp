@@ -136,6 +136,16 @@ TEST(SpeechAnalyzerBackendOrder, EventsAndTimesAreSameInEveryOrder) {
     EXPECT_EQ(eventsWithSeed(seed), expected) << "seed " << seed;
 }
 
+TEST(SpeechAnalyzerBackendName, IsItsImplementation) {
+  SimulatedPlatform machine;
+  machine.run(
+      [](Platform& platform) {
+        JSONLineWriter writer(platform.clock, platform.standardOutput, platform.standardError);
+        EXPECT_EQ(SpeechAnalyzerBackend(platform, writer).implementationName(), "speech-analyzer");
+      },
+      1);
+}
+
 // After stopAll() the process normally ends before a task runs, so this drives the backend without a process.
 TEST(SpeechAnalyzerBackendEnd, StopAllCancelsEveryChannelAndForgetsSessions) {
   SimulatedSettings settings;

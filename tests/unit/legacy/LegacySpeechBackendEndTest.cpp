@@ -17,6 +17,18 @@ namespace palaver {
 
 namespace {
 
+TEST(LegacySpeechBackendEnd, NamesItsImplementation) {
+  SimulatedPlatform machine;
+  machine.run(
+      [](Platform& platform) {
+        JSONLineWriter writer(platform.clock, platform.standardOutput, platform.standardError);
+        DictationProbe dictation(platform);
+        EXPECT_EQ(LegacySpeechBackend(platform, writer, dictation).implementationName(),
+                  "sf-speech-recognizer");
+      },
+      1);
+}
+
 TEST(LegacySpeechBackendEnd, StopAllFlushesOnceAndForgetsSessions) {
   SimulatedPlatform machine;
   machine.run(
