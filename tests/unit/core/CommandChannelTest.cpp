@@ -90,6 +90,16 @@ TEST(CommandChannelTest, OneReadIsOneJob) {
                                               "stopSession('d')", "stopSession('e')"));
 }
 
+TEST(CommandChannelTest, LinesAfterShutdownAreDropped) {
+  Conversation host;
+  host.receive(stop("a") + "\n{\"type\":\"shutdown\"}\nbad\n" + stop("b") + "\nbad");
+  host.receive(" line\n" + stop("c") + "\nbad\n");
+  EXPECT_EQ(host.end(), 0);
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopAll"));
+  EXPECT_THAT(host.messages(), IsEmpty());
+  EXPECT_EQ(host.fake.mainQueue.size(), 1U) << "one job for the commands, one for the end of input";
+}
+
 TEST(CommandChannelTest, LineSplitAtAnyByteIsOneLine) {
   const std::string input = stop("あ") + "\r\n" + stop("b") + "\n\n" + stop("c\\u0041") + "\n";
   for (std::size_t at = 0; at <= input.size(); ++at) {

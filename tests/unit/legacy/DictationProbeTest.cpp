@@ -86,6 +86,18 @@ class HandDrivenRecognition final : public SpeechRecognition {
   };
 };
 
+// Has no audio format at all, so nothing may ask for a buffer.
+class NoAudioFormats final : public AudioBuffers {
+ public:
+  std::optional<AudioFormat> makeFormat(CommonFormat, double, std::uint32_t, bool) override {
+    return std::nullopt;
+  }
+  std::shared_ptr<PCMBuffer> makeBuffer(const AudioFormat&, std::uint32_t) override {
+    ADD_FAILURE() << "a buffer without a format";
+    return nullptr;
+  }
+};
+
 class DictationProbeTest : public testing::Test {
  protected:
   static RecognitionAnswer failure(PlatformError error) { return {std::nullopt, std::move(error)}; }
@@ -116,7 +128,7 @@ class DictationProbeTest : public testing::Test {
                             .standardInput = all.standardInput,
                             .standardOutput = all.standardOutput,
                             .standardError = all.standardError,
-                            .audioBuffers = all.audioBuffers,
+                            .audioBuffers = audioBuffers_ ? *audioBuffers_ : all.audioBuffers,
                             .speechRecognition = recognition_,
                             .speechAnalysis = all.speechAnalysis,
                             .audioConverters = all.audioConverters,
@@ -130,6 +142,7 @@ class DictationProbeTest : public testing::Test {
 
   SimulatedPlatform machine_;
   HandDrivenRecognition recognition_;
+  AudioBuffers* audioBuffers_ = nullptr;  // null: the machine's
 };
 
 TEST_F(DictationProbeTest, SystemWithoutSettingIsNotProbed) {
@@ -209,6 +222,15 @@ TEST_F(DictationProbeTest, UnansweredProbeTimesOut) {
     EXPECT_EQ(probe.cachedVerdict(), unknown);
     EXPECT_EQ(probe.availability("ja-JP"), unknown);  // cached, not probed again
     EXPECT_LE(machine_.scheduler.now(), 120);
+  });
+}
+
+TEST_F(DictationProbeTest, MissingAudioFormatStartsNoRecognition) {
+  NoAudioFormats none;
+  audioBuffers_ = &none;
+  with([this](DictationProbe& probe) {
+    EXPECT_EQ(probe.availability("ja-JP"), unknown);
+    EXPECT_FALSE(recognition_.handler);
   });
 }
 
