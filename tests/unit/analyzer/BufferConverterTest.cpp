@@ -78,6 +78,29 @@ class RecordingConverters final : public AudioConverters {
   Record& record_;
 };
 
+// Creates converters between any formats, which convert nothing.
+class IdleConverters final : public AudioConverters {
+ public:
+  std::unique_ptr<AudioConverter> makeConverter(const AudioFormat& from, const AudioFormat& to) override {
+    return std::make_unique<Converter>(from, to);
+  }
+
+ private:
+  class Converter final : public AudioConverter {
+   public:
+    Converter(const AudioFormat& from, const AudioFormat& to) : from_(from), to_(to) {}
+    const AudioFormat& inputFormat() const override { return from_; }
+    const AudioFormat& outputFormat() const override { return to_; }
+    void setPrimeMethod(ConverterPrimeMethod) override {}
+    ConverterOutputStatus convert(PCMBuffer&, std::optional<PlatformError>&, const InputBlock&) override {
+      return ConverterOutputStatus::error;
+    }
+
+   private:
+    const AudioFormat from_, to_;
+  };
+};
+
 class RecordingBuffers final : public AudioBuffers {
  public:
   explicit RecordingBuffers(Record& record) : record_(record) {}
@@ -131,6 +154,19 @@ TEST_F(BufferConverterTest, CapacityIsRatioRoundedUpAndAtLeast1) {
     EXPECT_EQ(output->frameCapacity(), capacity);
     EXPECT_EQ(record.capacities.back(), capacity);
   }
+}
+
+// No such buffer is allocated: the platform refuses each.
+TEST_F(BufferConverterTest, LargestCapacityIs32Bits) {
+  record.refuseBuffers = true;
+  IdleConverters idle;
+  BufferConverter any(buffers, idle);
+  const auto oneFrame = silence(1, mono(CommonFormat::int16, 1));
+  const auto convertTo = [&](double rate) { any.convert(oneFrame, mono(CommonFormat::int16, rate)); };
+  EXPECT_THROW(convertTo(4294967295), BufferConverter::ConversionError);
+  EXPECT_EQ(record.capacities, std::vector<std::uint32_t>{4294967295});
+  EXPECT_THROW(convertTo(4294967296), BufferConverter::ConversionError);
+  EXPECT_EQ(record.capacities.size(), 1u) << "a capacity that does not fit is not asked for";
 }
 
 TEST_F(BufferConverterTest, EmptyBufferStaysEmpty) {
