@@ -9,6 +9,7 @@
 #include "cli/doctor.h"
 #include "cli/models.h"
 #include "cli/record.h"
+#include "cli/report.h"
 #include "cli/transcribe.h"
 
 namespace {
@@ -20,6 +21,7 @@ constexpr const char* usage =
   doctor [FILE...]          say why a meeting would have no transcript, and what to do
   record FILE               stand between a host and the helper, and record both
   replay FILE               say again what a recorded host said, and compare the finals
+  report FILE               make a page and subtitles of a recorded meeting
   models                    list, add, check and remove speech models (Linux)
 
   --version                 print the version
@@ -35,6 +37,7 @@ int run(std::span<const std::string> arguments) {
   const auto& command = arguments.front();
   if (command == "doctor") return doctor(arguments.subspan(1));
   if (command == "record") return record(arguments.subspan(1));
+  if (command == "report") return report(arguments.subspan(1));
   if (command == "replay") return replay(arguments.subspan(1));
   if (command == "transcribe") return transcribe(arguments.subspan(1));
   if (command == "models") return models(arguments.subspan(1));

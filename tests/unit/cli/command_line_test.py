@@ -76,6 +76,19 @@ class CommandLineTest(unittest.TestCase):
             self.assertEqual(status, 1)
             self.assertIn("File exists", errors)
 
+    def test_report_of_a_meeting_is_a_page_and_subtitles(self):
+        with tempfile.TemporaryDirectory() as folder:
+            recording = pathlib.Path(folder, "meeting.jsonl")
+            commands = b'{"type":"ping","sentAt":1}\n{"type":"shutdown"}\n'
+            subprocess.run([PROGRAM, "record", str(recording)], input=commands, capture_output=True, timeout=60, check=True)
+            status, output, errors = run("report", str(recording))
+            self.assertEqual((status, errors), (0, ""))
+            self.assertEqual(output.split(), [f"{recording}.{kind}" for kind in ("html", "srt", "vtt")])
+            for name in output.split():
+                self.assertEqual(pathlib.Path(name).stat().st_mode & 0o777, 0o600)
+            self.assertIn("exit status 0", pathlib.Path(output.split()[0]).read_text())
+        self.assertEqual(run("report", "/nowhere")[0], 1)
+
     def test_record_passes_bytes_and_status_on(self):
         with tempfile.TemporaryDirectory() as folder:
             for number, (script, status) in enumerate((("cat; exit 3", 3), ("cat; kill -9 $$", 1))):
