@@ -16,6 +16,8 @@ namespace {
 
 std::atomic<std::size_t> held{0};
 std::atomic<std::size_t> large{0};
+std::atomic<bool> refusesLarge{false};
+constexpr std::size_t largeSize = std::size_t{64} << 10;  // bytes
 
 std::size_t usableSize(void* memory) {
 #ifdef __APPLE__
@@ -26,10 +28,11 @@ std::size_t usableSize(void* memory) {
 }
 
 void* allocate(std::size_t size) {
+  if (size >= largeSize && refusesLarge) throw std::bad_alloc();
   void* const memory = std::malloc(size ? size : 1);
   if (!memory) throw std::bad_alloc();
   held += usableSize(memory);
-  if (size >= std::size_t{64} << 10) ++large;
+  if (size >= largeSize) ++large;
   return memory;
 }
 
@@ -46,6 +49,10 @@ std::size_t allocatedBytes() {
 
 std::size_t largeAllocations() {
   return large;
+}
+
+void refuseLargeAllocations(bool refuse) {
+  refusesLarge = refuse;
 }
 
 }  // namespace palaver

@@ -12,4 +12,7 @@ std::size_t allocatedBytes();
 // Allocations of at least 64 KiB so far. Any thread.
 std::size_t largeAllocations();
 
+// Makes allocations of at least 64 KiB throw std::bad_alloc, or succeed again. Any thread.
+void refuseLargeAllocations(bool refuse);
+
 }  // namespace palaver

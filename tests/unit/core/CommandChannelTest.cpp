@@ -68,6 +68,20 @@ std::string stop(std::string_view id) {
   return std::string(R"({"type":"session.stop","sessionId":")").append(id) + "\"}";
 }
 
+TEST(CommandChannelTest, HelperEndsWithErrorWhenFirstBlockDoesNotFit) {
+  Conversation host;
+  refuseLargeAllocations(true);
+  std::optional<int> status;
+  try {
+    host.channel.prepare();
+  } catch (const Exit& exit) {
+    status = exit.status;
+  }
+  refuseLargeAllocations(false);
+  EXPECT_EQ(status, 1);
+  EXPECT_THAT(host.messages(), ElementsAre(::testing::StartsWith("The helper has to end: ")));
+}
+
 TEST(CommandChannelTest, CommandsWaitForMainThread) {
   Conversation host;
   host.receive(stop("a") + "\n");

@@ -347,6 +347,14 @@ TEST(HelperCommandTest, LoneSurrogateIsRejectedInKeysAndValues) {
   }
 }
 
+TEST(HelperCommandTest, LoneSurrogateHasOneTextInKeysAndValues) {
+  const auto* const text = "an escape sequence is half of a surrogate pair";
+  EXPECT_THAT(failureOf(R"({"type":"a","\udc00":1})"),
+              testing::MatchesRegex(std::string(text) + "( at byte [0-9]+)?"));
+  EXPECT_THAT(failureOf(R"({"type":"\udc00"})"),
+              testing::MatchesRegex(std::string(text) + "( at byte [0-9]+)?"));
+}
+
 TEST(HelperCommandTest, RawControlCharacterIsRejectedAtEveryPosition) {
   // Covers every offset from the parser's vector steps, before and after an escape.
   for (int character = 0; character < 0x20; ++character) {

@@ -197,6 +197,25 @@ TEST(JSONLineWriterTest, ErrorHasExactKeys) {
             "\n");
 }
 
+// Records the limit that it gets.
+class LimitedStream final : public OutputStream {
+ public:
+  void write(std::string_view) override {}
+  void limitStalls(double milliseconds) override { limit = milliseconds; }
+
+  std::optional<double> limit;
+};
+
+TEST(JSONLineWriterTest, AtTheEndBothStreamsMayStallForTwoSeconds) {
+  const FixedClock clock;
+  LimitedStream output, error;
+  JSONLineWriter writer(clock, output, error);
+  EXPECT_EQ(output.limit, std::nullopt);
+  writer.limitStalls();
+  EXPECT_EQ(output.limit, 2000);
+  EXPECT_EQ(error.limit, 2000);
+}
+
 TEST(JSONLineWriterTest, ThreadsWriteWholeLines) {
   FakePlatform fake;
   JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);

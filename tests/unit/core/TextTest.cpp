@@ -63,6 +63,12 @@ TEST(TextTest, OtherInvisibleCharactersAreKept) {
     EXPECT_EQ(trimWhitespaceAndNewlines(utf8(point)), utf8(point)) << std::hex << std::uint32_t{point};
 }
 
+TEST(TextTest, BytesThatAreNotUTF8AreKept) {
+  // Each differs from white space in its last byte only, which is no continuation byte.
+  for (const std::string text : {"\xC2\x25", "\xE1\x9A\x7F", "\xE2\x80\x7F", "\xE2\x81\x5F", "\xE3\x80\x7F"})
+    EXPECT_EQ(trimWhitespaceAndNewlines(text), text);
+}
+
 TEST(TextTest, MixedWhiteSpaceIsTrimmedWhole) {
   std::string all;
   for (char32_t point = 0; point <= 0x3000; ++point)
