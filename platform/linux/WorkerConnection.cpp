@@ -331,6 +331,7 @@ class WorkerConnection::Link {
     {
       const std::lock_guard guard(lock_);
       isOpen_ = false;
+      failedAt_ = settings_.now();  // already counts for a worker that is started meanwhile
     }
     pollfd waiting{processEnd_.get(), POLLIN, 0};
     if (processEnd_.isOpen()) ::poll(&waiting, 1, endingTime);
@@ -347,7 +348,7 @@ class WorkerConnection::Link {
     {
       const std::lock_guard guard(lock_);
       isOpen_ = false;
-      if (failure) failedAt_ = settings_.now();
+      if (failure && !failedAt_) failedAt_ = settings_.now();
       std::swap(tasks, tasks_);
       outbox_ = {};
     }

@@ -117,7 +117,7 @@ TEST_F(AppleSpeech, ResultsArriveOnRunLoopOnly) {
 
 TEST_F(AppleSpeech, SegmentsKeepTextAndTimes) {
   const auto speaker = begin();
-  simulated_.answer(0,
+  simulated_.answer(TaskChoice(),
                     {RecognitionResult{"東京 and", {{"東京", 0.25, 0.5}, {"and", 1.5, 0.125}}, false}, {}});
   pass();
   const auto all = speaker.answers->all();
@@ -175,7 +175,7 @@ TEST_F(AppleSpeech, ErrorsKeepDomainCodeAndText) {
   };
   for (const auto& error : errors) {
     const auto speaker = begin();
-    simulated_.answer(0, {std::nullopt, error});
+    simulated_.answer(TaskChoice(), {std::nullopt, error});
     pass();
     const auto all = speaker.answers->all();
     ASSERT_EQ(all.size(), 1U);
@@ -189,8 +189,8 @@ TEST_F(AppleSpeech, ErrorsKeepDomainCodeAndText) {
 // On a Japanese system the text is believed to be Japanese.
 TEST_F(AppleSpeech, DictationOffIsRecognizedInAnyLanguage) {
   const auto speaker = begin();
-  simulated_.answer(
-      0, {std::nullopt, PlatformError("kLSRErrorDomain", 201, "Siriと音声入力が無効になっています")});
+  simulated_.answer(TaskChoice(), {std::nullopt, PlatformError("kLSRErrorDomain", 201,
+                                                               "Siriと音声入力が無効になっています")});
   pass();
   const auto all = speaker.answers->all();
   ASSERT_EQ(all.size(), 1U);
@@ -202,7 +202,7 @@ TEST_F(AppleSpeech, OtherErrorsKeepTranslatedText) {
   for (const PlatformError& error : {PlatformError("kAFAssistantErrorDomain", 201, "再試行"),
                                      PlatformError("kLSRErrorDomain", 300, "初期化できません")}) {
     const auto speaker = begin();
-    simulated_.answer(0, {std::nullopt, error});
+    simulated_.answer(TaskChoice(), {std::nullopt, error});
     pass();
     const auto all = speaker.answers->all();
     ASSERT_EQ(all.size(), 1U);
@@ -213,7 +213,7 @@ TEST_F(AppleSpeech, OtherErrorsKeepTranslatedText) {
 
 TEST_F(AppleSpeech, ResultAndErrorArriveTogether) {
   const auto speaker = begin();
-  simulated_.answer(0, {RecognitionResult{"text", {}, true}, noSpeechError()});
+  simulated_.answer(TaskChoice(), {RecognitionResult{"text", {}, true}, noSpeechError()});
   pass();
   const auto all = speaker.answers->all();
   ASSERT_EQ(all.size(), 1U);
