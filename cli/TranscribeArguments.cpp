@@ -103,7 +103,7 @@ is a sound file, or headerless 16 kHz mono 16-bit audio in a file named *.raw.
   --speed FACTOR          factor of real time, 0.1 to 100 (default: 1). The helper measures
                           silence in real time, so utterances then end at other places
   --json                  print the helper's events unchanged
-  --helper PATH           helper to run (default: the one of this build)
+  --helper PATH           helper to run (default: the one beside this program)
   --helper-argument TEXT  argument for the helper; may be repeated
   --help                  print this help
 

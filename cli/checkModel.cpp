@@ -5,10 +5,12 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -101,6 +103,16 @@ RecognitionResult recognize(SpeechRecognizer& recognizer, WaitingQueue& queue,
   return answer->result.value_or(RecognitionResult{});
 }
 
+// Returns the worker of the installation, or that of a development build.
+std::filesystem::path workerProgram() {
+  auto found = findWorkerProgram();
+#ifdef PALAVER_WORKER
+  std::error_code ignored;
+  if (!std::filesystem::exists(found, ignored)) return PALAVER_WORKER;
+#endif
+  return found;
+}
+
 }  // namespace
 
 CheckedModel checkModel(const SpeechModels& models, const std::string& locale,
@@ -108,8 +120,7 @@ CheckedModel checkModel(const SpeechModels& models, const std::string& locale,
   // Less than the audio that may wait for a speech worker.
   constexpr std::size_t partLength = std::size_t{50} * 16000;
   static WaitingQueue queue;  // outlives the threads that post to it
-  LinuxSpeechRecognition recognition(queue, models,
-                                     {.program = [] { return std::filesystem::path(PALAVER_WORKER); }});
+  LinuxSpeechRecognition recognition(queue, models, {.program = workerProgram});
   const auto now = [] { return std::chrono::steady_clock::now(); };
   const auto seconds = [](std::chrono::duration<double> duration) { return duration.count(); };
   const auto recognizer = recognition.makeRecognizer(locale);

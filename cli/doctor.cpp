@@ -8,6 +8,7 @@
 #include "cli/ArgumentReader.h"
 #include "cli/Diagnosis.h"
 #include "cli/examine.h"
+#include "cli/findHelper.h"
 
 namespace palaver::cli {
 
@@ -24,14 +25,14 @@ nobody for a permission. FILE is sound that a host recorded: is there any voice 
 
   --locale LOCALE  language of the session (default: en-US on Linux, else ja-JP)
   --json           print everything that was seen, as one JSON object
-  --helper PATH    helper to examine (default: the one of this build)
+  --helper PATH    helper to examine (default: the one beside this program)
   --help           print this help
 
 Exit status: 0 all is well, 1 a problem was found, 2 invalid usage.
 )";
 
 struct Arguments {
-  std::string helper = PALAVER_HELPER;
+  std::string helper = findHelper();
   std::string locale = PALAVER_DOCTOR_LOCALE;
   std::vector<std::string> files;
   bool json = false;

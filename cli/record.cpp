@@ -15,6 +15,7 @@
 
 #include "cli/ArgumentReader.h"
 #include "cli/Recording.h"
+#include "cli/findHelper.h"
 #include "platform/posix/PipedProcess.h"
 
 namespace palaver::cli {
@@ -31,7 +32,7 @@ helper is passed on, and written to FILE with its time. FILE holds everything th
 said, readable by you alone. It must not exist yet.
 
   --redact       keep neither words nor audio, only their lengths and loudness
-  --helper PATH  helper to run (default: the one of this build)
+  --helper PATH  helper to run (default: the one beside this program)
   --help         print this help
 
 Exit status: that of the helper; 1 when a signal ended it, 2 invalid usage.
@@ -42,7 +43,7 @@ constexpr std::size_t maxQueue = std::size_t{1}
 
 struct Arguments {
   std::string file;
-  std::vector<std::string> command{PALAVER_HELPER};
+  std::vector<std::string> command{findHelper()};
   bool redact = false;
   bool help = false;
 };

@@ -9,6 +9,7 @@
 #include "cli/ArgumentReader.h"
 #include "cli/LineSplitter.h"
 #include "cli/Recording.h"
+#include "cli/findHelper.h"
 #include "cli/record.h"
 #include "platform/posix/PipedProcess.h"
 
@@ -25,7 +26,7 @@ constexpr const char* usage =
 Says to a helper what the host of a recording said, byte for byte and at its pace, and
 compares the finals of both. FILE is from palaver-stt record, without --redact.
 
-  --helper PATH  helper to run (default: the one of this build)
+  --helper PATH  helper to run (default: the one beside this program)
   --help         print this help
 
 Exit status: 0 the same finals, 1 others or a failure, 2 invalid usage.
@@ -105,7 +106,7 @@ bool replayFile(const std::string& file, const std::string& program) {
 }  // namespace
 
 int replay(std::span<const std::string> arguments) {
-  std::string file, helper = PALAVER_HELPER;
+  std::string file, helper = findHelper();
   for (ArgumentReader reader(arguments); !reader.atEnd();) {
     const auto argument = reader.next();
     if (argument == "--helper") {

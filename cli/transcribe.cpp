@@ -18,6 +18,7 @@
 #include "cli/HostSession.h"
 #include "cli/TranscribeArguments.h"
 #include "cli/TranscriptDisplay.h"
+#include "cli/findHelper.h"
 #include "platform/audio/SoundFileSource.h"
 
 namespace palaver::cli {
@@ -88,7 +89,7 @@ bool runSession(const TranscribeArguments& arguments, HostObserver& observer) {
   auto remote = std::make_unique<SoundFileSource>(arguments.remote);
   auto self = arguments.self ? std::make_unique<SoundFileSource>(*arguments.self) : nullptr;
   HostConfiguration configuration;
-  configuration.helper = {arguments.helper.value_or(PALAVER_HELPER)};
+  configuration.helper = {arguments.helper ? *arguments.helper : findHelper()};
   configuration.helper.insert(configuration.helper.end(), arguments.helperArguments.begin(),
                               arguments.helperArguments.end());
   configuration.locale = arguments.locale;

@@ -7,6 +7,10 @@ function(palaver_options target)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
   target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wshadow -Wconversion -Wsign-conversion)
+  if(NOT PALAVER_BUILD_PATHS)
+    # The place of the sources must not change a package's bytes.
+    target_compile_options(${target} PRIVATE -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+  endif()
   if(APPLE)
     target_include_directories(${target} SYSTEM PRIVATE ${PALAVER_HEADER_LIBRARIES})
     # An API of a later macOS than the oldest supported one requires a check.

@@ -3,6 +3,7 @@ import json
 import os
 import pathlib
 import platform
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -49,6 +50,15 @@ class CommandLineTest(unittest.TestCase):
             self.assertTrue(output.splitlines()[-2].startswith(f"{code}: "), output)
             status, output, errors = run("doctor", "--json", *arguments)
             self.assertEqual(json.loads(output)["code"], code)
+
+    def test_helper_beside_program_precedes_that_of_build(self):
+        with tempfile.TemporaryDirectory() as folder:
+            program = shutil.copy(PROGRAM, folder)
+            beside = shutil.copy("/bin/true", pathlib.Path(folder, "PalaverSTTHelper"))
+            done = subprocess.run([program, "doctor", "--json"], capture_output=True, text=True, timeout=60, check=False)
+            report = json.loads(done.stdout)
+            self.assertEqual((report["code"], done.stderr), ("helper-ended", ""))
+            self.assertIn(str(beside), done.stdout)
 
     def test_doctor_hears_whether_a_recording_has_voice(self):
         with tempfile.TemporaryDirectory() as folder:
