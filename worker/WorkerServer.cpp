@@ -60,7 +60,7 @@ class WorkerServer::Sender {
 
   void wake() const {
     constexpr std::uint64_t one = 1;
-    static_cast<void>(::write(wakeUp_.get(), &one, sizeof one));
+    [[maybe_unused]] const auto ignored = ::write(wakeUp_.get(), &one, sizeof one);
   }
 
  private:
@@ -165,7 +165,7 @@ void WorkerServer::run() {
     if (::poll(waiting.data(), waiting.size(), -1) < 0) continue;
     if (waiting[1].revents != 0) {
       std::uint64_t count = 0;
-      static_cast<void>(::read(sender_->wakeUp(), &count, sizeof count));
+      [[maybe_unused]] const auto ignored = ::read(sender_->wakeUp(), &count, sizeof count);
       eraseEnded();
       feedAll();
     }

@@ -239,7 +239,7 @@ class WorkerConnection::Link {
         throw std::system_error(errno, std::generic_category());
       if (waiting[1].revents != 0) {
         std::uint64_t count = 0;
-        static_cast<void>(::read(wakeUp_.get(), &count, sizeof count));
+        [[maybe_unused]] const auto ignored = ::read(wakeUp_.get(), &count, sizeof count);
       }
       if ((waiting[0].revents & POLLOUT) != 0) {
         const std::lock_guard guard(lock_);
@@ -371,7 +371,7 @@ class WorkerConnection::Link {
 
   void wake() {
     constexpr std::uint64_t one = 1;
-    static_cast<void>(::write(wakeUp_.get(), &one, sizeof one));
+    [[maybe_unused]] const auto ignored = ::write(wakeUp_.get(), &one, sizeof one);
   }
 
   const WorkerModel model_;

@@ -1,17 +1,18 @@
-// Sets the executable bit of the helper in a packed application, which archives and file systems may lose.
+// Sets the executable bits of the helper and its worker in a packed application, which archives and file systems may lose.
 //
 // electron-builder calls it after packing and before signing, so the signature covers the file as it is. Fails when the helper is
 // missing or only inside the archive, from where it cannot be started.
 const {chmod, readdir} = require('node:fs/promises');
-const {join, sep} = require('node:path');
+const {basename, join, sep} = require('node:path');
 
 const programName = 'PalaverSTTHelper';
+const workerName = 'PalaverSpeechWorker'; // of Linux, beside the helper
 
 async function* find(folder) {
   for (const entry of await readdir(folder, {withFileTypes: true})) {
     const path = join(folder, entry.name);
     if (entry.isDirectory()) yield* find(path);
-    else if (entry.isFile() && entry.name === programName) yield path;
+    else if (entry.isFile() && (entry.name === programName || entry.name === workerName)) yield path;
   }
 }
 
@@ -21,7 +22,7 @@ exports.default = async ({appOutDir, asar = true}) => {
   for await (const path of find(appOutDir)) {
     if (asar && !path.includes(`.asar.unpacked${sep}`) && path.includes('node_modules')) continue;
     await chmod(path, 0o755);
-    ++found;
+    if (basename(path) === programName) ++found;
   }
   if (found === 0) throw new Error(`No ${programName} outside of an archive in ${appOutDir}; run npx palaver-stt-init`);
 };

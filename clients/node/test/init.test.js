@@ -99,7 +99,9 @@ test('the executable bit is set outside of the archive', inFolder(async folder =
   mkdirSync(place, {recursive: true});
   const helper = join(place, 'PalaverSTTHelper');
   writeFileSync(helper, '');
-  chmodSync(helper, 0o644);
+  const worker = join(place, 'PalaverSpeechWorker');
+  writeFileSync(worker, '');
+  for (const file of [helper, worker]) chmodSync(file, 0o644);
   await afterPack({appOutDir: folder});
-  assert.equal(statSync(helper).mode & 0o777, 0o755);
+  for (const file of [helper, worker]) assert.equal(statSync(file).mode & 0o777, 0o755);
 }));

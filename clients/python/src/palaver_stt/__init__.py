@@ -5,6 +5,7 @@ See README.md for the smallest host.
 
 from ._events import HelperEnded, HelperError, HelperRestarted
 from ._helper import Helper, HelperStartError, Ping, RestartPolicy
+from ._locate import find_helper
 from ._process import SendResult
 from ._protocol import (
     PROTOCOL_VERSION,
@@ -59,4 +60,5 @@ __all__ = [
     "TranscriptPartial",
     "UnknownEvent",
     "Utterance",
+    "find_helper",
 ]

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import asyncio
 import os
-import shutil
 import time
 import uuid
 import weakref
@@ -14,6 +13,7 @@ from types import TracebackType
 from typing import Callable, Mapping, Sequence
 
 from ._events import ErrorFolder, HelperEnded, HelperRestarted, decode_event
+from ._locate import find_helper
 from ._process import HelperProcess, Item, SendQueue, SendResult, encoded
 from ._protocol import PROTOCOL_VERSION, Command, Event, HelperErrorEvent, HelperStatus, Pong, SessionReady, SessionStopped
 from ._session import HelperClosedError, PalaverError, Session, answer_within
@@ -102,8 +102,7 @@ class Helper:
     ) -> Helper:
         """A helper that starts when it is entered with `async with`.
 
-        command: the program's path, or program and arguments; by default the variable PALAVER_STT_HELPER, or PalaverSTTHelper on
-            the path.
+        command: the program's path, or program and arguments; by default that of find_helper.
         env: the helper's environment; by default that of this program.
         start_timeout: s until the first status; a Mac may take 2.5 s.
         answer_timeout: s until the answer to a command.
@@ -111,7 +110,7 @@ class Helper:
         now_ms, monotonic: the clocks, ms since the Unix epoch and s.
         """
         if command is None:
-            command = os.environ.get("PALAVER_STT_HELPER") or shutil.which("PalaverSTTHelper") or "PalaverSTTHelper"
+            command = find_helper()
         words = [os.fspath(command)] if isinstance(command, (str, os.PathLike)) else [*command]
         return cls(words, env, restart, start_timeout, answer_timeout, max_queued_ms, now_ms, monotonic)
 
