@@ -49,6 +49,7 @@ class SpeechAnalyzerChannelTest : public testing::Test {
     context.poll();
   }
 
+  asio::io_context context;  // outlives the coroutines that wait for the analysis
   FakePlatform fake;
   HandDrivenAnalysis analysis;
   Platform platform{.clock = fake.clock,
@@ -64,7 +65,6 @@ class SpeechAnalyzerChannelTest : public testing::Test {
                     .audioFiles = fake.audioFiles,
                     .tasks = fake.tasks};
   JSONLineWriter writer{fake.clock, fake.standardOutput, fake.standardError};
-  asio::io_context context;
   SerialExecutor executor{asio::any_io_executor(context.get_executor())};
   std::shared_ptr<SpeechAnalyzerChannel> channel;
 };

@@ -266,6 +266,9 @@ TEST_F(WorkerRecognizerTest, WorkerThatIsNoProgramIsError) {
 }
 
 TEST_F(WorkerRecognizerTest, NoDescriptorLeftIsError) {
+#ifdef PALAVER_SANITIZED
+  GTEST_SKIP() << "the sanitizer itself needs descriptors to check the type of an object";
+#endif
   Conversation before(recognizer(), mainQueue_);  // needs the folder's files only once
   before.request->endAudio();
   EXPECT_EQ(before.end(), "go forward");
