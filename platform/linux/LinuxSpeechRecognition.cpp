@@ -6,16 +6,9 @@
 
 #include "platform/linux/SpeechWorker.h"
 #include "platform/linux/WorkerRecognizer.h"
+#include "platform/linux/models/SpeechModelFiles.h"
 
 namespace palaver {
-
-namespace {
-
-WorkerModel workerModel(const InstalledModel& model) {
-  return {std::string(nameOf(model.engine)), model.folder, model.locale};
-}
-
-}  // namespace
 
 LinuxSpeechRecognition::LinuxSpeechRecognition(MainQueue& mainQueue, SpeechModels models,
                                                WorkerSettings settings)
@@ -27,30 +20,31 @@ LinuxSpeechRecognition::LinuxSpeechRecognition(MainQueue& mainQueue, std::filesy
 
 LinuxSpeechRecognition::~LinuxSpeechRecognition() = default;
 
-std::unique_ptr<SpeechRecognizer> LinuxSpeechRecognition::makeRecognizer(std::string_view localeIdentifier) {
+std::optional<LinuxSpeechRecognition::ServedModel> LinuxSpeechRecognition::modelFor(
+    std::string_view localeIdentifier) const {
   if (const auto model = models_.find(localeIdentifier); model && model->engine == SpeechEngine::sherpa)
-    return std::make_unique<WorkerRecognizer>(workerFor(workerModel(*model)), mainQueue_,
-                                              [folder = model->folder] {
-                                                std::error_code ignored;
-                                                return std::filesystem::is_directory(folder, ignored);
-                                              });
+    return ServedModel{{std::string(nameOf(model->engine)), model->folder, model->locale},
+                       [folder = model->folder] {
+                         std::error_code ignored;
+                         return std::filesystem::is_directory(folder, ignored);
+                       }};
   const auto directory = modelDirectoryName(localeIdentifier);
-  if (!directory) return nullptr;
+  if (!directory) return std::nullopt;
   const auto& root = models_.roots().pocketSphinxModels;
-  return std::make_unique<WorkerRecognizer>(
-      workerFor({"pocketsphinx", root / *directory, *directory}), mainQueue_,
-      [files = SpeechModelFiles(root, *directory)] { return files.areInstalled(); });
+  return ServedModel{{std::string(nameOf(SpeechEngine::pocketSphinx)), root / *directory, *directory},
+                     [files = SpeechModelFiles(root, *directory)] { return files.areInstalled(); }};
+}
+
+std::unique_ptr<SpeechRecognizer> LinuxSpeechRecognition::makeRecognizer(std::string_view localeIdentifier) {
+  auto model = modelFor(localeIdentifier);
+  if (!model) return nullptr;
+  return std::make_unique<WorkerRecognizer>(workerFor(model->name), mainQueue_,
+                                            std::move(model->isInstalled));
 }
 
 void LinuxSpeechRecognition::prepare(std::string_view localeIdentifier) {
-  if (const auto model = models_.find(localeIdentifier); model && model->engine == SpeechEngine::sherpa) {
-    workerFor(workerModel(*model))->prepare();
-    return;
-  }
-  const auto directory = modelDirectoryName(localeIdentifier);
-  const auto& root = models_.roots().pocketSphinxModels;
-  if (!directory || !SpeechModelFiles(root, *directory).areInstalled()) return;
-  workerFor({"pocketsphinx", root / *directory, *directory})->prepare();
+  if (const auto model = modelFor(localeIdentifier); model && model->isInstalled())
+    workerFor(model->name)->prepare();
 }
 
 std::shared_ptr<SpeechWorker> LinuxSpeechRecognition::workerFor(const WorkerModel& model) {

@@ -3,13 +3,16 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <string_view>
 
 #include "platform/SpeechRecognition.h"
-#include "platform/linux/SpeechModelFiles.h"
 #include "platform/linux/WorkerModel.h"
 #include "platform/linux/WorkerSettings.h"
+#include "platform/linux/models/SpeechModelFiles.h"
 #include "platform/linux/models/SpeechModels.h"
 
 namespace palaver {
@@ -40,6 +43,13 @@ class LinuxSpeechRecognition final : public SpeechRecognition {
   void prepare(std::string_view localeIdentifier) override;
 
  private:
+  struct ServedModel {
+    WorkerModel name;
+    std::function<bool()> isInstalled;  // costs a few calls of stat
+  };
+
+  // Returns the model that serves or would serve the locale. None when the identifier is not well-formed.
+  std::optional<ServedModel> modelFor(std::string_view localeIdentifier) const;
   std::shared_ptr<SpeechWorker> workerFor(const WorkerModel& model);
 
   MainQueue& mainQueue_;

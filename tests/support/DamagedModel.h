@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/linux/SpeechModelFiles.h"
+#include "platform/linux/models/SpeechModelFiles.h"
 
 namespace palaver {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/SpeechModelFiles.h"
+#include "platform/linux/models/SpeechModelFiles.h"
 #include "worker/pocketsphinx/CepstralMean.h"
 #include "worker/pocketsphinx/PocketSphinxHandles.h"
 

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "platform/SpeechRecognition.h"
-#include "platform/linux/SpeechModelFiles.h"
+#include "platform/linux/models/SpeechModelFiles.h"
 
 namespace palaver {
 

@@ -3,16 +3,17 @@
 #include <atomic>
 #include <utility>
 
+#include "worker/engine/JobRequest.h"
 #include "worker/pocketsphinx/RecognitionEngine.h"
 
 namespace palaver {
 
 // Represents a channel on the main thread. Shared by the recognizer, its requests and its tasks.
-class PocketSphinxRecognizer::Channel {
+class PocketSphinxRecognizer::Channel final : public JobChannel {
  public:
   Channel(SpeechModelFiles files, std::shared_ptr<RecognitionEngines> engines)
       : files_(std::move(files)), engines_(std::move(engines)) {}
-  ~Channel() {
+  ~Channel() override {
     if (engine_) engine_->closeChannel(id_);
   }
   Channel(const Channel&) = delete;
@@ -20,6 +21,10 @@ class PocketSphinxRecognizer::Channel {
 
   const SpeechModelFiles& files() const { return files_; }
 
+  void start(std::shared_ptr<RecognitionJob> job) override { engine().start(id_, std::move(job)); }
+  EngineThread& thread() override { return engine().thread(); }
+
+ private:
   // Returns the engine that serves the channel. Chosen by the first call and never changed.
   RecognitionEngine& engine() {
     if (!engine_) {
@@ -29,9 +34,6 @@ class PocketSphinxRecognizer::Channel {
     return *engine_;
   }
 
-  void start(std::shared_ptr<RecognitionJob> job) { engine().start(id_, std::move(job)); }
-
- private:
   static RecognitionEngine::ChannelID nextID() {
     static std::atomic<RecognitionEngine::ChannelID> newest = 0;
     return ++newest;
@@ -43,61 +45,6 @@ class PocketSphinxRecognizer::Channel {
   std::shared_ptr<RecognitionEngine> engine_;
 };
 
-class PocketSphinxRecognizer::Request final : public RecognitionRequest {
- public:
-  Request(std::shared_ptr<Channel> channel, RecognitionOptions options) : channel_(std::move(channel)) {
-    job_->options = std::move(options);
-  }
-  ~Request() override {
-    if (isStarted_ && !isEnded_) channel_->engine().endAudio(job_);
-  }
-  Request(const Request&) = delete;
-  Request& operator=(const Request&) = delete;
-
-  void append(std::shared_ptr<const PCMBuffer> buffer) override {
-    if (isEnded_ || !buffer) return;
-    if (isStarted_) {
-      channel_->engine().append(job_, std::move(buffer));
-    } else {
-      job_->audio.push_back(std::move(buffer));
-    }
-  }
-
-  void endAudio() override {
-    if (std::exchange(isEnded_, true)) return;
-    if (isStarted_) {
-      channel_->engine().endAudio(job_);
-    } else {
-      job_->audioEnded = true;
-    }
-  }
-
-  std::shared_ptr<RecognitionJob> start(ResultHandler handler) {
-    isStarted_ = true;
-    job_->handler = std::move(handler);
-    channel_->start(job_);
-    return job_;
-  }
-
- private:
-  const std::shared_ptr<Channel> channel_;
-  const std::shared_ptr<RecognitionJob> job_ = std::make_shared<RecognitionJob>();
-  bool isStarted_ = false;  // from then on the engine's thread owns the job
-  bool isEnded_ = false;
-};
-
-class PocketSphinxRecognizer::Task final : public RecognitionTask {
- public:
-  Task(std::shared_ptr<Channel> channel, std::shared_ptr<RecognitionJob> job)
-      : channel_(std::move(channel)), job_(std::move(job)) {}
-
-  void cancel() override { channel_->engine().cancel(job_); }
-
- private:
-  const std::shared_ptr<Channel> channel_;
-  const std::shared_ptr<RecognitionJob> job_;
-};
-
 PocketSphinxRecognizer::PocketSphinxRecognizer(SpeechModelFiles files,
                                                std::shared_ptr<RecognitionEngines> engines)
     : channel_(std::make_shared<Channel>(std::move(files), std::move(engines))) {}
@@ -107,13 +54,12 @@ bool PocketSphinxRecognizer::supportsOnDeviceRecognition() const {
 }
 
 std::shared_ptr<RecognitionRequest> PocketSphinxRecognizer::makeRequest(RecognitionOptions options) {
-  return std::make_shared<Request>(channel_, std::move(options));
+  return makeJobRequest(channel_, std::move(options));
 }
 
 std::unique_ptr<RecognitionTask> PocketSphinxRecognizer::recognitionTask(
     const std::shared_ptr<RecognitionRequest>& request, ResultHandler handler) {
-  auto job = static_cast<Request&>(*request).start(std::move(handler));
-  return std::make_unique<Task>(channel_, std::move(job));
+  return startTask(*request, std::move(handler));
 }
 
 }  // namespace palaver

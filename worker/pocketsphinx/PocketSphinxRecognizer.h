@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "platform/SpeechRecognition.h"
-#include "platform/linux/SpeechModelFiles.h"
+#include "platform/linux/models/SpeechModelFiles.h"
 
 namespace palaver {
 
@@ -25,8 +25,6 @@ class PocketSphinxRecognizer final : public SpeechRecognizer {
 
  private:
   class Channel;
-  class Request;
-  class Task;
 
   const std::shared_ptr<Channel> channel_;
 };

@@ -4,26 +4,14 @@
 
 #include <atomic>
 #include <cstddef>
-#include <functional>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
-#include "platform/SpeechRecognition.h"
-#include "platform/linux/SpeechModelFiles.h"
+#include "platform/linux/models/SpeechModelFiles.h"
+#include "worker/engine/EngineThread.h"
 
 namespace palaver {
-
-// Holds one task, from the creation of the request to its end. Once the task has been started, everything but
-// `isCancelled` belongs to the engine's thread.
-struct RecognitionJob {
-  RecognitionOptions options;
-  ResultHandler handler;
-  std::vector<std::shared_ptr<const PCMBuffer>> audio;  // not yet recognized, oldest first
-  std::size_t buffersDone = 0;                          // buffers of `audio`
-  std::uint32_t framesDone = 0;                         // frames of the first unfinished buffer
-  bool audioEnded = false;
-  std::atomic<bool> isCancelled = false;
-};
 
 // Runs one engine thread. The library's decoders serve one thread at a time, and decoders of different
 // threads cannot share its language model, so everything loaded here stays on this thread. The thread
@@ -34,9 +22,8 @@ class RecognitionEngine {
   // Identifies a channel: one recognizer with its decoder, which is created when its first task begins.
   using ChannelID = std::uint64_t;
 
-  // Starts the thread.
+  // Starts the thread. Throws std::system_error.
   RecognitionEngine();
-  // Drops all work. No handler is called after this has returned.
   ~RecognitionEngine();
   RecognitionEngine(const RecognitionEngine&) = delete;
   RecognitionEngine& operator=(const RecognitionEngine&) = delete;
@@ -47,18 +34,20 @@ class RecognitionEngine {
   void closeChannel(ChannelID channel);
   // Queues a task. A channel's tasks run one after the other.
   void start(ChannelID channel, std::shared_ptr<RecognitionJob> job);
-  void append(std::shared_ptr<RecognitionJob> job, std::shared_ptr<const PCMBuffer> buffer);
-  void endAudio(std::shared_ptr<RecognitionJob> job);
-  // Drops the rest of the task's audio.
-  void cancel(const std::shared_ptr<RecognitionJob>& job);
+
+  // Takes the audio of started tasks.
+  EngineThread& thread() { return thread_; }
 
   // Number of channels opened and not closed.
   std::size_t channelCount() const { return channelCount_; }
 
  private:
-  class Worker;
+  class Channels;
 
-  std::shared_ptr<Worker> worker_;
+  explicit RecognitionEngine(std::unique_ptr<Channels> channels);
+
+  Channels& channels_;  // used on the thread only
+  EngineThread thread_;
   std::atomic<std::size_t> channelCount_ = 0;
 };
 

@@ -1,117 +1,74 @@
 #include "worker/sherpa/ModelThread.h"
 
-#include <condition_variable>
+#include <algorithm>
 #include <deque>
-#include <exception>
 #include <map>
-#include <mutex>
 #include <optional>
+#include <span>
 #include <string>
-#include <thread>
 #include <utility>
 
-#include "platform/UniqueFunction.h"
 #include "worker/sherpa/SherpaError.h"
 
 namespace palaver {
 
 namespace {
 
-void answer(const TranscriptionJob& job, std::optional<RecognitionResult> result,
-            std::optional<PlatformError> error) {
-  if (job.isCancelled || !job.handler) return;
-  try {
-    job.handler(std::move(result), std::move(error));
-  } catch (...) {
-    // There is no caller to report to. The other channels continue.
-  }
+std::span<const std::int16_t> samplesOf(const PCMBuffer& buffer) {
+  const auto samples = engineSamples(buffer);
+  if (!samples)
+    throw sherpaError(sherpaUnsupportedAudio, "The speech engine takes mono 16-bit audio at 16 kHz only");
+  return *samples;
 }
 
-std::span<const std::int16_t> samplesOf(const PCMBuffer& buffer) {
-  const auto& format = buffer.format();
-  const std::int16_t* const samples = buffer.int16ChannelData();
-  if (!samples || format.sampleRate != speechSampleRate || format.channelCount != 1)
-    throw sherpaError(sherpaUnsupportedAudio, "The speech engine takes mono 16-bit audio at 16 kHz only");
-  return {samples, buffer.frameLength()};
+PlatformError engineFailure(const char* text) {
+  return sherpaError(sherpaEngineFailed, std::string("The speech engine failed: ") + text);
 }
 
 }  // namespace
 
-class ModelThread::Worker {
+class ModelThread::Channels final : public EngineThread::Work {
  public:
-  explicit Worker(Loader load) : load_(std::move(load)) {}
+  explicit Channels(Loader load) : load_(std::move(load)) {}
 
-  void post(UniqueFunction<void()> message) {
-    {
-      const std::lock_guard guard(lock_);
-      messages_.push_back(std::move(message));
+  void begin() override { loadIfNeeded(); }  // a failure is reported to the first task
+
+  bool isDue() const override {
+    return std::ranges::any_of(channels_, [](const auto& entry) { return isDue(entry.second); });
+  }
+
+  void step() override {
+    dropCancelled();
+    takeAudio();
+    if (const auto channel = mostUrgent(); channel != channels_.end()) {
+      step(channel->second);
+      channel->second.servedAt = ++servings_;
     }
-    posted_.notify_one();
+    std::erase_if(channels_, [](const auto& entry) { return entry.second.jobs.empty(); });
   }
 
-  void stop() {
-    stopping_ = true;
-    post([] {});
-  }
-
-  void run() {
-    loadIfNeeded();  // a failure is reported to the first task
-    while (!stopping_) {
-      receive();
-      if (stopping_) break;
-      dropCancelled();
-      takeAudio();
-      if (const auto channel = mostUrgent(); channel != channels_.end()) {
-        step(channel->second);
-        channel->second.servedAt = ++servings_;
-      }
-      std::erase_if(channels_, [](const auto& entry) { return entry.second.jobs.empty(); });
-    }
-    channels_.clear();
-    model_.reset();
-  }
-
-  std::thread thread;
-
-  // The functions below run on the model's thread.
-
-  void start(ChannelID id, std::shared_ptr<TranscriptionJob> job) {
+  void start(ChannelID id, std::shared_ptr<RecognitionJob> job) {
     channels_[id].jobs.push_back(std::move(job));
   }
 
  private:
   struct Channel {
-    std::deque<std::shared_ptr<TranscriptionJob>> jobs;  // the first one is being transcribed
-    std::unique_ptr<Transcriber> transcriber;            // of the first job
-    std::string reported;                                // newest partial text
-    bool isEndTaken = false;                             // the transcriber knows that the audio has ended
-    std::optional<PlatformError> error;                  // ends the first job
+    std::deque<std::shared_ptr<RecognitionJob>> jobs;  // the first one is being transcribed
+    std::unique_ptr<Transcriber> transcriber;          // of the first job
+    std::string reported;                              // newest partial text
+    bool isEndTaken = false;                           // the transcriber knows that the audio has ended
+    std::optional<PlatformError> error;                // ends the first job
     std::uint64_t servedAt = 0;
   };
-  using Channels = std::map<ChannelID, Channel>;
-
-  // Waits for messages unless there is work, then handles all that have arrived.
-  void receive() {
-    std::vector<UniqueFunction<void()>> received;
-    {
-      std::unique_lock guard(lock_);
-      posted_.wait(guard, [this] { return !messages_.empty() || mostUrgent() != channels_.end(); });
-      std::swap(received, messages_);
-    }
-    for (auto& message : received) message();
-  }
+  using ChannelsByID = std::map<ChannelID, Channel>;
 
   void loadIfNeeded() {
     if (model_) return;
-    loadError_.reset();
-    try {
-      model_ = load_();
-    } catch (const PlatformError& error) {
-      loadError_ = error;
-    } catch (const std::exception& error) {
-      loadError_ = sherpaError(sherpaModelUnusable,
-                               std::string("The speech model could not be loaded: ") + error.what());
-    }
+    loadError_ = failureOf([this] { model_ = load_(); },
+                           [](const char* text) {
+                             return sherpaError(sherpaModelUnusable,
+                                                std::string("The speech model could not be loaded: ") + text);
+                           });
   }
 
   void dropCancelled() {
@@ -120,7 +77,7 @@ class ModelThread::Worker {
   }
 
   // Ends the first job of a channel. Returns it, because its handler may still have to be called.
-  static std::shared_ptr<TranscriptionJob> endJob(Channel& channel) {
+  static std::shared_ptr<RecognitionJob> endJob(Channel& channel) {
     auto job = std::move(channel.jobs.front());
     channel.jobs.pop_front();
     channel.transcriber.reset();
@@ -136,19 +93,12 @@ class ModelThread::Worker {
   void takeAudio() {
     for (auto& [id, channel] : channels_) {
       if (channel.jobs.empty() || channel.error) continue;
-      try {
-        takeAudio(channel);
-      } catch (const PlatformError& error) {
-        channel.error = error;
-      } catch (const std::exception& error) {
-        channel.error =
-            sherpaError(sherpaEngineFailed, std::string("The speech engine failed: ") + error.what());
-      }
+      channel.error = failureOf([this, &channel = channel] { takeAudio(channel); }, engineFailure);
     }
   }
 
   void takeAudio(Channel& channel) {
-    TranscriptionJob& job = *channel.jobs.front();
+    RecognitionJob& job = *channel.jobs.front();
     if (!channel.transcriber) {
       if (loadError_ && std::exchange(isLoadErrorReported_, true)) loadIfNeeded();
       if (loadError_) throw PlatformError(*loadError_);
@@ -164,14 +114,14 @@ class ModelThread::Worker {
 
   static bool isDue(const Channel& channel) {
     if (channel.jobs.empty()) return false;
-    const TranscriptionJob& job = *channel.jobs.front();
+    const RecognitionJob& job = *channel.jobs.front();
     if (job.isCancelled || channel.error || !channel.transcriber) return true;
     if (job.audio.empty() ? job.audioEnded && !channel.isEndTaken : channel.transcriber->wantsAudio())
       return true;
     return channel.transcriber->hasWork() || channel.transcriber->isFinished();
   }
 
-  Channels::iterator mostUrgent() {
+  ChannelsByID::iterator mostUrgent() {
     auto best = channels_.end();
     const auto rank = [](const Channel& channel) {
       return std::pair(!channel.error && !channel.isEndTaken, channel.servedAt);
@@ -184,21 +134,15 @@ class ModelThread::Worker {
 
   void step(Channel& channel) {
     if (channel.jobs.empty() || channel.jobs.front()->isCancelled) return;
-    if (!channel.error) {
-      try {
-        if (channel.transcriber->hasWork()) channel.transcriber->work();
-      } catch (const PlatformError& error) {
-        channel.error = error;
-      } catch (const std::exception& error) {
-        channel.error =
-            sherpaError(sherpaEngineFailed, std::string("The speech engine failed: ") + error.what());
-      }
-    }
+    if (!channel.error)
+      channel.error = failureOf(
+          [&transcriber = *channel.transcriber] {
+            if (transcriber.hasWork()) transcriber.work();
+          },
+          engineFailure);
     if (channel.error) {
       auto error = std::exchange(channel.error, std::nullopt);
-      const auto job = endJob(channel);
-      answer(*job, std::nullopt, std::move(error));
-      job->handler = nullptr;
+      answerLast(*endJob(channel), std::nullopt, std::move(error));
       return;
     }
     reportPartial(channel);
@@ -220,60 +164,31 @@ class ModelThread::Worker {
     auto result = makeResult(channel.transcriber->words(), channel.transcriber->length(), true);
     const auto job = endJob(channel);
     if (result.formattedString.empty()) {
-      answer(*job, std::nullopt, sherpaError(sherpaNoSpeech, "No speech detected"));
+      answerLast(*job, std::nullopt, sherpaError(sherpaNoSpeech, "No speech detected"));
     } else {
-      answer(*job, std::move(result), std::nullopt);
+      answerLast(*job, std::move(result), std::nullopt);
     }
-    job->handler = nullptr;
   }
 
   const Loader load_;
-  std::mutex lock_;
-  std::condition_variable posted_;
-  std::vector<UniqueFunction<void()>> messages_;
-  std::atomic<bool> stopping_ = false;
-
-  // The members below belong to the model's thread.
   std::unique_ptr<LoadedModel> model_;  // destroyed after the transcribers
   std::optional<PlatformError> loadError_;
   bool isLoadErrorReported_ = false;
-  Channels channels_;
+  ChannelsByID channels_;
   std::uint64_t servings_ = 0;
 };
 
-ModelThread::ModelThread(Loader load) : worker_(std::make_shared<Worker>(std::move(load))) {
-  worker_->thread = std::thread([worker = worker_] { worker->run(); });
-}
+ModelThread::ModelThread(Loader load) : ModelThread(std::make_unique<Channels>(std::move(load))) {}
 
-ModelThread::~ModelThread() {
-  worker_->stop();
-  // A handler may own the last reference to a recognizer, and thereby to this thread.
-  if (worker_->thread.get_id() == std::this_thread::get_id()) {
-    worker_->thread.detach();
-  } else {
-    worker_->thread.join();
-  }
-}
+ModelThread::ModelThread(std::unique_ptr<Channels> channels)
+    : channels_(*channels), thread_(std::move(channels)) {}
 
-void ModelThread::start(ChannelID channel, std::shared_ptr<TranscriptionJob> job) {
-  worker_->post([&worker = *worker_, channel, job = std::move(job)]() mutable {
-    worker.start(channel, std::move(job));
+ModelThread::~ModelThread() = default;
+
+void ModelThread::start(ChannelID channel, std::shared_ptr<RecognitionJob> job) {
+  thread_.post([&channels = channels_, channel, job = std::move(job)]() mutable {
+    channels.start(channel, std::move(job));
   });
-}
-
-void ModelThread::append(std::shared_ptr<TranscriptionJob> job, std::shared_ptr<const PCMBuffer> buffer) {
-  worker_->post([job = std::move(job), buffer = std::move(buffer)]() mutable {
-    if (!job->isCancelled && !job->audioEnded && job->handler) job->audio.push_back(std::move(buffer));
-  });
-}
-
-void ModelThread::endAudio(std::shared_ptr<TranscriptionJob> job) {
-  worker_->post([job = std::move(job)] { job->audioEnded = true; });
-}
-
-void ModelThread::cancel(const std::shared_ptr<TranscriptionJob>& job) {
-  job->isCancelled = true;
-  worker_->post([] {});
 }
 
 }  // namespace palaver

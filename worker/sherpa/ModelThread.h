@@ -1,26 +1,14 @@
 // Runs one loaded model on a thread of its own and serves the channels that share it.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <vector>
 
-#include "platform/SpeechRecognition.h"
+#include "worker/engine/EngineThread.h"
 #include "worker/sherpa/LoadedModel.h"
 
 namespace palaver {
-
-// Holds one task, from the creation of its request to its end. Once the task has been started, everything but
-// `isCancelled` belongs to the model's thread.
-struct TranscriptionJob {
-  RecognitionOptions options;
-  ResultHandler handler;
-  std::vector<std::shared_ptr<const PCMBuffer>> audio;  // not yet taken by the transcriber, oldest first
-  bool audioEnded = false;
-  std::atomic<bool> isCancelled = false;
-};
 
 // The tasks of one channel run one after the other. Among channels, a task whose audio has ended comes first,
 // because a person waits for its final; otherwise they are served in turn. All audio that has arrived is
@@ -38,20 +26,22 @@ class ModelThread {
 
   // Starts the thread, which loads the model at once. Throws std::system_error.
   explicit ModelThread(Loader load);
-  // Drops all work, after the decoding step under way. No handler is called after this has returned.
   ~ModelThread();
   ModelThread(const ModelThread&) = delete;
   ModelThread& operator=(const ModelThread&) = delete;
 
-  void start(ChannelID channel, std::shared_ptr<TranscriptionJob> job);
-  void append(std::shared_ptr<TranscriptionJob> job, std::shared_ptr<const PCMBuffer> buffer);
-  void endAudio(std::shared_ptr<TranscriptionJob> job);
-  void cancel(const std::shared_ptr<TranscriptionJob>& job);
+  void start(ChannelID channel, std::shared_ptr<RecognitionJob> job);
+
+  // Takes the audio of started tasks.
+  EngineThread& thread() { return thread_; }
 
  private:
-  class Worker;
+  class Channels;
 
-  const std::shared_ptr<Worker> worker_;
+  explicit ModelThread(std::unique_ptr<Channels> channels);
+
+  Channels& channels_;  // used on the thread only
+  EngineThread thread_;
 };
 
 }  // namespace palaver

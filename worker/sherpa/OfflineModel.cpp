@@ -6,6 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "worker/sherpa/floatSamples.h"
+
 namespace palaver {
 
 namespace {
@@ -136,9 +138,7 @@ OfflineModel::OfflineModel(std::shared_ptr<const SherpaLibrary> library, const S
       throw sherpaError(sherpaModelUnusable, "The speech model takes no whole utterances");
   }
   recognizer_ = library_->CreateOfflineRecognizer(&config);
-  if (!recognizer_)
-    throw sherpaError(sherpaModelUnusable,
-                      "The speech engine refuses the model in " + model.tokens.parent_path().string());
+  if (!recognizer_) throw refusedModel(model.tokens.parent_path());
 }
 
 OfflineModel::~OfflineModel() {
@@ -153,10 +153,7 @@ GrowingWindow::Answer OfflineModel::decode(std::span<const std::int16_t> samples
   GrowingWindow::Answer answer;
   if (samples.empty()) return answer;
   samples = samples.first(std::min(samples.size(), static_cast<std::size_t>(GrowingWindow::longestLength)));
-  std::vector<float> audio(samples.size() + silenceAtEnd);
-  std::ranges::transform(samples, audio.begin(),
-                         [](std::int16_t sample) { return static_cast<float>(sample) / 32768; });
-
+  const auto audio = floatSamples(samples, silenceAtEnd);
   const std::unique_ptr<const SherpaOnnxOfflineStream, decltype(library_->DestroyOfflineStream)> stream(
       library_->CreateOfflineStream(recognizer_), library_->DestroyOfflineStream);
   library_->AcceptWaveformOffline(stream.get(), speechSampleRate, audio.data(),

@@ -1,6 +1,7 @@
 // Errors of the engine sherpa-onnx.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <utility>
 
@@ -19,6 +20,10 @@ enum SherpaErrorCode : long {
 
 inline PlatformError sherpaError(SherpaErrorCode code, std::string text) {
   return {"SherpaONNX", code, std::move(text)};
+}
+
+inline PlatformError refusedModel(const std::filesystem::path& folder) {
+  return sherpaError(sherpaModelUnusable, "The speech engine refuses the model in " + folder.string());
 }
 
 }  // namespace palaver

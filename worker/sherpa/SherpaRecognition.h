@@ -35,6 +35,8 @@ class SherpaRecognition final : public SpeechRecognition {
 
  private:
   class Engine;
+  class Channel;
+  class Recognizer;
 
   const std::shared_ptr<Engine> engine_;
 };

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "worker/sherpa/Hotwords.h"
+#include "worker/sherpa/floatSamples.h"
 
 namespace palaver {
 
@@ -62,9 +63,7 @@ class StreamingTranscriber final : public Transcriber {
 
  private:
   void accept(const std::vector<std::int16_t>& samples) {
-    std::vector<float> audio(samples.size());
-    std::ranges::transform(samples, audio.begin(),
-                           [](std::int16_t sample) { return static_cast<float>(sample) / 32768; });
+    const auto audio = floatSamples(samples);
     library_.OnlineStreamAcceptWaveform(stream_.get(), speechSampleRate, audio.data(),
                                         static_cast<std::int32_t>(audio.size()));
   }
@@ -127,9 +126,7 @@ StreamingModel::StreamingModel(std::shared_ptr<const SherpaLibrary> library, con
       throw sherpaError(sherpaModelUnusable, "The speech model takes only whole utterances");
   }
   recognizer_ = library_->CreateOnlineRecognizer(&config);
-  if (!recognizer_)
-    throw sherpaError(sherpaModelUnusable,
-                      "The speech engine refuses the model in " + model.tokens.parent_path().string());
+  if (!recognizer_) throw refusedModel(model.tokens.parent_path());
 }
 
 StreamingModel::~StreamingModel() {

@@ -1,36 +1,17 @@
 #include "platform/linux/models/SpeechModels.h"
 
-#include <algorithm>
-#include <array>
 #include <set>
 #include <system_error>
 #include <utility>
+
+#include "platform/linux/models/LocaleIdentifier.h"
+#include "platform/linux/models/SpeechModelFiles.h"
 
 namespace palaver {
 
 namespace {
 
 using std::filesystem::path;
-
-// Not <cctype>: identifiers are ASCII, independent of the process's locale.
-constexpr bool isLetter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-constexpr bool isDigit(char c) {
-  return c >= '0' && c <= '9';
-}
-constexpr char lowered(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-constexpr char raised(char c) {
-  return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-}
-
-// Debian's folders are in lower case: en-us.
-std::string pocketSphinxName(std::string locale) {
-  std::ranges::transform(locale, locale.begin(), lowered);
-  return locale;
-}
 
 bool isFolder(const path& folder) {
   std::error_code ignored;
@@ -57,28 +38,11 @@ std::string_view nameOf(SpeechEngine engine) {
   return engine == SpeechEngine::sherpa ? "sherpa" : "pocketsphinx";
 }
 
-std::optional<std::string> canonicalLocale(std::string_view localeIdentifier) {
-  const auto separator = localeIdentifier.find_first_of("-_");
-  const auto language = localeIdentifier.substr(0, separator);
-  if (language.size() < 2 || language.size() > 3 || !std::ranges::all_of(language, isLetter))
-    return std::nullopt;
-  std::string locale(language);
-  std::ranges::transform(locale, locale.begin(), lowered);
-  if (separator == std::string_view::npos) return locale;
-  const auto region = localeIdentifier.substr(separator + 1);
-  const bool isAlphabetic = region.size() == 2 && std::ranges::all_of(region, isLetter);
-  const bool isNumeric = region.size() == 3 && std::ranges::all_of(region, isDigit);
-  if (!isAlphabetic && !isNumeric) return std::nullopt;
-  locale += '-';
-  for (const char c : region) locale += raised(c);
-  return locale;
-}
-
 SpeechModels::Roots SpeechModels::usualRoots(const std::function<const char*(const char*)>& environment) {
   Roots roots;
   const char* const data = environment("XDG_DATA_HOME");
   const char* const home = environment("HOME");
-  // The XDG Base Directory Specification ignores paths that are not absolute.
+  // As for every program, a path in these variables that is not absolute is ignored.
   if (data && path(data).is_absolute()) {
     roots.userModels = path(data) / "palaver-stt/models";
   } else if (home && path(home).is_absolute()) {
@@ -93,7 +57,7 @@ std::optional<InstalledModel> SpeechModels::find(std::string_view localeIdentifi
   for (const auto& root : {roots_.userModels, roots_.systemModels})
     if (!root.empty() && isFolder(root / *locale))
       return InstalledModel{SpeechEngine::sherpa, *locale, root / *locale};
-  const auto folder = roots_.pocketSphinxModels / pocketSphinxName(*locale);
+  const auto folder = roots_.pocketSphinxModels / *modelDirectoryName(*locale);
   if (isPocketSphinxModel(folder)) return InstalledModel{SpeechEngine::pocketSphinx, *locale, folder};
   return std::nullopt;
 }

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/models/SpeechModelFiles.h"
+
 namespace palaver {
 
 enum class SpeechEngine { sherpa, pocketSphinx };
@@ -21,11 +23,6 @@ struct InstalledModel {
   std::filesystem::path folder;  // for PocketSphinx the folder of the locale, as Debian installs it
 };
 
-// Returns the identifier in its usual form, "ja-JP" for "ja_jp", which is the name of a model's folder. None
-// when it is not of the form language or language-REGION (two or three letters, then two letters or three
-// digits).
-std::optional<std::string> canonicalLocale(std::string_view localeIdentifier);
-
 // Looks models up in these places, in this order. A folder, or a link to one, with a locale's name is its
 // model.
 //   1. userRoot:          $XDG_DATA_HOME/palaver-stt/models, by default ~/.local/share/palaver-stt/models
@@ -37,7 +34,7 @@ class SpeechModels {
   struct Roots {
     std::filesystem::path userModels;  // empty when the user has no home
     std::filesystem::path systemModels = "/usr/share/palaver-stt/models";
-    std::filesystem::path pocketSphinxModels = "/usr/share/pocketsphinx/model";
+    std::filesystem::path pocketSphinxModels = systemModelRoot;
   };
 
   // Returns the usual roots. `environment` returns a variable's value or null.

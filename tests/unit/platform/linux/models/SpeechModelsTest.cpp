@@ -73,13 +73,6 @@ TEST_F(SpeechModelsTest, AllListsEachLocaleOnce) {
   EXPECT_THAT(found, testing::ElementsAre("en-US sherpa", "ja-JP sherpa"));
 }
 
-TEST(SpeechModels, LocalesHaveUsualForm) {
-  EXPECT_EQ(canonicalLocale("JA_jp"), "ja-JP");
-  EXPECT_EQ(canonicalLocale("yue"), "yue");
-  EXPECT_EQ(canonicalLocale("es-419"), "es-419");
-  EXPECT_EQ(canonicalLocale("ja-JP-x"), std::nullopt);
-}
-
 TEST(SpeechModels, RootsFollowEnvironment) {
   std::map<std::string, const char*> variables{{"HOME", "/home/me"}};
   const auto environment = [&](const char* name) {

@@ -1,4 +1,4 @@
-#include "platform/linux/SpeechModelFiles.h"
+#include "platform/linux/models/SpeechModelFiles.h"
 
 #include <sys/stat.h>
 
@@ -6,20 +6,11 @@
 #include <array>
 #include <system_error>
 
+#include "platform/linux/models/LocaleIdentifier.h"
+
 namespace palaver {
 
 namespace {
-
-// Not <cctype>: identifiers are ASCII, independent of the process's locale.
-constexpr bool isLetter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-constexpr bool isDigit(char c) {
-  return c >= '0' && c <= '9';
-}
-constexpr char lowered(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
 
 constexpr std::array acousticFiles{"feat.params",         "mdef",     "means", "noisedict", "sendump",
                                    "transition_matrices", "variances"};
@@ -27,20 +18,8 @@ constexpr std::array acousticFiles{"feat.params",         "mdef",     "means", "
 }  // namespace
 
 std::optional<std::string> modelDirectoryName(std::string_view localeIdentifier) {
-  const std::size_t separator = localeIdentifier.find_first_of("-_");
-  const std::string_view language = localeIdentifier.substr(0, separator);
-  if (language.size() < 2 || language.size() > 3 || !std::ranges::all_of(language, isLetter))
-    return std::nullopt;
-  std::string name;
-  std::ranges::transform(language, std::back_inserter(name), lowered);
-  if (separator == std::string_view::npos) return name;
-
-  const std::string_view region = localeIdentifier.substr(separator + 1);
-  const bool isAlphabetic = region.size() == 2 && std::ranges::all_of(region, isLetter);
-  const bool isNumeric = region.size() == 3 && std::ranges::all_of(region, isDigit);
-  if (!isAlphabetic && !isNumeric) return std::nullopt;
-  name += '-';
-  std::ranges::transform(region, std::back_inserter(name), lowered);
+  auto name = canonicalLocale(localeIdentifier);
+  if (name) std::ranges::transform(*name, name->begin(), lowered);
   return name;
 }
 

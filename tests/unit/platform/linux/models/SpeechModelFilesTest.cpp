@@ -1,4 +1,4 @@
-#include "platform/linux/SpeechModelFiles.h"
+#include "platform/linux/models/SpeechModelFiles.h"
 
 #include <gtest/gtest.h>
 
