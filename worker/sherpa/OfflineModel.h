@@ -25,11 +25,13 @@ class OfflineModel final : public LoadedModel {
   std::unique_ptr<Transcriber> transcribe(const std::vector<std::string>& phrases) override;
 
   // Decodes audio of at most GrowingWindow::longestLength and returns its words, with positions from its
-  // first sample. Without samples there are no words: the library crashes when it has none to decode. The
-  // cost is left 0.
+  // first sample. Without samples there are no words: the library crashes when it has none to decode. Decodes
+  // once more when the model repeats itself without end. The cost is left 0.
   GrowingWindow::Answer decode(std::span<const std::int16_t> samples) const;
 
  private:
+  GrowingWindow::Answer decodeOnce(std::span<const std::int16_t> samples, std::size_t silence) const;
+
   const std::shared_ptr<const SherpaLibrary> library_;
   const SherpaOnnxOfflineRecognizer* recognizer_ = nullptr;
 };
