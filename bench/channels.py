@@ -1,110 +1,95 @@
-"""Measures whether the helper keeps up with many people speaking at the same time, and what it uses: ten live channels (five
-sessions with two sources each) in real time, on recordings of people.
+"""Measures how many people may speak at the same time until the helper falls behind, and what it uses, with each engine of this
+machine: live channels, two to a session, on recordings of people.
 
-Usage: channels.py HELPER [CHANNELS [SECONDS]]
+usage: python3 bench/channels.py HELPER [--engine NAME]... [--channels N,N...] [--seconds S]
 
-A channel keeps up when the latency of its finals does not grow. The run takes SECONDS. The machine must be otherwise idle.
+A channel keeps up when its finals do not come later and later. The machine must be otherwise idle.
 """
 
-import base64
-import json
+import argparse
+import array
 import os
 import pathlib
-import queue
 import statistics
-import subprocess
 import sys
-import threading
+import tempfile
 import time
-import wave
 
-DATA = pathlib.Path("/usr/share/pocketsphinx/test/data/librivox")
-CHUNK = 1600  # frames, 100 ms at 16 kHz
-PAUSE = bytes(2 * CHUNK * 12)  # after each recording; longer than the 900 ms that end an utterance
+sys.path.insert(0, str(pathlib.Path(__file__).parent / "accuracy"))
 
+import engines
+import live
+import sounds
 
-def recordings():
-    audio = []
-    for path in sorted(DATA.glob("*.wav")):
-        with wave.open(str(path)) as file:
-            audio.append(file.readframes(file.getnframes()))
-    return audio
+PAUSE = 1200  # ms after each recording; longer than the 900 ms that end an utterance
+CHANNELS = {"PocketSphinx": "2,10", "Whisper tiny.en": "2,4,6"}
 
 
-def processes(helper):
-    """The helper and its speech workers."""
-    return [helper] + [int(child) for child in
-                       pathlib.Path(f"/proc/{helper}/task/{helper}/children").read_text().split()]
+def stream_of(recordings, first, seconds):
+    """Recordings one after the other from the given one on. Channels that begin with another one do not pause together."""
+    samples = array.array("h")
+    while len(samples) < seconds * sounds.RATE:
+        samples.extend(recordings[first % len(recordings)].samples)
+        samples.extend([0] * (PAUSE * sounds.RATE // 1000))
+        first += 1
+    return samples[:seconds * sounds.RATE]
 
 
-def processor_seconds(helper):
-    seconds = 0.0
-    for pid in processes(helper):
-        fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-        seconds += (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-    return seconds
+def row(helper, environment, recordings, count, seconds):
+    meeting = live.Meeting(helper, environment=environment)
+    sources = [(f"s{number // 2}", ("remote", "self")[number % 2]) for number in range(count)]
+    sessions = sorted({session for session, _ in sources})
+    meeting.start(sessions)
+    used = []
+    memory = []
 
+    def on_chunk(number):
+        if number == 100 or number == 10 * seconds - 1:  # everything is loaded; the end
+            used.append((time.time(), live.processor_seconds(live.processes(meeting.pid))))
+        if number % 100 == 99:
+            memory.append([live.resident_megabytes(pid) for pid in live.processes(meeting.pid)])
 
-def resident_megabytes(helper):
-    """Of the helper and of its workers, in that order."""
-    return "+".join(f"{int(pathlib.Path(f'/proc/{pid}/status').read_text().split('VmRSS:')[1].split()[0]) / 1024:.0f}"
-                    for pid in processes(helper))
+    meeting.play({key: stream_of(recordings, number, seconds) for number, key in enumerate(sources)}, on_chunk)
+    meeting.stop(sessions)
+    status = meeting.end()
+
+    finals = [heard for heard in meeting.heard if heard.event["type"] == "transcript.final"]
+    first = {}
+    for heard in finals:
+        first.setdefault((heard.event["sessionId"], heard.event["source"]), heard.event["latencyMs"])
+    halves = [[heard.event["latencyMs"] for heard in finals if (heard.at - meeting.begin < 500 * seconds) == is_first]
+              for is_first in (True, False)]
+    load = (used[1][1] - used[0][1]) / (used[1][0] - used[0][0])
+    keeps_up = all(halves) and statistics.median(halves[1]) < statistics.median(halves[0]) + 500
+
+    def latency(values):
+        return f"{statistics.median(values):.0f}, {max(values):.0f} ms" if values else "none"
+
+    problems = meeting.errors() + ([f"exit status {status}"] if status else [])
+    resident = "+".join(f"{megabytes:.0f}" for megabytes in memory[-1])
+    return (f"| {count} | {latency(list(first.values()))} | {latency(halves[0])} | {latency(halves[1])} | {load:.2f} | "
+            f"{load / count:.3f} | {resident} | {'yes' if keeps_up and not problems else 'no'} |"
+            + (f"\nproblems: {sorted(set(problems))}" if problems else ""))
 
 
 def main():
-    helper_path, channels, seconds = sys.argv[1], 10, 120
-    if len(sys.argv) > 2:
-        channels = int(sys.argv[2])
-    if len(sys.argv) > 3:
-        seconds = int(sys.argv[3])
-    helper = subprocess.Popen([helper_path], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    events = queue.Queue()
-    threading.Thread(target=lambda: [events.put(json.loads(line)) for line in helper.stdout], daemon=True).start()
-
-    def send(**command):
-        helper.stdin.write(json.dumps(command).encode() + b"\n")
-
-    sources = [(f"s{channel // 2}", ("remote", "self")[channel % 2]) for channel in range(channels)]
-    for session in sorted({session for session, _ in sources}):
-        send(type="session.start", sessionId=session, locale="en-US")
-    helper.stdin.flush()
-
-    speech = recordings()
-    # Each channel begins with another recording, so that they do not pause together.
-    streams = [b"".join(part + PAUSE for part in speech[channel % len(speech):] + speech[:channel % len(speech)])
-               for channel in range(channels)]
-    begin, used, latencies, errors, memory = time.time(), None, [], [], []
-    first = {}  # latency of each channel's first final
-    for sequence in range(10 * seconds):
-        time.sleep(max(0, begin + (sequence + 1) / 10 - time.time()))
-        for (session, source), stream in zip(sources, streams):
-            at = 2 * CHUNK * sequence % len(stream)
-            send(type="audio", sessionId=session, source=source, sequence=sequence,
-                 capturedAt=(begin + sequence / 10) * 1000, pcmBase64=base64.b64encode(stream[at:at + 2 * CHUNK]).decode())
-        helper.stdin.flush()
-        if sequence == 100:
-            used = (time.time(), processor_seconds(helper.pid))  # everything is loaded
-        if sequence % 300 == 299:
-            memory.append(resident_megabytes(helper.pid))
-        while not events.empty():
-            event = events.get()
-            if event["type"] == "transcript.final":
-                latencies.append((time.time() - begin, event["latencyMs"]))
-                first.setdefault((event["sessionId"], event["source"]), event["latencyMs"])
-            if event["type"] == "helper.error":
-                errors.append(event["message"])
-    load = (processor_seconds(helper.pid) - used[1]) / (time.time() - used[0])
-    helper.stdin.close()
-    helper.wait()
-
-    halves = [[latency for at, latency in latencies if (at < seconds / 2) == first] for first in (True, False)]
-    print(f"| {channels} channels, {seconds} s | first half | second half |\n|---|---|---|")
-    print("| finals |", " | ".join(str(len(half)) for half in halves), "|")
-    for name, figure in (("median latency", statistics.median), ("longest latency", max)):
-        print(f"| {name} |", " | ".join(f"{figure(half):.0f} ms" if half else "none" for half in halves), "|")
-    print(f"| median latency of each channel's first final | {statistics.median(first.values()):.0f} ms | |" if first else "")
-    print(f"\n{load:.2f} processors of {os.cpu_count()}, {load / channels:.3f} a channel; resident after each half minute: "
-          f"{', '.join(memory)} MB; errors: {errors or 'none'}; exit status {helper.returncode}")
+    parser = argparse.ArgumentParser(usage=__doc__.split("\n\n")[1].removeprefix("usage: "))
+    parser.add_argument("helper")
+    parser.add_argument("--engine", action="append")
+    parser.add_argument("--channels")
+    parser.add_argument("--seconds", type=int, default=60)
+    options = parser.parse_args()
+    recordings = [recording for recording in sounds.recordings().values() if recording.name.startswith("librivox")]
+    with tempfile.TemporaryDirectory() as folder:
+        for engine, environment in engines.english_engines(pathlib.Path(folder)).items():
+            if options.engine and engine not in options.engine:
+                continue
+            print(f"### {engine}, {options.seconds} s, {os.cpu_count()} processors\n\nLatency of finals: median, longest. 900 ms are the "
+                  "silence that ends an utterance.\n\n| channels | first final of each | first half | second half | processors | "
+                  "per channel | MB, helper and worker | keeps up |\n|---|---|---|---|---|---|---|---|", flush=True)
+            for count in map(int, (options.channels or CHANNELS[engine]).split(",")):
+                print(row(options.helper, environment, recordings, count, options.seconds), flush=True)
+            print()
 
 
 main()

@@ -3,34 +3,54 @@
 benchmark_target() {  # name
   case $1 in
     path | throughput | latency | startup | memory | worker) echo palaver_bench ;;
-    kernels | accuracy) echo "palaver_$1" ;;
-    channels) echo PalaverSTTHelper ;;
-    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup, memory and worker, kernels, accuracy, and channels" ;;
+    kernels) echo palaver_kernels ;;
+    accuracy | channels | peer) echo PalaverSTTHelper ;;
+    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup, memory and worker, kernels, accuracy, channels and peer" ;;
   esac
 }
 
-benchmark_program() {  # target
-  case $1 in
-    palaver_accuracy) echo build/bench/bench/accuracy/palaver_accuracy ;;
-    PalaverSTTHelper) echo build/bench/PalaverSTTHelper ;;
-    *) echo "build/bench/bench/$1" ;;
-  esac
+# Makes an environment with the server that the peer benchmark compares with, and starts the comparison.
+run_peer_benchmark() {  # helper
+  local folder=build/peer
+  if [ ! -d "$folder/server" ]; then
+    say "fetching the server of sherpa-onnx (20 MB)"
+    mkdir -p build/logs
+    { python3 -m venv "$folder/venv" &&
+        "$folder/venv/bin/python3" -m pip --disable-pip-version-check --retries 1 --timeout 15 download --no-deps \
+          --require-hashes --only-binary :all: --dest "$folder/wheels" --requirement packages/python-peer.txt &&
+        "$folder/venv/bin/python3" -m pip install --no-deps "$folder"/wheels/websockets-*.whl &&
+        python3 -m zipfile -e "$folder"/wheels/sherpa_onnx_bin-*.whl "$folder/server.new" &&
+        mv "$folder/server.new" "$folder/server"; } >build/logs/peer.log 2>&1 </dev/null ||
+      { note_skipped "the peer benchmark, since the server of sherpa-onnx could not be fetched (log: build/logs/peer.log)"; return 0; }
+  fi
+  local server
+  server=$(find "$folder/server" -name sherpa-onnx-online-websocket-server)
+  chmod +x "$server"
+  "$folder/venv/bin/python3" bench/peer "$1" "$server" build/speech/sherpa-onnx-core/sherpa_onnx/lib
 }
 
 run_benchmarks() {  # names...
-  local name targets="" program
+  local name targets=""
   [ "$(uname -s)" = Linux ] || fail "the benchmarks need Linux: they use its pipes and /proc"
   [ $# -gt 0 ] || set -- path kernels accuracy channels
-  for name in "$@"; do targets="$targets $(benchmark_target "$name")"; done
+  for name in "$@"; do
+    targets="$targets $(benchmark_target "$name")"
+    case $name in
+      accuracy | channels) set_up_speech model ;;
+      peer) set_up_speech ;;
+    esac
+  done
   # shellcheck disable=SC2086 # one word per target
   build bench $targets
   for name in "$@"; do
-    program=$(benchmark_program "$(benchmark_target "$name")")
     say "benchmark $name"
     case $name in
-      throughput | latency | startup | memory | worker) "$program" "$name" ;;
-      channels) python3 bench/channels.py "$program" ;;
-      *) "$program" ;;
+      throughput | latency | startup | memory | worker) build/bench/bench/palaver_bench "$name" ;;
+      path) build/bench/bench/palaver_bench ;;
+      kernels) build/bench/bench/palaver_kernels ;;
+      accuracy) python3 bench/accuracy build/bench/PalaverSTTHelper --json build/accuracy.json ;;
+      channels) python3 bench/channels.py build/bench/PalaverSTTHelper ;;
+      peer) run_peer_benchmark build/bench/PalaverSTTHelper ;;
     esac
   done
 }

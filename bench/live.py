@@ -1,0 +1,119 @@
+"""Plays sound to a helper at the pace of a live meeting, as a host does, and keeps what it answers."""
+
+import base64
+import dataclasses
+import json
+import os
+import pathlib
+import subprocess
+import threading
+import time
+
+CHUNK = 1600  # frames, 100 ms at 16 kHz
+
+
+@dataclasses.dataclass(frozen=True)
+class Heard:
+    """An event, and when it arrived."""
+    at: float  # ms, in the clock of Meeting.begin
+    event: dict
+
+
+def processes(helper):
+    """A helper and its speech workers."""
+    try:
+        children = pathlib.Path(f"/proc/{helper}/task/{helper}/children").read_text().split()
+    except FileNotFoundError:
+        return []
+    return [helper] + [int(child) for child in children]
+
+
+def resident_megabytes(pid):
+    text = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return int(text.split("VmRSS:")[1].split()[0]) / 1024
+
+
+def processor_seconds(pids):
+    seconds = 0.0
+    for pid in pids:
+        fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+        seconds += (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    return seconds
+
+
+class Meeting:
+    """One helper with sessions of live sources."""
+
+    def __init__(self, helper, locale="en-US", environment=None):
+        self.locale = locale
+        self.heard = []
+        self.begin = None  # ms, when the first sample of the streams was captured
+        self._process = subprocess.Popen([helper], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                         env={**os.environ, **(environment or {})})
+        self.pid = self._process.pid
+        self._arrived = threading.Condition()
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for line in self._process.stdout:
+            heard = Heard(time.time() * 1000, json.loads(line))
+            with self._arrived:
+                self.heard.append(heard)
+                self._arrived.notify_all()
+
+    def _send(self, **command):
+        self._process.stdin.write(json.dumps(command).encode() + b"\n")
+
+    def wait_for(self, type, count=1, timeout=60):
+        """Waits for events of a type. False when the time is over."""
+        with self._arrived:
+            return self._arrived.wait_for(lambda: sum(heard.event["type"] == type for heard in self.heard) >= count, timeout)
+
+    def start(self, sessions):
+        for session in sessions:
+            self._send(type="session.start", sessionId=session, locale=self.locale)
+        self._process.stdin.flush()
+        if not self.wait_for("session.ready", len(sessions)):
+            raise RuntimeError("the helper is not ready: " + json.dumps([heard.event for heard in self.heard]))
+
+    def play(self, streams, on_chunk=lambda number: None):
+        """Plays the streams, samples of 16 bit by (session, source), all from the same moment, until the longest one ends."""
+        chunks = max((len(samples) + CHUNK - 1) // CHUNK for samples in streams.values())
+        self.begin = time.time() * 1000
+        for number in range(chunks):
+            # A chunk is due when its last sample has been captured.
+            time.sleep(max(0, self.begin / 1000 + (number + 1) / 10 - time.time()))
+            for (session, source), samples in streams.items():
+                chunk = samples[number * CHUNK:(number + 1) * CHUNK]
+                if chunk:
+                    self._send(type="audio", sessionId=session, source=source, sequence=number,
+                               capturedAt=self.begin + 100 * number, pcmBase64=base64.b64encode(chunk.tobytes()).decode())
+            self._process.stdin.flush()
+            on_chunk(number)
+
+    def stop(self, sessions):
+        for session in sessions:
+            self._send(type="session.stop", sessionId=session)
+        self._process.stdin.flush()
+        self.wait_for("session.stopped", len(sessions))
+
+    def end(self):
+        """Ends the helper and returns its exit status."""
+        self._process.stdin.close()
+        status = self._process.wait()
+        self._reader.join()
+        return status
+
+    def errors(self):
+        return [heard.event["message"] for heard in self.heard if heard.event["type"] == "helper.error"]
+
+    def utterances(self, session, source):
+        """The utterances of a source, in order of their first event: a list of their partials and final each."""
+        found = {}
+        for heard in self.heard:
+            event = heard.event
+            if (event["type"] in ("transcript.partial", "transcript.final") and event["sessionId"] == session
+                    and event["source"] == source):
+                found.setdefault(event["utteranceId"], []).append(heard)
+        return list(found.values())
