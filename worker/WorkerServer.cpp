@@ -162,7 +162,10 @@ void WorkerServer::run() {
   FrameDecoder decoder;
   for (;;) {
     std::array<pollfd, 2> waiting{pollfd{sender_->socket(), POLLIN, 0}, pollfd{sender_->wakeUp(), POLLIN, 0}};
-    if (::poll(waiting.data(), waiting.size(), -1) < 0) continue;
+    if (::poll(waiting.data(), waiting.size(), -1) < 0) {
+      if (errno == EINTR) continue;
+      throw std::system_error(errno, std::generic_category(), "poll");  // no descriptor is allowed, no memory
+    }
     if (waiting[1].revents != 0) {
       std::uint64_t count = 0;
       [[maybe_unused]] const auto ignored = ::read(sender_->wakeUp(), &count, sizeof count);

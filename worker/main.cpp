@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -30,8 +31,8 @@ bool isSocket(int descriptor) {
 // Ends the process when the helper closes its end of the socket, whatever the other threads do.
 void endWithHelper() {
   pollfd waiting{helperSocket, POLLRDHUP, 0};
-  while (::poll(&waiting, 1, -1) <= 0) {
-  }
+  while (::poll(&waiting, 1, -1) < 0)
+    if (errno != EINTR) std::_Exit(EXIT_FAILURE);  // it could not notice the end any more
   std::_Exit(EXIT_SUCCESS);
 }
 
