@@ -3,11 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/strand.hpp>
 #include <asio/thread_pool.hpp>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -96,6 +98,17 @@ TEST_P(SpawnTest, CoroutinesStartInTheOrderOfSpawning) {
   asio::post(strand, [this] { log.push_back("later job"); });
   machine->runAll();
   EXPECT_EQ(log, (Log{"earlier job", "a", "b", "later job"}));
+}
+
+// Only a caller of the executor can see it: a thread of the pool would end the process.
+TEST(SpawnError, ExceptionThatLeavesCoroutinePropagatesOutOfExecutor) {
+  asio::io_context context;
+  const auto failing = []() -> asio::awaitable<void> {
+    throw std::runtime_error("a defect");
+    co_return;
+  };
+  spawn(context.get_executor(), failing());
+  EXPECT_THROW(context.run(), std::runtime_error);
 }
 
 INSTANTIATE_TEST_SUITE_P(, SpawnTest,

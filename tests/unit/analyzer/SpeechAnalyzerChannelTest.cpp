@@ -123,5 +123,21 @@ TEST_F(SpeechAnalyzerChannelTest, FinishEndsWithResultsNotBefore) {
   EXPECT_TRUE(end(&SpeechAnalyzerChannel::finish)) << "the results have ended";
 }
 
+TEST_F(SpeechAnalyzerChannelTest, UtteranceIdHasWholeMillisecondsUpToLargestInteger) {
+  make();
+  // Seconds, and milliseconds in the id. The second one is exactly 2^63 ms.
+  const std::pair<double, const char*> cases[] = {{0.9999, "999"},
+                                                  {5e15, "5000000000000000000"},
+                                                  {9223372036854776.0, "9223372036854775807"},
+                                                  {1e16, "9223372036854775807"},
+                                                  {1e30, "9223372036854775807"}};
+  for (const auto& [seconds, milliseconds] : cases) {
+    analysis.emit(TranscriptionResult{"words", seconds, seconds, false});
+    run();
+    const auto written = fake.standardOutput.text();
+    EXPECT_TRUE(written.ends_with(std::string("-") + milliseconds + "\"}\n")) << seconds << ": " << written;
+  }
+}
+
 }  // namespace
 }  // namespace palaver
