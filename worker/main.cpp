@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <string_view>
 #include <thread>
 
 #include "platform/linux/WorkerFrames.h"
@@ -52,19 +53,23 @@ int main(int argumentCount, char** arguments) {
   // A memory image would contain what was said.
   constexpr rlimit none{0, 0};
   ::setrlimit(RLIMIT_CORE, &none);
-  if (argumentCount != 4 || !isSocket(helperSocket)) {
+  if (argumentCount < 2 || !isSocket(helperSocket)) {
     std::fputs("PalaverSpeechWorker is started by PalaverSTTHelper\n", stderr);
     return 2;
   }
   try {
     std::thread(endWithHelper).detach();
+    if (std::string_view(arguments[1]) != palaver::workerProtocolVersion || argumentCount != 5)
+      refuse(palaver::PlatformError("SpeechWorker", 0,
+                                    "the speech worker is of another version than the helper; restart the "
+                                    "application, which starts the new helper"));
     std::unique_ptr<palaver::SpeechRecognition> engine;
     try {
-      engine = palaver::makeEngine(arguments[1], arguments[2], arguments[3]);
+      engine = palaver::makeEngine(arguments[2], arguments[3], arguments[4]);
     } catch (const palaver::PlatformError& error) {
       refuse(error);
     }
-    palaver::WorkerServer(*engine, arguments[3], palaver::Descriptor(helperSocket)).run();
+    palaver::WorkerServer(*engine, arguments[4], palaver::Descriptor(helperSocket)).run();
   } catch (const std::exception&) {
     std::_Exit(EXIT_FAILURE);  // the helper reports it
   }

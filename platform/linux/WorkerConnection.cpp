@@ -62,7 +62,7 @@ Descriptor checked(int descriptor) {
 }
 
 ChildOptions childOptions(const std::string& program, const WorkerModel& model, int null, int socket) {
-  return {.command = {program, model.engine, model.folder.string(), model.locale},
+  return {.command = {program, workerProtocolVersion, model.engine, model.folder.string(), model.locale},
           .descriptors = {{STDIN_FILENO, null},
                           {STDOUT_FILENO, null},
                           {STDERR_FILENO, null},

@@ -45,6 +45,10 @@ enum class FrameType : std::uint32_t {
   consumed = 19,
 };
 
+// Changes with the frames and the worker's arguments. The helper passes its own to the worker, which refuses
+// another one: an update may replace the worker while a helper runs.
+inline constexpr const char* workerProtocolVersion = "2";
+
 // Sample rate of all audio frames, Hz.
 inline constexpr int workerSampleRate = 16000;
 // Most samples of one audio frame: one second.
