@@ -5,6 +5,8 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/linux/models/LocaleIdentifier.h"
+
 namespace palaver::cli {
 
 namespace {
