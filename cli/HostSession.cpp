@@ -2,18 +2,19 @@
 
 #include <poll.h>
 #include <unistd.h>
-#include <cstdio>
-#include <cstdlib>
-#include <thread>
 
 #include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "cli/AudioChunk.h"
 #include "cli/HostCommands.h"
+#include "cli/PCM.h"
 
 namespace palaver::cli {
 
@@ -25,7 +26,6 @@ using Milliseconds = std::chrono::duration<double, std::milli>;
 constexpr std::size_t maxQueuedBytes = std::size_t{256} << 10;
 constexpr int maxReadsAtOnce = 16;      // of 64 KiB: output must not delay the audio
 constexpr int maxChunksAtOnce = 20;     // a late stream must not delay reading
-constexpr double loudness = 0.008;      // root mean square, full scale 1: the helper's threshold for voice
 constexpr double quietAfterText = 700;  // ms: held-back audio may open another utterance right after a final
 constexpr double killAfter = 2000;      // ms between SIGTERM and SIGKILL
 constexpr double busyLoad = 1.5;  // threads per processor: recognition no longer keeps up with two sources
@@ -38,12 +38,6 @@ std::string textOf(const nlohmann::json& event, const char* key) {
 std::string seconds(double milliseconds) {
   const auto tenths = std::llround(milliseconds / 100);
   return std::to_string(tenths / 10) + (tenths % 10 != 0 ? "." + std::to_string(tenths % 10) : "") + " s";
-}
-
-bool isLoud(std::span<const std::int16_t> frames) {
-  double sum = 0;
-  for (const auto frame : frames) sum += static_cast<double>(frame) * frame;
-  return !frames.empty() && std::sqrt(sum / static_cast<double>(frames.size())) / 32768 >= loudness;
 }
 
 }  // namespace
@@ -290,7 +284,7 @@ void HostSession::sendChunk(AudioSource source, double capturedAt) {
   if (!sending.ended) {
     const auto count = sending.sound->read(frames);
     sending.ended = count < frames.size();
-    sending.spoke = sending.spoke || isLoud(frames);
+    sending.spoke = sending.spoke || loudnessOf(frames) >= voiceThreshold;
   }
   helper_->write(audio(configuration_.sessionId, source, sending.sequence++, capturedAt, frames));
 }

@@ -8,7 +8,7 @@
 
 #include "cli/ErrorDefinitions.h"
 #include "cli/LineSplitter.h"
-#include "core/Base64.h"
+#include "cli/PCM.h"
 
 namespace palaver::cli {
 
@@ -16,8 +16,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr double voiceThreshold = 0.008;  // root mean square, full scale 1: the helper's threshold for voice
-constexpr double toleratedJitter = 50;    // ms between chunks that is no gap
+constexpr double toleratedJitter = 50;  // ms between chunks that is no gap
 constexpr double framesPerMillisecond = 16;
 
 std::string textOf(const json& event, const char* key) {
@@ -42,18 +41,10 @@ Meeting::Chunk chunkOf(const json& command) {
     return chunk;
   }
   if (!payload->is_string()) return chunk;
-  const auto text = payload->get<std::string>();
-  std::vector<std::uint8_t> bytes(base64BufferSize(text.size()));
-  const auto size = decodeBase64(text, bytes.data());
-  const std::size_t frames = size.value_or(0) / 2;
-  if (frames == 0) return chunk;
-  double sum = 0;
-  for (std::size_t i = 0; i < frames; ++i) {
-    const auto sample = static_cast<std::int16_t>(bytes[2 * i] | bytes[2 * i + 1] << 8);
-    sum += static_cast<double>(sample) * sample;
-  }
-  chunk.milliseconds = static_cast<double>(frames) / framesPerMillisecond;
-  chunk.loudness = std::sqrt(sum / static_cast<double>(frames)) / 32768;
+  const auto samples = decodedPCM(payload->get<std::string>());
+  if (!samples) return chunk;
+  chunk.milliseconds = static_cast<double>(samples->size()) / framesPerMillisecond;
+  chunk.loudness = loudnessOf(*samples);
   return chunk;
 }
 

@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -14,7 +13,7 @@
 #include <utility>
 
 #include "cli/ErrorDefinitions.h"
-#include "core/Base64.h"
+#include "cli/PCM.h"
 #include "core/Base64Encoding.h"
 #include "core/UTF8.h"
 
@@ -42,28 +41,13 @@ std::optional<Speaker> speakerOf(const json& entry) {
   throw std::runtime_error(path + ": " + why);
 }
 
-std::optional<std::vector<std::uint8_t>> decoded(const std::string& text) {
-  std::vector<std::uint8_t> bytes(base64BufferSize(text.size()));
-  const auto size = decodeBase64(text, bytes.data());
-  if (!size) return std::nullopt;
-  bytes.resize(*size);
-  return bytes;
-}
-
 // Length and loudness in place of samples.
 json redactedAudio(const json& payload) {
   if (!payload.is_string()) return nullptr;
   const auto text = payload.get<std::string>();
-  const auto bytes = decoded(text);
-  if (!bytes) return {{"characters", text.size()}};
-  double sum = 0;
-  const std::size_t frames = bytes->size() / 2;
-  for (std::size_t i = 0; i < frames; ++i) {
-    const auto sample = static_cast<std::int16_t>((*bytes)[2 * i] | (*bytes)[2 * i + 1] << 8);
-    sum += static_cast<double>(sample) * sample;
-  }
-  const double loudness = frames == 0 ? 0 : std::sqrt(sum / static_cast<double>(frames)) / 32768;
-  return {{"frames", frames}, {"rms", loudness}};
+  const auto samples = decodedPCM(text);
+  if (!samples) return {{"characters", text.size()}};
+  return {{"frames", samples->size()}, {"rms", loudnessOf(*samples)}};
 }
 
 // Whether the text of this key is the protocol's own and not somebody's words.
@@ -130,9 +114,9 @@ RecordedConversation readConversation(const std::filesystem::path& path) {
     RecordedPiece piece{.at = numberAt(entry, "at"), .from = *speaker, .bytes = {}};
     if (entry.contains("text") && entry.at("text").is_string()) {
       piece.bytes = entry.at("text").get<std::string>();
-    } else if (const auto bytes = decoded(entry.value("base64", json("*")).is_string()
-                                              ? entry.value("base64", std::string("*"))
-                                              : std::string("*"))) {
+    } else if (const auto bytes = decodedBase64(entry.value("base64", json("*")).is_string()
+                                                    ? entry.value("base64", std::string("*"))
+                                                    : std::string("*"))) {
       piece.bytes.assign(bytes->begin(), bytes->end());
     } else {
       fail(path.string(), "line " + std::to_string(number) + " holds neither text nor Base64");

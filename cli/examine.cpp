@@ -6,15 +6,16 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <csignal>
 #include <filesystem>
 #include <functional>
+#include <span>
 #include <system_error>
 
 #include "cli/AudioChunk.h"
 #include "cli/HostCommands.h"
 #include "cli/LineSplitter.h"
+#include "cli/PCM.h"
 #include "platform/audio/SoundFileSource.h"
 #include "platform/posix/PipedProcess.h"
 
@@ -26,7 +27,6 @@ using nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* sessionId = "doctor";
-constexpr double voiceThreshold = 0.008;  // root mean square, full scale 1: the helper's threshold for voice
 
 bool isOfType(const json& event, const char* type) {
   const auto member = event.find("type");
@@ -156,10 +156,9 @@ CheckedSound check(const std::string& path) {
   std::vector<std::int16_t> frames(chunkFrames);
   bool hasSound = false;
   while (const auto count = source.read(frames)) {
-    double sum = 0;
-    for (std::size_t i = 0; i < count; ++i) sum += static_cast<double>(frames[i]) * frames[i];
-    hasSound = hasSound || sum > 0;
-    checked.loudest = std::max(checked.loudest, std::sqrt(sum / static_cast<double>(count)) / 32768);
+    const double loudness = loudnessOf(std::span(frames).first(count));
+    hasSound = hasSound || loudness > 0;
+    checked.loudest = std::max(checked.loudest, loudness);
   }
   checked.loudness = !hasSound                          ? Loudness::silent
                      : checked.loudest < voiceThreshold ? Loudness::quiet
