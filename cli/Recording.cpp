@@ -1,7 +1,6 @@
 #include "cli/Recording.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -14,6 +13,7 @@
 
 #include "cli/ErrorDefinitions.h"
 #include "cli/PCM.h"
+#include "cli/writeFile.h"
 #include "core/Base64Encoding.h"
 #include "core/UTF8.h"
 
@@ -166,14 +166,7 @@ void RecordingWriter::end(double at, const std::string& how) {
 
 void RecordingWriter::writeLine(std::string line) {
   line += '\n';
-  for (std::string_view left = line; !left.empty();) {
-    const auto count = ::write(file_.get(), left.data(), left.size());
-    if (count >= 0) {
-      left.remove_prefix(static_cast<std::size_t>(count));
-    } else if (errno != EINTR) {
-      fail(path_, std::generic_category().message(errno));
-    }
-  }
+  if (!writeAll(file_.get(), line)) fail(path_, std::generic_category().message(errno));
 }
 
 }  // namespace palaver::cli

@@ -1,19 +1,13 @@
 #include "cli/report.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <stdexcept>
 #include <string_view>
-#include <system_error>
 
 #include "cli/ArgumentReader.h"
 #include "cli/MeetingReport.h"
 #include "cli/Recording.h"
-#include "platform/posix/Descriptor.h"
+#include "cli/writeFile.h"
 
 namespace palaver::cli {
 
@@ -32,18 +26,8 @@ subtitles FILE.srt and FILE.vtt, readable by you alone. The page needs no networ
 Exit status: 0 success, 1 failure, 2 invalid usage.
 )";
 
-// Replaces the file. Mode 0600: it holds what was said.
 void write(const std::string& path, std::string_view text) {
-  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  const auto fail = [&path] {
-    throw std::runtime_error("cannot write " + path + ": " + std::generic_category().message(errno));
-  };
-  if (!file.isOpen()) fail();
-  while (!text.empty()) {
-    const auto count = ::write(file.get(), text.data(), text.size());
-    if (count < 0 && errno != EINTR) fail();
-    if (count > 0) text.remove_prefix(static_cast<std::size_t>(count));
-  }
+  writePrivateFile(path, text);
   std::printf("%s\n", path.c_str());
 }
 

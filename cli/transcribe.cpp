@@ -1,6 +1,5 @@
 #include "cli/transcribe.h"
 
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 #include "cli/TranscribeArguments.h"
 #include "cli/TranscriptDisplay.h"
 #include "cli/findHelper.h"
+#include "cli/writeFile.h"
 #include "platform/audio/SoundFileSource.h"
 
 namespace palaver::cli {
@@ -44,24 +44,9 @@ void handleSignals() {
   ::sigaction(SIGPIPE, &action, nullptr);
 }
 
-// Writes to stdout, blocking or not. Returns false when the reader has closed it.
-bool writeOutput(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const auto count = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
-    if (count >= 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(count));
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      pollfd descriptor{STDOUT_FILENO, POLLOUT, 0};
-      ::poll(&descriptor, 1, -1);
-    } else if (errno != EINTR) {
-      return false;
-    }
-  }
-  return true;
-}
-
+// Writes to stdout. Ends the session when its reader has closed it.
 void output(std::string_view bytes) {
-  if (writeOutput(bytes)) return;
+  if (writeAll(STDOUT_FILENO, bytes)) return;
   if (auto* const session = runningSession.load()) session->interrupt();
 }
 
@@ -120,7 +105,7 @@ int run(const TranscribeArguments& arguments) {
 
 int transcribe(std::span<const std::string> arguments) {
   const auto parsed = parseTranscribeArguments(arguments);
-  if (parsed.help) return writeOutput(transcribeUsage) ? 0 : 1;
+  if (parsed.help) return writeAll(STDOUT_FILENO, transcribeUsage) ? 0 : 1;
   handleSignals();
   return run(parsed);
 }
