@@ -55,4 +55,28 @@ class ArgumentReader {
   std::optional<std::string> value_;
 };
 
+// Reads the arguments of a command that takes one file and options. Passes each option to `onOption` with the
+// reader, which holds its value; it returns false for an unknown one. Returns the file, or none when the help
+// is wanted. `what` names the file in errors. Throws UsageError.
+template <typename OnOption>
+std::optional<std::string> readOneFile(std::span<const std::string> arguments, const std::string& what,
+                                       OnOption&& onOption) {
+  std::optional<std::string> file;
+  for (ArgumentReader reader(arguments); !reader.atEnd();) {
+    const auto argument = reader.next();
+    if (argument == "--help" || argument == "-h") {
+      return std::nullopt;
+    } else if (argument.starts_with("-")) {
+      if (!onOption(argument, reader)) throw UsageError("unknown option " + argument);
+    } else if (file) {
+      throw UsageError("too many files");
+    } else {
+      file = argument;
+    }
+    reader.expectNoValue();
+  }
+  if (!file) throw UsageError("missing " + what);
+  return file;
+}
+
 }  // namespace palaver::cli

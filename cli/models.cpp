@@ -53,22 +53,20 @@ struct Arguments {
 
 Arguments parse(std::span<const std::string> arguments) {
   Arguments parsed;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const auto& argument = arguments[i];
+  for (ArgumentReader reader(arguments); !reader.atEnd();) {
+    const auto argument = reader.next();
     if (argument == "--help" || argument == "-h") {
       parsed.help = true;
     } else if (argument == "--link") {
       parsed.link = true;
     } else if (argument == "--locale") {
-      if (++i == arguments.size()) throw UsageError("--locale needs a value");
-      parsed.locale = arguments[i];
-    } else if (argument.starts_with("--locale=")) {
-      parsed.locale = argument.substr(9);
+      parsed.locale = reader.value();
     } else if (argument.starts_with("-")) {
       throw UsageError("unknown option " + argument);
     } else {
       parsed.words.push_back(argument);
     }
+    reader.expectNoValue();
   }
   return parsed;
 }

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -42,34 +43,25 @@ constexpr std::size_t maxQueue = std::size_t{1}
                                  << 20;  // bytes for the helper, after which the host has to wait
 
 struct Arguments {
-  std::string file;
+  std::optional<std::string> file;  // none: the help is wanted
   std::vector<std::string> command{findHelper()};
   bool redact = false;
-  bool help = false;
 };
 
 Arguments parse(std::span<const std::string> arguments) {
   Arguments parsed;
   const auto separator = std::ranges::find(arguments, "--");
   const auto own = arguments.first(static_cast<std::size_t>(separator - arguments.begin()));
-  for (ArgumentReader reader(own); !reader.atEnd();) {
-    const auto argument = reader.next();
-    if (argument == "--helper") {
+  parsed.file = readOneFile(own, "file to record to", [&parsed](const std::string& option, auto& reader) {
+    if (option == "--helper") {
       parsed.command[0] = reader.value();
-    } else if (argument == "--redact") {
+    } else if (option == "--redact") {
       parsed.redact = true;
-    } else if (argument == "--help" || argument == "-h") {
-      parsed.help = true;
-    } else if (argument.starts_with("-")) {
-      throw UsageError("unknown option " + argument);
-    } else if (!parsed.file.empty()) {
-      throw UsageError("too many files");
     } else {
-      parsed.file = argument;
+      return false;
     }
-    reader.expectNoValue();
-  }
-  if (!parsed.help && parsed.file.empty()) throw UsageError("missing file to record to");
+    return true;
+  });
   if (separator != arguments.end())
     parsed.command.insert(parsed.command.end(), separator + 1, arguments.end());
   return parsed;
@@ -89,7 +81,7 @@ class Relay {
  public:
   explicit Relay(const Arguments& arguments)
       : helper_(arguments.command),
-        writer_(arguments.file, arguments.command, wallClock(), arguments.redact) {}
+        writer_(*arguments.file, arguments.command, wallClock(), arguments.redact) {}
 
   int run() {
     handleSignals();
@@ -189,7 +181,7 @@ class Relay {
 
 int record(std::span<const std::string> arguments) {
   const auto parsed = parse(arguments);
-  if (parsed.help) return std::fputs(usage, stdout) < 0 ? 1 : 0;
+  if (!parsed.file) return std::fputs(usage, stdout) < 0 ? 1 : 0;
   return Relay(parsed).run();
 }
 

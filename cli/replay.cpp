@@ -1,10 +1,14 @@
 #include <poll.h>
+
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <string_view>
+#include <vector>
 
 #include "cli/ArgumentReader.h"
 #include "cli/LineSplitter.h"
@@ -106,24 +110,14 @@ bool replayFile(const std::string& file, const std::string& program) {
 }  // namespace
 
 int replay(std::span<const std::string> arguments) {
-  std::string file, helper = findHelper();
-  for (ArgumentReader reader(arguments); !reader.atEnd();) {
-    const auto argument = reader.next();
-    if (argument == "--helper") {
-      helper = reader.value();
-    } else if (argument == "--help" || argument == "-h") {
-      return std::fputs(usage, stdout) < 0 ? 1 : 0;
-    } else if (argument.starts_with("-")) {
-      throw UsageError("unknown option " + argument);
-    } else if (!file.empty()) {
-      throw UsageError("too many files");
-    } else {
-      file = argument;
-    }
-    reader.expectNoValue();
-  }
-  if (file.empty()) throw UsageError("missing recording");
-  return replayFile(file, helper) ? 0 : 1;
+  auto helper = findHelper();
+  const auto file = readOneFile(arguments, "recording", [&helper](const std::string& option, auto& reader) {
+    if (option != "--helper") return false;
+    helper = reader.value();
+    return true;
+  });
+  if (!file) return std::fputs(usage, stdout) < 0 ? 1 : 0;
+  return replayFile(*file, helper) ? 0 : 1;
 }
 
 }  // namespace palaver::cli

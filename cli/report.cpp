@@ -34,23 +34,14 @@ void write(const std::string& path, std::string_view text) {
 }  // namespace
 
 int report(std::span<const std::string> arguments) {
-  std::string file, output;
-  for (ArgumentReader reader(arguments); !reader.atEnd();) {
-    const auto argument = reader.next();
-    if (argument == "--output") {
-      output = reader.value();
-    } else if (argument == "--help" || argument == "-h") {
-      return std::fputs(usage, stdout) < 0 ? 1 : 0;
-    } else if (argument.starts_with("-")) {
-      throw UsageError("unknown option " + argument);
-    } else if (!file.empty()) {
-      throw UsageError("too many files");
-    } else {
-      file = argument;
-    }
-    reader.expectNoValue();
-  }
-  if (file.empty()) throw UsageError("missing recording");
+  std::string output;
+  const auto given = readOneFile(arguments, "recording", [&output](const std::string& option, auto& reader) {
+    if (option != "--output") return false;
+    output = reader.value();
+    return true;
+  });
+  if (!given) return std::fputs(usage, stdout) < 0 ? 1 : 0;
+  const auto& file = *given;
   if (output.empty()) output = file;
   const auto meeting = meetingOf(readConversation(file));
   write(output + ".html", htmlPage(meeting, std::filesystem::path(file).stem().string()));
