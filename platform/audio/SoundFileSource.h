@@ -4,18 +4,19 @@
 #include <memory>
 #include <string>
 
+#include "platform/audio/SampleFormat.h"
 #include "platform/audio/SoundSource.h"
 
 namespace palaver {
 
-// Reads any container, rate and channel count that libsndfile supports. Mixes to mono and resamples block by
-// block, so memory use is independent of length. A name ending in ".raw" is headerless 16 kHz mono
-// little-endian signed 16-bit audio.
+// Reads WAV files of any rate and channel count, and every other container that libsndfile supports where
+// that is installed. Mixes to mono and resamples block by block, so memory use is independent of length. A
+// name ending in ".raw" is headerless little-endian signed 16-bit audio.
 class SoundFileSource final : public SoundSource {
  public:
   // Opens the file. Throws std::runtime_error with the path and the reason when the file is missing, empty or
   // not a sound file.
-  explicit SoundFileSource(const std::string& path);
+  explicit SoundFileSource(const std::string& path, const RawFormat& raw = {});
   ~SoundFileSource() override;
 
   std::size_t read(std::span<std::int16_t> frames) override;

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <sndfile.h>
 
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -12,6 +13,10 @@
 #include <numbers>
 #include <string>
 #include <vector>
+
+#include "platform/audio/SndfileLibrary.h"
+#include "platform/audio/SoundFile.h"
+#include "platform/audio/openSound.h"
 
 namespace palaver {
 namespace {
@@ -128,6 +133,73 @@ TEST_F(SoundFileSourceTest, OtherContainersAreRead) {
     SoundFileSource source(writeSines(name, format, 44100, 2, 44100));
     EXPECT_LT(error(readAll(source), 2), tolerance) << name;
   }
+}
+
+TEST_F(SoundFileSourceTest, EveryEncodingOfWAVIsRead) {
+  for (const int encoding : {SF_FORMAT_PCM_U8, SF_FORMAT_PCM_16, SF_FORMAT_PCM_24, SF_FORMAT_PCM_32,
+                             SF_FORMAT_FLOAT, SF_FORMAT_DOUBLE, SF_FORMAT_ULAW, SF_FORMAT_ALAW})
+    for (const int container : {SF_FORMAT_WAV, SF_FORMAT_WAVEX, SF_FORMAT_RF64}) {
+      SoundFileSource source(writeSines("sines.wav", container | encoding, 22050, 2, 22050));
+      EXPECT_EQ(source.length(), sampleRate);
+      EXPECT_LT(error(readAll(source), 2), encoding == SF_FORMAT_PCM_U8 ? 0.01
+                                           : encoding >= SF_FORMAT_ULAW ? 0.03
+                                                                        : tolerance)
+          << std::hex << (container | encoding);
+    }
+}
+
+TEST_F(SoundFileSourceTest, WAVIsReadAsByLibrary) {
+  for (const int encoding : {SF_FORMAT_PCM_16, SF_FORMAT_PCM_24, SF_FORMAT_FLOAT}) {
+    const auto file = writeSines("sines.wav", SF_FORMAT_WAV | encoding, 44100, 2, 5000);
+    const auto ours = openSound(file, {}, nullptr);
+    SoundFile theirs(file);
+    ASSERT_EQ(ours->length(), theirs.length());
+    ASSERT_EQ(ours->channelCount(), theirs.channelCount());
+    std::vector<float> first(10000), second(10000);
+    ASSERT_EQ(ours->read(first), 5000U);
+    ASSERT_EQ(theirs.read(second), 5000U);
+    EXPECT_EQ(first, second);
+  }
+}
+
+TEST_F(SoundFileSourceTest, TruncatedWAVIsReadToItsEnd) {
+  const auto file = writeSines("cut.wav", wave, 16000, 1, 16000);
+  std::filesystem::resize_file(file, 44 + 2 * 1000 + 1);
+  SoundFileSource source(file);
+  EXPECT_EQ(source.length(), 1000);
+  EXPECT_EQ(readAll(source).size(), 1000U);
+  std::filesystem::resize_file(file, 30);
+  EXPECT_THAT(failure(file), HasSubstr("not a readable sound file: it ends within its header"));
+}
+
+TEST_F(SoundFileSourceTest, RawFormatMayBeStated) {
+  SoundFileSource source(write("stereo.raw", std::string(4 * 48000, '\1')), {48000, 2});
+  EXPECT_EQ(source.length(), sampleRate);
+}
+
+TEST_F(SoundFileSourceTest, OtherContainersNeedLibrary) {
+  const auto failure = [this](const std::string& name, const std::string& bytes) -> std::string {
+    try {
+      openSound(write(name, bytes), {}, nullptr);
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "no failure";
+  };
+  const std::string hint = " libsndfile: apt-get install libsndfile1, on a Mac brew install libsndfile";
+  EXPECT_EQ(failure("a.flac", "fLaC...."), "cannot read " + path("a.flac") + ": FLAC needs" + hint);
+  EXPECT_EQ(failure("a.m4a", "....ftyp"),
+            "cannot read " + path("a.m4a") + ": it is no WAV file, and other sound files need" + hint);
+  writeSines("alaw.wav", SF_FORMAT_WAV | SF_FORMAT_ALAW, 8000, 1, 100);
+  std::string message;
+  try {
+    openSound(path("alaw.wav"), {}, nullptr);
+  } catch (const std::runtime_error& error) {
+    message = error.what();
+  }
+  EXPECT_EQ(message, "cannot read " + path("alaw.wav") + ": this encoding of WAV needs" + hint);
+  static constexpr std::array missing{"/nowhere/libsndfile.so.1"};
+  EXPECT_EQ(SndfileLibrary::load(missing), nullptr);
 }
 
 TEST_F(SoundFileSourceTest, SamplesAt16KHzAreUnchanged) {
