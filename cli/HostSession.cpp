@@ -28,6 +28,8 @@ constexpr int maxReadsAtOnce = 16;      // of 64 KiB: output must not delay the 
 constexpr int maxChunksAtOnce = 20;     // a late stream must not delay reading
 constexpr double quietAfterText = 700;  // ms: held-back audio may open another utterance right after a final
 constexpr double killAfter = 2000;      // ms between SIGTERM and SIGKILL
+constexpr char interruptRequest = 'i';
+constexpr char stopRequest = 's';
 constexpr double busyLoad = 1.5;  // threads per processor: recognition no longer keeps up with two sources
 
 std::string textOf(const nlohmann::json& event, const char* key) {
@@ -55,15 +57,25 @@ HostSession::HostSession(HostConfiguration configuration, std::unique_ptr<SoundS
   if (!(configuration_.speed > 0)) throw std::invalid_argument("the speed must be above 0");
   stream(AudioSource::remote).sound = std::move(remote);
   stream(AudioSource::selfAudio).sound = std::move(self);
+  bool isKnown = true;
   for (const auto& stream : streams_) {
     if (!stream.sound) continue;
+    isKnown = isKnown && stream.sound->length() > 0;
     total_ = std::max(total_, static_cast<double>(stream.sound->length()) * 1000 / sampleRate);
   }
+  if (!isKnown) total_ = 0;
 }
 
 void HostSession::interrupt() noexcept {
-  const char byte = 0;
-  [[maybe_unused]] const auto count = ::write(interruption_.writeEnd.get(), &byte, 1);
+  wake(interruptRequest);
+}
+
+void HostSession::stopAudio() noexcept {
+  wake(stopRequest);
+}
+
+void HostSession::wake(char request) noexcept {
+  [[maybe_unused]] const auto count = ::write(interruption_.writeEnd.get(), &request, 1);
 }
 
 bool HostSession::run() {
@@ -81,24 +93,60 @@ bool HostSession::run() {
 
 void HostSession::waitForSomething() {
   double timeout = 50;
-  if (isStreaming() && helper_->queuedBytes() < maxQueuedBytes)
+  if (isStreaming() && helper_->queuedBytes() < maxQueuedBytes && isChunkThere())
     timeout = std::clamp(Milliseconds(due() - SteadyClock::now()).count(), 0.0, timeout);
-  std::array<pollfd, 4> descriptors{{
+  const auto soundDescriptor = [this](std::size_t source) {
+    const auto& stream = streams_[source];
+    return stream.sound && !stream.ended ? stream.sound->descriptor() : -1;
+  };
+  std::array<pollfd, 6> descriptors{{
       {helper_->output(), POLLIN, 0},
       {helper_->diagnostics(), POLLIN, 0},
       {interruption_.readEnd.get(), POLLIN, 0},
       {helper_->queuedBytes() > 0 ? helper_->input() : -1, POLLOUT, 0},
+      {soundDescriptor(0), POLLIN, 0},
+      {soundDescriptor(1), POLLIN, 0},
   }};
   // An interrupted poll() counts as finished, because the loop checks every descriptor anyway.
   ::poll(descriptors.data(), descriptors.size(), static_cast<int>(std::ceil(timeout)));
-  if (descriptors[2].revents != 0) endEarly();
+  for (std::size_t source = 0; source < streams_.size(); ++source)
+    if (descriptors[4 + source].revents != 0) receiveAudio(source);
+  if (descriptors[2].revents != 0) handleRequests();
 }
 
-void HostSession::endEarly() {
-  char byte = 0;
-  while (::read(interruption_.readEnd.get(), &byte, 1) == 1) {
+void HostSession::receiveAudio(std::size_t source) {
+  if (phase_ == Phase::closing || phase_ == Phase::done) return;
+  try {
+    streams_[source].sound->receive();
+  } catch (const std::runtime_error& error) {
+    streams_[source].ended = true;
+    giveUp(error.what());
   }
-  giveUp("interrupted");
+}
+
+void HostSession::handleRequests() {
+  for (char request = 0; ::read(interruption_.readEnd.get(), &request, 1) == 1;) {
+    if (request == stopRequest && phase_ >= Phase::streaming) {
+      if (phase_ == Phase::streaming) endAudio();
+    } else {
+      giveUp("interrupted");
+    }
+  }
+}
+
+// A microphone's last words may have arrived just now. A recording that was piped in has more than was due.
+void HostSession::endAudio() {
+  try {
+    for (auto& stream : streams_) {
+      if (live_ && stream.sound && stream.sound->length() == 0) {
+        stream.sound->stop();
+      } else {
+        stream.ended = true;
+      }
+    }
+  } catch (const std::runtime_error& error) {
+    giveUp(error.what());
+  }
 }
 
 void HostSession::readHelper() {
@@ -180,7 +228,7 @@ void HostSession::handleReady(const nlohmann::json& event) {
     if (!source || *source == each) stream(each).ready = true;
   if (std::all_of(streams_.begin(), streams_.end(),
                   [](const Stream& each) { return each.ready || !each.sound; }))
-    startStreaming();
+    enter(Phase::awaitingAudio);
 }
 
 void HostSession::handleTranscript(const nlohmann::json& event, bool isFinal) {
@@ -213,12 +261,12 @@ void HostSession::advance() {
     case Phase::awaitingReason:
       if (inPhase() >= limits.reason) giveUp("the session is not available: " + statusMessage_);
       break;
+    case Phase::awaitingAudio:
+      if (isChunkThere()) startStreaming();
+      break;
     case Phase::streaming:
       sendDueChunks();
-      if (phase_ == Phase::streaming && std::all_of(streams_.begin(), streams_.end(), [](const Stream& each) {
-            return each.ended || !each.sound;
-          }))
-        enter(Phase::draining);
+      if (phase_ == Phase::streaming && hasAudioEnded()) startDraining();
       break;
     case Phase::draining:
       sendDueChunks();
@@ -261,8 +309,12 @@ void HostSession::sendDueChunks() {
     helper_->signal(SIGTERM);
     return;
   }
-  for (int sent = 0; sent < maxChunksAtOnce && now >= due() && helper_->queuedBytes() < maxQueuedBytes;
-       ++sent) {
+  const auto mayAdd = [this] {
+    // The silence after the end has a schedule of its own.
+    if (phase_ == Phase::streaming && hasAudioEnded()) return false;
+    return isChunkThere() && helper_->queuedBytes() < maxQueuedBytes;
+  };
+  for (int sent = 0; sent < maxChunksAtOnce && now >= due() && mayAdd(); ++sent) {
     const auto position = static_cast<double>(chunks_) * chunkMilliseconds;
     try {
       for (const auto source : allAudioSources)
@@ -287,6 +339,16 @@ void HostSession::sendChunk(AudioSource source, double capturedAt) {
     sending.spoke = sending.spoke || loudnessOf(frames) >= voiceThreshold;
   }
   helper_->write(audio(configuration_.sessionId, source, sending.sequence++, capturedAt, frames));
+}
+
+bool HostSession::hasAudioEnded() const {
+  return std::ranges::all_of(streams_, [](const Stream& each) { return each.ended || !each.sound; });
+}
+
+bool HostSession::isChunkThere() const {
+  return std::ranges::all_of(streams_, [](const Stream& each) {
+    return !each.sound || each.ended || each.sound->canRead(chunkFrames);
+  });
 }
 
 double HostSession::finalsLimit() const {
@@ -351,7 +413,23 @@ void HostSession::startStreaming() {
   lastProgress_ = phaseStart_;
   lastTranscript_ = phaseStart_;
   startedAt_ = Milliseconds(std::chrono::system_clock::now().time_since_epoch()).count();
+  for (const auto& stream : streams_) {
+    const auto since = stream.sound ? stream.sound->liveSince() : std::nullopt;
+    if (!since) continue;
+    live_ = true;
+    startedAt_ -= Milliseconds(streamStart_ - *since).count();
+    streamStart_ = *since;
+  }
   observer_.onStreamStart(startedAt_);
+}
+
+// Silence follows at the pace of the clock, also where the audio came later than it was due.
+void HostSession::startDraining() {
+  enter(Phase::draining);
+  const auto position = static_cast<double>(chunks_) * chunkMilliseconds;
+  if (total_ == 0) total_ = position;
+  const auto late = SteadyClock::now() - due();
+  if (late > SteadyClock::duration::zero()) streamStart_ += late;
 }
 
 void HostSession::closeHelper() {

@@ -53,6 +53,9 @@ struct HostConfiguration {
 //
 // A chunk is due when its last sample has been captured. The schedule is absolute, so delays do not add up,
 // and "capturedAt" follows the audio. The stream waits for a helper that reads slowly.
+//
+// A live source (SoundSource::liveSince) is scheduled from its first audio, so that what arrived before the
+// session was ready is sent immediately. A source that has no audio for a chunk yet delays the chunk.
 class HostSession {
  public:
   // Without `self` only the remote source is streamed. The observer must outlive the session.
@@ -68,6 +71,10 @@ class HostSession {
   // finals. run() then returns false. Safe on any thread and in a signal handler.
   void interrupt() noexcept;
 
+  // Ends the audio: what has arrived is still sent, and the session goes on as after the end of a file. Ends
+  // the session like interrupt() while it is not streaming yet. Safe like interrupt().
+  void stopAudio() noexcept;
+
  private:
   using SteadyClock = std::chrono::steady_clock;
 
@@ -75,6 +82,7 @@ class HostSession {
     awaitingStatus,
     awaitingReady,
     awaitingReason,  // the session is not available; a status may follow with the reason
+    awaitingAudio,   // of a source that has given none yet
     streaming,
     draining,  // silence until the finals have arrived
     stopping,  // "session.stop" has been sent
@@ -92,7 +100,11 @@ class HostSession {
     std::string openUtterance;  // has partials but no final yet; empty for none
   };
 
+  void wake(char request) noexcept;
   void waitForSomething();
+  void receiveAudio(std::size_t source);
+  void handleRequests();
+  void endAudio();
   void readHelper();
   void readOutput();
   void readDiagnostics();
@@ -106,11 +118,13 @@ class HostSession {
   void reportMissingFinal();
   double finalsLimit() const;
   bool finalsAreThere() const;
-  void endEarly();
+  bool hasAudioEnded() const;
+  bool isChunkThere() const;
   void closeHelper();
   void handleExit();
   void enter(Phase phase);
   void startStreaming();
+  void startDraining();
   void problem(std::string_view message);
   void giveUp(std::string_view message);  // reports a problem that ends the session
 
@@ -122,7 +136,7 @@ class HostSession {
   HostConfiguration configuration_;
   HostObserver& observer_;
   std::array<Stream, allAudioSources.size()> streams_;  // by AudioSource
-  Pipe interruption_;                                   // a byte wakes and interrupts the loop
+  Pipe interruption_;                                   // a byte wakes the loop and says why
   std::unique_ptr<PipedProcess> helper_;
   LineSplitter outputLines_;
   LineSplitter diagnosticLines_;
@@ -134,7 +148,8 @@ class HostSession {
   std::size_t lastQueued_ = 0;              // bytes, at the last check
   SteadyClock::time_point lastTranscript_;  // when the last transcript event arrived
   double startedAt_ = 0;                    // wall clock at streamStart_, ms since the Unix epoch
-  double total_ = 0;                        // ms of audio to stream
+  double total_ = 0;                        // ms of audio to stream; 0 while unknown
+  bool live_ = false;                       // a source is captured as it is read
   std::int64_t chunks_ = 0;                 // of each source, sent so far
   std::string statusMessage_;               // from the latest "helper.status"
   bool ok_ = true;

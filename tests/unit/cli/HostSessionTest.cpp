@@ -2,10 +2,13 @@
 #include "cli/HostSession.h"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -54,17 +57,25 @@ struct Record final : HostObserver {
   double streamed = 0;
   double total = 0;
   HostSession* interruptOnText = nullptr;
+  std::function<void()> onText;   // called with the first partial
+  std::function<void()> onReady;  // called when the session is ready
+  std::function<void()> onStart;  // called when streaming starts
 
   void onEvent(std::string_view line, const nlohmann::json& event) override {
     EXPECT_EQ(line.find('\n'), std::string_view::npos);
     const auto type = event.value("type", "");
     if (type == "transcript.final") finals.push_back(event);
     if (type != "pong") types.push_back(type);
+    if (type == "session.ready" && onReady) onReady();
     if (type == "transcript.partial" && interruptOnText) interruptOnText->interrupt();
+    if (type == "transcript.partial" && onText) std::exchange(onText, nullptr)();
   }
   void onDiagnostic(std::string_view line) override { diagnostics.emplace_back(line); }
   void onProblem(std::string_view message) override { problems.emplace_back(message); }
-  void onStreamStart(double startedAt) override { EXPECT_GT(startedAt, 1.6e12); }
+  void onStreamStart(double startedAt) override {
+    EXPECT_GT(startedAt, 1.6e12);
+    if (onStart) onStart();
+  }
   void onProgress(double position, double length) override {
     streamed = position;
     total = length;
@@ -123,6 +134,124 @@ TEST_F(HostSessionTest, StreamKeepsRealTime) {
   EXPECT_TRUE(run(std::move(realTime), loud(20)));
   // 2 s at double speed take at least 1 s.
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+// Provides audio as the test gives it, through a descriptor.
+class PipedSound final : public SoundSource {
+ public:
+  explicit PipedSound(bool live) : live_(live) {}
+
+  void give(std::size_t chunks, bool isLast = false) {
+    arriving_ += chunks * chunkFrames;
+    isLast_ = isLast;
+    const char byte = 0;
+    ASSERT_EQ(::write(pipe_.writeEnd.get(), &byte, 1), 1);
+  }
+
+  std::size_t read(std::span<std::int16_t> frames) override {
+    const auto count = std::min(frames.size(), ready_);
+    for (std::size_t at = 0; at < count; ++at)
+      frames[at] = static_cast<std::int16_t>(at % 100 < 50 ? 9000 : -9000);
+    ready_ -= count;
+    return count;
+  }
+  std::int64_t length() const override { return 0; }
+  int descriptor() const override { return ended_ ? -1 : pipe_.readEnd.get(); }
+  void receive() override {
+    char byte = 0;
+    ASSERT_EQ(::read(pipe_.readEnd.get(), &byte, 1), 1);
+    ready_ += arriving_.exchange(0);
+    ended_ = isLast_;
+  }
+  bool canRead(std::size_t frames) const override { return ended_ || ready_ >= frames; }
+  std::optional<std::chrono::steady_clock::time_point> liveSince() const override {
+    if (!live_) return std::nullopt;
+    return std::chrono::steady_clock::now() - std::chrono::seconds(10);
+  }
+  void stop() override {
+    ready_ += arriving_.exchange(0);
+    ended_ = true;
+  }
+
+ private:
+  bool live_;
+  Pipe pipe_ = makePipe();
+  std::atomic<std::size_t> arriving_ = 0;
+  std::atomic<bool> isLast_ = false;
+  std::size_t ready_ = 0;
+  bool ended_ = false;
+};
+
+TEST_F(HostSessionTest, LiveAudioIsTranscribedWhileItFlows) {
+  auto sound = std::make_unique<PipedSound>(true);
+  auto& microphone = *sound;
+  auto realTime = configuration("well");
+  realTime.speed = 1;
+  HostSession session(std::move(realTime), std::move(sound), nullptr, record);
+  // The rest is given only when a text of the beginning is there.
+  record.onText = [&] { microphone.give(3, true); };
+  microphone.give(5);
+  EXPECT_TRUE(session.run());
+  ASSERT_THAT(record.finals, SizeIs(1));
+  EXPECT_EQ(record.finals[0].at("text"), "chunk 12");
+  EXPECT_EQ(record.total, 900);  // known at the end: 8 chunks and the one that found the end
+}
+
+TEST_F(HostSessionTest, StreamStartsWithFirstAudio) {
+  auto sound = std::make_unique<PipedSound>(false);
+  auto& microphone = *sound;
+  record.onReady = [&] { microphone.give(5, true); };
+  bool hasAudio = false;
+  record.onStart = [&] { hasAudio = microphone.canRead(chunkFrames); };
+  EXPECT_TRUE(run(configuration("well"), std::move(sound)));
+  EXPECT_TRUE(hasAudio);
+  EXPECT_THAT(record.finals, SizeIs(1));
+}
+
+TEST_F(HostSessionTest, StopOfLiveAudioSendsWhatHasArrived) {
+  auto sound = std::make_unique<PipedSound>(true);
+  auto& microphone = *sound;
+  HostSession session(configuration("well"), std::move(sound), nullptr, record);
+  record.onText = [&] {
+    microphone.give(2);
+    session.stopAudio();
+  };
+  microphone.give(5);
+  EXPECT_TRUE(session.run());
+  EXPECT_THAT(record.problems, IsEmpty());
+  ASSERT_THAT(record.finals, SizeIs(1));
+  EXPECT_EQ(record.finals[0].at("text"), "chunk 11");
+}
+
+TEST_F(HostSessionTest, StopOfRecordingLeavesOutTheRest) {
+  HostSession session(configuration("well"), loud(100000), nullptr, record);
+  record.onText = [&] { session.stopAudio(); };
+  EXPECT_TRUE(session.run());
+  EXPECT_THAT(record.finals, SizeIs(1));
+}
+
+TEST_F(HostSessionTest, AudioBeforeSessionIsSentImmediately) {
+  auto sound = std::make_unique<PipedSound>(true);
+  sound->give(90, true);  // of the 10 s for which it says to be live
+  auto realTime = configuration("well");
+  realTime.speed = 1;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(run(std::move(realTime), std::move(sound)));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+}
+
+TEST_F(HostSessionTest, UnreadableStreamIsReported) {
+  struct Failing final : SoundSource {
+    Pipe pipe = makePipe();
+    Failing() { pipe.writeEnd.close(); }
+    std::size_t read(std::span<std::int16_t>) override { return 0; }
+    std::int64_t length() const override { return 0; }
+    int descriptor() const override { return pipe.readEnd.get(); }
+    void receive() override { throw std::runtime_error("standard input contains no audio"); }
+    bool canRead(std::size_t) const override { return false; }
+  };
+  EXPECT_FALSE(run(configuration("well"), std::make_unique<Failing>()));
+  EXPECT_THAT(record.problems, ElementsAre("standard input contains no audio"));
 }
 
 TEST_F(HostSessionTest, SilentSourceNeedsNoFinal) {
