@@ -116,29 +116,6 @@ class Collector {
   std::optional<double> pingedAt_;
 };
 
-std::string escaped(const std::string& text) {
-  std::string result;
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        result += "&amp;";
-        break;
-      case '<':
-        result += "&lt;";
-        break;
-      case '>':
-        result += "&gt;";
-        break;
-      case '"':
-        result += "&quot;";
-        break;
-      default:
-        result += c;
-    }
-  }
-  return result;
-}
-
 std::string fixed(double number, int digits = 0) {
   char text[64];
   std::snprintf(text, sizeof text, "%.*f", digits, number);
@@ -149,24 +126,18 @@ std::string inMilliseconds(const std::optional<double>& value) {
   return value ? fixed(*value) + " ms" : "–";
 }
 
-// "1:02:03.456", the separator of the fraction as given.
-std::string clockText(double milliseconds, char separator, bool withHours) {
+// "1:02.3", or with hours "01:02:03.456".
+std::string clockText(double milliseconds) {
   const auto all = std::llround(std::max(milliseconds, 0.0));
+  if (all >= 3'600'000) return captionTime(milliseconds, '.');
   char text[64];
-  if (withHours || all >= 3'600'000)
-    std::snprintf(text, sizeof text, "%02lld:%02lld:%02lld%c%03lld", all / 3'600'000, all / 60'000 % 60,
-                  all / 1000 % 60, separator, all % 1000);
-  else
-    std::snprintf(text, sizeof text, "%lld:%02lld%c%lld", all / 60'000, all / 1000 % 60, separator,
-                  all % 1000 / 100);
+  std::snprintf(text, sizeof text, "%lld:%02lld.%lld", all / 60'000, all / 1000 % 60, all % 1000 / 100);
   return text;
 }
 
 std::string shownText(const Meeting::Final& final) {
   if (final.characters) return "(" + std::to_string(*final.characters) + " characters)";
-  auto text = final.text;
-  std::ranges::replace(text, '\n', ' ');  // an empty line would end a subtitle
-  return text;
+  return final.text;
 }
 
 double endOf(const Meeting::Final& final) {
@@ -192,8 +163,8 @@ class Picture {
     for (const auto& final : source_.finals) {
       const double left = x(final.startedAt);
       out += "<rect class=\"utterance\" x=\"" + fixed(left, 2) + "\" y=\"0\" height=\"100\" width=\"" +
-             fixed(std::max(x(endOf(final)) - left, 1.0), 2) + "\"><title>" + escaped(shownText(final)) +
-             "</title></rect>\n";
+             fixed(std::max(x(endOf(final)) - left, 1.0), 2) + "\"><title>" +
+             escapedForMarkup(shownText(final)) + "</title></rect>\n";
     }
     out += loudnessBars();
     out += "<line class=\"threshold\" x1=\"0\" x2=\"1000\" y1=\"" + fixed(y(voiceThreshold), 2) + "\" y2=\"" +
@@ -202,7 +173,7 @@ class Picture {
       if (final.latency) {
         const double at = x(endOf(final) + *final.latency);
         out += "<line class=\"end\" x1=\"" + fixed(at, 2) + "\" x2=\"" + fixed(at, 2) +
-               "\" y1=\"0\" y2=\"100\"><title>final, " + escaped(final.reason) + ", " +
+               "\" y1=\"0\" y2=\"100\"><title>final, " + escapedForMarkup(final.reason) + ", " +
                inMilliseconds(final.latency) + "</title></line>\n";
       }
     for (const auto& gap : source_.gaps)
@@ -249,7 +220,7 @@ class Picture {
              (i == 0    ? "start"
               : i == 10 ? "end"
                         : "middle") +
-             "\">" + clockText(time, '.', false) + "</text>\n";
+             "\">" + clockText(time) + "</text>\n";
     }
     return out;
   }
@@ -277,7 +248,7 @@ std::string latencyRow(const std::string& name, const Meeting::Source& source) {
     whole.push_back(*final.latency);
     recognition.push_back(std::max(*final.latency - final.wait.value_or(0), 0.0));
   }
-  std::string row = "<tr><td>" + escaped(name) + "</td><td class=\"number\">" +
+  std::string row = "<tr><td>" + escapedForMarkup(name) + "</td><td class=\"number\">" +
                     std::to_string(source.finals.size()) + "</td>";
   for (const auto& value : {percentile(whole, 0.5), percentile(whole, 0.95), percentile(recognition, 0.5),
                             percentile(recognition, 0.95)})
@@ -318,11 +289,13 @@ std::string htmlPage(const Meeting& meeting, const std::string& title) {
       "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src "
       "'unsafe-inline'\">\n"
       "<meta name=\"viewport\" content=\"width=device-width\">\n<title>" +
-      escaped(title) + "</title>\n<style>" + style + "</style>\n<h1>" + escaped(title) + "</h1>\n";
-  page += "<p>" + clockText(meeting.endedAt - meeting.startedAt, '.', false) + " of meeting, " +
-          escaped(meeting.implementation.empty() ? "no status from the helper" : meeting.implementation) +
+      escapedForMarkup(title) + "</title>\n<style>" + style + "</style>\n<h1>" + escapedForMarkup(title) +
+      "</h1>\n";
+  page += "<p>" + clockText(meeting.endedAt - meeting.startedAt) + " of meeting, " +
+          escapedForMarkup(meeting.implementation.empty() ? "no status from the helper"
+                                                          : meeting.implementation) +
           (meeting.isRedacted ? ", recorded without words and audio" : "") +
-          ". The helper's end: " + escaped(meeting.end.value_or("not recorded")) +
+          ". The helper's end: " + escapedForMarkup(meeting.end.value_or("not recorded")) +
           ". Clock of the helper against the host's: " +
           (meeting.clockOffset ? fixed(*meeting.clockOffset) + " ms" : "not measured, no ping") + ".</p>\n";
 
@@ -341,7 +314,7 @@ std::string htmlPage(const Meeting& meeting, const std::string& title) {
       "style=\"background:var(--gap)\">"
       "</i>gap in the capture times</span></p>\n";
   for (const auto& [name, source] : meeting.sources)
-    page += "<h3>" + escaped(name) + "</h3>\n" + Picture(meeting, source).svg();
+    page += "<h3>" + escapedForMarkup(name) + "</h3>\n" + Picture(meeting, source).svg();
 
   page += "<h2>Errors</h2>\n";
   if (meeting.errors.empty()) {
@@ -349,8 +322,8 @@ std::string htmlPage(const Meeting& meeting, const std::string& title) {
   } else {
     page += "<table><tr><th>code</th><th class=\"number\">times</th><th>text of the first</th></tr>\n";
     for (const auto& [code, error] : meeting.errors)
-      page += "<tr><td>" + escaped(code) + "</td><td class=\"number\">" + std::to_string(error.count) +
-              "</td><td>" + escaped(error.text) + "</td></tr>\n";
+      page += "<tr><td>" + escapedForMarkup(code) + "</td><td class=\"number\">" +
+              std::to_string(error.count) + "</td><td>" + escapedForMarkup(error.text) + "</td></tr>\n";
     page += "</table>\n";
   }
 
@@ -358,30 +331,19 @@ std::string htmlPage(const Meeting& meeting, const std::string& title) {
       "<h2>Transcript</h2>\n<table><tr><th class=\"number\">time</th><th>source</th><th>text</th><th>end</th>"
       "<th class=\"number\">latency</th></tr>\n";
   for (const auto& [name, final] : allFinals(meeting))
-    page += "<tr><td class=\"number\">" + clockText(final->startedAt - meeting.startedAt, '.', false) +
-            "</td><td>" + escaped(name) + "</td><td>" + escaped(shownText(*final)) + "</td><td>" +
-            escaped(final->reason) + "</td><td class=\"number\">" + inMilliseconds(final->latency) +
+    page += "<tr><td class=\"number\">" + clockText(final->startedAt - meeting.startedAt) + "</td><td>" +
+            escapedForMarkup(name) + "</td><td>" + escapedForMarkup(shownText(*final)) + "</td><td>" +
+            escapedForMarkup(final->reason) + "</td><td class=\"number\">" + inMilliseconds(final->latency) +
             "</td></tr>\n";
   return page + "</table>\n</html>\n";
 }
 
-std::string srtOf(const Meeting& meeting) {
-  std::string out;
-  std::size_t number = 0;
+std::vector<Caption> captionsOf(const Meeting& meeting) {
+  std::vector<Caption> captions;
   for (const auto& [name, final] : allFinals(meeting))
-    out += std::to_string(++number) + "\n" + clockText(final->startedAt - meeting.startedAt, ',', true) +
-           " --> " + clockText(endOf(*final) - meeting.startedAt, ',', true) + "\n" + name + ": " +
-           shownText(*final) + "\n\n";
-  return out;
-}
-
-std::string vttOf(const Meeting& meeting) {
-  std::string out = "WEBVTT\n\n";
-  for (const auto& [name, final] : allFinals(meeting))
-    out += clockText(final->startedAt - meeting.startedAt, '.', true) + " --> " +
-           clockText(endOf(*final) - meeting.startedAt, '.', true) + "\n<v " + escaped(name) + ">" +
-           escaped(shownText(*final)) + "\n\n";
-  return out;
+    captions.push_back(
+        {final->startedAt - meeting.startedAt, endOf(*final) - meeting.startedAt, name, shownText(*final)});
+  return captions;
 }
 
 }  // namespace palaver::cli

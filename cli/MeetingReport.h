@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/Captions.h"
 #include "cli/Recording.h"
 
 namespace palaver::cli {
@@ -60,8 +61,7 @@ std::optional<double> percentile(std::vector<double> values, double share);
 // One self-contained page: no scripts, nothing from a network.
 std::string htmlPage(const Meeting& meeting, const std::string& title);
 
-// Subtitles of all sources, in order of time, from the start of the recording.
-std::string srtOf(const Meeting& meeting);
-std::string vttOf(const Meeting& meeting);
+// Returns the finals of all sources in order of time, counted from the start of the recording.
+std::vector<Caption> captionsOf(const Meeting& meeting);
 
 }  // namespace palaver::cli

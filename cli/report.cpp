@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "cli/ArgumentReader.h"
+#include "cli/Captions.h"
 #include "cli/MeetingReport.h"
 #include "cli/Recording.h"
 #include "cli/writeFile.h"
@@ -45,8 +46,8 @@ int report(std::span<const std::string> arguments) {
   if (output.empty()) output = file;
   const auto meeting = meetingOf(readConversation(file));
   write(output + ".html", htmlPage(meeting, std::filesystem::path(file).stem().string()));
-  write(output + ".srt", srtOf(meeting));
-  write(output + ".vtt", vttOf(meeting));
+  write(output + ".srt", srtOf(captionsOf(meeting)));
+  write(output + ".vtt", vttOf(captionsOf(meeting)));
   return 0;
 }
 

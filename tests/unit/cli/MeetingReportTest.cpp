@@ -105,13 +105,14 @@ TEST_F(MeetingReportTest, WordsCannotBecomeMarkup) {
   EXPECT_THAT(page, HasSubstr("&lt;script&gt;alert(1)&lt;/script&gt; &amp; &quot;quoted&quot;"));
   EXPECT_THAT(page, Not(HasSubstr("http://")));
   EXPECT_THAT(page, Not(HasSubstr("https://")));
-  EXPECT_THAT(vttOf(meeting), HasSubstr("<v remote>&lt;script&gt;"));
+  EXPECT_THAT(vttOf(captionsOf(meeting)), HasSubstr("<v remote>&lt;script&gt;"));
 }
 
 TEST_F(MeetingReportTest, SubtitlesCountFromTheStart) {
   final(3'725'000, "one\n\ntwo", 1000);
-  EXPECT_EQ(srtOf(meetingOf(recorded)), "1\n00:00:00,100 --> 01:02:04,000\nremote: one  two\n\n");
-  EXPECT_EQ(vttOf(meetingOf(recorded)), "WEBVTT\n\n00:00:00.100 --> 01:02:04.000\n<v remote>one  two\n\n");
+  EXPECT_EQ(srtOf(captionsOf(meetingOf(recorded))), "1\n00:00:00,100 --> 01:02:04,000\nremote: one two\n\n");
+  EXPECT_EQ(vttOf(captionsOf(meetingOf(recorded))),
+            "WEBVTT\n\n00:00:00.100 --> 01:02:04.000\n<v remote>one two\n\n");
 }
 
 TEST_F(MeetingReportTest, LinesMayArriveInPiecesAndWithNonsense) {
