@@ -8,19 +8,29 @@
 #include <vector>
 
 #include "cli/ArgumentReader.h"
+#include "platform/audio/SampleFormat.h"
 
 namespace palaver::cli {
 
+enum class TranscriptFormat { text, srt, vtt, json };
+
+inline constexpr const char* standardInputPath = "-";
+
 struct TranscribeArguments {
-  std::string remote;               // path of a sound file
-  std::optional<std::string> self;  // path of a sound file
+  std::string remote;               // path of a sound file, or standardInputPath
+  std::optional<std::string> self;  // the same, but not both
+  std::optional<RawFormat> raw;     // of headerless samples, when stated
+  TranscriptFormat format = TranscriptFormat::text;
+  std::optional<std::string> output;  // path of the transcript; none: standard output
   std::optional<std::string> helper;
   std::vector<std::string> helperArguments;
   std::string locale = "en-US";
   std::vector<std::string> vocabulary;
-  double speed = 1;  // factor of real time
-  bool json = false;
+  double speed = 1;   // factor of real time
+  bool json = false;  // the helper's events instead of a transcript
   bool help = false;
+
+  bool readsStandardInput() const { return remote == standardInputPath || self == standardInputPath; }
 };
 
 // Parses the arguments after the program's name. Options and files may be in any order. Both "--option value"

@@ -52,8 +52,12 @@ std::string counted(std::size_t count, std::string_view noun) {
 
 }  // namespace
 
-TranscriptDisplay::TranscriptDisplay(Style style, Output output, Width width)
-    : style_(style), output_(std::move(output)), width_(std::move(width)) {}
+TranscriptDisplay::TranscriptDisplay(Style style, Output lines, Width width, Output live, Width liveWidth)
+    : style_(style),
+      lines_(std::move(lines)),
+      width_(std::move(width)),
+      live_(std::move(live)),
+      liveWidth_(std::move(liveWidth)) {}
 
 void TranscriptDisplay::onEvent(std::string_view /*line*/, const nlohmann::json& event) {
   const auto type = text(event, "type");
@@ -98,10 +102,10 @@ void TranscriptDisplay::showTranscript(const nlohmann::json& event, bool isFinal
   if (!isFinal) {
     if (words == shown.partial) return;
     shown.partial = std::move(words);
-    if (style_.terminal) {
-      draw();
-    } else {
+    if (style_.partials) {
       print({padded(rawValue(*source)) + "... " + shown.partial});
+    } else {
+      draw();
     }
     return;
   }
@@ -172,30 +176,30 @@ std::string TranscriptDisplay::relative(const nlohmann::json& event, const char*
 }
 
 std::string TranscriptDisplay::styled(std::string_view text, std::string_view code) const {
-  if (!style_.terminal || code.empty() || text.empty()) return std::string(text);
+  if (!style_.colours || code.empty() || text.empty()) return std::string(text);
   return "\x1b[" + std::string(code) + "m" + std::string(text) + "\x1b[0m";
 }
 
 void TranscriptDisplay::printWrapped(std::string_view label, std::string_view text, std::string_view code) {
   if (text.empty()) return;
   std::vector<std::string> lines;
-  for (const auto& part : wrap(text, std::max<std::size_t>(width() - labelColumns, 20)))
+  for (const auto& part : wrap(text, std::max<std::size_t>(bounded(width_()) - labelColumns, 20)))
     lines.push_back((lines.empty() ? padded(label) : padded("")) + styled(part, code));
   print(lines);
 }
 
 void TranscriptDisplay::print(const std::vector<std::string>& lines) {
-  auto bytes = eraseLive();
+  if (const auto erased = eraseLive(); !erased.empty()) live_(erased);
+  std::string bytes;
   for (const auto& line : lines) bytes += line + "\n";
-  bytes += liveLines();
-  output_(bytes);
+  lines_(bytes);
+  draw();
 }
 
 void TranscriptDisplay::draw() {
-  if (!style_.terminal) return;
   auto bytes = eraseLive();
   bytes += liveLines();
-  output_(bytes);
+  if (!bytes.empty()) live_(bytes);
 }
 
 // Moves to the first live line and erases everything below.
@@ -208,8 +212,8 @@ std::string TranscriptDisplay::eraseLive() {
 // Returns the live lines. The cursor ends after the last one. Each is shorter than the terminal's width,
 // because a wrapped line could not be erased.
 std::string TranscriptDisplay::liveLines() {
-  if (!style_.terminal || !streaming_) return {};
-  const auto columns = width() - 1;
+  if (!live_ || !streaming_) return {};
+  const auto columns = bounded(liveWidth_()) - 1;
   std::vector<std::string> lines;
   for (const auto source : allAudioSources) {
     const auto& partial = sources_[static_cast<std::size_t>(source)].partial;
@@ -217,21 +221,24 @@ std::string TranscriptDisplay::liveLines() {
     lines.push_back(padded(rawValue(source)) +
                     lastColumns(partial, columns - std::min(columns, labelColumns)));
   }
-  const auto times =
-      position_ > total_ ? " awaiting the last words" : " " + position(position_) + " of " + position(total_);
-  const auto bar =
-      std::max<std::size_t>(columns, labelColumns + times.size() + 3) - labelColumns - times.size();
-  lines.push_back(lastColumns(
-      padded("") + progressBar(total_ > 0 ? position_ / total_ : 0, std::min<std::size_t>(bar, 40)) + times,
-      columns));
+  if (total_ > 0) {
+    const auto times = position_ > total_ ? " awaiting the last words"
+                                          : " " + position(position_) + " of " + position(total_);
+    const auto bar =
+        std::max<std::size_t>(columns, labelColumns + times.size() + 3) - labelColumns - times.size();
+    lines.push_back(lastColumns(
+        padded("") + progressBar(position_ / total_, std::min<std::size_t>(bar, 40)) + times, columns));
+  } else {
+    lines.push_back(lastColumns(padded("") + position(position_) + ", until the input ends", columns));
+  }
   liveCount_ = lines.size();
   std::string bytes;
   for (const auto& line : lines) bytes += (bytes.empty() ? "" : "\n") + line;
   return bytes;
 }
 
-std::size_t TranscriptDisplay::width() const {
-  return std::clamp<std::size_t>(width_(), 24, 200);
+std::size_t TranscriptDisplay::bounded(std::size_t columns) {
+  return std::clamp<std::size_t>(columns, 24, 200);
 }
 
 }  // namespace palaver::cli

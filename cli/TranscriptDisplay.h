@@ -12,19 +12,23 @@
 
 namespace palaver::cli {
 
-// Rewrites the latest partial of each source and the progress at the bottom of a terminal. Finals, errors and
-// the status scroll above. Without a terminal each new partial is a line.
+// Rewrites the latest partial of each source and the progress at the bottom of a terminal: the live lines.
+// Finals, errors and the status scroll above, or go elsewhere: the lines and the live lines have outputs of
+// their own.
 class TranscriptDisplay final : public HostObserver {
  public:
   struct Style {
-    bool terminal = false;  // cursor movements and colours
-    bool latency = true;    // show the helper's latency, valid for audio in real time
+    bool colours = false;  // of the lines
+    bool partials = true;  // each new partial is a line too
+    bool latency = true;   // show the helper's latency, valid for audio in real time
     bool diagnostics = true;
   };
-  using Output = std::function<void(std::string_view bytes)>;  // called with all output
-  using Width = std::function<std::size_t()>;                  // current width of the terminal
+  using Output = std::function<void(std::string_view bytes)>;
+  using Width = std::function<std::size_t()>;  // current width, columns
 
-  TranscriptDisplay(Style style, Output output, Width width);
+  // `lines` gets the lines and is as wide as `width`. `live` gets the live lines with cursor movements, and
+  // is as wide as `liveWidth`; empty for none.
+  TranscriptDisplay(Style style, Output lines, Width width, Output live = {}, Width liveWidth = {});
 
   void onEvent(std::string_view line, const nlohmann::json& event) override;
   void onDiagnostic(std::string_view line) override;
@@ -55,15 +59,17 @@ class TranscriptDisplay final : public HostObserver {
   void draw();
   std::string eraseLive();
   std::string liveLines();
-  std::size_t width() const;
+  static std::size_t bounded(std::size_t columns);
 
   Style style_;
-  Output output_;
+  Output lines_;
   Width width_;
+  Output live_;
+  Width liveWidth_;
   std::array<Source, 2> sources_;  // by AudioSource
   double startedAt_ = 0;           // ms since the Unix epoch
   double position_ = 0;            // ms of audio
-  double total_ = 0;               // ms of audio
+  double total_ = 0;               // ms of audio; 0 while unknown
   bool streaming_ = false;
   std::size_t liveCount_ = 0;  // live lines on the screen
   std::size_t problems_ = 0;

@@ -9,8 +9,6 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "platform/posix/Descriptor.h"
-
 namespace palaver::cli {
 
 bool writeAll(int descriptor, std::string_view bytes) {
@@ -29,9 +27,23 @@ bool writeAll(int descriptor, std::string_view bytes) {
 }
 
 void writePrivateFile(const std::string& path, std::string_view text) {
-  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  if (!file.isOpen() || !writeAll(file.get(), text))
-    throw std::runtime_error("cannot write " + path + ": " + std::generic_category().message(errno));
+  PrivateFile(path).write(text);
+}
+
+PrivateFile::PrivateFile(const std::string& path)
+    : path_(path), file_(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)) {
+  if (!file_.isOpen()) fail();
+}
+
+void PrivateFile::write(std::string_view text) {
+  // A device or a pipe cannot be truncated, and holds nothing.
+  if (!isEmpty_ && ::ftruncate(file_.get(), 0) != 0 && errno != EINVAL) fail();
+  isEmpty_ = true;
+  if (!writeAll(file_.get(), text)) fail();
+}
+
+void PrivateFile::fail() const {
+  throw std::runtime_error("cannot write " + path_ + ": " + std::generic_category().message(errno));
 }
 
 }  // namespace palaver::cli

@@ -105,7 +105,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 if(PALAVER_PACKAGE_SHERPA)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${sherpa_folder})
 endif()
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS pocketsphinx-en-us)
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "pocketsphinx-en-us, libsndfile1")  # palaver-stt loads libsndfile at run time
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 "A host starts PalaverSTTHelper as a child process, writes JSON commands with

@@ -37,8 +37,8 @@ function(palaver_third_party_notices variable)
     "copyright files follow. Those files also name scripts, tests and manuals, which are not linked in.\n\n${table}\n"
     "glibc is under the LGPL: everything that is needed to link PalaverSTTHelper with another version of it is the source of\n"
     "this program, and -DPALAVER_STATIC=OFF links it dynamically.\n"
-    "Linked dynamically and not contained: glibc, libstdc++ and libgcc (PalaverSpeechWorker, palaver-stt), libsndfile\n"
-    "(palaver-stt; LGPL-2.1-or-later).\n")
+    "Linked dynamically and not contained: glibc, libstdc++ and libgcc (PalaverSpeechWorker, palaver-stt), and, where\n"
+    "it is installed, libsndfile (palaver-stt; LGPL-2.1-or-later).\n")
   if(PALAVER_PACKAGE_SHERPA)
     list(APPEND notices
       "Contained as libraries of their own in lib/palaver-stt: sherpa-onnx (Apache-2.0), with the libraries that it is built\n"

@@ -8,7 +8,7 @@ _palaver_stt() {
     return
   fi
   case $previous in
-    --helper | --output | --vocabulary-file)
+    --helper | --output | -o | --self | --vocabulary-file)
       compopt -o filenames
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       return
@@ -17,10 +17,14 @@ _palaver_stt() {
       mapfile -t COMPREPLY < <(compgen -W 'de-DE en-GB en-US es-ES fr-FR it-IT ja-JP ko-KR pt-BR zh-CN' -- "$word")
       return
       ;;
-    --speed | --vocabulary | --helper-argument) return ;;
+    --format)
+      mapfile -t COMPREPLY < <(compgen -W 'text srt vtt json' -- "$word")
+      return
+      ;;
+    --rate | -r | --channels | -c | --speed | --vocabulary | --helper-argument) return ;;
   esac
   case $command in
-    transcribe) options='--locale --vocabulary --vocabulary-file --speed --json --helper --helper-argument --help' ;;
+    transcribe) options='--self --rate --channels --format --output --locale --vocabulary --vocabulary-file --speed --json --helper --helper-argument --help' ;;
     doctor) options='--locale --json --helper --help' ;;
     record) options='--redact --helper --help' ;;
     replay) options='--helper --help' ;;

@@ -51,7 +51,37 @@ TEST(TranscribeArgumentsTest, DefaultsAreEnglishInRealTime) {
   EXPECT_EQ(arguments.helper, std::nullopt);
 }
 
+TEST(TranscribeArgumentsTest, StandardInputHasARawFormat) {
+  const auto arguments = parse({"-", "-r", "48000", "--channels=2", "--self", "b.wav"});
+  EXPECT_EQ(arguments.remote, "-");
+  EXPECT_EQ(arguments.self, "b.wav");
+  ASSERT_TRUE(arguments.raw);
+  EXPECT_EQ(arguments.raw->sampleRate, 48000);
+  EXPECT_EQ(arguments.raw->channelCount, 2);
+  EXPECT_TRUE(arguments.readsStandardInput());
+  EXPECT_EQ(parse({"-"}).raw, std::nullopt);
+  EXPECT_TRUE(parse({"a.wav", "-"}).readsStandardInput());
+  EXPECT_EQ(parse({"a.raw", "--rate", "8000"}).raw->channelCount, 1);
+}
+
+TEST(TranscribeArgumentsTest, TranscriptHasAFormatAndAPlace) {
+  EXPECT_EQ(parse({"a"}).format, TranscriptFormat::text);
+  EXPECT_EQ(parse({"a", "--format", "vtt", "-o", "b"}).format, TranscriptFormat::vtt);
+  EXPECT_EQ(parse({"a", "--format=json", "--output=b"}).output, "b");
+}
+
 TEST(TranscribeArgumentsTest, BadUsageIsExplained) {
+  EXPECT_EQ(failure({"a", "b", "--self", "c"}), "too many sound files: expected REMOTE and optionally SELF");
+  EXPECT_EQ(failure({"-", "-"}), "standard input can be only one of both sides");
+  EXPECT_EQ(failure({"a", "--format", "doc"}), "--format takes text, srt, vtt or json, not 'doc'");
+  EXPECT_EQ(failure({"a", "--json", "-o", "b"}),
+            "--json prints events, and goes without --format and --output");
+  EXPECT_EQ(failure({"a.wav", "--rate", "8000"}),
+            "--rate and --channels describe raw samples, and other files state their own");
+  for (const char* rate : {"0", "-1", "44.1", "x", "", "1000001", "99999999999"})
+    EXPECT_EQ(failure({"-", "--rate", rate}),
+              std::string("--rate takes a whole number from 1 to 1000000, not '") + rate + "'");
+  EXPECT_EQ(failure({"-", "-c", "257"}), "-c takes a whole number from 1 to 256, not '257'");
   EXPECT_EQ(failure({}), "missing sound file");
   EXPECT_EQ(failure({"a", "b", "c"}), "too many sound files: expected REMOTE and optionally SELF");
   EXPECT_EQ(failure({"a", "--fast"}), "unknown option --fast");

@@ -86,15 +86,16 @@ class TranscriptDisplayTest : public ::testing::Test {
  protected:
   TranscriptDisplay makeDisplay(bool terminal, bool latency = true) {
     TranscriptDisplay::Style style;
-    style.terminal = terminal;
+    style.colours = terminal;
+    style.partials = !terminal;
     style.latency = latency;
-    return TranscriptDisplay(
-        style,
-        [this](std::string_view bytes) {
-          screen.write(bytes);
-          bytesWritten += bytes;
-        },
-        [] { return std::size_t{columns}; });
+    const auto output = [this](std::string_view bytes) {
+      screen.write(bytes);
+      bytesWritten += bytes;
+    };
+    const auto width = [] { return std::size_t{columns}; };
+    if (terminal) return TranscriptDisplay(style, output, width, output, width);
+    return TranscriptDisplay(style, output, width);
   }
 
   static void show(TranscriptDisplay& display, const nlohmann::json& event) {
@@ -227,6 +228,33 @@ TEST_F(TranscriptDisplayTest, ErrorEventsNameTheirSource) {
   auto display = makeDisplay(false);
   show(display, {{"type", "helper.error"}, {"source", "self"}, {"message", "it failed"}});
   EXPECT_EQ(bytesWritten, "error   self: it failed\n");
+}
+
+TEST_F(TranscriptDisplayTest, LinesAndLiveLinesMayGoToDifferentPlaces) {
+  std::string lines;
+  TranscriptDisplay display(
+      {}, [&lines](std::string_view bytes) { lines += bytes; }, [] { return std::size_t{columns}; },
+      [this](std::string_view bytes) { screen.write(bytes); }, [] { return std::size_t{columns}; });
+  display.onStreamStart(1000);
+  display.onProgress(500, 1000);
+  show(display, partial("remote", "go"));
+  EXPECT_THAT(screen.text(), HasSubstr("remote  go"));
+  EXPECT_THAT(screen.text(), HasSubstr("0.5 s of 1.0 s"));
+  show(display, final("remote", "go forward"));
+  display.finish(true);
+  EXPECT_EQ(screen.text().find_first_not_of(" \n"), std::string::npos);
+  EXPECT_THAT(lines, HasSubstr("remote  ... go\n"));
+  EXPECT_THAT(lines, HasSubstr("remote  go forward\n"));
+  EXPECT_THAT(lines, Not(HasSubstr("\x1b")));
+  EXPECT_THAT(lines, Not(HasSubstr(" of ")));
+}
+
+TEST_F(TranscriptDisplayTest, UnknownLengthHasNoBar) {
+  auto display = makeDisplay(true);
+  display.onStreamStart(1000);
+  display.onProgress(61500, 0);
+  EXPECT_THAT(screen.text(), HasSubstr("1:01.5, until the input ends"));
+  EXPECT_THAT(screen.text(), Not(HasSubstr("[")));
 }
 
 }  // namespace

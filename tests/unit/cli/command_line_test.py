@@ -3,7 +3,10 @@ import json
 import os
 import pathlib
 import platform
+import pty
 import shutil
+import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -13,9 +16,21 @@ PROGRAM = sys.argv.pop(1)
 VERSION = sys.argv.pop(1)
 
 
-def run(*arguments):
-    process = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60, check=False)
+RECORDING = pathlib.Path("/usr/share/pocketsphinx/test/data/goforward.raw")
+WORDS = "go forward ten meters"
+
+
+def run(*arguments, **options):
+    process = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=60, check=False, **options)
     return process.returncode, process.stdout, process.stderr
+
+
+def wave_stream(samples, channels, repeats):
+    """16 kHz mono samples as a WAV stream of unknown length, with each frame repeated and in each channel."""
+    frames = b"".join(samples[i:i + 2] * channels * repeats for i in range(0, len(samples), 2))
+    rate, block = 16000 * repeats, 2 * channels
+    return (b"RIFF" + struct.pack("<I", 0xFFFFFFFF) + b"WAVEfmt " +
+            struct.pack("<IHHIIHH", 16, 1, channels, rate, rate * block, block, 16) + b"data" + struct.pack("<I", 0xFFFFFFFF) + frames)
 
 
 class CommandLineTest(unittest.TestCase):
@@ -98,6 +113,102 @@ class CommandLineTest(unittest.TestCase):
                 self.assertEqual(pathlib.Path(name).stat().st_mode & 0o777, 0o600)
             self.assertIn("exit status 0", pathlib.Path(output.split()[0]).read_text())
         self.assertEqual(run("report", "/nowhere")[0], 1)
+
+    def test_standard_input_is_transcribed_while_it_flows(self):
+        samples = RECORDING.read_bytes() + bytes(2 * 16000 * 3)
+        for sound, options in ((samples, []), (wave_stream(samples, 2, 3), []),
+                               (wave_stream(samples, 2, 3)[44:], ["-r", "48000", "-c", "2"])):
+            with subprocess.Popen([PROGRAM, "transcribe", "-", *options], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE) as process:
+                process.stdin.write(sound)
+                process.stdin.flush()
+                line = process.stdout.readline().decode()
+                while line and line != f"remote  {WORDS}\n":
+                    line = process.stdout.readline().decode()
+                self.assertEqual(line, f"remote  {WORDS}\n")  # and the input is still open
+                output, errors = process.communicate(timeout=60)
+            self.assertEqual((process.returncode, errors), (0, b""))
+            self.assertIn("completed", output.decode())
+
+    def test_interrupted_standard_input_still_has_its_finals(self):
+        with subprocess.Popen([PROGRAM, "transcribe", "-"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE) as process:
+            process.stdin.write(RECORDING.read_bytes())
+            process.stdin.flush()
+            while b"remote  ... " not in process.stdout.readline():
+                self.assertIsNone(process.poll())
+            process.send_signal(signal.SIGINT)
+            output = process.stdout.read().decode()
+            self.assertEqual(process.wait(timeout=60), 0, output)
+        self.assertRegex(output, r"(?m)^remote  1 final, ")
+        self.assertIn("completed", output)
+
+    def test_unreadable_standard_input_is_named(self):
+        for sound, message in ((b"", "contains no audio"), (b"fLaC" * 10, "is FLAC, and only WAV and raw samples")):
+            done = subprocess.run([PROGRAM, "transcribe", "-", "--format", "srt"], input=sound, capture_output=True, timeout=60,
+                                  check=False)
+            self.assertEqual((done.returncode, done.stdout), (1, b""))
+            self.assertIn(f"standard input {message}", done.stderr.decode())
+        terminal, end = pty.openpty()
+        status, output, errors = run("transcribe", "-", stdin=end)
+        os.close(terminal)
+        os.close(end)
+        self.assertEqual((status, output), (1, ""))
+        self.assertIn("standard input is a terminal", errors)
+
+    def test_transcript_has_formats(self):
+        with tempfile.TemporaryDirectory() as folder:
+            path = pathlib.Path(folder, "words.srt")
+            path.write_text("old " * 100)
+            status, output, errors = run("transcribe", str(RECORDING), "--format", "srt", "-o", str(path))
+            self.assertEqual((status, output, errors), (0, "", ""))
+            self.assertRegex(path.read_text(), rf"\A1\n00:00:00,\d\d\d --> 00:00:0[12],\d\d\d\nremote: {WORDS}\n\n\Z")
+            path = pathlib.Path(folder, "words.txt")
+            status, output, errors = run("transcribe", str(RECORDING), "--output", str(path))
+            self.assertEqual((status, output, errors), (0, "", ""))
+            self.assertIn(f"\nremote  {WORDS}\n", path.read_text())
+            self.assertNotIn("...", path.read_text())
+            self.assertEqual(path.stat().st_mode & 0o777, 0o600)
+        status, output, errors = run("transcribe", str(RECORDING), "--format", "json")
+        self.assertEqual((status, errors), (0, ""))
+        self.assertEqual([(each["source"], each["text"]) for each in json.loads(output)["utterances"]], [("remote", WORDS)])
+        status, _, errors = run("transcribe", str(RECORDING), "-o", "/nowhere/words.txt")
+        self.assertEqual(status, 1)
+        self.assertIn("cannot write /nowhere/words.txt", errors)
+
+    def test_progress_is_on_standard_error_only(self):
+        terminal, end = pty.openpty()
+        with subprocess.Popen([PROGRAM, "transcribe", str(RECORDING)], stdout=subprocess.PIPE, stderr=end, text=True) as process:
+            os.close(end)
+            progress = b""
+            try:
+                while piece := os.read(terminal, 65536):
+                    progress += piece
+            except OSError:  # the program has ended
+                pass
+            output = process.stdout.read()
+        os.close(terminal)
+        self.assertEqual(process.returncode, 0)
+        self.assertIn(b" of 2.", progress)
+        self.assertIn(f"remote  {WORDS}\n", output)
+        self.assertNotIn("\x1b", output)
+        self.assertNotIn(" of 2.", output)
+
+    @unittest.skipUnless(platform.system() == "Linux", "the library is found in another way")
+    def test_only_other_containers_need_libsndfile(self):
+        with tempfile.TemporaryDirectory() as folder:
+            # A file that is no library takes the place of the system's.
+            pathlib.Path(folder, "libsndfile.so.1").write_text("no library")
+            environment = {**os.environ, "LD_LIBRARY_PATH": folder}
+            sound, other = pathlib.Path(folder, "sound.wav"), pathlib.Path(folder, "sound.flac")
+            sound.write_bytes(wave_stream(RECORDING.read_bytes(), 1, 1))
+            other.write_bytes(b"fLaC" + bytes(100))
+            status, output, _ = run("doctor", "--json", str(sound), env=environment)
+            self.assertEqual((status, json.loads(output)["code"]), (0, "ready"))
+            status, output, errors = run("doctor", str(other), env=environment)
+            self.assertEqual((status, output), (1, ""))
+            self.assertEqual(errors, f"palaver-stt: cannot read {other}: FLAC needs libsndfile: apt-get install libsndfile1, "
+                                     "on a Mac brew install libsndfile\n")
 
     def test_record_passes_bytes_and_status_on(self):
         with tempfile.TemporaryDirectory() as folder:
