@@ -5,16 +5,20 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
 
 #include "cli/ArgumentReader.h"
 #include "cli/LineSplitter.h"
+#include "cli/RecordedScenario.h"
 #include "cli/Recording.h"
 #include "cli/findHelper.h"
 #include "cli/record.h"
+#include "cli/writeFile.h"
 #include "platform/posix/PipedProcess.h"
 
 namespace palaver::cli {
@@ -30,8 +34,10 @@ constexpr const char* usage =
 Says to a helper what the host of a recording said, byte for byte and at its pace, and
 compares the finals of both. FILE is from palaver-stt record, without --redact.
 
-  --helper PATH  helper to run (default: the one beside this program)
-  --help         print this help
+  --scenario OUT  play nothing, and write a scenario for PalaverSTTSimulator: the same
+                  meeting in virtual time, with the same finals
+  --helper PATH   helper to run (default: the one beside this program)
+  --help          print this help
 
 Exit status: 0 the same finals, 1 others or a failure, 2 invalid usage.
 )";
@@ -107,16 +113,30 @@ bool replayFile(const std::string& file, const std::string& program) {
   return expected == actual;
 }
 
+// The scenario holds what was said, like the recording.
+int writeScenario(const std::string& file, const std::string& output) {
+  const auto title = "Replays " + std::filesystem::path(file).filename().string() + ".";
+  writePrivateFile(output, scenarioOf(readConversation(file), title));
+  return std::printf("%s\n", output.c_str()) < 0 ? 1 : 0;
+}
+
 }  // namespace
 
 int replay(std::span<const std::string> arguments) {
   auto helper = findHelper();
-  const auto file = readOneFile(arguments, "recording", [&helper](const std::string& option, auto& reader) {
-    if (option != "--helper") return false;
-    helper = reader.value();
+  std::optional<std::string> scenario;
+  const auto file = readOneFile(arguments, "recording", [&](const std::string& option, auto& reader) {
+    if (option == "--helper") {
+      helper = reader.value();
+    } else if (option == "--scenario") {
+      scenario = reader.value();
+    } else {
+      return false;
+    }
     return true;
   });
   if (!file) return std::fputs(usage, stdout) < 0 ? 1 : 0;
+  if (scenario) return writeScenario(*file, *scenario);
   return replayFile(*file, helper) ? 0 : 1;
 }
 

@@ -8,7 +8,7 @@ _palaver_stt() {
     return
   fi
   case $previous in
-    --helper | --output | -o | --self | --vocabulary-file)
+    --helper | --output | -o | --scenario | --self | --vocabulary-file)
       compopt -o filenames
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       return
@@ -27,7 +27,7 @@ _palaver_stt() {
     transcribe) options='--self --rate --channels --format --output --locale --vocabulary --vocabulary-file --speed --json --helper --helper-argument --help' ;;
     doctor) options='--locale --json --helper --help' ;;
     record) options='--redact --helper --help' ;;
-    replay) options='--helper --help' ;;
+    replay) options='--scenario --helper --help' ;;
     report) options='--output --help' ;;
     models)
       if [ "$COMP_CWORD" -eq 2 ]; then

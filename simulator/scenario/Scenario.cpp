@@ -31,6 +31,17 @@ void readStrings(const JSON& values, const std::string& where, std::vector<std::
   }
 }
 
+std::map<std::string, std::vector<std::string>> readFinals(const JSON& value, const std::string& where) {
+  if (!value.is_object()) throw FileError(where, "must be an object of lists");
+  std::map<std::string, std::vector<std::string>> finals;
+  for (const auto& [source, texts] : value.items()) {
+    const auto below = where + "." + source;
+    if (!texts.is_array()) throw FileError(below, "must be a list");
+    readStrings(texts, below, finals[source]);
+  }
+  return finals;
+}
+
 std::vector<JSON> readRequestPatterns(const JSON& values, const std::string& where) {
   std::vector<JSON> patterns;
   for (const auto& value : values) {
@@ -94,6 +105,10 @@ Scenario readScenario(const std::filesystem::path& path, const JSON& changes) {
   const auto* const conversation = reader.array("conversation");
   if (!conversation) reader.fail("has no conversation");
   readConversation(*conversation, templates, scenario);
+  if (const auto* const finals = reader.find("finals")) {
+    scenario.finals = readFinals(*finals, reader.where("finals"));
+    if (!scenario.output.empty()) reader.fail("has both finals and expected events");
+  }
   reader.finish();
   return scenario;
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <variant>
@@ -48,6 +49,9 @@ struct Scenario {
   double until = 24 * 60 * 60 * 1000;  // ms since the start; a helper still running then is abandoned
   std::optional<int> exitStatus;       // none: still runs at the end
   std::vector<ScenarioAction> actions;
+  // The texts of the finals of each source, in order. With them no other event is compared, and `output` is
+  // empty.
+  std::optional<std::map<std::string, std::vector<std::string>>> finals;
   std::vector<ExpectedLine> output;
   std::vector<ExpectedLine> errorOutput;
   std::optional<std::vector<JSON>> requests;  // patterns; only the keys they name are compared

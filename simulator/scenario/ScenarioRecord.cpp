@@ -176,6 +176,31 @@ JSON toJSON(const RecordedRequest& request) {
   return value;
 }
 
+// Compares the texts of the finals by source, and checks that every line is well-formed.
+std::optional<std::string> compareFinals(const std::map<std::string, std::vector<std::string>>& expected,
+                                         const ScenarioRecord::Stream& output) {
+  std::map<std::string, std::vector<std::string>> actual;
+  for (const auto& [source, unused] : expected) actual[source];
+  for (const auto& line : output.lines) {
+    if (auto bad = malformation(line.text)) return "  " + *bad + ": " + line.text + "\n";
+    const auto event = JSON::parse(line.text);
+    if (event.value("type", "") == "transcript.final")
+      actual[event.value("source", "")].push_back(event.value("text", ""));
+  }
+  std::string report;
+  for (const auto& [source, texts] : actual) {
+    const auto wanted = expected.contains(source) ? expected.at(source) : std::vector<std::string>();
+    for (std::size_t i = 0; i < std::max(wanted.size(), texts.size()); ++i) {
+      if (i < wanted.size() && i < texts.size() && wanted[i] == texts[i]) continue;
+      report += "  final " + std::to_string(i + 1) + " of " + source + ":\n";
+      if (i < wanted.size()) report += "    - " + wanted[i] + "\n";
+      if (i < texts.size()) report += "    + " + texts[i] + "\n";
+    }
+  }
+  if (report.empty()) return std::nullopt;
+  return report;
+}
+
 // Returns the value with numbers without a fraction as whole numbers, as the patterns have them.
 JSON withWholeNumbers(JSON value) {
   if (value.is_structured()) {
@@ -260,9 +285,10 @@ std::optional<std::string> compare(const Scenario& scenario, const ScenarioRecor
   const auto add = [&report](const std::optional<std::string>& part) { report += part.value_or(""); };
   for (const auto& complaint : record.complaints) report += "  " + complaint + "\n";
   Variables variables;
-  add(compareLines("standard output", scenario.output, record.output, variables));
+  add(scenario.finals ? compareFinals(*scenario.finals, record.output)
+                      : compareLines("standard output", scenario.output, record.output, variables));
   add(compareLines("standard error", scenario.errorOutput, record.errorOutput, variables));
-  if (report.empty()) add(compareOrder(scenario, record));
+  if (report.empty() && !scenario.finals) add(compareOrder(scenario, record));
   const auto addReceived = [&](const char* kind, const std::optional<std::vector<JSON>>& expected) {
     if (!expected) return;
     const auto lists = record.received.find(std::string(kind) + "s");

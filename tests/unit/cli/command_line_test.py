@@ -14,6 +14,7 @@ import unittest
 
 PROGRAM = sys.argv.pop(1)
 VERSION = sys.argv.pop(1)
+SIMULATOR = os.environ.get("PALAVER_STT_SIMULATOR")
 
 
 RECORDING = pathlib.Path("/usr/share/pocketsphinx/test/data/goforward.raw")
@@ -100,6 +101,40 @@ class CommandLineTest(unittest.TestCase):
             status, _, errors = run("record", str(recording))
             self.assertEqual(status, 1)
             self.assertIn("File exists", errors)
+
+    @unittest.skipUnless(SIMULATOR, "there is no simulator")
+    def test_recorded_meeting_becomes_a_scenario_with_the_same_finals(self):
+        far = RECORDING.parent / "librivox/sense_and_sensibility_01_austen_64kb-0870.wav"
+        for name, helper, arguments, source in (("legacy", "", "", "implementation.:.sf-speech-recognizer"),
+                                                ("analyzer", f'--helper "{SIMULATOR}"', "analyzer", "implementation.:.speech-analyzer")):
+            with self.subTest(name), tempfile.TemporaryDirectory() as folder:
+                recording, launcher = pathlib.Path(folder, "meeting.jsonl"), pathlib.Path(folder, "helper")
+                launcher.write_text(f'#!/bin/sh\nexec "{PROGRAM}" record {helper} "{recording}" -- {arguments} "$@"\n')
+                launcher.chmod(0o700)
+                status, output, _ = run("transcribe", "--helper", str(launcher), str(far), "--self", str(RECORDING))
+                self.assertEqual(status, 0, output)
+                self.assertRegex(recording.read_text().replace("\\", ""), source)
+                scenario = pathlib.Path(folder, "meeting.json")
+                self.assertEqual(run("replay", str(recording), "--scenario", str(scenario)), (0, f"{scenario}\n", ""))
+                self.assertEqual(scenario.stat().st_mode & 0o777, 0o600)
+                finals = json.loads(scenario.read_text())["finals"]
+                self.assertEqual(finals["self"], [WORDS])
+                self.assertGreaterEqual(len(finals["remote"]), 1)
+                for text in (*finals["self"], *finals["remote"]):
+                    self.assertIn(text.split()[0], output)
+                # A seed changes which source's analyzer is the first.
+                for seed in (None, 1, 2) if name == "legacy" else (None,):
+                    if seed:
+                        scenario.write_text(json.dumps({**json.loads(scenario.read_text()), "seed": seed}))
+                    played = subprocess.run([SIMULATOR, "run", str(scenario)], capture_output=True, text=True, timeout=60, check=False)
+                    self.assertEqual((played.returncode, played.stdout), (0, "passed meeting\n"))
+                # Another final is noticed.
+                changed = json.loads(scenario.read_text())
+                changed["finals"]["self"] = ["go backward"]
+                scenario.write_text(json.dumps(changed))
+                played = subprocess.run([SIMULATOR, "run", str(scenario)], capture_output=True, text=True, timeout=60, check=False)
+                self.assertEqual(played.returncode, 1)
+                self.assertIn(f"- go backward\n    + {WORDS}\n", played.stdout)
 
     def test_report_of_a_meeting_is_a_page_and_subtitles(self):
         with tempfile.TemporaryDirectory() as folder:

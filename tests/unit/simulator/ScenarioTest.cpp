@@ -72,6 +72,27 @@ TEST_F(ScenarioTest, PassesWhenEverythingMatches) {
             "");
 }
 
+TEST_F(ScenarioTest, FinalsAloneMayBeExpected) {
+  const std::string speech = R"("platform": {"locales": {"en-US": "installed"}}, "conversation": [
+      {"at": 100, "host": {"type": "session.start", "sessionId": "a", "locale": "en-US"}},
+      {"at": 200, "audio": {"firstSample": 7}},
+      {"at": 300, "recognizer": {"partial": "go", "heard": 7}},
+      {"at": 400, "recognizer": {"final": "go forward", "heard": 7}}]})";
+  const auto with = [&](const std::string& finals) {
+    return reportOfFile(R"({"title": "t", "finals": )" + finals + ", " + speech);
+  };
+  EXPECT_EQ(with(R"({"remote": ["go forward"]})"), "");
+  EXPECT_EQ(with(R"({"remote": ["go forward"], "self": []})"), "");
+  EXPECT_EQ(with(R"({"remote": ["go"], "self": ["x"]})"),
+            "  final 1 of remote:\n    - go\n    + go forward\n  final 1 of self:\n    - x\n");
+  EXPECT_EQ(with("{}"), "  final 1 of remote:\n    + go forward\n");
+  EXPECT_THAT(
+      fileError(R"({"title": "t", "finals": {}, "conversation": [{"at": 0, "out": {"type": "pong"}}]})"),
+      HasSubstr("has both finals and expected events"));
+  EXPECT_THAT(fileError(R"({"title": "t", "finals": {"remote": "x"}, "conversation": []})"),
+              HasSubstr("must be a list"));
+}
+
 TEST_F(ScenarioTest, FailsOnUnexpectedEvent) {
   EXPECT_THAT(report(ping), AllOf(HasSubstr("line 2: it was not expected"), HasSubstr("pong")));
 }
