@@ -1,46 +1,16 @@
 // The browser page in Chromium, whose microphone is a recording. With PALAVER_SCREENSHOT=FILE.png it also takes a picture.
 import assert from 'node:assert/strict';
-import {spawn, spawnSync} from 'node:child_process';
+import {spawn} from 'node:child_process';
 import {once} from 'node:events';
 import {mkdtempSync, rmSync, writeFileSync} from 'node:fs';
 import {tmpdir} from 'node:os';
 import {join} from 'node:path';
 import test from 'node:test';
 
+import {Browser, chromium} from './Browser.mjs';
 import {helperPath, installed, skip as withoutHelper, words, writeWav} from './support.mjs';
 
-const chromium = ['chromium', 'chromium-browser', 'google-chrome'].find(name => !spawnSync(name, ['--version']).error);
 const skip = withoutHelper || (chromium ? false : 'there is no Chromium');
-
-/** Speaks the DevTools protocol over two pipes: JSON messages, each ended by a zero byte. */
-class Browser {
-  #last = 0;
-  #answers = new Map();
-
-  constructor(folder, sound) {
-    this.process = spawn(chromium, [
-      '--headless=new', '--no-sandbox', '--disable-gpu', '--disable-dev-shm-usage', '--no-first-run', '--disable-background-networking', '--remote-debugging-pipe',
-      `--user-data-dir=${folder}`, '--autoplay-policy=no-user-gesture-required', '--use-fake-ui-for-media-stream',
-      '--use-fake-device-for-media-stream', `--use-file-for-fake-audio-capture=${sound}%noloop`, '--window-size=640,400', 'about:blank',
-    ], {stdio: ['ignore', 'ignore', 'ignore', 'pipe', 'pipe'], env: {...process.env, HOME: folder}});
-    let rest = Buffer.alloc(0);
-    this.process.stdio[4].on('data', bytes => {
-      rest = Buffer.concat([rest, bytes]);
-      for (let end; (end = rest.indexOf(0)) >= 0; rest = rest.subarray(end + 1)) {
-        const {id, result, error} = JSON.parse(rest.toString('utf8', 0, end));
-        if (id !== undefined) this.#answers.get(id)(error ? Promise.reject(new Error(error.message)) : result);
-      }
-    });
-    this.process.stdio[3].on('error', () => {});
-  }
-
-  call(method, params = {}, sessionId = undefined) {
-    const id = ++this.#last;
-    const answer = new Promise(resolve => this.#answers.set(id, resolve));
-    this.process.stdio[3].write(JSON.stringify({id, method, params, sessionId}) + '\0');
-    return answer;
-  }
-}
 
 test('the page in Chromium hears its microphone', {skip}, async () => {
   const {folder, remove} = installed('browser');
@@ -50,7 +20,10 @@ test('the page in Chromium hears its microphone', {skip}, async () => {
   const server = spawn(process.execPath, ['server.mjs', '0'], {cwd: folder, stdio: ['ignore', 'pipe', 'ignore'],
     env: {...process.env, PALAVER_STT_HELPER: helperPath}});
   const url = String((await once(server.stdout, 'data'))[0]).trim();
-  const browser = new Browser(profile, sound);
+  const browser = new Browser(profile, [
+    '--autoplay-policy=no-user-gesture-required', '--use-fake-ui-for-media-stream', '--use-fake-device-for-media-stream',
+    `--use-file-for-fake-audio-capture=${sound}%noloop`, '--window-size=640,400',
+  ]);
   try {
     const {targetId} = await browser.call('Target.createTarget', {url: 'about:blank'});
     const {sessionId} = await browser.call('Target.attachToTarget', {targetId, flatten: true});
