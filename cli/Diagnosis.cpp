@@ -51,6 +51,10 @@ std::optional<Diagnosis> diagnoseProgram(const Examination& seen) {
   if (!seen.startError.empty())
     return Diagnosis{"helper-not-started", "The helper cannot be started: " + seen.startError + ".",
                      "Install the helper that was made for this system and processor."};
+  if (seen.signature && !seen.signature->isValid && seen.events.empty())
+    return Diagnosis{"signature-invalid",
+                     "macOS does not accept the helper: " + seen.signature->problem + ".",
+                     "Install the helper again, or sign it: docs/shipping.md."};
   if (!seen.end.empty() && seen.events.empty())
     return Diagnosis{"helper-ended", "The helper ended before it answered: " + seen.end + ".",
                      seen.system == System::macOS
@@ -79,6 +83,11 @@ Diagnosis diagnosePermission(const std::string& authorization) {
 
 Diagnosis diagnoseError(const Examination& seen, const std::string& message, const json& status) {
   const auto code = errorCode(message);
+  if (code == "permission-missing" && textOf(status, "authorization") == "not-determined" && seen.signature &&
+      !seen.signature->hasUsageText)
+    return {"usage-text-missing",
+            "The helper does not state why it recognizes speech, so macOS ends it when it asks.",
+            "Build it with its property list: docs/shipping.md."};
   const bool isAnalyzer = textOf(status, "implementation") == "speech-analyzer";
   if (code == "permission-missing") return diagnosePermission(textOf(status, "authorization"));
   if (code == "dictation-disabled")

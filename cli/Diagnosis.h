@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/CodeSignature.h"
+
 namespace palaver::cli {
 
 // How loud a recording is, in 100 ms pieces.
@@ -36,6 +38,7 @@ struct Examination {
   bool isComplete = false;             // the session was tried to its end
   std::vector<nlohmann::json> events;  // of a session with one quiet chunk of audio
   std::vector<CheckedSound> sounds;
+  std::optional<CodeSignature> signature;  // of the helper; none where the system signs no programs
 };
 
 // One verdict, and one step.

@@ -103,6 +103,18 @@ std::vector<std::pair<std::string, std::string>> screen(const Examination& seen)
                                                          {"Dictation", from("dictation")},
                                                          {"session", session},
                                                          {"last error", answer}};
+  if (seen.signature) {
+    const auto& signature = *seen.signature;
+    std::string text = signature.isValid ? "valid" : "not valid: " + signature.problem;
+    if (!signature.identifier.empty()) text += ", " + signature.identifier;
+    text += signature.team.empty() ? ", no team" : ", team " + signature.team;
+    if (signature.isHardened) text += ", hardened runtime";
+    lines.emplace_back("signature", text);
+    std::string rights =
+        signature.hasUsageText ? "states its use of speech" : "does not state its use of speech";
+    for (const auto& key : signature.entitlements) rights += ", " + key;
+    lines.emplace_back("rights", rights);
+  }
   for (const auto& sound : seen.sounds)
     lines.emplace_back("sound", sound.path + ": " + name(sound.loudness) + ", loudest 100 ms " +
                                     shortNumber(sound.loudest) + " (voice from 0.008)");
@@ -113,6 +125,13 @@ ordered_json toJSON(const Examination& seen, const Diagnosis& diagnosis) {
   ordered_json sounds = ordered_json::array();
   for (const auto& sound : seen.sounds)
     sounds.push_back({{"path", sound.path}, {"loudness", name(sound.loudness)}, {"loudest", sound.loudest}});
+  ordered_json signature;
+  if (seen.signature)
+    signature = {
+        {"isValid", seen.signature->isValid},          {"problem", seen.signature->problem},
+        {"identifier", seen.signature->identifier},    {"team", seen.signature->team},
+        {"isHardened", seen.signature->isHardened},    {"entitlements", seen.signature->entitlements},
+        {"hasUsageText", seen.signature->hasUsageText}};
   return {{"code", diagnosis.code},
           {"verdict", diagnosis.verdict},
           {"step", diagnosis.step},
@@ -124,7 +143,8 @@ ordered_json toJSON(const Examination& seen, const Diagnosis& diagnosis) {
           {"end", seen.end},
           {"isComplete", seen.isComplete},
           {"events", seen.events},
-          {"sounds", sounds}};
+          {"sounds", sounds},
+          {"signature", signature}};
 }
 
 }  // namespace

@@ -183,6 +183,7 @@ Examination examine(const std::string& helper, const std::string& locale,
   if (!seen.isExecutable) return seen;
   std::signal(SIGPIPE, SIG_IGN);
   try {
+    seen.signature = inspectSignature(helper);
     converse(seen, limits);
   } catch (const std::system_error& error) {
     seen.startError = error.code().message();

@@ -42,6 +42,27 @@ void expectOneStep(const Diagnosis& diagnosis) {
   EXPECT_TRUE(diagnosis.step.ends_with('.')) << diagnosis.step;
 }
 
+TEST(DiagnosisTest, SignatureMattersWhereItExplainsAFailure) {
+  Examination seen;
+  seen.isFile = seen.isExecutable = true;
+  seen.end = "signal 9";
+  seen.signature.emplace().problem = "a sealed resource is missing";
+  EXPECT_EQ(diagnose(seen).code, "signature-invalid");
+  expectOneStep(diagnose(seen));
+  seen.signature->isValid = true;
+  EXPECT_EQ(diagnose(seen).code, "helper-ended");
+
+  SimulatedSettings settings;
+  settings.recognition.authorization = AuthorizationStatus::notDetermined;
+  seen = examinationOf(settings);
+  EXPECT_EQ(diagnose(seen).code, "permission-undecided");
+  seen.signature.emplace().isValid = true;
+  EXPECT_EQ(diagnose(seen).code, "usage-text-missing");
+  expectOneStep(diagnose(seen));
+  seen.signature->hasUsageText = true;
+  EXPECT_EQ(diagnose(seen).code, "permission-undecided");
+}
+
 TEST(DiagnosisTest, EachStateBeforeMacOS26HasOneStep) {
   const std::pair<AuthorizationStatus, const char*> permissions[]{
       {AuthorizationStatus::notDetermined, "permission-undecided"},
