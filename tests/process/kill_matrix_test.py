@@ -12,9 +12,11 @@ import json
 import os
 import pathlib
 import resource
+import shutil
 import signal
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 import uuid
@@ -222,11 +224,27 @@ def end_unread(helper, moment):
     return status, gone, conversation.newest()
 
 
-def worker_ends(helper, moment, number):
+def update(helper):
+    """Helper and worker are replaced by renaming while they run, and the worker is started again."""
+    with tempfile.TemporaryDirectory() as folder:
+        programs = [pathlib.Path(helper), pathlib.Path(helper).with_name("PalaverSpeechWorker")]
+        for program in programs:
+            shutil.copy2(program, folder)
+
+        def replace():
+            for program in programs:
+                new = pathlib.Path(folder) / (program.name + ".new")
+                shutil.copy2(program, new)
+                new.replace(pathlib.Path(folder) / program.name)
+        return worker_ends(str(pathlib.Path(folder) / programs[0].name), "speech", signal.SIGTERM, replace)
+
+
+def worker_ends(helper, moment, number, before=lambda: None):
     """The helper goes on: one error, the newest words become the final, and the next words are heard by a new worker."""
     conversation = Conversation(helper)
     conversation.advance_to(moment)
     worker = conversation.worker()
+    before()
     os.kill(worker, number)
     if moment == "speech":
         conversation.wait_for_type("transcript.final")
@@ -315,6 +333,7 @@ def ways(helper):
     for moment in ("loading", "speech", "stopping"):
         for number in SIGNALS:
             yield f"worker gets {number.name}", moment, lambda m=moment, n=number: worker_ends(helper, m, n)
+    yield "files are replaced, worker gets SIGTERM", "speech", lambda: update(helper)
     yield "output on a full disk", "start", lambda: full_disk(helper)
     if "--sanitized" in sys.argv:
         return
