@@ -33,13 +33,7 @@ run_benchmarks() {  # names...
   local name targets=""
   [ "$(uname -s)" = Linux ] || fail "the benchmarks need Linux: they use its pipes and /proc"
   [ $# -gt 0 ] || set -- path kernels accuracy channels
-  for name in "$@"; do
-    targets="$targets $(benchmark_target "$name")"
-    case $name in
-      accuracy | channels) set_up_speech model ;;
-      peer) set_up_speech ;;
-    esac
-  done
+  for name in "$@"; do targets="$targets $(benchmark_target "$name")"; done
   # shellcheck disable=SC2086 # one word per target
   build bench $targets
   for name in "$@"; do
