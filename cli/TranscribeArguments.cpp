@@ -43,17 +43,9 @@ std::vector<std::string> splitAtCommas(const std::string& text) {
 std::vector<std::string> readVocabulary(const std::string& path) {
   std::ifstream file(path);
   if (!file) throw UsageError("cannot read the vocabulary file " + path);
-  const auto json = nlohmann::json::parse(file, nullptr, false);
-  bool valid = json.is_array();
-  std::vector<std::string> phrases;
-  if (valid) {
-    for (const auto& phrase : json) {
-      valid = valid && phrase.is_string();
-      if (valid) phrases.push_back(phrase.get<std::string>());
-    }
-  }
-  if (!valid) throw UsageError("the vocabulary file " + path + " is not a JSON array of strings");
-  return phrases;
+  auto phrases = parseVocabulary(file);
+  if (!phrases) throw UsageError("the vocabulary file " + path + " is not a JSON array of strings");
+  return std::move(*phrases);
 }
 
 int parseNumber(const std::string& option, const std::string& text, int highest) {
@@ -88,6 +80,17 @@ void check(const TranscribeArguments& parsed, bool hasFormat) {
 }
 
 }  // namespace
+
+std::optional<std::vector<std::string>> parseVocabulary(std::istream& file) {
+  const auto json = nlohmann::json::parse(file, nullptr, false);
+  if (!json.is_array()) return std::nullopt;
+  std::vector<std::string> phrases;
+  for (const auto& phrase : json) {
+    if (!phrase.is_string()) return std::nullopt;
+    phrases.push_back(phrase.get<std::string>());
+  }
+  return phrases;
+}
 
 TranscribeArguments parseTranscribeArguments(std::span<const std::string> arguments) {
   TranscribeArguments parsed;

@@ -1,6 +1,7 @@
 // Parses the arguments of `palaver-stt transcribe`.
 #pragma once
 
+#include <istream>
 #include <optional>
 #include <span>
 #include <string>
@@ -36,6 +37,9 @@ struct TranscribeArguments {
 // Parses the arguments after the program's name. Options and files may be in any order. Both "--option value"
 // and "--option=value" are accepted. Reads the vocabulary file, a JSON array of strings. Throws UsageError
 // with a message for the user.
+// Returns the phrases of a vocabulary file, a JSON array of strings in UTF-8. None for anything else.
+std::optional<std::vector<std::string>> parseVocabulary(std::istream& file);
+
 TranscribeArguments parseTranscribeArguments(std::span<const std::string> arguments);
 
 extern const std::string_view transcribeUsage;
