@@ -6,6 +6,8 @@
 #include <optional>
 #include <string_view>
 
+#include "core/VectorKernels.h"
+
 namespace palaver {
 
 // Returns the number of bytes that decodeBase64 may write for a text of the given length.
@@ -15,8 +17,9 @@ constexpr std::size_t base64BufferSize(std::size_t characters) {
 
 // Decodes standard Base64 (RFC 4648, section 4) into `bytes`, which must have room for
 // base64BufferSize(text.size()). Accepts only the alphabet and correct padding: no line breaks, no spaces, no
-// missing padding. Returns the number of decoded bytes, or none when the text is invalid. In that case the
-// content of `bytes` is undefined. Any thread.
-std::optional<std::size_t> decodeBase64(std::string_view text, std::uint8_t* bytes);
+// missing padding. Returns the number of decoded bytes and writes no more than these, or returns none when
+// the text is invalid. In that case the content of `bytes` is undefined. Any thread.
+std::optional<std::size_t> decodeBase64(std::string_view text, std::uint8_t* bytes,
+                                        const VectorKernels& kernels = fastestVectorKernels());
 
 }  // namespace palaver

@@ -8,6 +8,7 @@
 #include "core/JSONLineWriter.h"
 #include "core/Text.h"
 #include "core/UUID.h"
+#include "core/VectorKernels.h"
 #include "legacy/DictationProbe.h"
 #include "platform/Clock.h"
 #include "platform/MainQueue.h"
@@ -68,15 +69,8 @@ double LegacyRecognitionChannel::normalizedRms(const PCMBuffer& buffer) {
   const std::size_t count = buffer.frameLength();
   if (!samples || count == 0) return 0;
   // Sums the squares as integers. Bit-identical to summing (sample / 32768)² in doubles one by one for up to
-  // 2²³ samples, and compilers vectorize it.
-  std::uint64_t sum = 0;
-  std::size_t i = 0;
-  for (; i + 2 <= count; i += 2) {
-    const auto a = static_cast<std::uint32_t>(samples[i] * samples[i]);
-    const auto b = static_cast<std::uint32_t>(samples[i + 1] * samples[i + 1]);
-    sum += a + b;  // at most 2³¹
-  }
-  if (i < count) sum += static_cast<std::uint32_t>(samples[i] * samples[i]);
+  // 2²³ samples.
+  const std::uint64_t sum = fastestVectorKernels().sumOfSquares(samples, count);
   return std::sqrt(static_cast<double>(sum) * 0x1p-30 / static_cast<double>(count));
 }
 

@@ -12,6 +12,7 @@
 #include "core/HelperCommand.h"
 #include "core/JSONLineWriter.h"
 #include "core/PCMDecoding.h"
+#include "core/VectorKernels.h"
 #include "legacy/LegacyRecognitionChannel.h"
 #include "platform/posix/MemoryAudioBuffers.h"
 
@@ -66,16 +67,51 @@ void findLineFeed(benchmark::State& state) {
 }
 BENCHMARK(findLineFeed);
 
-void base64Of4268Characters(benchmark::State& state) {
+void base64Of4268Characters(benchmark::State& state, const VectorKernels& kernels) {
   const std::string text = oneChunk();
   std::vector<std::uint8_t> bytes(base64BufferSize(text.size()));
   for (auto _ : state) {
-    auto count = decodeBase64(text, bytes.data());
+    auto count = decodeBase64(text, bytes.data(), kernels);
     benchmark::DoNotOptimize(count);
     benchmark::ClobberMemory();
   }
 }
-BENCHMARK(base64Of4268Characters);
+
+void findEndOf4268Characters(benchmark::State& state, const VectorKernels& kernels) {
+  const std::string text = oneChunk() + '"' + std::string(vectorPadding, ' ');
+  for (auto _ : state) {
+    const char* end = kernels.findTextEnd(text.data(), text.data() + text.size() - vectorPadding);
+    benchmark::DoNotOptimize(end);
+    benchmark::ClobberMemory();
+  }
+}
+
+void squaresOf1600Samples(benchmark::State& state, const VectorKernels& kernels) {
+  MemoryAudioBuffers audioBuffers;
+  const auto buffer = makePCMBuffer(audioBuffers, oneChunk());
+  for (auto _ : state) {
+    auto sum = kernels.sumOfSquares(buffer->int16ChannelData(), buffer->frameLength());
+    benchmark::DoNotOptimize(sum);
+    benchmark::ClobberMemory();
+  }
+}
+
+// Measures each loop with every implementation that this processor runs.
+const bool areKernelsRegistered = [] {
+  for (const VectorKernels* const kernels : supportedVectorKernels()) {
+    const auto name = [kernels](const char* loop) {
+      return std::string(loop) + "/" + std::string(kernels->name);
+    };
+    const auto add = [&](const char* loop, auto function) {
+      benchmark::RegisterBenchmark(
+          name(loop).c_str(), [function, kernels](benchmark::State& state) { function(state, *kernels); });
+    };
+    add("findEndOf4268Characters", findEndOf4268Characters);
+    add("base64Of4268Characters", base64Of4268Characters);
+    add("squaresOf1600Samples", squaresOf1600Samples);
+  }
+  return true;
+}();
 
 void makeBuffer(benchmark::State& state) {
   const std::string text = oneChunk();
