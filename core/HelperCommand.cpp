@@ -19,6 +19,55 @@ namespace palaver {
 
 namespace {
 
+// Feeds a line to the parser and leaves it unchanged. Skips the text of a string in one step. A string that
+// holds an escape, a control character or a byte beyond ASCII ends the input early, so that the parse fails.
+// The names are those of RapidJSON's concept of a stream that is parsed in place.
+class PlainTextStream {
+ public:
+  using Ch = char;
+
+  // `line[length]` must be 0.
+  PlainTextStream(char* line, std::size_t length, const VectorKernels& kernels)
+      : begin_(line), at_(line), end_(line + length), kernels_(&kernels) {}
+
+  Ch Peek() const { return *at_; }
+  Ch Take() { return *at_++; }
+  std::size_t Tell() const { return static_cast<std::size_t>(at_ - begin_); }
+
+  // Called at the first character of a string (or of a number, after which the parser resets the position).
+  Ch* PutBegin() {
+    Ch* const text = at_;
+    const Ch* const textEnd = kernels_->findTextEnd(at_, end_);
+    at_ = *textEnd == '"' ? const_cast<Ch*>(textEnd) : end_;
+    written_ = at_;
+    return text;
+  }
+  // The parser ends a string with a zero, which is only counted.
+  void Put(Ch) { ++written_; }
+  std::size_t PutEnd(const Ch* text) { return static_cast<std::size_t>(written_ - text); }
+
+ private:
+  Ch* begin_;
+  Ch* at_;
+  Ch* end_;
+  Ch* written_ = nullptr;
+  const VectorKernels* kernels_;
+};
+
+}  // namespace
+
+}  // namespace palaver
+
+// Lets the parser work on a copy of the stream.
+template <>
+struct rapidjson::StreamTraits<palaver::PlainTextStream> {
+  enum { copyOptimization = 1 };
+};
+
+namespace palaver {
+
+namespace {
+
 enum class Key {
   type,
   sessionId,
@@ -98,8 +147,11 @@ std::optional<std::int64_t> wholeNumber(std::string_view number) {
 // returns false, failure() holds the reason.
 class CommandBuilder {
  public:
-  // `escapes`: whether the line holds any backslash. An escaped lone surrogate decodes to invalid UTF-8.
-  explicit CommandBuilder(bool escapes) : escapes_(escapes) {}
+  struct Options {
+    bool escapes;  // whether the line holds any backslash; an escaped lone surrogate decodes to invalid UTF-8
+    int maxDepth;  // levels of arrays and objects
+  };
+  explicit CommandBuilder(Options options) : options_(options) {}
 
   const std::string& failure() const { return failure_; }
   HelperCommand take() { return std::move(command_); }
@@ -133,7 +185,7 @@ class CommandBuilder {
   }
   bool String(const char* characters, unsigned length, bool) {
     const std::string_view text(characters, length);
-    if (escapes_ && !isValidUTF8(text)) return fail("an escape sequence is half of a surrogate pair");
+    if (options_.escapes && !isValidUTF8(text)) return fail("an escape sequence is half of a surrogate pair");
     if (isIgnored()) return true;
     if (depth_ == 2) {
       command_.vocabulary->push_back(text);
@@ -162,7 +214,7 @@ class CommandBuilder {
   }
   bool Key(const char* characters, unsigned length, bool) {
     const std::string_view name(characters, length);
-    if (escapes_ && !isValidUTF8(name)) return fail("an escape sequence is half of a surrogate pair");
+    if (options_.escapes && !isValidUTF8(name)) return fail("an escape sequence is half of a surrogate pair");
     if (depth_ != 1) return true;
     key_ = keyNamed(name);
     const unsigned bit = 1u << static_cast<unsigned>(key_);
@@ -202,7 +254,7 @@ class CommandBuilder {
   bool isIgnored() const { return depth_ > 0 && key_ == Key::unknown; }
 
   bool enter() {
-    return ++depth_ <= maxNestingDepth ||
+    return ++depth_ <= options_.maxDepth ||
            fail("nested deeper than " + std::to_string(maxNestingDepth) + " levels");
   }
   bool leave() {
@@ -229,7 +281,7 @@ class CommandBuilder {
   }
   static bool mayOverflow(std::string_view number) {
     return number.size() > std::numeric_limits<double>::max_exponent10 ||
-           number.find_first_of("eE") != std::string_view::npos;
+           std::any_of(number.begin(), number.end(), [](char c) { return c == 'e' || c == 'E'; });
   }
 
   HelperCommand command_;
@@ -237,7 +289,7 @@ class CommandBuilder {
   int depth_ = 0;
   enum Key key_ = Key::unknown;
   unsigned seen_ = 0;
-  bool escapes_;
+  Options options_;
 };
 
 // Returns why the parser stopped at byte `offset` of `line`.
@@ -285,9 +337,27 @@ std::string at(std::string_view what, std::size_t offset) {
   return std::string(what).append(" at byte ").append(std::to_string(offset));
 }
 
+// Deeper nesting takes the parser that uses no stack for it.
+constexpr int maxPlainDepth = 8;
+
+// Decodes a line whose strings are plain text, as all audio is, in one pass and without changing it. Returns
+// none for any other line, valid or not. `line[length]` must be 0.
+std::optional<HelperCommand> decodePlainLine(char* line, std::size_t length, const VectorKernels& kernels) {
+  PlainTextStream stream(line, length, kernels);
+  CommandBuilder builder({.escapes = false, .maxDepth = maxPlainDepth});
+  rapidjson::Reader reader;
+  constexpr unsigned flags = rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
+  if (reader.Parse<flags>(stream, builder).IsError() || stream.Tell() != length || !builder.finish())
+    return std::nullopt;
+  return builder.take();
+}
+
 }  // namespace
 
-HelperCommand decodeHelperCommand(char* line, std::size_t length) {
+HelperCommand decodeHelperCommand(char* line, std::size_t length, const VectorKernels& kernels) {
+  line[length] = '\0';
+  if (auto command = decodePlainLine(line, length, kernels)) return std::move(*command);
+
   unsigned char bits = 0;
   unsigned char missedControls = 0;
   for (std::size_t i = 0; i < length; ++i) {
@@ -301,9 +371,8 @@ HelperCommand decodeHelperCommand(char* line, std::size_t length) {
     throw DecodingError(at("a raw control character", static_cast<std::size_t>(found - line)));
   }
 
-  line[length] = '\0';
   rapidjson::InsituStringStream stream(line);
-  CommandBuilder builder(escapes);
+  CommandBuilder builder({.escapes = escapes, .maxDepth = maxNestingDepth});
   rapidjson::Reader reader;
   constexpr unsigned flags =
       rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/AudioSource.h"
+#include "core/VectorKernels.h"
 
 namespace palaver {
 
@@ -34,7 +35,7 @@ class DecodingError : public std::runtime_error {
 };
 
 // Bytes after a line that the decoder may overwrite (the first) or read (all).
-inline constexpr std::size_t decodingPadding = 16;
+inline constexpr std::size_t decodingPadding = vectorPadding;
 
 // Arrays and objects nested deeper than this are rejected.
 inline constexpr int maxNestingDepth = 512;
@@ -45,6 +46,7 @@ inline constexpr int maxNestingDepth = 512;
 //
 // Decodes in place. Overwrites the `length` bytes of `line` and the byte after them. The decodingPadding
 // bytes after the line must belong to the caller. Throws DecodingError. Any thread.
-HelperCommand decodeHelperCommand(char* line, std::size_t length);
+HelperCommand decodeHelperCommand(char* line, std::size_t length,
+                                  const VectorKernels& kernels = fastestVectorKernels());
 
 }  // namespace palaver

@@ -15,11 +15,11 @@ namespace palaver {
 // The padding holds quotation marks, which make a decoder fail visibly when it reads them as input.
 class DecodedLine {
  public:
-  explicit DecodedLine(std::string_view text)
+  explicit DecodedLine(std::string_view text, const VectorKernels& kernels = fastestVectorKernels())
       : size_(text.size()), bytes_(std::make_unique_for_overwrite<char[]>(size_ + decodingPadding)) {
     std::fill_n(std::copy(text.begin(), text.end(), bytes_.get()), decodingPadding, '"');
     try {
-      command_ = decodeHelperCommand(bytes_.get(), size_);
+      command_ = decodeHelperCommand(bytes_.get(), size_, kernels);
     } catch (const DecodingError& error) {
       failure_ = error.what();
     }

@@ -33,9 +33,15 @@ Verdict structuralVerdict(simdjson::dom::parser& parser, const std::string& line
   return result.error() == simdjson::SUCCESS ? Verdict::accepted : Verdict::refused;
 }
 
-// Compares the decoder with both references on one line. Returns whether the program accepted it.
+// Compares the decoder with both references on one line, with every implementation of its loops that this
+// processor runs. Returns whether the program accepted it.
 bool compare(simdjson::dom::parser& parser, const std::string& line) {
   const DecodedLine decoded(line);
+  for (const VectorKernels* const kernels : supportedVectorKernels()) {
+    const DecodedLine again(line, *kernels);
+    EXPECT_EQ(again.failure(), decoded.failure()) << kernels->name << " " << line;
+    EXPECT_EQ(copyOf(again.command()), copyOf(decoded.command())) << kernels->name << " " << line;
+  }
   if (!mayDiffer(line, decoded.failure())) {
     const auto reference = decodeReference(line);
     EXPECT_EQ(decoded.accepted(), reference.has_value()) << line << "\n" << decoded.failure();
