@@ -150,6 +150,19 @@ TEST(PCMDecodingTest, PayloadIsCheckedBeforePlatform) {
   EXPECT_TRUE(buffers.capacities.empty());
 }
 
+TEST(PCMDecodingTest, InvalidTextPrecedesRefusalsOfPlatform) {
+  // Of every length, so that some would be an odd number of bytes.
+  for (std::size_t size = 1; size < 70; ++size)
+    for (const char c : {'?', '=', '\n'}) {
+      std::string text(size, 'A');
+      text[size / 2] = c;
+      FaultyAudioBuffers noFormat, noBuffer, noSamples, fine;
+      noFormat.refusesFormat = noBuffer.refusesBuffer = noSamples.givesFloats = true;
+      for (auto* const buffers : {&noFormat, &noBuffer, &noSamples, &fine})
+        ASSERT_EQ(errorOf(*buffers, text), PCMError(PCMError::Case::invalidBase64)) << text;
+    }
+}
+
 TEST(PCMDecodingTest, ErrorsHaveTheirTexts) {
   EXPECT_STREQ(PCMError(PCMError::Case::invalidBase64).what(), "pcmBase64 is not valid Base64");
   EXPECT_STREQ(PCMError(PCMError::Case::oddByteCount).what(),
