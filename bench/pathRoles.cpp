@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <limits>
 #include <semaphore>
+#include <utility>
 #include <vector>
 
 #include "bench/CountingRecognition.h"
@@ -52,31 +54,80 @@ class WatchedProcess final : public Process {
   Process& process_;
 };
 
-// Reports to the main thread how much has been read, and when the input has ended.
+// Lets the main thread wait until so many bytes have been read, or all.
 class WatchedInput final : public InputHandler {
  public:
-  explicit WatchedInput(InputHandler& handler) : handler_(handler) {}
+  explicit WatchedInput(InputHandler& handler, std::size_t awaited = std::numeric_limits<std::size_t>::max())
+      : handler_(handler), awaited_(awaited) {}
 
   std::span<char> prepare() override { return handler_.prepare(); }
   void received(std::size_t count) override {
-    bytes_ += count;
+    const std::size_t before = std::exchange(bytes_, bytes_ + count);
     handler_.received(count);
+    if (before < awaited_ && bytes_ >= awaited_) reached_.release();
   }
   void ended() override {
-    ended_.release();
+    if (bytes_ < awaited_) reached_.release();
     handler_.ended();
   }
 
-  // Blocks until the input has ended. Returns its length in bytes. Call once.
-  std::size_t waitForEnd() {
-    ended_.acquire();
+  // Blocks until the awaited bytes have been read or the input has ended. Returns the number of bytes when
+  // the input has ended. Call once.
+  std::size_t wait() {
+    reached_.acquire();
     return bytes_;
   }
 
  private:
   InputHandler& handler_;
+  const std::size_t awaited_;
   std::size_t bytes_ = 0;
-  std::binary_semaphore ended_{0};
+  std::binary_semaphore reached_{0};
+};
+
+// Times (monotonic, seconds) at which one line passed each stage.
+struct Stages {
+  double read = 0;  // read() returned; written by the reader before it queues the line
+  double main = 0;  // the main thread started the job
+};
+
+// Notes when read() returned.
+class StampedInput final : public InputHandler {
+ public:
+  StampedInput(InputHandler& handler, Stages& stages) : handler_(handler), stages_(stages) {}
+
+  std::span<char> prepare() override { return handler_.prepare(); }
+  void received(std::size_t count) override {
+    stages_.read = monotonicSeconds();
+    handler_.received(count);
+  }
+  void ended() override { handler_.ended(); }
+
+ private:
+  InputHandler& handler_;
+  Stages& stages_;
+};
+
+// Notes when a job starts.
+class StampedQueue final : public MainQueue {
+ public:
+  StampedQueue(MainQueue& queue, Stages& stages) : queue_(queue), stages_(stages) {}
+
+  void async(Job job) override {
+    queue_.async([this, job = std::move(job)] {
+      stages_.main = monotonicSeconds();
+      job();
+    });
+  }
+  void runSlice(double milliseconds) override { queue_.runSlice(milliseconds); }
+  std::unique_ptr<Semaphore> makeSemaphore() override { return queue_.makeSemaphore(); }
+  bool isCurrent() const override { return queue_.isCurrent(); }
+
+ private:
+  void serve() override { queue_.run(); }
+
+  MainQueue& queue_;
+  Stages& stages_;
 };
 
 // Owns everything between stdin and the recognizer. Create on the main thread. Lives until the process ends.
@@ -124,7 +175,9 @@ struct Path {
   DictationProbe dictation{platform};
   LegacySpeechBackend backend{platform, writer, dictation};
   CommandHandler handler{platform, writer, backend};
-  CommandChannel channel{platform.mainQueue, writer, handler};
+  Stages stages;
+  StampedQueue stampedQueue{platform.mainQueue, stages};
+  CommandChannel channel{stampedQueue, writer, handler};
   double start = 0;
   double processorStart = 0;
   double mainThreadStart = 0;
@@ -142,12 +195,19 @@ int runPath(int argumentCount, char** arguments) {
 int runPathArrivals(int argumentCount, char** arguments) {
   Path path(argumentCount, arguments);
   path.backend.emitStatus();
-  std::vector<double> arrivals;
-  path.recognition.onBuffer = [&arrivals] { arrivals.push_back(monotonicSeconds()); };
-  path.process.atExit = [&arrivals] {
-    for (const double arrival : arrivals) std::printf("%.9f\n", arrival);
+  struct Arrival {
+    Stages stages;
+    double recognizer;
   };
-  return path.run();
+  std::vector<Arrival> arrivals;
+  path.recognition.onBuffer = [&] { arrivals.push_back({path.stages, monotonicSeconds()}); };
+  path.process.atExit = [&] {
+    for (const auto& [stages, recognizer] : arrivals)
+      std::printf("%.9f %.9f %.9f\n", stages.read, stages.main, recognizer);
+  };
+  StampedInput input(path.channel, path.stages);
+  path.machine.standardInput.start(input);
+  path.machine.mainQueue.run();
 }
 
 int runStalledPath(int argumentCount, char** arguments) {
@@ -160,22 +220,23 @@ int runStalledPath(int argumentCount, char** arguments) {
   };
   report("before", residentBytes());
   path.machine.standardInput.start(input);
-  report("input", static_cast<double>(input.waitForEnd()));
+  report("input", static_cast<double>(input.wait()));
   report("stalled", residentBytes());
   path.machine.mainQueue.run();
 }
 
 int runPathMemory(int argumentCount, char** arguments) {
-  constexpr std::uint64_t perMinute = 2 * 600;  // buffers of 100 ms from two sources
+  constexpr std::uint64_t twoMinutes = 2 * 2 * 600;      // buffers of 100 ms from two sources
+  constexpr std::size_t backlog = std::size_t{4} << 20;  // bytes, more than the blocks kept for reuse
   Path path(argumentCount, arguments);
   path.backend.emitStatus();
   report("before", residentBytes());
   double peak = 0;
   path.recognition.onBuffer = [&path, &peak] {
     const auto buffers = path.recognition.buffers();
-    if (buffers % perMinute != 0) return;
+    if (buffers % twoMinutes != 0) return;
     const double now = residentBytes();
-    if (buffers == perMinute) report("minute", now);
+    if (buffers == twoMinutes) report("minutes", now);
     peak = std::max(peak, now);
   };
   path.process.atExit = [&path, &peak] {
@@ -183,7 +244,11 @@ int runPathMemory(int argumentCount, char** arguments) {
     report("peak", peak);
     report("buffers", static_cast<double>(path.recognition.buffers()));
   };
-  return path.run();
+  // The main thread lags at first, so that growth after two minutes is not that of the blocks kept for reuse.
+  WatchedInput input(path.channel, backlog);
+  path.machine.standardInput.start(input);
+  input.wait();
+  path.machine.mainQueue.run();
 }
 
 }  // namespace palaver::bench

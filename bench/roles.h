@@ -15,15 +15,16 @@ int runWakeUp();
 // byte, processor (seconds of both threads), reader and main (seconds of each thread).
 int runPath(int argumentCount, char** arguments);
 
-// Like runPath(). Prints the monotonic time (seconds) at which each buffer reached the recognizer.
+// Like runPath(). Prints the monotonic times (seconds) at which read() returned with each buffer, at which
+// the main thread started its job, and at which it reached the recognizer.
 int runPathArrivals(int argumentCount, char** arguments);
 
 // Like runPath(), with the main thread stalled until all input has been read. Figures, in bytes: input, and
 // resident memory before, stalled (all input held) and after (all input handled).
 int runStalledPath(int argumentCount, char** arguments);
 
-// Like runPath(), at full speed. Figures: buffers, and resident memory (bytes) before, after the first minute
-// of audio of two sources, at its peak and at the end.
+// Like runPath(), at full speed after a backlog of 4 MiB. Figures: buffers, and resident memory (bytes)
+// before, after two minutes of audio of two sources, at its peak and at the end.
 int runPathMemory(int argumentCount, char** arguments);
 
 }  // namespace palaver::bench
