@@ -161,6 +161,8 @@ void CommandChannel::decodeLine(char* line, std::size_t length) {
     auto command = decodeHelperCommand(line, length);
     handOverErrors();
     isShutDown_ = command.type == "shutdown";
+    // The lines of a read are about equally long.
+    if (commands_.empty()) commands_.reserve(1 + (filled_ - lineStart_) / (length + 1));
     commands_.push_back(std::move(command));
   } catch (const DecodingError& error) {
     reportError(std::string("Invalid JSON command: ") + error.what());
