@@ -1,6 +1,7 @@
 // Measures the limits: the cost of reading input without processing it.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -37,10 +38,13 @@ int runLimit() {
 int runWakeUp() {
   std::vector<double> arrivals;
   std::thread reader([&arrivals] {
-    char bytes[64];
+    std::vector<char> bytes(1 << 16);
     ssize_t count;
-    while ((count = ::read(STDIN_FILENO, bytes, sizeof bytes)) > 0)
-      arrivals.insert(arrivals.end(), static_cast<std::size_t>(count), monotonicSeconds());
+    while ((count = ::read(STDIN_FILENO, bytes.data(), bytes.size())) > 0) {
+      const double now = monotonicSeconds();
+      arrivals.insert(arrivals.end(),
+                      static_cast<std::size_t>(std::count(bytes.begin(), bytes.begin() + count, '\n')), now);
+    }
   });
   reader.join();
   for (const double arrival : arrivals) std::printf("%.9f\n", arrival);

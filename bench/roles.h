@@ -8,7 +8,7 @@ namespace palaver::bench {
 // byte, processor (seconds).
 int runLimit();
 
-// Reads on an otherwise idle thread. Prints the monotonic time (seconds) of every byte's arrival.
+// Reads on an otherwise idle thread. Prints the monotonic time (seconds) of every line feed's arrival.
 int runWakeUp();
 
 // Runs the helper's whole path up to a recognition that counts. Figures: buffers, seconds from the first
