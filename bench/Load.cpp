@@ -46,7 +46,7 @@ bool give(std::string_view bytes, bool& byReference) {
 
 }  // namespace
 
-Load::Load(int sessions) {
+Load::Load(int sessions, std::size_t framesPerLine) : framesPerLine_(framesPerLine) {
   std::mt19937 random(7);
   for (std::size_t k = 0; k < chunkCount; ++k) {
     std::normal_distribution<double> noise(0, amplitudes[k % amplitudes.size()]);
@@ -73,7 +73,8 @@ std::string Load::line(std::size_t sequence) const {
       head, sizeof head,
       R"({"type":"audio","sessionId":"%s","source":"%s","sequence":%zu,"capturedAt":%.4f,"pcmBase64":")",
       sessionIds_[sequence % sessions].c_str(), sequence / sessions % 2 ? "remote" : "self", sequence,
-      firstCapture + 100.0 * static_cast<double>(sequence / (2 * sessions)) +
+      firstCapture +
+          static_cast<double>(framesPerLine_) / 16.0 * static_cast<double>(sequence / (2 * sessions)) +
           static_cast<double>(sequence * 37 % 101) / 101);
   return head + chunks_[sequence % chunkCount] + "\"}\n";
 }
@@ -84,9 +85,9 @@ std::string Load::lines(std::size_t count) const {
   return text;
 }
 
-int runWriter(int sessions, std::size_t lines, bool byReference) {
-  constexpr std::size_t most = 4096;  // lines in memory, written repeatedly
-  const Load load(sessions);
+int runWriter(const Load& load, std::size_t lines, bool byReference) {
+  constexpr std::size_t mostBytes = std::size_t{18} << 20;  // in memory, written repeatedly
+  const std::size_t most = mostBytes / load.line(0).size();
   const std::string many = load.lines(std::min(lines, most));
   const std::string rest = load.lines(lines % most);
   bool written = give(load.opening(), byReference);

@@ -25,8 +25,11 @@ const std::vector<std::pair<std::string, std::vector<Row> (*)()>> measurements{
     {"worker", measureWorker}};
 
 int play(std::span<char*> arguments) {
+  // A writer's arguments: sessions, lines and, optionally, the frames of a line.
   const auto write = [&](bool byReference) {
-    return runWriter(std::atoi(arguments[3]), std::strtoul(arguments[4], nullptr, 10), byReference);
+    const auto number = [&](std::size_t i) { return std::strtoul(arguments[i], nullptr, 10); };
+    const Load load(static_cast<int>(number(3)), arguments.size() > 5 ? number(5) : usualFramesPerLine);
+    return runWriter(load, number(4), byReference);
   };
   const std::map<std::string, std::function<int()>> roles{
       {"limit", runLimit},

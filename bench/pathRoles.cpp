@@ -8,6 +8,7 @@
 #include <functional>
 #include <limits>
 #include <semaphore>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -237,6 +238,8 @@ int runPathMemory(int argumentCount, char** arguments) {
     if (buffers % twoMinutes != 0) return;
     const double now = residentBytes();
     if (buffers == twoMinutes) report("minutes", now);
+    if (buffers % (5 * twoMinutes) == 0)
+      report(("minute-" + std::to_string(2 * buffers / twoMinutes)).c_str(), now);
     peak = std::max(peak, now);
   };
   path.process.atExit = [&path, &peak] {

@@ -24,7 +24,8 @@ int runPathArrivals(int argumentCount, char** arguments);
 int runStalledPath(int argumentCount, char** arguments);
 
 // Like runPath(), at full speed after a backlog of 4 MiB. Figures: buffers, and resident memory (bytes)
-// before, after two minutes of audio of two sources, at its peak and at the end.
+// before, after two minutes of audio of two sources, after every ten (minute-10 and so on), at its peak and
+// at the end.
 int runPathMemory(int argumentCount, char** arguments);
 
 }  // namespace palaver::bench

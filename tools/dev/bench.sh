@@ -2,10 +2,10 @@
 
 benchmark_target() {  # name
   case $1 in
-    path | throughput | latency | startup | memory | worker) echo palaver_bench ;;
+    path | throughput | latency | startup | memory | worker | plots) echo palaver_bench ;;
     kernels) echo palaver_kernels ;;
     accuracy | channels | peer) echo PalaverSTTHelper ;;
-    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup, memory and worker, kernels, accuracy, channels and peer" ;;
+    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup, memory and worker, kernels, accuracy, channels, plots and peer" ;;
   esac
 }
 
@@ -42,6 +42,7 @@ run_benchmarks() {  # names...
       throughput | latency | startup | memory | worker) build/bench/bench/palaver_bench "$name" ;;
       path) build/bench/bench/palaver_bench ;;
       kernels) build/bench/bench/palaver_kernels ;;
+      plots) python3 bench/plots.py build/bench/bench/palaver_bench docs/performance ;;
       accuracy) python3 bench/accuracy build/bench/PalaverSTTHelper --json build/accuracy.json ;;
       channels) python3 bench/channels.py build/bench/PalaverSTTHelper ;;
       peer) run_peer_benchmark build/bench/PalaverSTTHelper ;;
