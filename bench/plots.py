@@ -8,14 +8,15 @@ throughput.svg, sessions.svg and memory.svg into FOLDER and prints the figures. 
 """
 import fcntl
 import os
+import pathlib
 import subprocess
 import sys
+
+import svg
 
 ROUNDS = 7
 BYTES = 120 << 20  # of input for one point
 LINE_OF_100_MS = 4412  # bytes
-WIDTH, HEIGHT, LEFT, RIGHT, TOP, BOTTOM = 640, 320, 64, 16, 40, 48
-COLORS = ["#1f5fa8", "#c0562a"]
 
 
 def measure(bench, role, sessions, lines, frames=1600):
@@ -45,49 +46,13 @@ def best(choose, roles, points, figure):
     return {role: [choose(found[role, point]) for point in points] for role in roles}
 
 
-def label(value):
-    return f"{value:g}"
-
-
 def chart(path, title, x_title, y_title, xs, series):
-    """Draws lines by name over evenly spaced points, from 0 upwards."""
-    top = max(max(values) for values in series.values())
-    step = next(s * 10**e for e in range(-3, 6) for s in (1, 2, 5) if s * 10**e * 5 >= top)
-    limit = step * 5
-
-    def x(i):
-        return LEFT + (WIDTH - LEFT - RIGHT) * i / max(1, len(xs) - 1)
-
-    def y(value):
-        return HEIGHT - BOTTOM - (HEIGHT - TOP - BOTTOM) * value / limit
-
-    parts = [
-        f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" font-family="sans-serif" font-size="12">',
-        f'<rect width="{WIDTH}" height="{HEIGHT}" fill="white"/>',
-        f'<text x="{LEFT}" y="18" font-size="14">{title}</text>',
-        f'<text x="{(LEFT + WIDTH - RIGHT) / 2}" y="{HEIGHT - 10}" text-anchor="middle">{x_title}</text>',
-        f'<text x="14" y="{(TOP + HEIGHT - BOTTOM) / 2}" text-anchor="middle"'
-        f' transform="rotate(-90 14 {(TOP + HEIGHT - BOTTOM) / 2})">{y_title}</text>',
-    ]
-    for i in range(6):
-        at = y(step * i)
-        parts.append(f'<path d="M{LEFT} {at:.1f}H{WIDTH - RIGHT}" stroke="#ddd"/>')
-        parts.append(f'<text x="{LEFT - 6}" y="{at + 4:.1f}" text-anchor="end">{label(step * i)}</text>')
-    every = max(1, (len(xs) + 11) // 12)
-    for i in range(0, len(xs), every):
-        parts.append(f'<text x="{x(i):.1f}" y="{HEIGHT - BOTTOM + 18}" text-anchor="middle">{label(xs[i])}</text>')
-    for number, (name, values) in enumerate(series.items()):
-        color = COLORS[number % len(COLORS)]
-        points = " ".join(f"{x(i):.1f},{y(value):.1f}" for i, value in enumerate(values))
-        parts.append(f'<polyline points="{points}" fill="none" stroke="{color}" stroke-width="2"/>')
-        parts += [f'<circle cx="{x(i):.1f}" cy="{y(v):.1f}" r="2.5" fill="{color}"/>' for i, v in enumerate(values)]
-        parts.append(f'<text x="{WIDTH - RIGHT}" y="{18 + 15 * number}" text-anchor="end" fill="{color}">{name}</text>')
-    parts.append("</svg>")
-    with open(path, "w", encoding="utf-8") as file:
-        file.write("\n".join(parts) + "\n")
+    """Draws lines by name over evenly spaced points, and prints them."""
+    pathlib.Path(path).write_text(svg.lines(
+        title, x_title, y_title, {name: list(enumerate(values)) for name, values in series.items()}, places=[f"{x:g}" for x in xs]))
     print(title)
     for i, point in enumerate(xs):
-        print(f"  {label(point)}: " + ", ".join(f"{name} {values[i]:.3g}" for name, values in series.items()))
+        print(f"  {point:g}: " + ", ".join(f"{name} {values[i]:.3g}" for name, values in series.items()))
 
 
 def plot_throughput(bench, folder):

@@ -65,12 +65,15 @@ class Chart:
         return "\n".join([*self.parts, "</svg>"]) + "\n"
 
 
-def lines(title, x_name, y_name, series, level=None):
-    """A chart of {name: [(x, y), ...]}. `level` is (y, name) of a dashed line."""
+def lines(title, x_name, y_name, series, level=None, places=None):
+    """A chart of {name: [(x, y), ...]}. `level` is (y, name) of a dashed line. `places` names the points x = 0, 1, 2..."""
     points = [point for line in series.values() for point in line]
     chart = Chart(title, x_name, y_name, max(x for x, _ in points), max([y for _, y in points] + [level[0] if level else 0]), series)
-    for value in chart.x_ticks:
-        chart.parts.append(text(chart.x(value), HEIGHT - BOTTOM + 16, number(value)))
+    if places:
+        chart.x_ticks = [len(places) - 1]
+    named = enumerate(places) if places else [(value, number(value)) for value in chart.x_ticks]
+    for value, name in named:
+        chart.parts.append(text(chart.x(value), HEIGHT - BOTTOM + 16, name))
     for colour, line in zip(COLOURS, series.values()):
         path = " ".join(f"{chart.x(x):.1f},{chart.y(y):.1f}" for x, y in line)
         chart.parts.append(f'<polyline points="{path}" fill="none" stroke="{colour}" stroke-width="2"/>')
