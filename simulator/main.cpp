@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "core/UTF8.h"
+#include "simulator/explore/Exploration.h"
 #include "simulator/live.h"
 #include "simulator/scenario/ScenarioDifferences.h"
 #include "simulator/scenario/ScenarioRunner.h"
@@ -31,6 +32,10 @@ constexpr const char* usage =
     "       PalaverSTTSimulator record FILE...\n"
     "         plays scenarios in virtual time and prints each run as a line of JSON: scenario, seed,\n"
     "         arguments, input and output. A piece of input that is not UTF-8 is in hexadecimal, in a list\n"
+    "       PalaverSTTSimulator explore --seeds A..B [--commands N] [--jobs N] [--save FOLDER]\n"
+    "         plays a random world for each seed in virtual time and checks that no invariant is broken; "
+    "exit\n"
+    "         status 1 with a small scenario of the first failing seed. N lines of the host in a world\n"
     "       PalaverSTTSimulator converse FILE [DIFFERENCES] -- PROGRAM [ARGUMENT...]\n"
     "         plays a scenario against a program in stepped time (Linux only); exit status 1 when it fails,\n"
     "         77 when it cannot be played this way. DIFFERENCES lists intended differences of the program\n"
@@ -164,6 +169,7 @@ int runMode(std::span<char*> all) {
   const std::string_view mode = all.size() > 1 ? all[1] : "";
   if (mode == "run" && all.size() > 2) return run(all.subspan(2));
   if (mode == "record" && all.size() > 2) return record(all.subspan(2));
+  if (mode == "explore") return explore(all.subspan(2));
 #ifdef PALAVER_CONVERSATIONS
   if (mode == "converse") {
     const auto words = all.subspan(2);

@@ -99,7 +99,11 @@ std::shared_ptr<PCMBuffer> SimulatedAudioBuffers::makeBuffer(const AudioFormat& 
   AudioFormat made = format;
   if (fault_ == Fault::noSamples) made.commonFormat = CommonFormat::float32;
   if (working_) return working_->makeBuffer(made, frameCapacity);
-  return std::make_shared<PCMBuffer>(made, frameCapacity);
+  most_ = std::max(most_, ++*left_);
+  return {new PCMBuffer(made, frameCapacity), [left = left_](const PCMBuffer* buffer) {
+            delete buffer;
+            --*left;
+          }};
 }
 
 }  // namespace palaver

@@ -150,9 +150,16 @@ class SimulatedAudioBuffers final : public AudioBuffers {
   // Any thread.
   void setFault(Fault fault) { fault_ = fault; }
 
+  // Return how many buffers exist, and how many existed at most. Buffers of another platform do not count.
+  std::size_t buffersLeft() const { return *left_; }
+  std::size_t mostBuffers() const { return most_; }
+
  private:
   AudioBuffers* const working_ = nullptr;
   std::atomic<Fault> fault_ = Fault::none;
+  // Shared with the buffers, which may outlive this. One thread makes buffers, any may release them.
+  const std::shared_ptr<std::atomic<std::size_t>> left_ = std::make_shared<std::atomic<std::size_t>>(0);
+  std::size_t most_ = 0;
 };
 
 }  // namespace palaver

@@ -302,6 +302,7 @@ SpeechAnalysis::AnalyzerWithInput SimulatedSpeechAnalysis::makeAnalyzer(
   const auto analysis = static_cast<const Transcriber&>(*transcriber).analysis();
   service_->locked([&] {
     analysis->record.contextualStrings = contextualStrings;
+    analysis->record.madeAt = service_->now();
     service_->add(analysis);
   });
   return {std::make_shared<Analyzer>(service_, analysis), std::make_shared<Input>(service_, analysis)};

@@ -68,7 +68,8 @@ struct RecordedAnalysis {
   std::optional<AudioFormat> preparedFor;
   std::vector<Buffer> buffers;            // accepted buffers
   std::size_t droppedBuffers = 0;         // buffers after the end of the input
-  std::optional<double> inputFinishedAt;  // ms since the start, as are all times here
+  double madeAt = 0;                      // ms since the start, as are all times here
+  std::optional<double> inputFinishedAt;
   std::optional<double> finalizedAt;      // time of the call
   std::optional<double> cancelledAt;      // time of the call
 };

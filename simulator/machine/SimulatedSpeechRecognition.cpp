@@ -102,6 +102,7 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
     if (timeline_.hasEnded()) return;
     if (recognition->hasEnded || recognition->record.endAudioAt) {
       ++recognition->record.droppedBuffers;
+      recognition->record.droppedFirstSamples.push_back(palaver::record(buffer).firstSample);
       return;
     }
     const auto& taken = recognition->record.buffers.emplace_back(palaver::record(buffer));
@@ -245,8 +246,11 @@ class SimulatedSpeechRecognition::Service : public std::enable_shared_from_this<
   }
 
   void note(Recognition& recognition, const RecognitionAnswer& answer) {
+    if (recognition.hasEnded && !recognition.record.cancelledAt) ++recognition.record.answersAfterEnd;
     if (answer.result) recognition.newest = *answer.result;
-    if (answer.error || (answer.result && answer.result->isFinal)) recognition.hasEnded = true;
+    if (!answer.error && !(answer.result && answer.result->isFinal)) return;
+    if (!recognition.hasEnded) recognition.record.endedAt = timeline_.now();
+    recognition.hasEnded = true;
   }
 
   Timeline& timeline_;

@@ -94,8 +94,11 @@ struct RecordedRequest {
   double madeAt = 0;               // ms since the start, as are all times here
   std::vector<Buffer> buffers;     // accepted buffers
   std::size_t droppedBuffers = 0;  // buffers after the end of the audio or of the task
+  std::vector<std::int16_t> droppedFirstSamples;
   std::optional<double> endAudioAt;
   std::optional<double> cancelledAt;
+  std::optional<double> endedAt;    // a final result or an error, before any cancellation
+  std::size_t answersAfterEnd = 0;  // calls of the handler after that, against the contract
   bool hasTask = false;
 
   // Returns whether it requests no partial results, as the probe for Dictation does.

@@ -171,6 +171,7 @@ JSON toJSON(const RecordedAnalysis& analysis) {
              {"firstSamples", JSON::array()},
              {"formats", JSON::array()},
              {"droppedBuffers", analysis.droppedBuffers},
+             {"madeAt", analysis.madeAt},
              {"inputFinishedAt", toJSON(analysis.inputFinishedAt)},
              {"finalizedAt", toJSON(analysis.finalizedAt)},
              {"cancelledAt", toJSON(analysis.cancelledAt)}};

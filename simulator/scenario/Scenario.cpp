@@ -80,8 +80,12 @@ void readSettings(ObjectReader& reader, Scenario& scenario) {
 }  // namespace
 
 Scenario readScenario(const std::filesystem::path& path, const JSON& changes) {
-  const JSON file = changed(readJSONFile(path), changes, path.filename().string());
-  ObjectReader reader(file, path.filename().string());
+  const auto name = path.filename().string();
+  return readScenario(changed(readJSONFile(path), changes, name), name, path.parent_path());
+}
+
+Scenario readScenario(const JSON& file, const std::string& name, const std::filesystem::path& folder) {
+  ObjectReader reader(file, name);
   Scenario scenario;
   if (const auto title = reader.text("title")) {
     scenario.title = *title;
@@ -100,7 +104,7 @@ Scenario readScenario(const std::filesystem::path& path, const JSON& changes) {
     scenario.analyzers = readAnalyzerPatterns(*analyzers, reader.where("analyzers"));
 
   JSON templates = JSON::object();
-  if (const auto name = reader.text("templates")) templates = readJSONFile(path.parent_path() / *name);
+  if (const auto shared = reader.text("templates")) templates = readJSONFile(folder / *shared);
   if (!templates.is_object()) reader.fail("the templates must be an object");
   const auto* const conversation = reader.array("conversation");
   if (!conversation) reader.fail("has no conversation");
@@ -108,6 +112,13 @@ Scenario readScenario(const std::filesystem::path& path, const JSON& changes) {
   if (const auto* const finals = reader.find("finals")) {
     scenario.finals = readFinals(*finals, reader.where("finals"));
     if (!scenario.output.empty()) reader.fail("has both finals and expected events");
+  }
+  if (const auto check = reader.text("check")) {
+    if (*check != "invariants") throw FileError(reader.where("check"), "must be \"invariants\"");
+    if (!scenario.output.empty() || !scenario.errorOutput.empty() || scenario.requests || scenario.probes ||
+        scenario.analyzers || scenario.exitStatus || scenario.finals)
+      reader.fail("checks invariants, so it must expect neither output nor input of services nor an exit");
+    scenario.checksInvariants = true;
   }
   reader.finish();
   return scenario;

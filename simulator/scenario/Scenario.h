@@ -58,9 +58,14 @@ struct Scenario {
   std::optional<std::vector<JSON>> probes;
   std::optional<std::vector<JSON>> analyzers;
   std::vector<ScenarioFile> files;
+  bool checksInvariants = false;  // instead of expected output
 };
 
 // Reads and validates a scenario after applying `changes` (see ScenarioDifferences). Throws FileError.
 Scenario readScenario(const std::filesystem::path& path, const JSON& changes = JSON::object());
+
+// Reads and validates a scenario from the content of a file. `name` names it in error messages; templates are
+// relative to `folder`. Throws FileError.
+Scenario readScenario(const JSON& file, const std::string& name, const std::filesystem::path& folder = {});
 
 }  // namespace palaver

@@ -9,6 +9,7 @@
 
 #include "simulator/scenario/AnalysisSteps.h"
 #include "simulator/scenario/EventPattern.h"
+#include "simulator/scenario/Invariants.h"
 
 namespace palaver {
 
@@ -163,7 +164,10 @@ JSON toJSON(const RecordedRequest& request) {
              {"endAudioAt", orNull(request.endAudioAt)},
              {"cancelledAt", orNull(request.cancelledAt)},
              {"buffers", request.buffers.size()},
+             {"endedAt", orNull(request.endedAt)},
+             {"answersAfterEnd", request.answersAfterEnd},
              {"droppedBuffers", request.droppedBuffers},
+             {"droppedFirstSamples", request.droppedFirstSamples},
              {"firstSamples", JSON::array()},
              {"loudness", JSON::array()}};
   std::uint64_t frames = 0;
@@ -281,6 +285,10 @@ std::string complaintAboutLateSteps(std::size_t count, double firstTime) {
 }
 
 std::optional<std::string> compare(const Scenario& scenario, const ScenarioRecord& record) {
+  if (scenario.checksInvariants) {
+    const auto broken = brokenInvariant(scenario, record);
+    return broken ? std::optional(describe(*broken, scenario, record)) : std::nullopt;
+  }
   std::string report;
   const auto add = [&report](const std::optional<std::string>& part) { report += part.value_or(""); };
   for (const auto& complaint : record.complaints) report += "  " + complaint + "\n";

@@ -58,12 +58,18 @@ ScenarioRecord runOnce(const Scenario& scenario, const std::optional<std::uint64
     platform.scheduler.schedule(action.time, Timeline::Context::background, &scenario,
                                 [&] { perform(action); });
   }
+  // Counted while the helper still runs.
+  std::size_t buffersLeft = 0;
+  if (scenario.checksInvariants)
+    platform.scheduler.schedule(scenario.until, Timeline::Context::background, &buffersLeft,
+                                [&] { buffersLeft = platform.audioBuffers.buffersLeft(); });
   record.exitStatus = platform.run([&](Platform& parts) { program(platform, parts); }, scenario.until);
   if (record.exitStatus && !ahead.empty())
     record.complaints.push_back(complaintAboutLateSteps(ahead.size(), *ahead.begin()));
   record.output = streamOf(platform.standardOutput);
   record.errorOutput = streamOf(platform.standardError);
   record.received = receivedBy(platform.speechRecognition, platform.speechAnalysis);
+  record.received["audioBuffers"] = {{"left", buffersLeft}, {"most", platform.audioBuffers.mostBuffers()}};
   return record;
 }
 
