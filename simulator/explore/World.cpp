@@ -166,6 +166,7 @@ class World {
   void sendHostility();
   void answerLegacy();
   void answerAnalyzer();
+  void end();
   JSON modeWorld(JSON world);
   Channel someChannel() { return {random_.oneOf(sessions_), random_.oneOf({"remote", "self"})}; }
   std::string mark(const std::string& task) { return task + "." + std::to_string(++marks_); }
@@ -411,6 +412,23 @@ JSON World::modeWorld(JSON world) {
   return world;
 }
 
+// Asks the helper to end, in one of the ways of a host.
+void World::end() {
+  const JSON shutdown{{"type", "shutdown"}};
+  switch (random_.below(4)) {
+    case 0:
+      return send(shutdown);
+    case 1:  // what follows a shutdown is dropped
+      return send(JSON::array({shutdown, {{"type", "ping"}}, {{"type", "session.stop"}}}));
+    case 2:
+      add(time_, "text", "{\"type\":\"ping\"}");  // the last line lacks its line feed
+      break;
+    default:
+      break;
+  }
+  add(time_, "closeInput", true);
+}
+
 JSON World::make() {
   JSON world{{"title", "A random world."}, {"check", "invariants"}};
   world["system"] = isLegacy_ ? random_.oneOf({"macOS 15.0.0", "macOS 14.2", "Linux"}) : "macOS 26";
@@ -435,13 +453,7 @@ JSON World::make() {
     if (random_.chance(0.01)) time_ += random_.oneOf({900, 2500, 10'000, 20'000, 31'000});
     if (random_.chance(0.0004)) hasEnded_ = true;
   }
-  if (hasEnded_ || random_.chance(0.5)) {
-    if (random_.chance(0.5)) {
-      send({{"type", "shutdown"}});
-    } else {
-      add(time_, "closeInput", true);
-    }
-  }
+  if (hasEnded_ || random_.chance(0.5)) end();
   std::stable_sort(steps_.begin(), steps_.end(),
                    [](const JSON& a, const JSON& b) { return a.at("at") < b.at("at"); });
   world["conversation"] = std::move(steps_);

@@ -217,6 +217,24 @@ void tasksEnd(const Observation& observation, Findings& findings) {
   }
 }
 
+void analyzersEnd(const Observation& observation, Findings& findings) {
+  if (observation.isLegacy || !observation.mode.empty()) return;
+  const auto& trace = observation.audio();
+  for (const auto& episode : trace.episodes) {
+    // At the end of the helper nothing is awaited.
+    if (!std::isfinite(episode.end) || episode.end == observation.input.endsAt) continue;
+    for (const auto number : episode.receivers) {
+      const auto& receiver = trace.receivers[number];
+      const bool isCancelled = receiver.time("cancelledAt").has_value();
+      const bool isFinalized = receiver.time("finalizedAt").has_value();
+      if (isCancelled != episode.isMutedAtEnd || isFinalized == episode.isMutedAtEnd ||
+          !receiver.time("inputFinishedAt"))
+        findings.add(episode.end, episode.isMutedAtEnd ? "the analyzer of a muted source is not cancelled"
+                                                       : "the analyzer of a stopped session is not finished");
+    }
+  }
+}
+
 void buffersBounded(const Observation& observation, Findings& findings) {
   const auto found = observation.record.received.find("audioBuffers");
   if (found == observation.record.received.end()) return;
@@ -272,6 +290,9 @@ std::vector<Invariant> audioInvariants() {
        "recognizer "
        "keeps its contract.",
        tasksEnd},
+      {"analyzers-end",
+       "The analyzer of a source is cancelled when it is muted, and finished when its session stops.",
+       analyzersEnd},
       {"buffers-bounded",
        "The legacy backend holds no more audio than 42 chunks for each source; the analyzer backend none "
        "that "

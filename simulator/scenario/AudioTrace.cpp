@@ -25,7 +25,7 @@ class OpenSources {
     if (!command.isComplete() || !command.sessionId) return;
     const auto& session = *command.sessionId;
     if (command.type == "session.start" || command.type == "session.stop") {
-      for (const auto* const source : {"remote", "self"}) close({session, source}, command.time);
+      for (const auto* const source : {"remote", "self"}) close({session, source}, command.time, false);
       started_.erase(session);
     }
     if (command.type == "session.start") {
@@ -35,7 +35,7 @@ class OpenSources {
     if (command.type != "source.suppress" || !started_.contains(session)) return;
     const Channel channel(session, *command.source);
     if (*command.suppressed) {
-      close(channel, command.time);
+      close(channel, command.time, true);
     } else if (!current_.contains(channel)) {
       open(channel);
     }
@@ -48,13 +48,13 @@ class OpenSources {
  private:
   void open(const Channel& channel) {
     current_[channel] = episodes_.size();
-    episodes_.push_back(
-        {channel, started_.at(channel.first), std::numeric_limits<double>::infinity(), {}, {}});
+    episodes_.push_back({.channel = channel, .start = started_.at(channel.first)});
   }
-  void close(const Channel& channel, double time) {
+  void close(const Channel& channel, double time, bool isMuted) {
     const auto found = current_.find(channel);
     if (found == current_.end()) return;
     episodes_[found->second].end = time;
+    episodes_[found->second].isMutedAtEnd = isMuted;
     current_.erase(found);
   }
 

@@ -50,8 +50,9 @@ struct Episode {
   Channel channel;
   HostCommand start;  // the session.start whose options hold
   double end = std::numeric_limits<double>::infinity();
-  std::vector<std::size_t> chunks;     // valid ones
-  std::vector<std::size_t> receivers;  // in the order of their creation
+  bool isMutedAtEnd = false;
+  std::vector<std::size_t> chunks{};     // valid ones
+  std::vector<std::size_t> receivers{};  // in the order of their creation
 };
 
 class AudioTrace {
