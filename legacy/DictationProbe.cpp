@@ -119,9 +119,14 @@ DictationAvailability DictationProbe::probe(std::string_view locale, double time
   request->endAudio();
 
   // The result may be delivered on the main thread, so the wait alternates with slices of its run loop.
-  const double deadline = platform_.clock.nowMilliseconds() + timeout;
+  double previous = platform_.clock.nowMilliseconds();
+  double deadline = previous + timeout;
   while (!outcome->wait(waitSliceMilliseconds)) {
-    if (platform_.clock.nowMilliseconds() >= deadline) break;
+    const double now = platform_.clock.nowMilliseconds();
+    // A clock that is set back must not prolong the wait.
+    if (now < previous) deadline -= previous - now;
+    previous = now;
+    if (now >= deadline) break;
     platform_.mainQueue.runSlice(waitSliceMilliseconds);
   }
   task->cancel();

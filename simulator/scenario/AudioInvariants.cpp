@@ -235,6 +235,16 @@ void analyzersEnd(const Observation& observation, Findings& findings) {
   }
 }
 
+void probesBounded(const Observation& observation, Findings& findings) {
+  constexpr double longest = 2500 + 100;  // ms; 100 for the slices of the wait
+  for (const auto& probe : observation.record.received.value("probes", JSON::array())) {
+    const double madeAt = probe.at("madeAt");
+    const auto& cancelledAt = probe.at("cancelledAt");
+    if (!cancelledAt.is_number() || cancelledAt.get<double>() - madeAt > longest)
+      findings.add(madeAt, "a probe for Dictation lasts until " + cancelledAt.dump());
+  }
+}
+
 void buffersBounded(const Observation& observation, Findings& findings) {
   const auto found = observation.record.received.find("audioBuffers");
   if (found == observation.record.received.end()) return;
@@ -293,6 +303,7 @@ std::vector<Invariant> audioInvariants() {
       {"analyzers-end",
        "The analyzer of a source is cancelled when it is muted, and finished when its session stops.",
        analyzersEnd},
+      {"probes-bounded", "A probe for Dictation holds up the commands for 2.5 s at most.", probesBounded},
       {"buffers-bounded",
        "The legacy backend holds no more audio than 42 chunks for each source; the analyzer backend none "
        "that "
