@@ -177,10 +177,13 @@ void LegacyRecognitionChannel::start() {
 // a task ends before the next one starts.
 void LegacyRecognitionChannel::recognized(const std::optional<RecognitionResult>& result,
                                           const std::optional<PlatformError>& error) {
+  // A callback that was queued before the channel was dropped. No final could follow its words.
+  if (isDropped_) return;
   if (result) handle(*result);
   if (error && !discarding_ && !isNoSpeechError(*error)) {
     if (isDictationDisabledError(*error)) {
       onDictationDisabled_();
+      isDropped_ = true;
     } else {
       writer_.error(std::string("Speech recognition failed: ") + error->what(), sessionId_, source_);
     }

@@ -124,6 +124,7 @@ class LegacyRecognitionChannel : public std::enable_shared_from_this<LegacyRecog
   double lastVoiceAt_ = 0;                       // helper time of the newest voiced buffer, ms
   std::string_view endpointReason_ = "silence";  // why the newest utterance was closed; never reset
   bool discarding_ = false;
+  bool isDropped_ = false;  // by the backend, because Dictation is off
   bool finishing_ = false;
   std::deque<TimedBuffer> preroll_;
   std::deque<TimedBuffer> pending_;

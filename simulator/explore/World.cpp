@@ -415,9 +415,12 @@ JSON World::modeWorld(JSON world) {
 // Asks the helper to end, in one of the ways of a host.
 void World::end() {
   const JSON shutdown{{"type", "shutdown"}};
-  switch (random_.below(4)) {
+  switch (random_.below(5)) {
     case 0:
       return send(shutdown);
+    case 4:  // nor is it read
+      ++sent_;
+      return add(time_, "text", "{\"type\":\"shutdown\"}\nnothing\n");
     case 1:  // what follows a shutdown is dropped
       return send(JSON::array({shutdown, {{"type", "ping"}}, {{"type", "session.stop"}}}));
     case 2:

@@ -77,6 +77,8 @@ std::optional<std::string> ProtocolDescription::mismatch(const JSON& schema, con
       if (value.is_string() && value.get_ref<const std::string&>().empty()) return where + " is empty";
     } else if (keyword == "minimum") {
       if (value.is_number() && value.get<double>() < operand.get<double>()) return where + " is too small";
+    } else if (keyword == "maximum") {
+      if (value.is_number() && value.get<double>() > operand.get<double>()) return where + " is too large";
     } else if (keyword == "oneOf") {
       const auto matching = std::count_if(operand.begin(), operand.end(), [&](const JSON& alternative) {
         return !mismatch(alternative, value, where);

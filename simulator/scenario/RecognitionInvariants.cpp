@@ -93,10 +93,16 @@ bool mustBeWritten(const Observation& observation, const AudioTrace& trace, cons
     const auto time = receiver.time(key);
     return !time || result.time < *time;
   };
-  if (observation.isLegacy)
-    return isBefore("cancelledAt") && isBefore("endedAt") &&
+  if (observation.isLegacy)  // a second end of a task ends the next one
+    return trace.keepsContract(episode.channel) && isBefore("cancelledAt") && isBefore("endedAt") &&
            observation.handledBy(result.time) == result.time;
   if (!isBefore("cancelledAt") || !isBefore("finalizedAt")) return false;
+  const auto isReady = [&](const ObservedEvent& event) {
+    return event.type == "session.ready" && event.channel() == episode.channel &&
+           event.time >= *receiver.time("madeAt") && event.time < episode.end;
+  };
+  if (std::ranges::none_of(observation.events, isReady))
+    return false;  // muted or stopped while being prepared
   // The results of an analyzer may have been ended before.
   return std::ranges::none_of(observation.scenario.actions, [&](const ScenarioAction& action) {
     const auto* const step = std::get_if<MachineStep>(&action.what);
