@@ -178,14 +178,21 @@ void wordTimes(const Observation& observation, Findings& findings) {
       start = std::max(0.0, seconds(range[0]));
       end = std::max(seconds(range[0]), seconds(range[1]));
     }
-    // Times count from the first chunk, or from now before any audio.
-    const auto& first = trace.chunks[observation.isLegacy ? receiver.chunks.front() : episode.chunks.front()];
     const auto isFrom = [&](double base) {
       return event.number("startedAt") == base + start * 1000 &&
              (!event.isFinal() || event.number("speechEndedAt") == base + end * 1000);
     };
-    if (!isFrom(*first.command->capturedAt) && !isFrom(event.number("transcribedAt")) &&
-        event.isPartial() == !isFinal)
+    // Times count from the first chunk, or from now before any audio. On the analyzer backend the first one
+    // may be one that was reported as lost: it counts if only its conversion failed.
+    const auto first = receiver.chunks.front();
+    const auto isBase = [&](std::size_t chunk) {
+      const bool mayCount = chunk == first || (!observation.isLegacy && chunk < first);
+      return mayCount && isFrom(*trace.chunks[chunk].command->capturedAt);
+    };
+    const bool isSure = !observation.isLegacy && !trace.isReportedLost(trace.chunks[episode.chunks.front()]);
+    const bool isFromAudio =
+        isSure ? isBase(episode.chunks.front()) : std::ranges::any_of(episode.chunks, isBase);
+    if (!isFromAudio && !isFrom(event.number("transcribedAt")) && event.isPartial() == !isFinal)
       findings.add(event.time, "the times are not those of the audio: " + event.line);
   }
 }
