@@ -31,14 +31,15 @@ void audioSource(const Observation& observation, Findings& findings) {
 
 void audioOnce(const Observation& observation, Findings& findings) {
   const auto& trace = observation.audio();
-  std::map<Channel, std::size_t> latest;
+  // Analyzers of one source that are made at the same time may be made in any order.
+  std::map<std::pair<Channel, std::size_t>, std::size_t> latest;
   std::vector<bool> seen(trace.chunks.size());
   for (const auto& receiver : trace.receivers)
     for (const auto number : receiver.chunks) {
       const auto& chunk = trace.chunks[number];
       if (seen[number]) findings.add(chunk.command->time, "recognized twice: " + shown(chunk));
       seen[number] = true;
-      auto& last = latest[chunk.channel];
+      auto& last = latest[{chunk.channel, observation.isLegacy ? 0 : chunk.episode}];
       if (number < last) findings.add(chunk.command->time, "recognized after a later one: " + shown(chunk));
       last = std::max(last, number);
     }

@@ -587,8 +587,8 @@ std::vector<Invariant> conversationInvariants() {
        "before.",
        mutedSilent},
       {"cancelled-silent",
-       "No event belongs to a channel that was cancelled before: no transcript of an utterance, or of an "
-       "analyzer's channel, follows the muting of its source; on the legacy backend nor the end of its "
+       "On the legacy backend no transcript of an utterance follows the muting of its source or the end of "
+       "its "
        "session.",
        cancelledSilent},
       {"one-final", nullptr, oneFinal},

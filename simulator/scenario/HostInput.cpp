@@ -144,7 +144,7 @@ DecodedPayload decodePayload(const std::string& base64) {
       values[static_cast<unsigned char>(alphabet[i])] = static_cast<int>(i);
     return values;
   }();
-  const DecodedPayload invalid{{}, "payload-not-base64"};
+  DecodedPayload invalid{{}, "payload-not-base64"};
   if (base64.size() % 4 != 0) return invalid;
   const auto padding = base64.size() - base64.find_last_not_of('=') - 1;
   if (base64.empty() || padding > 2) return base64.empty() ? DecodedPayload() : invalid;

@@ -204,7 +204,8 @@ std::vector<Invariant> recognitionInvariants() {
            wordsOfSource},
           {"results-written",
            "Every result of a running recognition is written exactly once, in its order, as a partial or a "
-           "final.",
+           "final. None "
+           "of a cancelled one is.",
            resultsWritten},
           {"word-times",
            "startedAt and speechEndedAt are the capture time of the first chunk plus the times of the "
