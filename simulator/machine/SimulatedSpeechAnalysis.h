@@ -66,12 +66,12 @@ struct RecordedAnalysis {
   std::string locale;  // the supported locale
   std::vector<std::string> contextualStrings;
   std::optional<AudioFormat> preparedFor;
-  std::vector<Buffer> buffers;            // accepted buffers
-  std::size_t droppedBuffers = 0;         // buffers after the end of the input
-  double madeAt = 0;                      // ms since the start, as are all times here
+  std::vector<Buffer> buffers;     // accepted buffers
+  std::size_t droppedBuffers = 0;  // buffers after the end of the input
+  double madeAt = 0;               // ms since the start, as are all times here
   std::optional<double> inputFinishedAt;
-  std::optional<double> finalizedAt;      // time of the call
-  std::optional<double> cancelledAt;      // time of the call
+  std::optional<double> finalizedAt;  // time of the call
+  std::optional<double> cancelledAt;  // time of the call
 };
 
 // Any thread, as far as the contract allows. Completions are called on the timeline, without a lock held. The
