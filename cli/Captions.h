@@ -19,7 +19,7 @@ struct Caption {
 // thread.
 inline constexpr double minCaption = 500;  // ms
 
-// Returns a SubRip file. The format has no specification and no escapes: a space takes the meaning from what
+// Returns a SubRip file. The format has no standard and no escapes: a space takes the meaning from what
 // players interpret, "<i>", "{\an8}" and "-->".
 std::string srtOf(std::vector<Caption> captions);
 
