@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "cli/ErrorDefinitions.h"
+#include "cli/EventText.h"
 
 namespace palaver::cli {
 
@@ -11,11 +12,6 @@ namespace {
 
 using nlohmann::json;
 using System = Examination::System;
-
-std::string textOf(const json& event, const char* key) {
-  const auto member = event.is_object() ? event.find(key) : event.end();
-  return event.is_object() && member != event.end() && member->is_string() ? member->get<std::string>() : "";
-}
 
 bool isOfType(const json& event, const char* type) {
   return textOf(event, "type") == type;

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "cli/AudioChunk.h"
+#include "cli/EventText.h"
 #include "cli/HostCommands.h"
 #include "cli/PCM.h"
 
@@ -31,11 +32,6 @@ constexpr double killAfter = 2000;      // ms between SIGTERM and SIGKILL
 constexpr char interruptRequest = 'i';
 constexpr char stopRequest = 's';
 constexpr double busyLoad = 1.5;  // threads per processor: recognition no longer keeps up with two sources
-
-std::string textOf(const nlohmann::json& event, const char* key) {
-  const auto member = event.find(key);
-  return member != event.end() && member->is_string() ? member->get<std::string>() : std::string();
-}
 
 std::string seconds(double milliseconds) {
   const auto tenths = std::llround(milliseconds / 100);

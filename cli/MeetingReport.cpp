@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "cli/ErrorDefinitions.h"
+#include "cli/EventText.h"
 #include "cli/LineSplitter.h"
 #include "cli/PCM.h"
 
@@ -18,17 +19,6 @@ using nlohmann::json;
 
 constexpr double toleratedJitter = 50;  // ms between chunks that is no gap
 constexpr double framesPerMillisecond = 16;
-
-std::string textOf(const json& event, const char* key) {
-  const auto member = event.find(key);
-  return member != event.end() && member->is_string() ? member->get<std::string>() : "";
-}
-
-std::optional<double> numberOf(const json& event, const char* key) {
-  const auto member = event.find(key);
-  if (member == event.end() || !member->is_number()) return std::nullopt;
-  return member->get<double>();
-}
 
 Meeting::Chunk chunkOf(const json& command) {
   Meeting::Chunk chunk;

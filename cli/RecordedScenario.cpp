@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/EventText.h"
 #include "cli/LineSplitter.h"
 #include "cli/PCM.h"
 #include "core/UTF8.h"
@@ -25,16 +26,6 @@ constexpr double beforeFirstWord = 200;    // ms of audio before an utterance th
 constexpr double searchedAudio = 5000;     // ms of an utterance in which its chunk is looked for
 constexpr double concurrentAudio = 60000;  // ms in which a chunk of the other source may be in a task
 constexpr double untilInputEnds = 1000;    // ms after everything else
-
-std::string textOf(const json& object, const char* key) {
-  const auto member = object.find(key);
-  return member != object.end() && member->is_string() ? member->get<std::string>() : "";
-}
-
-double numberOf(const json& object, const char* key) {
-  const auto member = object.find(key);
-  return member != object.end() && member->is_number() ? member->get<double>() : 0;
-}
 
 std::string hexadecimal(const std::string& bytes) {
   constexpr const char* digits = "0123456789abcdef";
@@ -121,8 +112,8 @@ class ScenarioWriter {
     if (type != "audio") return;
     const auto samples = decodedPCM(textOf(command, "pcmBase64"));
     if (!samples || samples->empty()) return;
-    chunks_[textOf(command, "source")].push_back(
-        {at_, numberOf(command, "capturedAt"), samples->front(), loudnessOf(*samples) >= voiceThreshold});
+    chunks_[textOf(command, "source")].push_back({at_, numberOf(command, "capturedAt").value_or(0),
+                                                  samples->front(), loudnessOf(*samples) >= voiceThreshold});
   }
 
   void addEvent(std::string_view line) {
@@ -145,7 +136,7 @@ class ScenarioWriter {
       answer["number"] = analyzer->second;
       addStep({{"analyzer", answer}});
     } else {
-      if (const auto* const chunk = chunkOf(source, numberOf(event, "startedAt")))
+      if (const auto* const chunk = chunkOf(source, numberOf(event, "startedAt").value_or(0)))
         answer["heard"] = chunk->firstSample;
       addStep({{"recognizer", answer}});
     }

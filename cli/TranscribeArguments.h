@@ -34,12 +34,12 @@ struct TranscribeArguments {
   bool readsStandardInput() const { return remote == standardInputPath || self == standardInputPath; }
 };
 
-// Parses the arguments after the program's name. Options and files may be in any order. Both "--option value"
-// and "--option=value" are accepted. Reads the vocabulary file, a JSON array of strings. Throws UsageError
-// with a message for the user.
 // Returns the phrases of a vocabulary file, a JSON array of strings in UTF-8. None for anything else.
 std::optional<std::vector<std::string>> parseVocabulary(std::istream& file);
 
+// Parses the arguments after the program's name. Options and files may be in any order. Both "--option value"
+// and "--option=value" are accepted. Reads the vocabulary file, a JSON array of strings. Throws UsageError
+// with a message for the user.
 TranscribeArguments parseTranscribeArguments(std::span<const std::string> arguments);
 
 extern const std::string_view transcribeUsage;

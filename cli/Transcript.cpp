@@ -3,27 +3,21 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "cli/EventText.h"
+
 namespace palaver::cli {
 
 namespace {
 
 using nlohmann::ordered_json;
 
-std::string textOf(const nlohmann::json& event, const char* key) {
-  const auto member = event.find(key);
-  return member != event.end() && member->is_string() ? member->get<std::string>() : "";
-}
-
 }  // namespace
 
 void Transcript::onEvent(std::string_view /*line*/, const nlohmann::json& event) {
   if (textOf(event, "type") != "transcript.final") return;
-  const auto time = [&](const char* key, double otherwise) {
-    const auto member = event.find(key);
-    return member != event.end() && member->is_number() ? member->get<double>() - startedAt_ : otherwise;
-  };
-  const double start = time("startedAt", 0);
-  captions_.push_back({start, time("speechEndedAt", start), textOf(event, "source"), textOf(event, "text")});
+  const double start = numberOf(event, "startedAt").value_or(startedAt_);
+  const double end = numberOf(event, "speechEndedAt").value_or(start);
+  captions_.push_back({start - startedAt_, end - startedAt_, textOf(event, "source"), textOf(event, "text")});
 }
 
 std::string Transcript::written(TranscriptFormat format) const {

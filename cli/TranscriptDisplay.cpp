@@ -6,6 +6,7 @@
 #include <sstream>
 #include <utility>
 
+#include "cli/EventText.h"
 #include "cli/TextLayout.h"
 #include "core/AudioSource.h"
 
@@ -23,8 +24,7 @@ constexpr std::string_view yellow = "33";
 constexpr std::size_t labelColumns = 8;
 
 std::string text(const nlohmann::json& event, const char* key) {
-  const auto member = event.find(key);
-  return member != event.end() && member->is_string() ? printable(member->get<std::string>()) : std::string();
+  return printable(textOf(event, key));
 }
 
 std::optional<double> number(const nlohmann::json& event, const char* key) {
