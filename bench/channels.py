@@ -7,7 +7,6 @@ A channel keeps up when its finals do not come later and later. The machine must
 """
 
 import argparse
-import array
 import os
 import pathlib
 import statistics
@@ -27,12 +26,10 @@ CHANNELS = {"PocketSphinx": "2,10", "Whisper tiny.en": "2,4,6"}
 
 def stream_of(recordings, first, seconds):
     """Recordings one after the other from the given one on. Channels that begin with another one do not pause together."""
-    samples = array.array("h")
-    while len(samples) < seconds * sounds.RATE:
-        samples.extend(recordings[first % len(recordings)].samples)
-        samples.extend([0] * (PAUSE * sounds.RATE // 1000))
-        first += 1
-    return samples[:seconds * sounds.RATE]
+    first %= len(recordings)
+    once = sounds.joined(recordings[first:] + recordings[:first], pauses=(PAUSE,)).samples
+    length = seconds * sounds.RATE
+    return (once * (length // len(once) + 1))[:length]
 
 
 def row(helper, environment, recordings, count, seconds):

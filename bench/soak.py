@@ -6,7 +6,6 @@ Takes M minutes of real time. Slopes are those of a line through all minutes but
 """
 
 import argparse
-import array
 import os
 import pathlib
 import statistics
@@ -24,11 +23,7 @@ PAUSES = (1200, 700, 2500, 5000)  # ms, after each recording
 
 
 def loop(recordings):
-    samples = array.array("h")
-    for index, recording in enumerate(recordings):
-        samples.extend(recording.samples)
-        samples.extend([0] * (PAUSES[index % len(PAUSES)] * sounds.RATE // 1000))
-    return samples
+    return sounds.joined(recordings, pauses=PAUSES).samples
 
 
 class Endless:

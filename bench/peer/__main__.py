@@ -22,10 +22,12 @@ import time
 
 import websockets
 
-sys.path.insert(0, str(pathlib.Path(__file__).parent.parent))
+BENCH = pathlib.Path(__file__).parent.parent
+sys.path[:0] = [str(BENCH), str(BENCH / "accuracy")]
 
 import engines
 import live
+from figures import percentile
 
 RATE = 16000  # Hz
 TONE = 300  # ms
@@ -162,20 +164,20 @@ def main():
         environment = engines.environment_with(pathlib.Path(folder) / "tones", {"ja-JP": engines.TONES})
         for count in map(int, options.channels.split(",")):
             streams = [tones(options.seconds, 1000 + 3100 * number / count) for number in range(count)]
-            for name, figures in (
+            for name, measure in (
                     ("helper", lambda: helper_figures(options.helper, environment, streams, options.seconds)),
                     ("server", lambda: peer_figures(options.server, options.libraries, streams, options.seconds))):
-                delays, processors, errors = figures()
-                every = sorted(delay for channel in delays for delay in channel)
+                delays, processors, errors = measure()
+                every = [delay for channel in delays for delay in channel]
                 # What was said in the last two seconds may not have been shown yet.
                 said = sum(start < 1000 * options.seconds - 2000 for _, starts in streams for start in starts)
                 shown = sum(min(len(channel), sum(start < 1000 * options.seconds - 2000 for start in starts))
                             for channel, (_, starts) in zip(delays, streams))
                 late = [delay for channel in delays for delay in channel[len(channel) // 2:]]
                 keeps_up = shown == said and max(late, default=math.inf) < 2000
-                middle = every[len(every) // 2] if every else math.inf
-                high = every[math.ceil(.95 * len(every)) - 1] if every else math.inf
-                print(f"| {count} | {name} | {middle:.0f} ms | {high:.0f} ms | {shown} of {said} | {processors:.3f} | "
+                middle, high = ("none" if delay is None else f"{delay:.0f} ms"
+                                for delay in (percentile(every, .5), percentile(every, .95)))
+                print(f"| {count} | {name} | {middle} | {high} | {shown} of {said} | {processors:.3f} | "
                       f"{processors / count:.4f} | {'yes' if keeps_up else 'no'} |", flush=True)
                 if errors:
                     print(f"errors: {sorted(set(errors))}")
