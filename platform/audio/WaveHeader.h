@@ -35,7 +35,7 @@ bool isWave(std::span<const std::uint8_t> firstBytes);
 
 // Parses the beginning of a WAV file: the chunks up to the samples. Returns none when more bytes are needed.
 // Reads PCM of 8 to 32 bits and floats of 32 and 64, also as WAVE_FORMAT_EXTENSIBLE. The layout is that of
-// Microsoft's "Multimedia Programming Interface and Data Specifications 1.0", RF64's that of EBU Tech 3306.
+// RIFF WAVE as Microsoft and IBM published it in 1991, RF64's that of EBU Tech 3306.
 // Throws WaveError. Any thread.
 std::optional<WaveHeader> parseWaveHeader(std::span<const std::uint8_t> bytes);
 

@@ -582,14 +582,12 @@ std::vector<Invariant> conversationInvariants() {
       {"stopped-silent", nullptr, stoppedSilent},
       {"muted-silent",
        "A muted source has no transcript and no error of its recognition until it is unmuted or its session "
-       "is "
-       "started again. On the analyzer backend from when its channel exists, unless the session was stopped "
-       "before.",
+       "is started again. On the analyzer backend from when its channel exists, unless the session was "
+       "stopped before.",
        mutedSilent},
       {"cancelled-silent",
        "On the legacy backend no transcript of an utterance follows the muting of its source or the end of "
-       "its "
-       "session.",
+       "its session.",
        cancelledSilent},
       {"one-final", nullptr, oneFinal},
       {"final-last", nullptr, finalLast},

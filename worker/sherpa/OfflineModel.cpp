@@ -159,6 +159,7 @@ GrowingWindow::Answer OfflineModel::decode(std::span<const std::int16_t> samples
   if (samples.empty()) return {};
   samples = samples.first(std::min(samples.size(), static_cast<std::size_t>(GrowingWindow::longestLength)));
   auto answer = decodeOnce(samples, silenceAtEnd);
+  if (repetitionAtEnd(answer.words).length == 0) return answer;
   Loudness loudness;
   loudness.append(samples);
   const auto voice = loudness.voiceEnd(0) - loudness.voiceStart(0);
