@@ -15,8 +15,12 @@ namespace palaver {
 
 namespace {
 
-constexpr std::size_t usualBlockSize = std::size_t{256} << 10;  // bytes
-constexpr std::size_t smallestRead = std::size_t{64} << 10;     // minimum free bytes worth a read
+// Sizes in bytes. A host that is far ahead gets larger blocks, which take fewer reads and wake-ups.
+constexpr std::size_t usualBlockSize = std::size_t{256} << 10;
+constexpr std::size_t burstBlockSize = std::size_t{1} << 20;
+constexpr std::size_t burstRead = std::size_t{128}
+                                  << 10;  // a read this long shows that the host is far ahead
+constexpr std::size_t smallestRead = std::size_t{64} << 10;  // minimum free bytes worth a read
 constexpr const char* lineDoesNotFit = "Invalid JSON command: the line does not fit into memory";
 constexpr std::size_t spareBlocks = 4;  // blocks kept for reuse
 
@@ -36,32 +40,40 @@ class CommandChannel::Block {
   std::size_t size_;
 };
 
-// Keeps a few blocks of the usual size for reuse, so that a steady audio stream allocates no memory. All
-// other blocks are freed. Any thread.
+// Keeps a few blocks of one size for reuse, so that a steady audio stream allocates no memory. All other
+// blocks are freed. Any thread.
 class CommandChannel::BlockPool : public std::enable_shared_from_this<BlockPool> {
  public:
+  // Sets the size of the blocks to keep, and frees those kept until now.
+  void keep(std::size_t size) {
+    std::vector<std::unique_ptr<Block>> freed;
+    const std::lock_guard guard(lock_);
+    size_ = size;
+    std::swap(freed, spares_);
+  }
+
   std::shared_ptr<Block> take(std::size_t size) {
-    auto block = size == usualBlockSize ? takeSpare() : nullptr;
+    auto block = takeSpare(size);
     if (!block) block = std::make_unique<Block>(size);
     return {block.release(),
             [pool = shared_from_this()](Block* done) { pool->giveBack(std::unique_ptr<Block>(done)); }};
   }
 
  private:
-  std::unique_ptr<Block> takeSpare() {
+  std::unique_ptr<Block> takeSpare(std::size_t size) {
     const std::lock_guard guard(lock_);
-    if (spares_.empty()) return nullptr;
+    if (size != size_ || spares_.empty()) return nullptr;
     auto block = std::move(spares_.back());
     spares_.pop_back();
     return block;
   }
   void giveBack(std::unique_ptr<Block> block) {
-    if (block->size() != usualBlockSize) return;
     const std::lock_guard guard(lock_);
-    if (spares_.size() < spareBlocks) spares_.push_back(std::move(block));
+    if (block->size() == size_ && spares_.size() < spareBlocks) spares_.push_back(std::move(block));
   }
 
   std::mutex lock_;
+  std::size_t size_ = usualBlockSize;
   std::vector<std::unique_ptr<Block>> spares_;
 };
 
@@ -71,6 +83,7 @@ CommandChannel::CommandChannel(MainQueue& mainQueue, JSONLineWriter& writer, Com
       writer_(writer),
       handler_(handler),
       longestLine_(longestLine),
+      blockSize_(usualBlockSize),
       pool_(std::make_shared<BlockPool>()) {}
 
 CommandChannel::~CommandChannel() = default;
@@ -78,7 +91,7 @@ CommandChannel::~CommandChannel() = default;
 std::span<char> CommandChannel::prepare() {
   const std::size_t unfinished = filled_ - lineStart_;
   // A block that grew for a long line is released with that line, regardless of the room it has left.
-  const bool outgrown = block_ && block_->size() > usualBlockSize && unfinished < usualBlockSize / 2;
+  const bool outgrown = block_ && block_->size() > blockSize_ && unfinished < blockSize_ / 2;
   if (!block_ || outgrown || block_->size() - filled_ < smallestRead) {
     try {
       replaceBlock(unfinished);
@@ -95,15 +108,32 @@ std::span<char> CommandChannel::prepare() {
 }
 
 void CommandChannel::replaceBlock(std::size_t unfinished) {
-  // A line longer than half a block moves to a larger block, so it is copied only a few times.
-  auto next = pool_->take(unfinished < usualBlockSize / 2 ? usualBlockSize : unfinished * 2 + smallestRead);
+  setBlockSize(std::exchange(hadBurst_, false) ? burstBlockSize : usualBlockSize);
+  std::shared_ptr<Block> next;
+  try {
+    next = takeBlock(unfinished);
+  } catch (const std::bad_alloc&) {
+    if (blockSize_ == usualBlockSize) throw;
+    setBlockSize(usualBlockSize);
+    next = takeBlock(unfinished);
+  }
   if (unfinished > 0) std::memcpy(next->bytes(), block_->bytes() + lineStart_, unfinished);
   block_ = std::move(next);
   lineStart_ = 0;
   filled_ = unfinished;
 }
 
+void CommandChannel::setBlockSize(std::size_t size) {
+  if (std::exchange(blockSize_, size) != size) pool_->keep(size);
+}
+
+// A line longer than half a block moves to a larger block, so it is copied only a few times.
+std::shared_ptr<CommandChannel::Block> CommandChannel::takeBlock(std::size_t unfinished) {
+  return pool_->take(unfinished < blockSize_ / 2 ? blockSize_ : unfinished * 2 + smallestRead);
+}
+
 void CommandChannel::received(std::size_t count) {
+  hadBurst_ = hadBurst_ || count >= burstRead;
   try {
     splitLines(count);
   } catch (const std::exception& failure) {
@@ -112,9 +142,12 @@ void CommandChannel::received(std::size_t count) {
 }
 
 void CommandChannel::splitLines(std::size_t count) {
-  std::size_t searched = filled_;
+  std::size_t searched = filled_;  // the bytes of the current line before it hold no line feed
   filled_ += count;
-  while (const void* lineFeed = std::memchr(block_->bytes() + searched, '\n', filled_ - searched)) {
+  for (;;) {
+    while (searched == lineStart_ && decodePlainLine()) searched = lineStart_;
+    const void* const lineFeed = std::memchr(block_->bytes() + searched, '\n', filled_ - searched);
+    if (!lineFeed) break;
     const auto end = static_cast<std::size_t>(static_cast<const char*>(lineFeed) - block_->bytes());
     endLine(end);
     searched = end + 1;
@@ -127,6 +160,27 @@ void CommandChannel::splitLines(std::size_t count) {
   handOverCommands();
   handOverErrors();
   if (isShutDown_) writer_.limitStalls();
+}
+
+// Decodes the current line without a search for its end, which costs a pass over the line. Returns false if
+// the line is not plain, whole and allowed. In that case nothing has changed.
+bool CommandChannel::decodePlainLine() {
+  if (skipping_ || isShutDown_ || lineStart_ == filled_) return false;
+  char* const line = block_->bytes() + lineStart_;
+  std::optional<PlainCommand> plain;
+  try {
+    plain = decodePlainCommand(line, filled_ - lineStart_);
+  } catch (const std::bad_alloc&) {
+    return false;  // decodeLine() reports it
+  }
+  if (!plain || line[plain->length] != '\n' || plain->length > longestLine_) return false;
+  lineStart_ += plain->length + 1;
+  try {
+    keep(std::move(plain->command), plain->length);
+  } catch (const std::bad_alloc&) {
+    reportError(lineDoesNotFit);
+  }
+  return true;
 }
 
 void CommandChannel::ended() {
@@ -158,17 +212,20 @@ void CommandChannel::decodeLine(char* line, std::size_t length) {
   // with a brace.
   if ((length == 0 || line[0] != '{') && trimWhitespaceAndNewlines({line, length}).empty()) return;
   try {
-    auto command = decodeHelperCommand(line, length);
-    handOverErrors();
-    isShutDown_ = command.type == "shutdown";
-    // The lines of a read are about equally long.
-    if (commands_.empty()) commands_.reserve(1 + (filled_ - lineStart_) / (length + 1));
-    commands_.push_back(std::move(command));
+    keep(decodeHelperCommand(line, length), length);
   } catch (const DecodingError& error) {
     reportError(std::string("Invalid JSON command: ") + error.what());
   } catch (const std::bad_alloc&) {
     reportError(lineDoesNotFit);
   }
+}
+
+void CommandChannel::keep(HelperCommand command, std::size_t lineLength) {
+  handOverErrors();
+  isShutDown_ = command.type == "shutdown";
+  // The lines of a read are about equally long.
+  if (commands_.empty()) commands_.reserve(1 + (filled_ - lineStart_) / (lineLength + 1));
+  commands_.push_back(std::move(command));
 }
 
 // Commands before the line are queued first, so that none waits for a host that does not read. Once an error

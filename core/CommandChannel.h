@@ -46,10 +46,14 @@ class CommandChannel final : public InputHandler {
   using Errors = std::vector<std::pair<std::string, std::size_t>>;  // message, times in a row
 
   void replaceBlock(std::size_t unfinished);
+  void setBlockSize(std::size_t size);
+  std::shared_ptr<Block> takeBlock(std::size_t unfinished);
   void splitLines(std::size_t count);
+  bool decodePlainLine();
   void endLine(std::size_t end);
   void reportTooLongLine();
   void decodeLine(char* line, std::size_t length);
+  void keep(HelperCommand command, std::size_t lineLength);
   void reportError(const std::string& message);
   void handOverCommands();
   void handOverErrors();
@@ -58,6 +62,8 @@ class CommandChannel final : public InputHandler {
   JSONLineWriter& writer_;
   CommandHandler& handler_;
   const std::size_t longestLine_;
+  std::size_t blockSize_;  // of a block for usual lines, bytes
+  bool hadBurst_ = false;  // a long read went into block_
   std::shared_ptr<BlockPool> pool_;
   std::shared_ptr<Block> block_;
   std::size_t lineStart_ = 0;  // start of the current line in block_

@@ -19,16 +19,16 @@ namespace palaver {
 
 namespace {
 
-// Feeds a line to the parser and leaves it unchanged. Skips the text of a string in one step. A string that
+// Feeds text to the parser and leaves it unchanged. Skips the text of a string in one step. A string that
 // holds an escape, a control character or a byte beyond ASCII ends the input early, so that the parse fails.
 // The names are those of RapidJSON's concept of a stream that is parsed in place.
 class PlainTextStream {
  public:
   using Ch = char;
 
-  // `line[length]` must be 0.
-  PlainTextStream(char* line, std::size_t length, const VectorKernels& kernels)
-      : begin_(line), at_(line), end_(line + length), kernels_(&kernels) {}
+  // `text[length]` must be 0.
+  PlainTextStream(char* text, std::size_t length, const VectorKernels& kernels)
+      : begin_(text), at_(text), end_(text + length), kernels_(&kernels) {}
 
   Ch Peek() const { return *at_; }
   Ch Take() { return *at_++; }
@@ -45,6 +45,11 @@ class PlainTextStream {
   // The parser ends a string with a zero, which is only counted.
   void Put(Ch) { ++written_; }
   std::size_t PutEnd(const Ch* text) { return static_cast<std::size_t>(written_ - text); }
+
+  // Called by the parser between tokens, in place of its own. Stops at a line feed, which ends the line.
+  friend void SkipWhitespace(PlainTextStream& stream) {
+    while (*stream.at_ == ' ' || *stream.at_ == '\t' || *stream.at_ == '\r') ++stream.at_;
+  }
 
  private:
   Ch* begin_;
@@ -340,23 +345,23 @@ std::string at(std::string_view what, std::size_t offset) {
 // Deeper nesting takes the parser that uses no stack for it.
 constexpr int maxPlainDepth = 8;
 
-// Decodes a line whose strings are plain text, as all audio is, in one pass and without changing it. Returns
-// none for any other line, valid or not. `line[length]` must be 0.
-std::optional<HelperCommand> decodePlainLine(char* line, std::size_t length, const VectorKernels& kernels) {
-  PlainTextStream stream(line, length, kernels);
-  CommandBuilder builder({.escapes = false, .maxDepth = maxPlainDepth});
-  rapidjson::Reader reader;
-  constexpr unsigned flags = rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
-  if (reader.Parse<flags>(stream, builder).IsError() || stream.Tell() != length || !builder.finish())
-    return std::nullopt;
-  return builder.take();
-}
-
 }  // namespace
 
+std::optional<PlainCommand> decodePlainCommand(char* text, std::size_t length, const VectorKernels& kernels) {
+  text[length] = '\0';
+  PlainTextStream stream(text, length, kernels);
+  CommandBuilder builder({.escapes = false, .maxDepth = maxPlainDepth});
+  rapidjson::Reader reader;
+  constexpr unsigned flags =
+      rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseStopWhenDoneFlag;
+  if (reader.Parse<flags>(stream, builder).IsError() || !builder.finish()) return std::nullopt;
+  SkipWhitespace(stream);
+  return PlainCommand{.command = builder.take(), .length = stream.Tell()};
+}
+
 HelperCommand decodeHelperCommand(char* line, std::size_t length, const VectorKernels& kernels) {
-  line[length] = '\0';
-  if (auto command = decodePlainLine(line, length, kernels)) return std::move(*command);
+  if (auto plain = decodePlainCommand(line, length, kernels); plain && plain->length == length)
+    return std::move(plain->command);
 
   unsigned char bits = 0;
   unsigned char missedControls = 0;

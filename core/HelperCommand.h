@@ -49,4 +49,19 @@ inline constexpr int maxNestingDepth = 512;
 HelperCommand decodeHelperCommand(char* line, std::size_t length,
                                   const VectorKernels& kernels = fastestVectorKernels());
 
+// A command with the length of its text, without the line feed after it, bytes.
+struct PlainCommand {
+  HelperCommand command;
+  std::size_t length;
+};
+
+// Decodes the command at the start of `text` if its strings are plain text, as those of all audio are, in one
+// pass that looks no further than a line feed. The line is whole if text[length of the result] is a line
+// feed. Returns none for any other line, valid or not: decodeHelperCommand() decides on it.
+//
+// Leaves the `length` bytes of `text` unchanged and overwrites the byte after them. The decodingPadding bytes
+// after the text must belong to the caller. Any thread.
+std::optional<PlainCommand> decodePlainCommand(char* text, std::size_t length,
+                                               const VectorKernels& kernels = fastestVectorKernels());
+
 }  // namespace palaver

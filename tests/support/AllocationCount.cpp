@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <new>
 
 namespace palaver {
@@ -16,8 +17,7 @@ namespace {
 
 std::atomic<std::size_t> held{0};
 std::atomic<std::size_t> large{0};
-std::atomic<bool> refusesLarge{false};
-constexpr std::size_t largeSize = std::size_t{64} << 10;  // bytes
+std::atomic<std::size_t> refusedSize{std::numeric_limits<std::size_t>::max()};  // least size refused, bytes
 
 std::size_t usableSize(void* memory) {
 #ifdef __APPLE__
@@ -28,11 +28,11 @@ std::size_t usableSize(void* memory) {
 }
 
 void* allocate(std::size_t size) {
-  if (size >= largeSize && refusesLarge) throw std::bad_alloc();
+  if (size >= refusedSize) throw std::bad_alloc();
   void* const memory = std::malloc(size ? size : 1);
   if (!memory) throw std::bad_alloc();
   held += usableSize(memory);
-  if (size >= largeSize) ++large;
+  if (size >= largeAllocation) ++large;
   return memory;
 }
 
@@ -51,8 +51,8 @@ std::size_t largeAllocations() {
   return large;
 }
 
-void refuseLargeAllocations(bool refuse) {
-  refusesLarge = refuse;
+void refuseLargeAllocations(bool refuse, std::size_t leastSize) {
+  refusedSize = refuse ? leastSize : std::numeric_limits<std::size_t>::max();
 }
 
 }  // namespace palaver

@@ -9,10 +9,12 @@ namespace palaver {
 // Bytes allocated through operator new and not yet freed. Any thread.
 std::size_t allocatedBytes();
 
-// Allocations of at least 64 KiB so far. Any thread.
+inline constexpr std::size_t largeAllocation = std::size_t{64} << 10;  // bytes
+
+// Allocations of at least largeAllocation bytes so far. Any thread.
 std::size_t largeAllocations();
 
-// Makes allocations of at least 64 KiB throw std::bad_alloc, or succeed again. Any thread.
-void refuseLargeAllocations(bool refuse);
+// Makes allocations of at least `leastSize` bytes throw std::bad_alloc, or succeed again. Any thread.
+void refuseLargeAllocations(bool refuse, std::size_t leastSize = largeAllocation);
 
 }  // namespace palaver

@@ -333,6 +333,77 @@ TEST(CommandChannelTest, MemoryOfStallIsReleased) {
   EXPECT_LT(allocatedBytes() - before, std::size_t{4} << 20);
 }
 
+// Lines of 4 KB, `bytes` in all.
+std::string linesOf(std::size_t bytes) {
+  const std::string line = stop(std::string(4000, 'a')) + "\n";
+  std::string lines;
+  while (lines.size() < bytes) lines += line;
+  return lines;
+}
+
+constexpr std::size_t usualBlock = std::size_t{256} << 10;
+constexpr std::size_t burstBlock = std::size_t{1} << 20;
+
+TEST(CommandChannelTest, LongReadMakesNextBlockLarger) {
+  Conversation host;
+  EXPECT_EQ(host.channel.prepare().size(), usualBlock);
+  host.receive(linesOf(usualBlock - 4096));
+  EXPECT_EQ(host.channel.prepare().size(), burstBlock);
+}
+
+TEST(CommandChannelTest, BlocksAreUsualAgainAfterBurst) {
+  Conversation host;
+  host.receive(linesOf(usualBlock - 4096));
+  ASSERT_EQ(host.channel.prepare().size(), burstBlock);
+  host.receiveInReadsOf(4096, linesOf(2 * burstBlock));
+  EXPECT_LE(host.channel.prepare().size(), usualBlock);
+}
+
+TEST(CommandChannelTest, MemoryOfBurstIsReleasedAfterIt) {
+  Conversation host;
+  const auto before = allocatedBytes();
+  const auto send = [&host](std::size_t size, std::size_t bytes) {
+    const std::string lines = linesOf(bytes);
+    for (std::string_view rest = lines; !rest.empty(); rest.remove_prefix(std::min(size, rest.size()))) {
+      host.receive(rest.substr(0, size));
+      host.fake.mainQueue.runAll();
+      host.backend.calls.clear();
+    }
+  };
+  send(burstBlock, 16 * burstBlock);
+  send(4096, 2 * burstBlock);
+  EXPECT_LT(allocatedBytes() - before, 3 * usualBlock);
+}
+
+TEST(CommandChannelTest, BurstGoesOnInUsualBlocksWhenLargerOnesDoNotFit) {
+  Conversation host;
+  const std::string lines = linesOf(usualBlock - 4096);
+  host.receive(lines);
+  refuseLargeAllocations(true, usualBlock * 2);
+  host.receive(lines);
+  refuseLargeAllocations(false);
+  host.fake.mainQueue.runAll();
+  EXPECT_EQ(host.backend.calls.size(), lines.size() / stop(std::string(4001, 'a')).size() * 2);
+  EXPECT_THAT(host.messages(), IsEmpty());
+}
+
+TEST(CommandChannelTest, LineFeedBetweenTokensEndsLine) {
+  Conversation host;
+  host.receive("{\"type\":\n\"session.stop\",\"sessionId\":\"a\"}\n" + stop("b") + "\r\n" + stop("c") +
+               " \t\n");
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('b')", "stopSession('c')"));
+  EXPECT_EQ(host.messages().size(), 2U);
+}
+
+TEST(CommandChannelTest, SecondCommandOnLineIsRejectedWithFirst) {
+  Conversation host;
+  host.receive(stop("a") + stop("b") + "\n" + stop("c") + "\n");
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('c')"));
+  EXPECT_THAT(host.messages(), ElementsAre(::testing::HasSubstr("something follows the object")));
+}
+
 TEST(CommandChannelTest, CommandsStayValidAfterLaterReads) {
   // Later input must not overwrite the bytes that earlier commands refer to.
   Conversation host;

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <string>
@@ -514,6 +515,41 @@ TEST(HelperCommandTest, ErrorNeverRepeatsPayload) {
     EXPECT_THAT(decoded.failure(), Not(HasSubstr(secret))) << line;
     EXPECT_THAT(decoded.failure(), Not(HasSubstr("123454321"))) << line;
   }
+}
+
+// The first command of a text whose end is unknown, with the padding that the decoder requires.
+std::optional<PlainCommand> plainCommandOf(std::string text) {
+  const std::size_t length = text.size();
+  text.append(decodingPadding, '"');
+  return decodePlainCommand(text.data(), length);
+}
+
+TEST(HelperCommandTest, PlainCommandEndsAtLineFeedWhateverFollows) {
+  const std::string line = R"({"type":"ping","sentAt":2})";
+  for (const auto* const blanks : {"", " ", "\t \r"})
+    for (const auto* const rest : {"", "{\"type\":", "\n\n", "}\x80"}) {
+      const auto plain = plainCommandOf(line + blanks + "\n" + rest);
+      ASSERT_TRUE(plain.has_value()) << blanks << rest;
+      EXPECT_EQ(plain->length, line.size() + std::strlen(blanks)) << rest;
+      EXPECT_EQ(plain->command.sentAt, 2.0);
+    }
+}
+
+TEST(HelperCommandTest, PlainCommandDoesNotCrossLineFeed) {
+  const std::string line = R"({"type":"ping","sentAt":2,"extra":[1,{"a":null}]})";
+  for (std::size_t at = 0; at < line.size(); ++at)
+    EXPECT_FALSE(plainCommandOf(line.substr(0, at) + "\n" + line.substr(at) + "\n").has_value()) << at;
+}
+
+TEST(HelperCommandTest, PlainCommandNeedsItsWholeText) {
+  const std::string line = R"({"type":"ping","sentAt":2})";
+  for (std::size_t length = 0; length < line.size(); ++length)
+    EXPECT_FALSE(plainCommandOf(line.substr(0, length)).has_value()) << length;
+}
+
+TEST(HelperCommandTest, CommandThatIsNotPlainTextIsLeftToFullDecoder) {
+  for (const auto* const text : {"a\\n", "\xE3\x81\x82", "a\x1F"})
+    EXPECT_FALSE(plainCommandOf(R"({"type":")" + std::string(text) + "\"}\n").has_value()) << text;
 }
 
 TEST(HelperCommandTest, TextsAreViewsIntoLine) {
