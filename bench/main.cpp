@@ -34,6 +34,7 @@ int play(std::span<char*> arguments) {
   const std::map<std::string, std::function<int()>> roles{
       {"limit", runLimit},
       {"wake-up", runWakeUp},
+      {"two-wake-ups", runTwoWakeUps},
       {"path", [&] { return runPath(1, arguments.data()); }},
       {"path-arrivals", [&] { return runPathArrivals(1, arguments.data()); }},
       {"path-stalled", [&] { return runStalledPath(1, arguments.data()); }},

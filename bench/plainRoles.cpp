@@ -2,10 +2,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "bench/Load.h"
@@ -46,6 +49,36 @@ int runWakeUp() {
                       static_cast<std::size_t>(std::count(bytes.begin(), bytes.begin() + count, '\n')), now);
     }
   });
+  reader.join();
+  for (const double arrival : arrivals) std::printf("%.9f\n", arrival);
+  return 0;
+}
+
+int runTwoWakeUps() {
+  std::mutex lock;
+  std::condition_variable changed;
+  std::size_t waiting = 0;
+  bool ended = false;
+  std::thread reader([&] {
+    std::vector<char> bytes(1 << 16);
+    for (;;) {
+      const ssize_t count = ::read(STDIN_FILENO, bytes.data(), bytes.size());
+      {
+        const std::lock_guard guard(lock);
+        ended = count <= 0;
+        if (!ended)
+          waiting += static_cast<std::size_t>(std::count(bytes.begin(), bytes.begin() + count, '\n'));
+      }
+      changed.notify_one();
+      if (count <= 0) return;
+    }
+  });
+  std::vector<double> arrivals;
+  for (std::unique_lock guard(lock);;) {
+    changed.wait(guard, [&] { return waiting > 0 || ended; });
+    if (waiting == 0) break;
+    arrivals.insert(arrivals.end(), std::exchange(waiting, 0), monotonicSeconds());
+  }
   reader.join();
   for (const double arrival : arrivals) std::printf("%.9f\n", arrival);
   return 0;

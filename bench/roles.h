@@ -11,6 +11,10 @@ int runLimit();
 // Reads on an otherwise idle thread. Prints the monotonic time (seconds) of every line feed's arrival.
 int runWakeUp();
 
+// Like runWakeUp(), but a second thread, woken by the first through a condition variable, takes the time: the
+// two wake-ups of the helper without its work.
+int runTwoWakeUps();
+
 // Runs the helper's whole path up to a recognition that counts. Figures: buffers, seconds from the first
 // byte, processor (seconds of both threads), reader and main (seconds of each thread).
 int runPath(int argumentCount, char** arguments);
