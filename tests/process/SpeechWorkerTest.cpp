@@ -173,12 +173,13 @@ TEST_F(RealSpeechWorker, WorkerInheritsOnlyItsSocket) {
   }
   // Nothing is ignored or blocked, whatever the helper does. The C library keeps signals 32 and 33 to itself.
   constexpr unsigned long long ofLibrary = 3ULL << 31;
-  const auto status = contents("/proc/" + std::to_string(worker) + "/status");
-  for (const auto* field : {"SigIgn:\t", "SigBlk:\t"}) {
-    const auto at = status.find(field);
-    ASSERT_NE(at, std::string::npos);
-    EXPECT_EQ(std::stoull(status.substr(at + 8), nullptr, 16) & ~ofLibrary, 0U) << field;
-  }
+  // The library blocks all signals while it starts a thread, so the worker is asked until it has done that.
+  for (const auto* field : {"SigIgn:\t", "SigBlk:\t"})
+    EXPECT_TRUE(eventually([&] {
+      const auto status = contents("/proc/" + std::to_string(worker) + "/status");
+      const auto at = status.find(field);
+      return at != std::string::npos && (std::stoull(status.substr(at + 8), nullptr, 16) & ~ofLibrary) == 0;
+    })) << field;
 }
 
 TEST_F(RealSpeechWorker, KilledHelperLeavesNoWorker) {
