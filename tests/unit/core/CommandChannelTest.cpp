@@ -351,6 +351,40 @@ TEST(CommandChannelTest, LongReadMakesNextBlockLarger) {
   EXPECT_EQ(host.channel.prepare().size(), burstBlock);
 }
 
+TEST(CommandChannelTest, ReadOf128KiBIsBurst) {
+  constexpr std::size_t burst = std::size_t{128} << 10;
+  for (const std::size_t read : {burst - 1, burst}) {
+    Conversation host;
+    host.receive(std::string(read, '\n'));
+    host.receiveInReadsOf(4096, std::string(std::size_t{17} * 4096, '\n'));
+    EXPECT_EQ(host.channel.prepare().size(), read == burst ? burstBlock : usualBlock) << read;
+  }
+}
+
+TEST(CommandChannelTest, BlockIsReplacedWhenLessThan64KiBOfRoomAreLeft) {
+  constexpr std::size_t least = std::size_t{64} << 10;
+  Conversation host;
+  host.receiveInReadsOf(4096, std::string(usualBlock - least, '\n'));
+  EXPECT_EQ(host.channel.prepare().size(), least);
+  host.receive("\n");
+  EXPECT_EQ(host.channel.prepare().size(), usualBlock);
+}
+
+TEST(CommandChannelTest, LineOfHalfBlockMovesToBlockOfTwiceItsLength) {
+  constexpr std::size_t least = std::size_t{64} << 10;
+  for (const std::size_t length : {usualBlock / 2 - 1, usualBlock / 2}) {
+    Conversation host;
+    host.receiveInReadsOf(4096, std::string(usualBlock - least - length, '\n'));
+    host.receiveInReadsOf(4096, std::string(length, ' '));
+    EXPECT_EQ(host.channel.prepare().size(), least);
+    host.receive(" ");
+    const std::size_t unfinished = length + 1;
+    EXPECT_EQ(host.channel.prepare().size(),
+              unfinished < usualBlock / 2 ? usualBlock - unfinished : unfinished + least)
+        << length;
+  }
+}
+
 TEST(CommandChannelTest, BlocksAreUsualAgainAfterBurst) {
   Conversation host;
   host.receive(linesOf(usualBlock - 4096));
