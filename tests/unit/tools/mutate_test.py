@@ -217,6 +217,18 @@ class LaboratoryTest(unittest.TestCase):
         self.compiles = False
         self.assertEqual(self.judge("true"), ("does not compile", ""))
 
+    def test_real_time_failure_that_does_not_come_again_catches_nothing(self):
+        once = "test -e failed && exit 0; touch failed; echo '[  FAILED  ] Suite.Test'; exit 1"
+        self.assertEqual(self.judge(once, is_real_time=True), ("caught by chance", "test: Suite.Test"))
+
+    def test_real_time_failure_that_comes_again_catches_the_edit(self):
+        self.assertEqual(self.judge("echo '[  FAILED  ] Suite.Test'; exit 1", is_real_time=True), ("caught", "test: Suite.Test"))
+
+    def test_tests_named_after_the_file_run_first(self):
+        program = mutate.Program("test", [], ["run"], suites=["Base64Test", "UUIDTest"])
+        self.assertEqual(program.named("core/Base64Nibbles.h"), ["run", "--gtest_filter=*Base64*:*Base64Nibbles*"])
+        self.assertIsNone(program.named("core/PCMDecoding.cpp"))
+
     def test_copy_is_restored_after_an_interruption(self):
         with mock.patch.object(self.laboratory, "run", side_effect=KeyboardInterrupt):
             self.assertRaises(KeyboardInterrupt, self.judge, "true")
