@@ -1,7 +1,9 @@
 // Abstracts a model in memory and the transcription of one request's audio by it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <span>
 #include <string>
@@ -45,13 +47,20 @@ class Transcriber {
   Transcriber& operator=(const Transcriber&) = default;
 };
 
-// Serves any number of transcribers in turn, which must not outlive it.
+// Serves any number of transcribers, which must not outlive it. Used on one thread, the model's.
 class LoadedModel {
  public:
   virtual ~LoadedModel() = default;
 
   // `phrases` are preferred where the model can do that, and ignored elsewhere.
   virtual std::unique_ptr<Transcriber> transcribe(const std::vector<std::string>& phrases) = 0;
+
+  // Most transcribers of one call of work(). More than 1 where decoding them together costs less.
+  virtual std::size_t batchSize() const { return 1; }
+
+  // Decodes one step of each of these transcribers of this model, which have work. Returns the exception of
+  // each, null where it succeeded.
+  virtual std::vector<std::exception_ptr> work(std::span<Transcriber* const> batch);
 
  protected:
   LoadedModel() = default;

@@ -5,11 +5,15 @@
 namespace palaver {
 
 void Loudness::append(std::span<const std::int16_t> samples) {
-  for (const std::int16_t sample : samples) {
-    const double value = sample / 32768.0;
-    unfinished_ += value * value;
-    if (++length_ % frameLength != 0) continue;
-    powers_.push_back(unfinished_ / static_cast<double>(frameLength));
+  constexpr double fullScale = 32768.0 * 32768.0;
+  while (!samples.empty()) {
+    const auto part = samples.first(
+        std::min(samples.size(), static_cast<std::size_t>(frameLength - length_ % frameLength)));
+    for (const std::int32_t sample : part) unfinished_ += sample * sample;
+    length_ += static_cast<std::int64_t>(part.size());
+    samples = samples.subspan(part.size());
+    if (length_ % frameLength != 0) return;
+    powers_.push_back(static_cast<double>(unfinished_) / fullScale / static_cast<double>(frameLength));
     unfinished_ = 0;
   }
 }

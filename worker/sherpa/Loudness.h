@@ -46,7 +46,7 @@ class Loudness {
   std::deque<double> powers_;    // mean square of each whole frame
   std::int64_t firstFrame_ = 0;  // number of the first one in powers_
   std::int64_t length_ = 0;
-  double unfinished_ = 0;  // sum of squares of the frame that is still being filled
+  std::int64_t unfinished_ = 0;  // sum of squares of the frame that is still being filled
 };
 
 }  // namespace palaver

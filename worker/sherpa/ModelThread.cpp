@@ -1,12 +1,15 @@
 #include "worker/sherpa/ModelThread.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <deque>
+#include <exception>
 #include <map>
 #include <optional>
 #include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "worker/sherpa/SherpaError.h"
 
@@ -40,9 +43,11 @@ class ModelThread::Channels final : public EngineThread::Work {
   void step() override {
     dropCancelled();
     takeAudio();
-    if (const auto channel = mostUrgent(); channel != channels_.end()) {
-      step(channel->second);
-      channel->second.servedAt = ++servings_;
+    const auto batch = nextBatch();
+    work(batch);
+    for (Channel* const channel : batch) {
+      channel->servedAt = ++servings_;
+      report(*channel);
     }
     std::erase_if(channels_, [](const auto& entry) { return entry.second.jobs.empty(); });
   }
@@ -60,7 +65,6 @@ class ModelThread::Channels final : public EngineThread::Work {
     std::optional<PlatformError> error;                // ends the first job
     std::uint64_t servedAt = 0;
   };
-  using ChannelsByID = std::map<ChannelID, Channel>;
 
   void loadIfNeeded() {
     if (model_) return;
@@ -121,25 +125,43 @@ class ModelThread::Channels final : public EngineThread::Work {
     return channel.transcriber->hasWork() || channel.transcriber->isFinished();
   }
 
-  ChannelsByID::iterator mostUrgent() {
-    auto best = channels_.end();
-    const auto rank = [](const Channel& channel) {
-      return std::pair(!channel.error && !channel.isEndTaken, channel.servedAt);
+  // Returns the most urgent channel. When it has work, also those with work that may share its step: the next
+  // ones in turn of the same urgency, so that a person who waits for a final waits for finals only.
+  std::vector<Channel*> nextBatch() {
+    std::vector<Channel*> due;
+    for (auto& [id, channel] : channels_)
+      if (isDue(channel) && !channel.jobs.front()->isCancelled) due.push_back(&channel);
+    const auto rank = [](const Channel* channel) {
+      return std::pair(!channel->error && !channel->isEndTaken, channel->servedAt);
     };
-    for (auto channel = channels_.begin(); channel != channels_.end(); ++channel)
-      if (isDue(channel->second) && (best == channels_.end() || rank(channel->second) < rank(best->second)))
-        best = channel;
-    return best;
+    std::ranges::sort(due, {}, rank);
+    if (due.empty()) return due;
+    const auto size = hasWork(*due.front()) ? model_->batchSize() : 1;
+    std::vector<Channel*> batch{due.front()};
+    for (auto channel = due.begin() + 1; channel != due.end() && batch.size() < size; ++channel)
+      if (hasWork(**channel) && (*channel)->isEndTaken == batch.front()->isEndTaken)
+        batch.push_back(*channel);
+    return batch;
   }
 
-  void step(Channel& channel) {
-    if (channel.jobs.empty() || channel.jobs.front()->isCancelled) return;
-    if (!channel.error)
-      channel.error = failureOf(
-          [&transcriber = *channel.transcriber] {
-            if (transcriber.hasWork()) transcriber.work();
-          },
-          engineFailure);
+  static bool hasWork(const Channel& channel) {
+    return !channel.error && channel.transcriber && channel.transcriber->hasWork();
+  }
+
+  // Decodes one step of each channel that has work.
+  void work(const std::vector<Channel*>& batch) {
+    if (batch.empty() || !hasWork(*batch.front())) return;
+    std::vector<Transcriber*> transcribers;
+    for (const Channel* const channel : batch) transcribers.push_back(channel->transcriber.get());
+    const auto failures = model_->work(transcribers);
+    for (std::size_t i = 0; i < batch.size(); ++i)
+      if (failures[i])
+        batch[i]->error = failureOf([&] { std::rethrow_exception(failures[i]); }, engineFailure);
+  }
+
+  // Reports what a channel's step has yielded.
+  void report(Channel& channel) {
+    if (channel.jobs.front()->isCancelled) return;
     if (channel.error) {
       auto error = std::exchange(channel.error, std::nullopt);
       answerLast(*endJob(channel), std::nullopt, std::move(error));
@@ -174,7 +196,7 @@ class ModelThread::Channels final : public EngineThread::Work {
   std::unique_ptr<LoadedModel> model_;  // destroyed after the transcribers
   std::optional<PlatformError> loadError_;
   bool isLoadErrorReported_ = false;
-  ChannelsByID channels_;
+  std::map<ChannelID, Channel> channels_;
   std::uint64_t servings_ = 0;
 };
 

@@ -11,9 +11,10 @@
 namespace palaver {
 
 // The tasks of one channel run one after the other. Among channels, a task whose audio has ended comes first,
-// because a person waits for its final; otherwise they are served in turn. All audio that has arrived is
-// taken before the next decoding, so an overloaded model decodes fewer partial results instead of falling
-// behind.
+// because a person waits for its final; otherwise they are served in turn. Channels that are ready together
+// are decoded in one batch where the model takes batches; none waits for others to become ready. All audio
+// that has arrived is taken before the next decoding, so an overloaded model decodes fewer partial results
+// instead of falling behind.
 //
 // Any thread, unless stated otherwise. The functions return immediately.
 class ModelThread {

@@ -45,6 +45,8 @@ std::shared_ptr<const SherpaLibrary> SherpaLibrary::load(const std::vector<std::
     throw sherpaError(sherpaLibraryMissing, std::string(fileName) + " lacks the function SherpaOnnx" #name);
   PALAVER_SHERPA_FUNCTIONS(PALAVER_SHERPA_FIND)
 #undef PALAVER_SHERPA_FIND
+  library->DecodeMultipleOnlineStreams = reinterpret_cast<decltype(library->DecodeMultipleOnlineStreams)>(
+      ::dlsym(handle, "SherpaOnnxDecodeMultipleOnlineStreams"));
   const std::string version = library->GetVersionStr();
   if (version != PALAVER_SHERPA_VERSION)
     throw sherpaError(sherpaLibraryMissing, std::string(fileName) + " has the version " + version +

@@ -54,6 +54,8 @@ class SherpaLibrary {
 #define PALAVER_SHERPA_MEMBER(name) decltype(&SherpaOnnx##name) name = nullptr;
   PALAVER_SHERPA_FUNCTIONS(PALAVER_SHERPA_MEMBER)
 #undef PALAVER_SHERPA_MEMBER
+  // Null in a library that lacks it.
+  decltype(&SherpaOnnxDecodeMultipleOnlineStreams) DecodeMultipleOnlineStreams = nullptr;
 
  private:
   SherpaLibrary() = default;

@@ -1,23 +1,28 @@
 #include "worker/sherpa/StreamingModel.h"
 
 #include <algorithm>
-#include <cstddef>
+#include <array>
 #include <cstdint>
-#include <deque>
 #include <utility>
 
 #include "worker/sherpa/Hotwords.h"
+#include "worker/sherpa/Loudness.h"
 #include "worker/sherpa/floatSamples.h"
 
 namespace palaver {
 
 namespace {
 
-// Audio of one step, samples.
-constexpr std::size_t stepLength = speechSampleRate / 10;
+// Quiet audio that has to follow the last word, samples, so that a model that looks ahead yields it. What the
+// audio lacks of it at its end is added as silence.
+constexpr std::int64_t quietAtEnd = 4 * speechSampleRate / 5;
 
-// Silence after the end of the audio, so that a model that looks ahead yields its last words.
-constexpr std::size_t silenceAtEnd = 4 * speechSampleRate / 5;
+// Longest audio of one decoding step that is expected of a model, samples.
+constexpr std::int64_t longestStep = 10 * speechSampleRate;
+
+// Most streams that are decoded in one call. All of them wait for its end, and beyond this number a stream
+// costs hardly less (docs/performance.md).
+constexpr std::size_t largestBatch = 8;
 
 class StreamingTranscriber final : public Transcriber {
  public:
@@ -31,42 +36,52 @@ class StreamingTranscriber final : public Transcriber {
     if (!stream_) throw sherpaError(sherpaEngineFailed, "The speech engine refuses a stream");
   }
 
+  const SherpaOnnxOnlineStream* stream() const { return stream_.get(); }
+
   void append(std::span<const std::int16_t> samples) override {
-    pending_.insert(pending_.end(), samples.begin(), samples.end());
-    length_ += static_cast<std::int64_t>(samples.size());
+    accept(floatSamples(samples));
+    loudness_.append(samples);
+    loudness_.forgetBefore(length() - quietAtEnd);
   }
 
-  void endAudio() override { isEnded_ = true; }
-  bool wantsAudio() const override { return pending_.size() < 2 * speechSampleRate; }
-  bool hasWork() const override { return !pending_.empty() || (isEnded_ && !isFinished_); }
+  void endAudio() override {
+    isEnded_ = true;
+    if (length() == 0) return;
+    const auto quiet = length() - loudness_.voiceEnd(std::max<std::int64_t>(0, length() - quietAtEnd));
+    if (quiet < quietAtEnd) accept(std::vector<float>(static_cast<std::size_t>(quietAtEnd - quiet)));
+    library_.OnlineStreamInputFinished(stream_.get());
+    updateReady();
+  }
+
+  // What is not decoded waits with the sender.
+  bool wantsAudio() const override { return !isReady_; }
+  bool hasWork() const override { return isReady_; }
 
   void work() override {
-    if (!pending_.empty()) {
-      const auto count = std::min(pending_.size(), stepLength);
-      accept({pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(count)});
-      pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(count));
-    } else {
-      isFinished_ = true;
-      if (length_ == 0) return;
-      accept(std::vector<std::int16_t>(silenceAtEnd));
-      library_.OnlineStreamInputFinished(stream_.get());
-    }
-    bool hasDecoded = false;
-    for (; library_.IsOnlineStreamReady(recognizer_, stream_.get()) != 0; hasDecoded = true)
+    // Not ready any more when it was in a batch that failed.
+    if (library_.IsOnlineStreamReady(recognizer_, stream_.get()) != 0)
       library_.DecodeOnlineStream(recognizer_, stream_.get());
-    if (hasDecoded) updateWords();
+    decoded();
   }
 
-  bool isFinished() const override { return isFinished_; }
+  // Call when the stream has been decoded.
+  void decoded() {
+    updateReady();
+    updateWords();
+  }
+
+  bool isFinished() const override { return isEnded_ && !isReady_; }
   std::vector<SpokenWord> words() const override { return words_; }
-  std::int64_t length() const override { return length_; }
+  std::int64_t length() const override { return loudness_.length(); }
 
  private:
-  void accept(const std::vector<std::int16_t>& samples) {
-    const auto audio = floatSamples(samples);
+  void accept(const std::vector<float>& audio) {
     library_.OnlineStreamAcceptWaveform(stream_.get(), speechSampleRate, audio.data(),
                                         static_cast<std::int32_t>(audio.size()));
+    updateReady();
   }
+
+  void updateReady() { isReady_ = library_.IsOnlineStreamReady(recognizer_, stream_.get()) != 0; }
 
   void updateWords() {
     const std::unique_ptr<const SherpaOnnxOnlineRecognizerResult,
@@ -75,16 +90,15 @@ class StreamingTranscriber final : public Transcriber {
                library_.DestroyOnlineRecognizerResult);
     if (!result || !result->text) return;
     words_ = withoutNoise(
-        wordsOfResult(result->text, result->tokens_arr, result->timestamps, result->count, length_));
+        wordsOfResult(result->text, result->tokens_arr, result->timestamps, result->count, length()));
   }
 
   const SherpaLibrary& library_;
   const SherpaOnnxOnlineRecognizer* const recognizer_;
   const std::unique_ptr<const SherpaOnnxOnlineStream, decltype(SherpaLibrary::DestroyOnlineStream)> stream_;
-  std::deque<std::int16_t> pending_;  // not yet decoded
-  std::int64_t length_ = 0;
+  Loudness loudness_;
+  bool isReady_ = false;  // the stream has enough audio for a step
   bool isEnded_ = false;
-  bool isFinished_ = false;
   std::vector<SpokenWord> words_;
 };
 
@@ -127,15 +141,59 @@ StreamingModel::StreamingModel(std::shared_ptr<const SherpaLibrary> library, con
   }
   recognizer_ = library_->CreateOnlineRecognizer(&config);
   if (!recognizer_) throw refusedModel(model.tokens.parent_path());
+  if (canDecodeTogether()) batchSize_ = largestBatch;
 }
 
 StreamingModel::~StreamingModel() {
   library_->DestroyOnlineRecognizer(recognizer_);
 }
 
+// Tries two streams of silence: a model may have been exported for one stream only.
+bool StreamingModel::canDecodeTogether() {
+  if (!library_->DecodeMultipleOnlineStreams) return false;
+  try {
+    StreamingTranscriber first(*library_, recognizer_, "");
+    StreamingTranscriber second(*library_, recognizer_, "");
+    const std::vector<std::int16_t> silence(speechSampleRate / 10);
+    for (auto* const transcriber : {&first, &second})
+      while (!transcriber->hasWork() && transcriber->length() < longestStep) transcriber->append(silence);
+    if (!first.hasWork() || !second.hasWork()) return false;
+    std::array streams{first.stream(), second.stream()};
+    library_->DecodeMultipleOnlineStreams(recognizer_, streams.data(), streams.size());
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
 std::unique_ptr<Transcriber> StreamingModel::transcribe(const std::vector<std::string>& phrases) {
   return std::make_unique<StreamingTranscriber>(*library_, recognizer_,
                                                 takesHotwords_ ? hotwordsOf(phrases) : "");
+}
+
+std::vector<std::exception_ptr> StreamingModel::work(std::span<Transcriber* const> batch) {
+  if (batch.size() == 1 || batchSize_ == 1) return LoadedModel::work(batch);
+  std::vector<const SherpaOnnxOnlineStream*> streams;
+  for (auto* const transcriber : batch)
+    streams.push_back(static_cast<StreamingTranscriber*>(transcriber)->stream());
+  try {
+    library_->DecodeMultipleOnlineStreams(recognizer_, streams.data(),
+                                          static_cast<std::int32_t>(streams.size()));
+  } catch (...) {
+    // The library does not report which one failed. It may have taken the audio of a step from the others,
+    // whose words are lost then.
+    batchSize_ = 1;
+    return LoadedModel::work(batch);
+  }
+  std::vector<std::exception_ptr> failures(batch.size());
+  for (std::size_t i = 0; i < batch.size(); ++i) {
+    try {
+      static_cast<StreamingTranscriber*>(batch[i])->decoded();
+    } catch (...) {
+      failures[i] = std::current_exception();
+    }
+  }
+  return failures;
 }
 
 }  // namespace palaver

@@ -1,7 +1,10 @@
 // Transcribes with a model that takes audio as it arrives.
 #pragma once
 
+#include <cstddef>
+#include <exception>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,10 +27,18 @@ class StreamingModel final : public LoadedModel {
 
   std::unique_ptr<Transcriber> transcribe(const std::vector<std::string>& phrases) override;
 
+  // 1 when the library or the model cannot decode streams together.
+  std::size_t batchSize() const override { return batchSize_; }
+  // Decodes the streams in one call of the library. When that fails, decodes each alone, and from then on.
+  std::vector<std::exception_ptr> work(std::span<Transcriber* const> batch) override;
+
  private:
+  bool canDecodeTogether();
+
   const std::shared_ptr<const SherpaLibrary> library_;
   const SherpaOnnxOnlineRecognizer* recognizer_ = nullptr;
   bool takesHotwords_ = false;
+  std::size_t batchSize_ = 1;
 };
 
 }  // namespace palaver

@@ -1,10 +1,11 @@
-// A library of another version with the same functions, none of which may be called.
+// A library of the version PALAVER_FAKE_VERSION with the functions that are needed, and not the one for
+// batches. None but the version may be called.
 #include <stdlib.h>
 
 #define EXPORT __attribute__((visibility("default")))
 
 EXPORT const char* SherpaOnnxGetVersionStr(void) {
-  return "0.0.1";
+  return PALAVER_FAKE_VERSION;
 }
 
 #define UNUSED(name)                   \
