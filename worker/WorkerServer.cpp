@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -17,6 +18,11 @@
 namespace palaver {
 
 namespace {
+
+// Steps of less audio than this are reported once in stepInterval at most, frames. Steps that take longer
+// than the interval are all reported.
+constexpr std::int64_t longStep = std::int64_t{10} * workerSampleRate;
+constexpr std::chrono::seconds stepInterval{1};
 
 // Consumed audio is reported in steps of this many frames, and when the audio has ended.
 constexpr std::uint64_t framesPerReport = workerSampleRate / 2;
@@ -158,6 +164,7 @@ WorkerServer::WorkerServer(SpeechRecognition& engine, std::string locale, Descri
 WorkerServer::~WorkerServer() = default;
 
 void WorkerServer::run() {
+  if (auto* const reporter = dynamic_cast<StepReporter*>(&engine_)) reportSteps(*reporter);
   prepareChannels();
   FrameDecoder decoder;
   for (;;) {
@@ -180,6 +187,20 @@ void WorkerServer::run() {
     decoder.received(static_cast<std::size_t>(count));
     while (const auto frame = decoder.next()) handle(*frame);
   }
+}
+
+void WorkerServer::reportSteps(StepReporter& reporter) {
+  using Clock = std::chrono::steady_clock;
+  reporter.reportSteps([sender = sender_, sentAt = std::optional<Clock::time_point>(),
+                        wasLong = false](std::int64_t samples) mutable {
+    const auto now = Clock::now();
+    const bool isLong = samples >= longStep;
+    // The step after a long one is reported too, because it ends the helper's patience with the long one.
+    if (!isLong && !wasLong && sentAt && now - *sentAt < stepInterval) return;
+    wasLong = isLong;
+    sentAt = now;
+    sender->send(encodeDecoding(static_cast<std::uint64_t>(samples)));
+  });
 }
 
 void WorkerServer::prepareChannels() {

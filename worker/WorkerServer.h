@@ -11,6 +11,7 @@
 #include "platform/SpeechRecognition.h"
 #include "platform/linux/WorkerFrames.h"
 #include "platform/posix/Descriptor.h"
+#include "worker/engine/StepReporter.h"
 
 namespace palaver {
 
@@ -46,6 +47,7 @@ class WorkerServer {
   struct WaitingBuffer;
   struct Task;
 
+  void reportSteps(StepReporter& reporter);
   void prepareChannels();
   void handle(const Frame& frame);
   void startTask(std::uint32_t number, StartFrame frame);

@@ -228,7 +228,7 @@ class WorkerConnection::Link {
             return modelNotLoaded("it was not loaded within " + secondsText(settings_.limits.loading));
           case answeringHangs:
             return workerError(WorkerErrorCode::unresponsive, "The speech engine did not answer for " +
-                                                                  secondsText(settings_.limits.answering) +
+                                                                  secondsText(watchdog_.answeringLimit()) +
                                                                   " and was ended" + restartHint);
         }
         if (!outbox_.isEmpty()) waiting[0].events |= POLLOUT;
@@ -278,6 +278,11 @@ class WorkerConnection::Link {
         const std::lock_guard guard(lock_);
         checkTask(frame.id);
         return watchdog_.audioConsumed(frame.id, frames);
+      }
+      case FrameType::decoding: {
+        const auto frames = decodeDecoding(frame.payload);
+        const std::lock_guard guard(lock_);
+        return watchdog_.decodingBegan(frames);
       }
       case FrameType::answer:
         return answer(frame.id, decodeAnswer(frame.payload));

@@ -32,6 +32,7 @@ std::size_t payloadLimit(FrameType type) {
     case FrameType::ready:
       return 0;
     case FrameType::consumed:
+    case FrameType::decoding:
       return sizeof(std::uint64_t);
     case FrameType::audio:
       return sizeof(std::uint64_t) + std::size_t{maxSamplesOfFrame} * sizeof(std::int16_t);
@@ -216,6 +217,12 @@ std::string encodeConsumed(std::uint32_t task, std::uint64_t frames) {
   return payload.finish();
 }
 
+std::string encodeDecoding(std::uint64_t frames) {
+  PayloadWriter payload(FrameType::decoding, 0);
+  payload.number(std::min(frames, maxDecodedFrames));
+  return payload.finish();
+}
+
 StartFrame decodeStart(std::span<const std::byte> bytes) {
   PayloadReader payload(bytes);
   StartFrame frame{};
@@ -277,6 +284,14 @@ std::uint64_t decodeConsumed(std::span<const std::byte> bytes) {
   const auto frames = payload.number<std::uint64_t>();
   payload.finish();
   if (frames > maxPosition) throw MalformedFrame();
+  return frames;
+}
+
+std::uint64_t decodeDecoding(std::span<const std::byte> bytes) {
+  PayloadReader payload(bytes);
+  const auto frames = payload.number<std::uint64_t>();
+  payload.finish();
+  if (frames > maxDecodedFrames) throw MalformedFrame();
   return frames;
 }
 

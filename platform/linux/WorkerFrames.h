@@ -14,6 +14,8 @@
 //     failed        error. The model cannot be loaded; nothing else follows
 //     answer        result, error or both. Ends the task when it holds a final result or an error
 //     consumed      frames of the request's audio that the engine has taken or that were dropped
+//     decoding      frames of audio that the engine begins to decode on the thread that serves all tasks.
+//                   Sent once a second at most while they are few
 //
 // Numbers are in the machine's byte order, because both ends run on one machine. Audio is 16 kHz, mono.
 // Nothing that is received is trusted: lengths are bounded by type, and every field is checked.
@@ -43,16 +45,19 @@ enum class FrameType : std::uint32_t {
   failed = 17,
   answer = 18,
   consumed = 19,
+  decoding = 20,
 };
 
 // Changes with the frames and the worker's arguments. The helper passes its own to the worker, which refuses
 // another one: an update may replace the worker while a helper runs.
-inline constexpr const char* workerProtocolVersion = "2";
+inline constexpr const char* workerProtocolVersion = "3";
 
 // Sample rate of all audio frames, Hz.
 inline constexpr int workerSampleRate = 16000;
 // Most samples of one audio frame: one second.
 inline constexpr std::uint32_t maxSamplesOfFrame = workerSampleRate;
+// Most audio that an engine decodes in one step, frames.
+inline constexpr std::uint64_t maxDecodedFrames = std::uint64_t{60} * workerSampleRate;
 // Most bytes of an answer: a transcript of days.
 inline constexpr std::size_t maxAnswerBytes = std::size_t{16} << 20;
 // Most bytes of all contextual phrases of a task. Phrases beyond it are left out.
@@ -101,6 +106,8 @@ std::string encodeFailure(const PlatformError& error);
 std::string encodeAnswer(std::uint32_t task, const std::optional<RecognitionResult>& result,
                          const std::optional<PlatformError>& error);
 std::string encodeConsumed(std::uint32_t task, std::uint64_t frames);
+// Reports maxDecodedFrames where there are more.
+std::string encodeDecoding(std::uint64_t frames);
 
 struct StartFrame {
   std::uint32_t channel;
@@ -123,5 +130,7 @@ AudioFrame decodeAudio(std::span<const std::byte> payload);
 PlatformError decodeFailure(std::span<const std::byte> payload);
 AnswerFrame decodeAnswer(std::span<const std::byte> payload);
 std::uint64_t decodeConsumed(std::span<const std::byte> payload);
+// At most maxDecodedFrames.
+std::uint64_t decodeDecoding(std::span<const std::byte> payload);
 
 }  // namespace palaver

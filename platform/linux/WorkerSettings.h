@@ -10,7 +10,8 @@ namespace palaver {
 
 struct WorkerLimits {
   double loading = 60'000;      // ms until the model must be loaded
-  double answering = 30'000;    // ms without progress while audio or a final is outstanding
+  double answering = 30'000;    // ms without progress while audio or a final is outstanding ...
+  double decodingPace = 2;      // ... and so many ms more for each ms of audio that is being decoded
   double idle = 60'000;         // ms without a channel after which the worker ends
   double check = 1'000;         // ms between checks of the three above
   std::size_t deaths = 3;       // as many deaths ...

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/linux/WorkerFrames.h"
+
 namespace palaver {
 
 void WorkerWatchdog::loaded() {
@@ -44,6 +46,16 @@ void WorkerWatchdog::answered(std::uint32_t task) {
   progressed(task);
 }
 
+void WorkerWatchdog::decodingBegan(std::uint64_t frames) {
+  decodedFrames_ = frames;
+  for (auto& [number, channel] : channels_) channel.waitingSince.reset();
+}
+
+double WorkerWatchdog::answeringLimit() const {
+  return limits_.answering +
+         limits_.decodingPace * 1000 * static_cast<double>(decodedFrames_) / workerSampleRate;
+}
+
 void WorkerWatchdog::taskEnded(std::uint32_t task) {
   const auto entry = channelOfTask_.find(task);
   if (entry == channelOfTask_.end()) return;
@@ -69,7 +81,7 @@ WorkerWatchdog::Verdict WorkerWatchdog::check(double now) {
       channel.waitingSince.reset();
     } else if (!channel.waitingSince) {
       channel.waitingSince = watched_;
-    } else if (watched_ - *channel.waitingSince >= limits_.answering) {
+    } else if (watched_ - *channel.waitingSince >= answeringLimit()) {
       return Verdict::answeringHangs;
     }
   }

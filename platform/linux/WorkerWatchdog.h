@@ -14,7 +14,10 @@ namespace palaver {
 // run one after the other, so only the first of them is watched.
 //
 // A task expects progress while a second or more of its audio has not been consumed, or after its audio has
-// ended. Progress is an answer or consumed audio.
+// ended. Progress is an answer or consumed audio, and for all tasks the start of another decoding, where an
+// engine serves them on one thread and reports it. Tasks that wait for their turn on a slow machine are
+// therefore no hang. Until the next decoding starts, the limit is longer by WorkerLimits::decodingPace times
+// the audio that is being decoded.
 //
 // Time counts only between two checks that follow each other closely. A helper that was stopped together with
 // its worker, or starved, therefore does not end the worker when it resumes.
@@ -39,11 +42,15 @@ class WorkerWatchdog {
   // `frames`: all that the worker has consumed of the task's audio.
   void audioConsumed(std::uint32_t task, std::uint64_t frames);
   void answered(std::uint32_t task);
+  // The engine begins to decode `frames` frames of audio, of whichever task.
+  void decodingBegan(std::uint64_t frames);
   // The task has ended or was cancelled.
   void taskEnded(std::uint32_t task);
 
   // Call about every WorkerLimits::check ms while isWatching().
   Verdict check(double now);
+  // Returns the ms without progress after which a task counts as hung.
+  double answeringLimit() const;
   // Returns whether the worker loads or has a channel or a task.
   bool isWatching() const { return !loaded_ || !channels_.empty(); }
 
@@ -70,8 +77,9 @@ class WorkerWatchdog {
   const WorkerLimits limits_;
   bool loaded_ = false;
   double checkedAt_;
-  double watched_ = 0;           // ms that counted since the start
-  double waitsForUseSince_ = 0;  // watched time at which the last channel was closed
+  double watched_ = 0;               // ms that counted since the start
+  std::uint64_t decodedFrames_ = 0;  // of the newest decoding
+  double waitsForUseSince_ = 0;      // watched time at which the last channel was closed
   std::map<std::uint32_t, Channel> channels_;
   std::map<std::uint32_t, std::uint32_t> channelOfTask_;
 };

@@ -24,7 +24,7 @@ def answer_to(*arguments):
 
 MODEL = ["pocketsphinx", "/usr/share/pocketsphinx/model/en-us", "en-US"]
 # The worker of the first version took the engine first.
-for arguments in (["999", *MODEL], MODEL, ["2"], ["2", *MODEL, "more"]):
+for arguments in (["999", *MODEL], MODEL, ["3"], ["3", *MODEL, "more"]):
     answer = answer_to(*arguments)
     assert b"the speech worker is of another version than the helper" in answer, (arguments, answer)
 print("passed")

@@ -32,6 +32,9 @@ class Transcriber {
   // Decodes one step.
   virtual void work() = 0;
 
+  // Samples that the next step decodes.
+  virtual std::int64_t stepLength() const = 0;
+
   // Whether the audio has ended and all of it has been decoded.
   virtual bool isFinished() const = 0;
 

@@ -56,6 +56,8 @@ class ModelThread::Channels final : public EngineThread::Work {
     channels_[id].jobs.push_back(std::move(job));
   }
 
+  void reportSteps(StepHandler handler) { reportStep_ = std::move(handler); }
+
  private:
   struct Channel {
     std::deque<std::shared_ptr<RecognitionJob>> jobs;  // the first one is being transcribed
@@ -152,7 +154,12 @@ class ModelThread::Channels final : public EngineThread::Work {
   void work(const std::vector<Channel*>& batch) {
     if (batch.empty() || !hasWork(*batch.front())) return;
     std::vector<Transcriber*> transcribers;
-    for (const Channel* const channel : batch) transcribers.push_back(channel->transcriber.get());
+    std::int64_t samples = 0;
+    for (const Channel* const channel : batch) {
+      transcribers.push_back(channel->transcriber.get());
+      samples += channel->transcriber->stepLength();
+    }
+    if (reportStep_) reportStep_(samples);
     const auto failures = model_->work(transcribers);
     for (std::size_t i = 0; i < batch.size(); ++i)
       if (failures[i])
@@ -198,6 +205,7 @@ class ModelThread::Channels final : public EngineThread::Work {
   bool isLoadErrorReported_ = false;
   std::map<ChannelID, Channel> channels_;
   std::uint64_t servings_ = 0;
+  StepHandler reportStep_;
 };
 
 ModelThread::ModelThread(Loader load) : ModelThread(std::make_unique<Channels>(std::move(load))) {}
@@ -206,6 +214,12 @@ ModelThread::ModelThread(std::unique_ptr<Channels> channels)
     : channels_(*channels), thread_(std::move(channels)) {}
 
 ModelThread::~ModelThread() = default;
+
+void ModelThread::reportSteps(StepHandler handler) {
+  thread_.post([&channels = channels_, handler = std::move(handler)]() mutable {
+    channels.reportSteps(std::move(handler));
+  });
+}
 
 void ModelThread::start(ChannelID channel, std::shared_ptr<RecognitionJob> job) {
   thread_.post([&channels = channels_, channel, job = std::move(job)]() mutable {

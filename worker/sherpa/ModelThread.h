@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "worker/engine/EngineThread.h"
+#include "worker/engine/StepReporter.h"
 #include "worker/sherpa/LoadedModel.h"
 
 namespace palaver {
@@ -32,6 +33,9 @@ class ModelThread {
   ModelThread& operator=(const ModelThread&) = delete;
 
   void start(ChannelID channel, std::shared_ptr<RecognitionJob> job);
+
+  // Calls the handler before each step from now on, with the samples of all channels in it.
+  void reportSteps(StepHandler handler);
 
   // Takes the audio of started tasks.
   EngineThread& thread() { return thread_; }

@@ -46,6 +46,11 @@ class OfflineTranscriber final : public Transcriber {
 
   bool hasWork() const override { return window_.next().has_value(); }
 
+  std::int64_t stepLength() const override {
+    const auto decoding = window_.next();
+    return decoding ? decoding->to - decoding->from : 0;
+  }
+
   void work() override {
     const auto decoding = window_.next();
     if (!decoding) return;

@@ -82,6 +82,10 @@ SherpaRecognition::SherpaRecognition(std::filesystem::path folder, std::string l
 
 SherpaRecognition::~SherpaRecognition() = default;
 
+void SherpaRecognition::reportSteps(StepHandler handler) {
+  engine_->thread().reportSteps(std::move(handler));
+}
+
 std::unique_ptr<SpeechRecognizer> SherpaRecognition::makeRecognizer(std::string_view localeIdentifier) {
   const auto wanted = canonicalLocale(localeIdentifier);
   if (!wanted || wanted != canonicalLocale(engine_->locale())) return nullptr;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/SpeechRecognition.h"
+#include "worker/engine/StepReporter.h"
 
 namespace palaver {
 
@@ -14,7 +15,7 @@ namespace palaver {
 // and case are the model's. All recognizers share the loaded model; the tasks of one recognizer run one after
 // the other in the order of their start. Destroying a request ends its audio. Recognizers may outlive this
 // object.
-class SherpaRecognition final : public SpeechRecognition {
+class SherpaRecognition final : public SpeechRecognition, public StepReporter {
  public:
   // Starts to load the model in `folder` for `locale` on a thread of its own. Failures to load reach the
   // tasks. Throws std::system_error when there is no thread.
@@ -32,6 +33,8 @@ class SherpaRecognition final : public SpeechRecognition {
   }
   // Returns a recognizer for the model's locale, null for any other.
   std::unique_ptr<SpeechRecognizer> makeRecognizer(std::string_view localeIdentifier) override;
+
+  void reportSteps(StepHandler handler) override;
 
  private:
   class Engine;

@@ -64,8 +64,12 @@ class StreamingTranscriber final : public Transcriber {
     decoded();
   }
 
+  // What has been given to the library since the newest step.
+  std::int64_t stepLength() const override { return length() - decodedTo_; }
+
   // Call when the stream has been decoded.
   void decoded() {
+    decodedTo_ = length();
     updateReady();
     updateWords();
   }
@@ -97,6 +101,7 @@ class StreamingTranscriber final : public Transcriber {
   const SherpaOnnxOnlineRecognizer* const recognizer_;
   const std::unique_ptr<const SherpaOnnxOnlineStream, decltype(SherpaLibrary::DestroyOnlineStream)> stream_;
   Loudness loudness_;
+  std::int64_t decodedTo_ = 0;
   bool isReady_ = false;  // the stream has enough audio for a step
   bool isEnded_ = false;
   std::vector<SpokenWord> words_;

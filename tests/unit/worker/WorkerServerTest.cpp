@@ -89,8 +89,11 @@ class HeldTask {
 };
 
 // An engine that does what the test says. Answers the empty tasks of prepared channels itself.
-class HeldEngine final : public SpeechRecognition {
+class HeldEngine final : public SpeechRecognition, public StepReporter {
  public:
+  StepHandler reportStep;  // set before the engine is ready
+  void reportSteps(StepHandler handler) override { reportStep = std::move(handler); }
+
   PlatformError loadAnswer{"Held", 1110, "No speech detected"};
   bool servesLocale = true;
   std::atomic<bool> throws = false;
@@ -312,6 +315,21 @@ TEST_F(WorkerServerTest, AudioReachesEngineAndAnswersReturn) {
   const auto final = decodeAnswer(frame.payload);
   EXPECT_TRUE(final.result->isFinal);
   EXPECT_EQ(final.result->segments[1].timestamp, 1);
+}
+
+TEST_F(WorkerServerTest, StepsAreReportedWhenTheyAreLongOrRare) {
+  serveUntilReady();
+  const std::int64_t second = workerSampleRate;
+  engine_.reportStep(second);       // the first one
+  engine_.reportStep(20 * second);  // long
+  engine_.reportStep(second);       // ends a long one
+  std::vector<std::uint64_t> decoded;
+  for (int i = 0; i < 3; ++i) {
+    const auto frame = next();
+    ASSERT_EQ(frame.type, FrameType::decoding);
+    decoded.push_back(decodeDecoding(frame.payload) / workerSampleRate);
+  }
+  EXPECT_THAT(decoded, ElementsAre(1, 20, 1));
 }
 
 TEST_F(WorkerServerTest, ConsumedAudioIsReported) {

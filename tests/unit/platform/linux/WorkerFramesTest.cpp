@@ -69,8 +69,25 @@ TEST(FrameDecoder, TruncatedFrameIsAwaited) {
   EXPECT_FALSE(decoder.next());
 }
 
+TEST(WorkerFrames, DecodedAudioIsBounded) {
+  const auto decoded = [](std::uint64_t frames) {
+    FrameDecoder decoder;
+    feed(decoder, encodeDecoding(frames));
+    const auto frame = decoder.next();
+    EXPECT_TRUE(frame && frame->type == FrameType::decoding && frame->id == 0);
+    return decodeDecoding(frame->payload);
+  };
+  EXPECT_EQ(decoded(123456), 123456U);
+  EXPECT_EQ(decoded(maxDecodedFrames), maxDecodedFrames);
+  EXPECT_EQ(decoded(maxDecodedFrames + 1), maxDecodedFrames);
+  auto bytes = encodeConsumed(0, maxDecodedFrames + 1);
+  FrameDecoder decoder;
+  feed(decoder, bytes);
+  EXPECT_THROW(decodeDecoding(decoder.next()->payload), MalformedFrame);
+}
+
 TEST(FrameDecoder, UnknownTypeIsMalformed) {
-  for (const std::uint32_t type : {0U, 6U, 15U, 20U, 0xffffffffU}) {
+  for (const std::uint32_t type : {0U, 6U, 15U, 21U, 0xffffffffU}) {
     FrameDecoder decoder;
     feed(decoder, header(0, type));
     EXPECT_THROW(decoder.next(), MalformedFrame) << type;
@@ -81,6 +98,7 @@ TEST(FrameDecoder, OversizedFrameIsMalformedBeforeItsPayload) {
   const std::pair<FrameType, std::size_t> limits[] = {{FrameType::ready, 0},
                                                       {FrameType::endAudio, 0},
                                                       {FrameType::consumed, 8},
+                                                      {FrameType::decoding, 8},
                                                       {FrameType::audio, 8 + 2 * maxSamplesOfFrame},
                                                       {FrameType::answer, maxAnswerBytes}};
   for (const auto& [type, limit] : limits) {

@@ -118,6 +118,43 @@ TEST_F(WorkerWatchdogTest, ProgressOfOtherChannelHidesNoHang) {
   EXPECT_EQ(verdict, answeringHangs);
 }
 
+TEST_F(WorkerWatchdogTest, TasksWaitWhileEngineDecodesOthers) {
+  watchdog_.loaded();
+  for (const std::uint32_t channel : {1U, 2U}) {
+    watchdog_.channelOpened(channel);
+    watchdog_.taskStarted(channel, channel);
+    watchdog_.audioEnded(channel);
+  }
+  for (int i = 0; i < 100; ++i) {
+    watchdog_.decodingBegan(0);
+    EXPECT_EQ(after(29), good);
+  }
+  EXPECT_EQ(after(2), answeringHangs) << "no other decoding began";
+}
+
+TEST_F(WorkerWatchdogTest, DecodingMayTakeTwiceItsAudioLonger) {
+  watchdog_.loaded();
+  watchdog_.channelOpened(1);
+  watchdog_.taskStarted(1, 1);
+  watchdog_.audioEnded(1);
+  watchdog_.decodingBegan(20 * 16000);
+  EXPECT_EQ(watchdog_.answeringLimit(), 70'000);
+  EXPECT_EQ(after(70), good);
+  EXPECT_EQ(after(1), answeringHangs);
+}
+
+TEST_F(WorkerWatchdogTest, LimitIsThatOfNewestDecoding) {
+  watchdog_.loaded();
+  watchdog_.channelOpened(1);
+  watchdog_.taskStarted(1, 1);
+  watchdog_.audioEnded(1);
+  watchdog_.decodingBegan(20 * 16000);
+  EXPECT_EQ(after(60), good);
+  watchdog_.decodingBegan(5 * 16000);
+  EXPECT_EQ(after(40), good);
+  EXPECT_EQ(after(1), answeringHangs);
+}
+
 TEST_F(WorkerWatchdogTest, TimeWithoutChecksDoesNotCount) {
   watchdog_.loaded();
   watchdog_.channelOpened(1);

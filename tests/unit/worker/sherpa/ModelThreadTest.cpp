@@ -19,7 +19,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // Samples of a step of the fake model. The first one of a request names its transcriber.
-constexpr std::size_t stepLength = 1600;
+constexpr std::size_t stepSize = 1600;
 
 using Name = std::int16_t;
 using Batch = std::vector<Name>;
@@ -39,8 +39,9 @@ class FakeTranscriber final : public Transcriber {
   }
   void endAudio() override { isEnded_ = true; }
   bool wantsAudio() const override { return true; }
-  bool hasWork() const override { return decoded_ < length_ / stepLength + (isEnded_ ? 1 : 0); }
+  bool hasWork() const override { return decoded_ < length_ / stepSize + (isEnded_ ? 1 : 0); }
   void work() override { decode(); }
+  std::int64_t stepLength() const override { return stepSize; }
   bool isFinished() const override { return isEnded_ && !hasWork(); }
   std::vector<SpokenWord> words() const override {
     std::vector<SpokenWord> words;
@@ -108,7 +109,7 @@ struct Speech {
         task(startTask(*request, answers.handler())) {}
 
   void speak(std::size_t steps) const {
-    const std::vector<std::int16_t> samples(steps * stepLength, name);
+    const std::vector<std::int16_t> samples(steps * stepSize, name);
     request->append(makeSpeechBuffer(samples));
   }
   std::string final() const {
@@ -134,6 +135,7 @@ class ModelThreadTest : public testing::Test {
       });
     });
   }
+  ModelThread& thread() { return *thread_; }
   Speech& speaker(int name) { return speeches_.emplace_back(*thread_, static_cast<Name>(name)); }
   void load() { mayLoad_.count_down(); }
   // Ends all tasks and the thread. Returns the batches in order.
@@ -165,6 +167,23 @@ TEST_F(ModelThreadTest, ReadyChannelsAreDecodedInOneBatch) {
   load();
   EXPECT_TRUE(last.answers.waitForCount(2));
   EXPECT_THAT(batches(), ElementsAre(Batch{1, 2, 3, 4}, Batch{4}));
+}
+
+TEST_F(ModelThreadTest, StepIsReportedBeforeItIsDecoded) {
+  create(8);
+  std::vector<std::int64_t> reported;
+  std::vector<std::size_t> reportedAtBatch;
+  thread().reportSteps([&](std::int64_t samples) { reported.push_back(samples); });
+  onBatch = [&](const Batch&) { reportedAtBatch.push_back(reported.size()); };
+  auto& one = speaker(1);
+  auto& two = speaker(2);
+  one.speak(1);
+  two.speak(2);
+  load();
+  EXPECT_TRUE(two.answers.waitForCount(2));
+  EXPECT_THAT(batches(), ElementsAre(Batch{1, 2}, Batch{2}));
+  EXPECT_THAT(reported, ElementsAre(2 * stepSize, stepSize));
+  EXPECT_THAT(reportedAtBatch, ElementsAre(1, 2));
 }
 
 TEST_F(ModelThreadTest, SingleReadyChannelWaitsForNoOther) {
