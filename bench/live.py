@@ -33,6 +33,12 @@ def resident_megabytes(pid):
     return int(text.split("VmRSS:")[1].split()[0]) / 1024
 
 
+def proportional_megabytes(pid):
+    """Resident memory in which a page that n processes share counts 1/n."""
+    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
+    return int(text.split("\nPss:")[1].split()[0]) / 1024
+
+
 def processor_seconds(pids):
     seconds = 0.0
     for pid in pids:
@@ -78,9 +84,11 @@ class Meeting:
             raise RuntimeError("the helper is not ready: " + json.dumps([heard.event for heard in self.heard]))
 
     def play(self, streams, on_chunk=lambda number: None):
-        """Plays the streams, samples of 16 bit by (session, source), all from the same moment, until the longest one ends."""
+        """Plays the streams, samples of 16 bit by (session, source), all from the same moment, until the longest one ends. Returns
+        how late the latest chunk was sent (ms)."""
         chunks = max((len(samples) + CHUNK - 1) // CHUNK for samples in streams.values())
         self.begin = time.time() * 1000
+        lateness = 0
         for number in range(chunks):
             # A chunk is due when its last sample has been captured.
             time.sleep(max(0, self.begin / 1000 + (number + 1) / 10 - time.time()))
@@ -90,7 +98,9 @@ class Meeting:
                     self._send(type="audio", sessionId=session, source=source, sequence=number,
                                capturedAt=self.begin + 100 * number, pcmBase64=base64.b64encode(chunk.tobytes()).decode())
             self._process.stdin.flush()
+            lateness = max(lateness, time.time() * 1000 - self.begin - 100 * (number + 1))
             on_chunk(number)
+        return lateness
 
     def stop(self, sessions):
         for session in sessions:

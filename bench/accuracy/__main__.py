@@ -103,9 +103,9 @@ def main():
                     "toPartial": total.to_partial, "toFinal": total.to_final}
             print("\n" + "\n".join(details) if options.details else "")
             if not options.condition:
-                resident = memory.measure(options.helper, environment, known)
-                print(memory.table(resident) + "\n", flush=True)
-                results[engine]["memory"] = {str(channels): mb for channels, mb in resident.items()}
+                footprint = memory.measure(options.helper, environment, memory.speech_of(known))
+                print(memory.table(footprint) + "\n", flush=True)
+                results[engine]["memory"] = {str(channels): megabytes for channels, megabytes in footprint.megabytes.items()}
     if not engines.WHISPER.is_dir():
         print("Left out: Whisper tiny.en, which ./dev demo fetches where it can.")
     if options.json:

@@ -1,15 +1,20 @@
 """Compares the helper with the streaming WebSocket server of sherpa-onnx: the same library, model, audio and machine.
 
-usage: python3 bench/peer HELPER SERVER LIBRARIES [--channels N,N...] [--seconds S]
+usage: python3 bench/peer HELPER SERVER LIBRARIES [--channels N,N...] [--most N] [--seconds S]
 
-SERVER is the program sherpa-onnx-online-websocket-server, LIBRARIES the folder of its shared libraries. Both hear tones with
+SERVER is the program sherpa-onnx-online-websocket-server, LIBRARIES the folder of its shared libraries. Both recognize tones with
 the streaming model tests/models/tones, each tone one word, in live channels that do not begin together. Needs the Python
 package websockets. The machine must be otherwise idle.
+
+A program keeps up while it shows every word, and 95 % of them within 1 s. After the given numbers of channels, the number doubles
+for each program until it falls behind or --most is reached. A row is not judged when the player, which runs on the same machine,
+sent audio more than 200 ms late.
 """
 
 import argparse
 import array
 import asyncio
+import dataclasses
 import json
 import math
 import os
@@ -30,6 +35,9 @@ import live
 from figures import percentile
 
 RATE = 16000  # Hz
+LONGEST_DELAY = 1000  # ms, p95 of a program that keeps up
+LATEST_CHUNK = 200  # ms that the player may be late
+STREAMS = 62  # that differ; more channels repeat them
 TONE = 300  # ms
 # Gaps between tones, ms. One of them ends an utterance.
 GAPS = (400, 700, 500, 1600)
@@ -64,6 +72,14 @@ class Words:
         return [at - begin - start for at, start in zip(self.times, starts)]
 
 
+@dataclasses.dataclass
+class Figures:
+    delays: list  # ms from the start of each word to its event, by channel
+    processors: float
+    lateness: float  # ms that the player was late at most
+    errors: list
+
+
 def helper_figures(helper, environment, streams, seconds):
     meeting = live.Meeting(helper, locale="ja-JP", environment=environment)
     sources = [(f"s{number // 2}", ("remote", "self")[number % 2]) for number in range(len(streams))]
@@ -78,7 +94,7 @@ def helper_figures(helper, environment, streams, seconds):
         if number == 20 or number == 10 * seconds - 1:
             used.append((time.time(), live.processor_seconds(pids)))
 
-    meeting.play(dict(zip(sources, (samples for samples, _ in streams))), on_chunk)
+    lateness = meeting.play(dict(zip(sources, (samples for samples, _ in streams))), on_chunk)
     meeting.stop(sessions)
     meeting.end()
     channels = {key: Words() for key in sources}
@@ -87,7 +103,7 @@ def helper_figures(helper, environment, streams, seconds):
             channels[heard.event["sessionId"], heard.event["source"]].show(
                 heard.at, heard.event["text"], heard.event["type"] == "transcript.final")
     delays = [channels[key].delays(meeting.begin, starts) for key, (_, starts) in zip(sources, streams)]
-    return delays, (used[1][1] - used[0][1]) / (used[1][0] - used[0][0]), meeting.errors()
+    return Figures(delays, (used[1][1] - used[0][1]) / (used[1][0] - used[0][0]), lateness, meeting.errors())
 
 
 async def peer_conversation(port, streams, seconds, pid):
@@ -108,13 +124,16 @@ async def peer_conversation(port, streams, seconds, pid):
             words.show(time.time() * 1000, text, False)
 
     readers = [asyncio.create_task(read(*pair)) for pair in zip(connections, channels)]
-    floats = [array.array("f", (sample / 32768 for sample in samples)) for samples, _ in streams]
+    converted = {id(samples): array.array("f", (sample / 32768 for sample in samples)) for samples, _ in streams[:STREAMS]}
+    floats = [converted[id(samples)] for samples, _ in streams]
     begin = time.time()
     used = []
+    lateness = 0
     for number in range(10 * seconds):
         await asyncio.sleep(max(0, begin + (number + 1) / 10 - time.time()))
         for connection, samples in zip(connections, floats):
             await connection.send(samples[number * live.CHUNK:(number + 1) * live.CHUNK].tobytes())
+        lateness = max(lateness, 1000 * (time.time() - begin) - 100 * (number + 1))
         if number in (20, 10 * seconds - 1):
             used.append((time.time(), live.processor_seconds([pid])))
     await asyncio.sleep(1)
@@ -123,7 +142,7 @@ async def peer_conversation(port, streams, seconds, pid):
     for connection in connections:
         await connection.close()
     delays = [words.delays(begin * 1000, starts) for words, (_, starts) in zip(channels, streams)]
-    return delays, (used[1][1] - used[0][1]) / (used[1][0] - used[0][0]), []
+    return Figures(delays, (used[1][1] - used[0][1]) / (used[1][0] - used[0][0]), lateness, [])
 
 
 def peer_figures(server, libraries, streams, seconds):
@@ -150,37 +169,60 @@ def peer_figures(server, libraries, streams, seconds):
         process.wait()
 
 
+def row(name, count, streams, seconds, figures):
+    """A row of the table, and whether the program kept up. None when that cannot be judged."""
+    every = [delay for channel in figures.delays for delay in channel]
+    # What was said in the last two seconds may not have been shown yet.
+    expected = [sum(start < 1000 * seconds - 2000 for start in starts) for _, starts in streams]
+    shown = sum(min(len(channel), count) for channel, count in zip(figures.delays, expected))
+    middle, high = (percentile(every, share) for share in (.5, .95))
+    keeps_up = shown == sum(expected) and high is not None and high <= LONGEST_DELAY and not figures.errors
+    if figures.lateness > LATEST_CHUNK:
+        keeps_up = None
+    verdict = {True: "yes", False: "no", None: f"not judged: the player was {figures.lateness:.0f} ms late"}[keeps_up]
+    middle, high = ("none" if delay is None else f"{delay:.0f} ms" for delay in (middle, high))
+    text = (f"| {count} | {name} | {middle} | {high} | {shown} of {sum(expected)} | {figures.processors:.3f} | "
+            f"{figures.processors / count:.4f} | {verdict} |")
+    return text + (f"\nerrors: {sorted(set(figures.errors))}" if figures.errors else ""), keeps_up
+
+
 def main():
     parser = argparse.ArgumentParser(usage=__doc__.split("\n\n")[1].removeprefix("usage: "))
     parser.add_argument("helper")
     parser.add_argument("server")
     parser.add_argument("libraries")
-    parser.add_argument("--channels", default="1,10,50,100")
+    parser.add_argument("--channels", default="1,10,50")
+    parser.add_argument("--most", type=int, default=1600)
     parser.add_argument("--seconds", type=int, default=20)
     options = parser.parse_args()
     print("| channels | program | word to event p50 | p95 | words shown | processors | per channel | keeps up |\n"
           "|---|---|---|---|---|---|---|---|", flush=True)
     with tempfile.TemporaryDirectory() as folder:
         environment = engines.environment_with(pathlib.Path(folder) / "tones", {"ja-JP": engines.TONES})
-        for count in map(int, options.channels.split(",")):
-            streams = [tones(options.seconds, 1000 + 3100 * number / count) for number in range(count)]
-            for name, measure in (
-                    ("helper", lambda: helper_figures(options.helper, environment, streams, options.seconds)),
-                    ("server", lambda: peer_figures(options.server, options.libraries, streams, options.seconds))):
-                delays, processors, errors = measure()
-                every = [delay for channel in delays for delay in channel]
-                # What was said in the last two seconds may not have been shown yet.
-                said = sum(start < 1000 * options.seconds - 2000 for _, starts in streams for start in starts)
-                shown = sum(min(len(channel), sum(start < 1000 * options.seconds - 2000 for start in starts))
-                            for channel, (_, starts) in zip(delays, streams))
-                late = [delay for channel in delays for delay in channel[len(channel) // 2:]]
-                keeps_up = shown == said and max(late, default=math.inf) < 2000
-                middle, high = ("none" if delay is None else f"{delay:.0f} ms"
-                                for delay in (percentile(every, .5), percentile(every, .95)))
-                print(f"| {count} | {name} | {middle} | {high} | {shown} of {said} | {processors:.3f} | "
-                      f"{processors / count:.4f} | {'yes' if keeps_up else 'no'} |", flush=True)
-                if errors:
-                    print(f"errors: {sorted(set(errors))}")
+        measures = {
+            "helper": lambda streams: helper_figures(options.helper, environment, streams, options.seconds),
+            "server": lambda streams: peer_figures(options.server, options.libraries, streams, options.seconds),
+        }
+        running = dict.fromkeys(measures, True)
+        last = dict.fromkeys(measures, 0)
+        counts = [int(count) for count in options.channels.split(",")]
+        while counts and any(running.values()):
+            count = counts.pop(0)
+            different = min(count, STREAMS)
+            made = [tones(options.seconds, 1000 + 3100 * number / different) for number in range(different)]
+            streams = [made[number % different] for number in range(count)]
+            for name, measure in measures.items():
+                if not running[name]:
+                    continue
+                text, running[name] = row(name, count, streams, options.seconds, measure(streams))
+                print(text, flush=True)
+                if running[name]:
+                    last[name] = count
+            if not counts and 2 * count <= options.most:
+                counts.append(2 * count)
+    for name, count in last.items():
+        print(f"The last number of channels that the {name} kept up with: {count}"
+              + {True: " (the most that was tried)", False: "", None: " (more could not be judged)"}[running[name]])
 
 
 main()

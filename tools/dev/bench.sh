@@ -4,8 +4,8 @@ benchmark_target() {  # name
   case $1 in
     path | throughput | latency | startup | memory | worker | plots) echo palaver_bench ;;
     kernels) echo palaver_kernels ;;
-    accuracy | channels | peer) echo PalaverSTTHelper ;;
-    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup, memory and worker, kernels, accuracy, channels, plots and peer" ;;
+    accuracy | channels | footprint | peer) echo PalaverSTTHelper ;;
+    *) fail_usage "there is no benchmark '$1'; there are path, its parts throughput, latency, startup, memory and worker, kernels, accuracy, channels, footprint, plots and peer" ;;
   esac
 }
 
@@ -45,6 +45,7 @@ run_benchmarks() {  # names...
       plots) python3 bench/plots.py build/bench/bench/palaver_bench docs/performance ;;
       accuracy) python3 bench/accuracy build/bench/PalaverSTTHelper --json build/accuracy.json ;;
       channels) python3 bench/channels.py build/bench/PalaverSTTHelper ;;
+      footprint) python3 bench/footprint.py build/bench/PalaverSTTHelper ;;
       peer) run_peer_benchmark build/bench/PalaverSTTHelper ;;
     esac
   done
