@@ -9,7 +9,7 @@ void Loudness::append(std::span<const std::int16_t> samples) {
   while (!samples.empty()) {
     const auto part = samples.first(
         std::min(samples.size(), static_cast<std::size_t>(frameLength - length_ % frameLength)));
-    for (const std::int32_t sample : part) unfinished_ += sample * sample;
+    for (const std::int32_t sample : part) unfinished_ += static_cast<std::int64_t>(sample * sample);
     length_ += static_cast<std::int64_t>(part.size());
     samples = samples.subspan(part.size());
     if (length_ % frameLength != 0) return;
