@@ -7,8 +7,8 @@ the streaming model tests/models/tones, each tone one word, in live channels tha
 package websockets. The machine must be otherwise idle.
 
 A program keeps up while it shows every word, and 95 % of them within 1 s. After the given numbers of channels, the number doubles
-for each program until it falls behind or --most is reached. A row is not judged when the player, which runs on the same machine,
-sent audio more than 200 ms late.
+for each program until it falls behind or --most is reached. A row is not judged when it fails by less than the player, which runs on
+the same machine, was late.
 """
 
 import argparse
@@ -36,7 +36,6 @@ from figures import percentile
 
 RATE = 16000  # Hz
 LONGEST_DELAY = 1000  # ms, p95 of a program that keeps up
-LATEST_CHUNK = 200  # ms that the player may be late
 STREAMS = 62  # that differ; more channels repeat them
 TONE = 300  # ms
 # Gaps between tones, ms. One of them ends an utterance.
@@ -177,7 +176,7 @@ def row(name, count, streams, seconds, figures):
     shown = sum(min(len(channel), count) for channel, count in zip(figures.delays, expected))
     middle, high = (percentile(every, share) for share in (.5, .95))
     keeps_up = shown == sum(expected) and high is not None and high <= LONGEST_DELAY and not figures.errors
-    if figures.lateness > LATEST_CHUNK:
+    if not keeps_up and shown == sum(expected) and not figures.errors and high - figures.lateness <= LONGEST_DELAY:
         keeps_up = None
     verdict = {True: "yes", False: "no", None: f"not judged: the player was {figures.lateness:.0f} ms late"}[keeps_up]
     middle, high = ("none" if delay is None else f"{delay:.0f} ms" for delay in (middle, high))

@@ -9,6 +9,7 @@
 //         end          at the end of a task's audio
 //         cancel       when a task is cancelled
 //   what: hang         does nothing more, but keeps the socket
+//         decode       reports that it decodes a minute of audio, and hangs
 //         exit <n>     exits with that status
 //         signal <n>   ends by that signal
 //         stop         stops itself, as SIGSTOP does
@@ -70,6 +71,10 @@ void answer(std::uint32_t task, bool isFinal) {
 void act(const Behaviour& behaviour, std::uint32_t task) {
   const std::string& what = behaviour.what;
   if (what == "hang") hang();
+  if (what == "decode") {
+    send(encodeDecoding(maxDecodedFrames));
+    hang();
+  }
   if (what == "exit") std::_Exit(behaviour.number);
   if (what == "signal") {
     ::signal(behaviour.number, SIG_DFL);

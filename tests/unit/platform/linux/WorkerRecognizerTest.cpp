@@ -197,6 +197,16 @@ TEST_F(WorkerRecognizerTest, HangWhileDecodingIsEnded) {
   }
 }
 
+TEST_F(WorkerRecognizerTest, HangInLongDecodingIsEndedLater) {
+  limits_ = shortLimits;
+  limits_.decodingPace = 0.015;  // 900 ms for the 60 s that the worker reports
+  worker_.behave("audio decode");
+  Conversation conversation(recognizer(), mainQueue_);
+  conversation.speak(20);
+  EXPECT_EQ(conversation.errorCode(), WorkerErrorCode::unresponsive);
+  EXPECT_THAT(conversation.end(), StartsWith("The speech engine did not answer for 1 s"));
+}
+
 TEST_F(WorkerRecognizerTest, AllTasksOfEndedWorkerGetError) {
   worker_.behave("end signal 9");
   Conversation first(recognizer(), mainQueue_);
