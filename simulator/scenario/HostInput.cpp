@@ -160,7 +160,6 @@ DecodedPayload decodePayload(const std::string& base64) {
     count -= 8;
     bytes += static_cast<char>(bits >> count & 0xFF);
   }
-  if ((bits & ((1U << count) - 1)) != 0) return invalid;  // bits of no byte must be zero
   if (bytes.size() % 2 != 0) return {{}, "payload-odd-length"};
   DecodedPayload payload;
   for (std::size_t i = 0; i < bytes.size(); i += 2)

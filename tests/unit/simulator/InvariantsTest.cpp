@@ -157,6 +157,8 @@ TEST(ProtocolDescription, ErrorTextHasOneCode) {
 
 TEST(HostInput, PayloadIsDecodedStrictly) {
   EXPECT_THAT(decodePayload("AQD//w==").samples, ::testing::ElementsAre(1, -1));
+  // The helper ignores bits of no byte.
+  EXPECT_THAT(decodePayload("AQD//x==").samples, ::testing::ElementsAre(1, -1));
   EXPECT_EQ(decodePayload("AQD//w=").error, "payload-not-base64");
   EXPECT_EQ(decodePayload("A===").error, "payload-not-base64");
   EXPECT_EQ(decodePayload("AAAA").error, "payload-odd-length");
