@@ -1,5 +1,6 @@
 #include "simulator/scenario/Conversation.h"
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <utility>
@@ -11,6 +12,10 @@
 namespace palaver {
 
 namespace {
+
+// Limits of the audio steps of a scenario together, so that a wrong number does not fill the memory.
+constexpr double maxAudioFrames = 16000.0 * 60 * 60;  // an hour
+constexpr std::int64_t maxAudioCommands = 100'000;
 
 class ConversationReader {
  public:
@@ -33,6 +38,8 @@ class ConversationReader {
   const JSON& templates_;
   Scenario& scenario_;
   double time_ = 0;
+  double audioFrames_ = 0;  // of all audio commands
+  std::int64_t audioCommands_ = 0;
   std::map<std::pair<std::string, std::string>, std::int64_t> sequences_;  // by session and source
 };
 
@@ -100,6 +107,11 @@ void ConversationReader::readAudio(const JSON& value, const std::string& where) 
   if (frames < 0 || frames != std::floor(frames)) reader.fail("the audio must hold whole frames");
   if (!(rms >= 0 && rms <= 0.99)) reader.fail("rms must be from 0 to 0.99");
   if (!(every >= 0) || times < 1) reader.fail("every or times is wrong");
+  audioFrames_ += frames * static_cast<double>(times);
+  audioCommands_ += std::min(times, maxAudioCommands + 1);
+  if (audioFrames_ > maxAudioFrames) reader.fail("the audio of the scenario is longer than an hour");
+  if (audioCommands_ > maxAudioCommands)
+    reader.fail("the scenario has more than " + std::to_string(maxAudioCommands) + " audio commands");
 
   auto samples = samplesOfLoudness(exact ? 0 : rms, static_cast<std::size_t>(frames));
   if (exact)

@@ -12,6 +12,7 @@ namespace palaver {
 namespace {
 
 constexpr std::string_view filesPrefix = "@files/";
+constexpr std::int64_t maxPhrases = 100'000;
 
 std::string vocabularyOf(std::int64_t count) {
   JSON phrases = JSON::array();
@@ -41,6 +42,8 @@ ScenarioFile readFile(const std::string& name, const JSON& value, const std::str
     ++contents;
   }
   if (const auto phrases = reader.wholeNumber("phrases")) {
+    if (*phrases < 0 || *phrases > maxPhrases)
+      throw FileError(reader.where("phrases"), "must be from 0 to " + std::to_string(maxPhrases));
     file.content = vocabularyOf(*phrases);
     ++contents;
   }

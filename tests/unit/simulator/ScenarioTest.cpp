@@ -275,6 +275,29 @@ TEST_F(ScenarioTest, RejectsUnknownInput) {
   EXPECT_THAT(step(R"("closeInput": false)"), HasSubstr("must be true"));
 }
 
+TEST_F(ScenarioTest, RejectsNumbersThatFillTheMemory) {
+  const auto audio = [this](const std::string& first, const std::string& second) {
+    return fileError(R"({"title": "t", "conversation": [{"audio": {)" + first + R"(}}, {"audio": {)" +
+                     second + "}}]}");
+  };
+  EXPECT_EQ(audio(R"("frames": 16000, "times": 30)", R"("frames": 0, "times": 100)"), "");
+  EXPECT_THAT(audio("", R"("frames": 1e300)"), HasSubstr("longer than an hour"));
+  EXPECT_THAT(audio("", R"("ms": 3600001)"), HasSubstr("longer than an hour"));
+  EXPECT_THAT(audio("", R"("frames": 1000, "times": 57600)"), HasSubstr("longer than an hour"));
+  EXPECT_THAT(audio("", R"("frames": 0, "times": 9007199254740992)"),
+              HasSubstr("more than 100000 audio commands"));
+  EXPECT_THAT(audio(R"("frames": 0, "times": 50000)", R"("frames": 0, "times": 50001)"),
+              HasSubstr("more than 100000 audio commands"));
+
+  const auto phrases = [this](const std::string& count) {
+    return fileError(R"({"title": "t", "files": {"v": {"phrases": )" + count + R"(}}, "conversation": []})");
+  };
+  EXPECT_EQ(phrases("100000"), "");
+  EXPECT_THAT(phrases("100001"), HasSubstr("must be from 0 to 100000"));
+  EXPECT_THAT(phrases("9007199254740992"), HasSubstr("must be from 0 to 100000"));
+  EXPECT_THAT(phrases("-1"), HasSubstr("must be from 0 to 100000"));
+}
+
 }  // namespace
 
 }  // namespace palaver
