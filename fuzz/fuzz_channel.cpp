@@ -1,5 +1,9 @@
-// Compares input in reads of any size with the same input in one read. The first eight bytes
-// choose the sizes.
+// Compares input in reads of any size with the same input in few reads. The first eight bytes choose the
+// sizes. The ninth chooses the longest line and what precedes the input:
+//   0         the usual limit
+//   1         the usual limit, and a blank line that almost fills a block: the input crosses its end
+//   2         the usual limit, and a blank line without its end, longer than a block: the first line
+//   continues it 3 to 255  a limit of as many bytes
 #include <algorithm>
 #include <cstring>
 
@@ -20,12 +24,12 @@ struct Outcome {
   friend bool operator==(const Outcome&, const Outcome&) = default;
 };
 
-Outcome play(std::string_view input, std::string_view sizes) {
+Outcome play(std::string_view input, std::string_view sizes, std::size_t longestLine) {
   FakePlatform fake;
   JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
   RecordingBackend backend;
   CommandHandler handler(fake.platform, writer, backend);
-  CommandChannel channel(fake.mainQueue, writer, handler);
+  CommandChannel channel(fake.mainQueue, writer, handler, longestLine);
   for (std::size_t read = 0; !input.empty(); ++read) {
     const auto room = channel.prepare();
     const std::size_t wanted = sizes.empty()
@@ -50,13 +54,24 @@ Outcome play(std::string_view input, std::string_view sizes) {
   return outcome;
 }
 
+// Returns what precedes the input.
+std::string blanks(std::uint8_t choice) {
+  constexpr std::size_t blockBytes = std::size_t{256} << 10;
+  if (choice == 1) return std::string(blockBytes - 100, ' ') + '\n';
+  if (choice == 2) return std::string(blockBytes + 100, ' ');
+  return {};
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  constexpr std::size_t choices = 8;
+  constexpr std::size_t choices = 9;
   if (size < choices) return 0;
-  const auto sizes = text(data, choices), input = text(data + choices, size - choices);
-  const auto whole = play(input, {}), cut = play(input, sizes);
+  const auto sizes = text(data, choices - 1);
+  const auto choice = data[choices - 1];
+  const std::size_t longestLine = choice < 3 ? CommandChannel::usualLongestLine : choice;
+  const auto input = blanks(choice).append(text(data + choices, size - choices));
+  const auto whole = play(input, {}, longestLine), cut = play(input, sizes, longestLine);
   require(whole == cut, "the size of reads shows");
   require(whole.status == 0, "the end of input does not end the process with status 0");
   require(whole.errors.empty(), "an event could not be encoded");

@@ -1,5 +1,6 @@
-// Decodes arbitrary bytes as frames of a speech worker, in reads of any size, and compares with one read. The
-// first eight bytes choose the sizes. What decodes must encode to the same bytes again.
+// Decodes arbitrary bytes as frames of a speech worker, in reads of any size, and compares with few reads.
+// The first eight bytes choose the sizes. A first byte of 255 puts an answer of 200 kB in front of the input,
+// for which the decoder's memory grows and shrinks again. What decodes must encode to the same bytes again.
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -74,12 +75,19 @@ std::string play(std::string_view input, std::string_view sizes) {
   return frames;
 }
 
+// Returns what precedes the input.
+std::string longAnswer(std::uint8_t choice) {
+  if (choice != 255) return {};
+  return encodeAnswer(1, RecognitionResult{std::string(200'000, 'a'), {}, false}, std::nullopt);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   constexpr std::size_t choices = 8;
   if (size < choices) return 0;
-  const auto sizes = text(data, choices), input = text(data + choices, size - choices);
+  const auto sizes = text(data, choices);
+  const auto input = longAnswer(data[0]).append(text(data + choices, size - choices));
   require(play(input, {}) == play(input, sizes), "the size of reads shows");
   return 0;
 }
