@@ -10,7 +10,7 @@ soak_command() {  # part
     explore) echo "build/release/simulator/PalaverSTTSimulator explore --seeds 1..70000 --jobs $(processors)" ;;
     faults) echo "tools/explore-faults" ;;
     ends) echo "python3 tests/process/kill_matrix_test.py $root/build/release/PalaverSTTHelper --table" ;;
-    fuzz) echo "./dev fuzz 3600" ;;
+    fuzz) echo "./dev fuzz 3600 --jobs $(processors)" ;;
     mutations) echo "tools/mutate legacy analyzer core modes" ;;
     *) fail_usage "soak has no part '$1'; there are $soak_parts" ;;
   esac
