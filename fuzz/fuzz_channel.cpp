@@ -24,22 +24,26 @@ struct Outcome {
   friend bool operator==(const Outcome&, const Outcome&) = default;
 };
 
-Outcome play(std::string_view input, std::string_view sizes, std::size_t longestLine) {
+// Feeds `before` in reads as large as possible, and then `input` in reads of these sizes; without sizes as
+// large too.
+Outcome play(std::string_view before, std::string_view input, std::string_view sizes,
+             std::size_t longestLine) {
   FakePlatform fake;
   JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
   RecordingBackend backend;
   CommandHandler handler(fake.platform, writer, backend);
   CommandChannel channel(fake.mainQueue, writer, handler, longestLine);
-  for (std::size_t read = 0; !input.empty(); ++read) {
+  const auto feed = [&channel](std::string_view& bytes, std::size_t wanted) {
     const auto room = channel.prepare();
-    const std::size_t wanted = sizes.empty()
-                                   ? input.size()
-                                   : std::size_t{1} + static_cast<unsigned char>(sizes[read % sizes.size()]);
-    const auto count = std::min({room.size(), input.size(), wanted});
-    std::memcpy(room.data(), input.data(), count);
+    const auto count = std::min({room.size(), bytes.size(), wanted});
+    std::memcpy(room.data(), bytes.data(), count);
     channel.received(count);
-    input.remove_prefix(count);
-  }
+    bytes.remove_prefix(count);
+  };
+  while (!before.empty()) feed(before, before.size());
+  for (std::size_t read = 0; !input.empty(); ++read)
+    feed(input, sizes.empty() ? input.size()
+                              : std::size_t{1} + static_cast<unsigned char>(sizes[read % sizes.size()]));
   channel.prepare();
   channel.ended();
   Outcome outcome;
@@ -55,11 +59,11 @@ Outcome play(std::string_view input, std::string_view sizes, std::size_t longest
 }
 
 // Returns what precedes the input.
-std::string blanks(std::uint8_t choice) {
+std::string_view beginning(std::uint8_t choice) {
   constexpr std::size_t blockBytes = std::size_t{256} << 10;
-  if (choice == 1) return std::string(blockBytes - 100, ' ') + '\n';
-  if (choice == 2) return std::string(blockBytes + 100, ' ');
-  return {};
+  static const std::string line = R"({"type":"ping","text":")" + std::string(blockBytes - 100, 'a') + "\"}\n";
+  static const std::string open = R"({"type":"ping","text":")" + std::string(blockBytes + 100, 'a');
+  return choice == 1 ? line : choice == 2 ? open : std::string_view();
 }
 
 }  // namespace
@@ -70,8 +74,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto sizes = text(data, choices - 1);
   const auto choice = data[choices - 1];
   const std::size_t longestLine = choice < 3 ? CommandChannel::usualLongestLine : choice;
-  const auto input = blanks(choice).append(text(data + choices, size - choices));
-  const auto whole = play(input, {}, longestLine), cut = play(input, sizes, longestLine);
+  const auto before = beginning(choice), input = text(data + choices, size - choices);
+  // In the first, one read crosses from what precedes the input into it.
+  const auto whole = play({}, std::string(before).append(input), {}, longestLine);
+  const auto cut = play(before, input, sizes, longestLine);
   require(whole == cut, "the size of reads shows");
   require(whole.status == 0, "the end of input does not end the process with status 0");
   require(whole.errors.empty(), "an event could not be encoded");
