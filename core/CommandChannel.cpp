@@ -152,7 +152,7 @@ void CommandChannel::splitLines(std::size_t count) {
     endLine(end);
     searched = end + 1;
   }
-  if (!skipping_ && filled_ - lineStart_ > longestLine_) {
+  if (!skipping_ && !isShutDown_ && filled_ - lineStart_ > longestLine_) {
     reportTooLongLine();
     skipping_ = true;
   }

@@ -114,6 +114,19 @@ TEST(CommandChannelTest, LinesAfterShutdownAreDropped) {
   EXPECT_EQ(host.fake.mainQueue.size(), 1U) << "one job for the commands, one for the end of input";
 }
 
+TEST(CommandChannelTest, OverlongLineAfterShutdownIsDroppedForAnyReadSize) {
+  constexpr std::size_t limit = 100;
+  const std::string input = "{\"type\":\"shutdown\"}\n" + std::string(2 * limit, 'x');
+  for (const std::string end : {"", "\n", "\nbad\n"})
+    for (const std::size_t read : {std::size_t{1}, limit, 10 * limit}) {
+      Conversation host(limit);
+      host.receiveInReadsOf(read, input + end);
+      EXPECT_EQ(host.end(), 0);
+      EXPECT_THAT(host.messages(), IsEmpty());
+      EXPECT_THAT(host.backend.calls, ElementsAre("stopAll"));
+    }
+}
+
 TEST(CommandChannelTest, LineSplitAtAnyByteIsOneLine) {
   const std::string input = stop("あ") + "\r\n" + stop("b") + "\n\n" + stop("c\\u0041") + "\n";
   for (std::size_t at = 0; at <= input.size(); ++at) {
