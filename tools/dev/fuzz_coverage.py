@@ -45,27 +45,46 @@ def profile(name, folder):
 def coverage(name, merged):
     """The numbers of lines covered, lines, branches covered and branches: of whole files, and of the functions where they are named."""
     program = f"build/fuzz-coverage/fuzz/fuzz_{name}"
+    exported = json.loads(run("llvm-cov-14", "export", program, f"-instr-profile={merged}").stdout)["data"][0]
+    files = {os.path.normpath(file["filename"]): file for file in exported["files"]}
+    demangled = run("c++filt", input="\n".join(function["name"] for function in exported["functions"])).stdout.splitlines()
+    functions = list(zip(demangled, exported["functions"]))
     total = [0, 0, 0, 0]
     for entry in FILES[name]:
-        path, _, functions = entry.partition(":")
-        if functions:
-            report = run("llvm-cov-14", "report", "-show-functions", "-Xdemangler=c++filt", "-Xdemangler=-p", program,
-                         f"-instr-profile={merged}", ROOT / path).stdout
-            rows = [row.split() for row in report.splitlines() if "%" in row or row.rstrip().endswith("-")]
-            # name; regions, missed, covered; lines, missed, covered; branches, missed, covered
-            rows = [row for row in rows if len(row) >= 10 and row[0] != "TOTAL" and re.search(functions, " ".join(row[:-9]))]
-            if not rows:
-                raise SystemExit(f"error: {path} has no function like {functions}")
-            for row in rows:
-                lines, missed, _, branches, missed_branches, _ = row[-6:]
-                for i, value in enumerate((int(lines) - int(missed), int(lines), int(branches) - int(missed_branches), int(branches))):
-                    total[i] += value
+        path, _, pattern = entry.partition(":")
+        file = files.get(str(ROOT / path))
+        if file is None:
+            raise SystemExit(f"error: {program} has no code of {path}")
+        if pattern:
+            wanted = [function for demangled_name, function in functions
+                      if file["filename"] == function["filenames"][0] and re.search(pattern, demangled_name)]
+            if not wanted:
+                raise SystemExit(f"error: {path} has no function like {pattern}")
+            numbers = coverage_of_functions(wanted)
         else:
-            exported = run("llvm-cov-14", "export", "-summary-only", program, f"-instr-profile={merged}", ROOT / path)
-            counts = json.loads(exported.stdout)["data"][0]["totals"]
-            for i, (kind, key) in enumerate((("lines", "covered"), ("lines", "count"), ("branches", "covered"), ("branches", "count"))):
-                total[i] += counts[kind][key]
+            numbers = [file["summary"][kind][key] for kind in ("lines", "branches") for key in ("covered", "count")]
+        total = [sum(pair) for pair in zip(total, numbers)]
     return total
+
+
+def coverage_of_functions(functions):
+    """The same numbers of functions of one file. A line counts as often as the code that starts in it, or else as the code around
+    it. A branch is two, one for each outcome."""
+    lines, branches = {}, {}
+    for function in functions:
+        # line and column of the start and of the end, the number of executions; the last number is 0 for code
+        code = [region for region in function["regions"] if region[5] == 0 and region[7] == 0]
+        for line in range(min(region[0] for region in code), max(region[2] for region in code) + 1):
+            counts = [region[4] for region in code if region[0] == line]
+            around = [region for region in code if region[0] < line <= region[2]]
+            if around:
+                counts.append(max(around, key=lambda region: region[:2])[4])
+            lines[line] = max([lines.get(line, 0), *counts])
+        for branch in function["branches"]:
+            for outcome in (4, 5):
+                place = (*branch[:4], outcome)
+                branches[place] = max(branches.get(place, 0), branch[outcome])
+    return [sum(count > 0 for count in lines.values()), len(lines), sum(count > 0 for count in branches.values()), len(branches)]
 
 
 def speed(name, folder):

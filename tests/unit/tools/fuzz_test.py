@@ -2,10 +2,14 @@
 import os
 import pathlib
 import subprocess
+import sys
 import tempfile
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[3]
+sys.path.insert(0, str(ROOT / "tools/dev"))
+sys.dont_write_bytecode = True
+import fuzz_coverage
 
 # A fuzzer that writes what libFuzzer writes when it ends.
 FINE = """echo "$0 $*" >>calls
@@ -133,6 +137,25 @@ run_fuzzers "$@"
         status, output, errors = self.fuzz("--coverage", more="command() { return 1; }")
         self.assertEqual((status, output), (0, ""))
         self.assertRegex(errors, r"(?m)^skipped: the coverage of the fuzzers; .*$")
+
+    def test_coverage_of_functions_counts_lines_and_outcomes(self):
+        # A function of the lines 10 to 14 that was called 5 times, with code of its own in lines 11 and 12 to 13.
+        function = {"regions": [[10, 1, 14, 2, 5, 0, 0, 0], [11, 9, 11, 20, 0, 0, 0, 0], [12, 8, 13, 9, 3, 0, 0, 0],
+                                [13, 1, 13, 5, 9, 0, 0, 3]],
+                    "branches": [[11, 5, 11, 8, 0, 5, 0, 0, 4], [12, 5, 12, 7, 3, 2, 0, 0, 4]]}
+        self.assertEqual(fuzz_coverage.coverage_of_functions([function]), [5, 5, 3, 4])
+        never = {"regions": [[20, 1, 22, 2, 0, 0, 0, 0]], "branches": []}
+        self.assertEqual(fuzz_coverage.coverage_of_functions([function, never]), [5, 8, 3, 4])
+        # Another instance of the same template.
+        other = {"regions": [[20, 1, 22, 2, 1, 0, 0, 0]], "branches": []}
+        self.assertEqual(fuzz_coverage.coverage_of_functions([never, other]), [3, 3, 0, 0])
+
+    def test_every_target_names_the_files_that_it_tests(self):
+        targets = {source.stem.removeprefix("fuzz_") for source in (ROOT / "fuzz").glob("fuzz_*.cpp")}
+        self.assertEqual(targets, set(fuzz_coverage.FILES))
+        for entries in fuzz_coverage.FILES.values():
+            for entry in entries:
+                self.assertTrue((ROOT / entry.partition(":")[0]).is_file(), entry)
 
     def test_merge_makes_the_corpus_anew_and_keeps_inputs_with_names(self):
         self.add_fuzzer("base64", MERGE)
