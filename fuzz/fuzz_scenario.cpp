@@ -1,5 +1,6 @@
 // Reads any bytes as a scenario file. A file that is none is refused with a text. What the host sends in a
-// scenario can be read as commands. Any name of a file of templates stands for that of the legacy backend.
+// scenario can be read as commands. A name of a file of templates stands for that of the analyzer backend
+// when it contains the word, and else for that of the legacy backend.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -12,7 +13,9 @@
 
 namespace palaver {
 
-extern const char* const legacyTemplates;  // content of the file, embedded by the build
+// Contents of the files, embedded by the build.
+extern const char* const legacyTemplates;
+extern const char* const analyzerTemplates;
 
 }  // namespace palaver
 
@@ -23,8 +26,9 @@ using namespace palaver;
 // Holds a file in memory.
 class MemoryFile {
  public:
-  MemoryFile() : descriptor_(::memfd_create("scenario", MFD_CLOEXEC)) {
+  explicit MemoryFile(std::string_view content = {}) : descriptor_(::memfd_create("scenario", MFD_CLOEXEC)) {
     require(descriptor_ >= 0, "a file cannot be created");
+    write(content);
   }
   std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
   void write(std::string_view content) const {
@@ -37,31 +41,32 @@ class MemoryFile {
   int descriptor_;
 };
 
-std::string templatesPath() {
-  static const MemoryFile file;
-  file.write(legacyTemplates);
-  return file.path();
+// Returns the path of a file of templates.
+std::string templatesFor(const std::string& name) {
+  static const MemoryFile legacy(legacyTemplates), analyzer(analyzerTemplates);
+  return (name.find("analyzer") == std::string::npos ? legacy : analyzer).path();
 }
 
-void checkPayloads(const HostInput& input) {
-  for (const auto& command : input.commands)
-    if (command.pcmBase64) {
-      const auto payload = decodePayload(*command.pcmBase64);
-      require(!payload.error || payload.samples.empty(), "a payload with an error has samples");
-    }
+void checkCommands(const HostInput& input) {
+  for (const auto& command : input.commands) {
+    if (!command.pcmBase64) continue;
+    const auto payload = decodePayload(*command.pcmBase64);
+    require(!payload.error || payload.samples.empty(), "a payload with an error has samples");
+    require(command.type != "audio" || !command.isComplete() || command.sessionId,
+            "a complete command lacks its session");
+  }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const MemoryFile file;
-  static const std::string templates = templatesPath();
   file.write(text(data, size));
   try {
     auto content = readJSONFile(file.path());
     if (content.is_object() && content.contains("templates") && content["templates"].is_string())
-      content["templates"] = templates;
-    checkPayloads(readHostInput(readScenario(content, "scenario")));
+      content["templates"] = templatesFor(content["templates"].get<std::string>());
+    checkCommands(readHostInput(readScenario(content, "scenario")));
   } catch (const std::exception& error) {
     require(*error.what() != '\0', "an error without text");
   }
