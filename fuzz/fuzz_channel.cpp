@@ -1,9 +1,11 @@
 // Compares input in reads of any size with the same input in few reads. The first eight bytes choose the
-// sizes. The ninth chooses the longest line and what precedes the input:
+// sizes. The ninth chooses the longest line, the host and what precedes the input:
+//
 //   0         the usual limit
-//   1         the usual limit, and a blank line that almost fills a block: the input crosses its end
-//   2         the usual limit, and a blank line without its end, longer than a block: the first line
-//   continues it 3 to 255  a limit of as many bytes
+//   1         a line that almost fills a block, whose end the input crosses
+//   2         a line longer than a block that ends within a string, which the input continues
+//   3         a host that does not read
+//   4 to 255  a limit of as many bytes
 #include <algorithm>
 #include <cstring>
 
@@ -17,6 +19,20 @@ namespace {
 
 using namespace palaver;
 
+constexpr std::uint8_t noReader = 3;
+
+// Records what is written to a host that may not be reading.
+class HostOutput final : public OutputStream {
+ public:
+  HostOutput(RecordingStream& stream, bool isRead) : stream_(stream), isRead_(isRead) {}
+  void write(std::string_view bytes) override { stream_.write(bytes); }
+  bool isWritable() const override { return isRead_; }
+
+ private:
+  RecordingStream& stream_;
+  bool isRead_;
+};
+
 struct Outcome {
   std::vector<std::string> calls;
   std::string output, errors;
@@ -26,13 +42,14 @@ struct Outcome {
 
 // Feeds `before` in reads as large as possible, and then `input` in reads of these sizes; without sizes as
 // large too.
-Outcome play(std::string_view before, std::string_view input, std::string_view sizes,
-             std::size_t longestLine) {
+Outcome play(std::string_view before, std::string_view input, std::string_view sizes, std::uint8_t choice) {
   FakePlatform fake;
-  JSONLineWriter writer(fake.clock, fake.standardOutput, fake.standardError);
+  HostOutput output(fake.standardOutput, choice != noReader);
+  JSONLineWriter writer(fake.clock, output, fake.standardError);
   RecordingBackend backend;
   CommandHandler handler(fake.platform, writer, backend);
-  CommandChannel channel(fake.mainQueue, writer, handler, longestLine);
+  CommandChannel channel(fake.mainQueue, writer, handler,
+                         choice <= noReader ? CommandChannel::usualLongestLine : choice);
   const auto feed = [&channel](std::string_view& bytes, std::size_t wanted) {
     const auto room = channel.prepare();
     const auto count = std::min({room.size(), bytes.size(), wanted});
@@ -73,11 +90,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size < choices) return 0;
   const auto sizes = text(data, choices - 1);
   const auto choice = data[choices - 1];
-  const std::size_t longestLine = choice < 3 ? CommandChannel::usualLongestLine : choice;
   const auto before = beginning(choice), input = text(data + choices, size - choices);
   // In the first, one read crosses from what precedes the input into it.
-  const auto whole = play({}, std::string(before).append(input), {}, longestLine);
-  const auto cut = play(before, input, sizes, longestLine);
+  const auto whole = play({}, std::string(before).append(input), {}, choice);
+  const auto cut = play(before, input, sizes, choice);
   require(whole == cut, "the size of reads shows");
   require(whole.status == 0, "the end of input does not end the process with status 0");
   require(whole.errors.empty(), "an event could not be encoded");
