@@ -47,8 +47,14 @@ std::string templatesFor(const std::string& name) {
   return (name.find("analyzer") == std::string::npos ? legacy : analyzer).path();
 }
 
-void checkCommands(const HostInput& input) {
-  for (const auto& command : input.commands) {
+// Reads the commands that the host sends, except those of much audio, which would only take time.
+void checkCommands(const Scenario& scenario) {
+  constexpr std::size_t maxBytes = 100'000;
+  std::size_t bytes = 0;
+  for (const auto& action : scenario.actions)
+    if (const auto* const sent = std::get_if<HostBytes>(&action.what)) bytes += sent->bytes.size();
+  if (bytes > maxBytes) return;
+  for (const auto& command : readHostInput(scenario).commands) {
     if (!command.pcmBase64) continue;
     const auto payload = decodePayload(*command.pcmBase64);
     require(!payload.error || payload.samples.empty(), "a payload with an error has samples");
@@ -66,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto content = readJSONFile(file.path());
     if (content.is_object() && content.contains("templates") && content["templates"].is_string())
       content["templates"] = templatesFor(content["templates"].get<std::string>());
-    checkCommands(readHostInput(readScenario(content, "scenario")));
+    checkCommands(readScenario(content, "scenario"));
   } catch (const std::exception& error) {
     require(*error.what() != '\0', "an error without text");
   }
