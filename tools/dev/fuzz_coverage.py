@@ -18,7 +18,7 @@ FILES = {
     "base64": ["core/Base64.cpp", "core/VectorKernels.cpp:[Bb]ase64|Groups", "core/VectorKernelsX86.cpp:[Bb]ase64|Groups"],
     "channel": ["core/CommandChannel.cpp", "core/CommandHandler.cpp", "core/JSONLineWriter.cpp", "core/Text.cpp"],
     "command": ["core/HelperCommand.cpp", "core/UTF8.cpp"],
-    "event": ["core/JSONLineWriter.cpp:serializeEvent"],
+    "event": ["core/JSONLineWriter.cpp:serializeEvent|append"],
     "onnx": ["platform/linux/models/ONNXMetadata.cpp"],
     "scenario": ["simulator/scenario/" + name for name in (
         "AnalysisSteps.cpp:read", "Conversation.cpp", "EventPattern.cpp:withTimes", "HostInput.cpp", "MachineSteps.cpp:read",
