@@ -96,15 +96,19 @@ std::span<char> CommandChannel::prepare() {
     try {
       replaceBlock(unfinished);
     } catch (const std::bad_alloc&) {
-      // The bytes of the current line belong to no command, so they can be overwritten.
       if (!block_ || lineStart_ == block_->size()) handler_.fail(std::bad_alloc());
-      reportError(lineDoesNotFit);
-      handOverErrors();
-      skipping_ = true;
-      filled_ = lineStart_;
+      if (filled_ == block_->size()) dropLineThatDoesNotFit();
     }
   }
   return {block_->bytes() + filled_, block_->size() - filled_};
+}
+
+// Makes room for input: the bytes of the current line belong to no command, so they can be overwritten.
+void CommandChannel::dropLineThatDoesNotFit() {
+  reportError(lineDoesNotFit);
+  handOverErrors();
+  skipping_ = true;
+  filled_ = lineStart_;
 }
 
 void CommandChannel::replaceBlock(std::size_t unfinished) {
@@ -113,7 +117,6 @@ void CommandChannel::replaceBlock(std::size_t unfinished) {
   try {
     next = takeBlock(unfinished);
   } catch (const std::bad_alloc&) {
-    if (blockSize_ == usualBlockSize) throw;
     setBlockSize(usualBlockSize);
     next = takeBlock(unfinished);
   }
@@ -156,7 +159,7 @@ void CommandChannel::splitLines(std::size_t count) {
     reportTooLongLine();
     skipping_ = true;
   }
-  if (skipping_ || isShutDown_) lineStart_ = filled_;
+  if (skipping_ || isShutDown_) filled_ = lineStart_;  // what is dropped needs no room
   handOverCommands();
   handOverErrors();
   if (isShutDown_) writer_.limitStalls();

@@ -45,6 +45,7 @@ class CommandChannel final : public InputHandler {
   using Commands = std::vector<HelperCommand>;
   using Errors = std::vector<std::pair<std::string, std::size_t>>;  // message, times in a row
 
+  void dropLineThatDoesNotFit();
   void replaceBlock(std::size_t unfinished);
   void setBlockSize(std::size_t size);
   std::shared_ptr<Block> takeBlock(std::size_t unfinished);

@@ -82,6 +82,86 @@ TEST(CommandChannelTest, HelperEndsWithErrorWhenFirstBlockDoesNotFit) {
   EXPECT_THAT(host.messages(), ElementsAre(::testing::StartsWith("The helper has to end: ")));
 }
 
+// Refuses blocks while it exists.
+struct NoBlocks {
+  NoBlocks() { refuseLargeAllocations(true); }
+  ~NoBlocks() { refuseLargeAllocations(false); }
+  NoBlocks(const NoBlocks&) = delete;
+  NoBlocks& operator=(const NoBlocks&) = delete;
+};
+
+// Sizes of blocks and the least room of a read, bytes.
+constexpr std::size_t usualBlock = std::size_t{256} << 10;
+constexpr std::size_t burstBlock = std::size_t{1} << 20;
+constexpr std::size_t leastRoom = std::size_t{64} << 10;
+
+TEST(CommandChannelTest, LineThatDoesNotFitIsReportedOnceAndNextIsHandled) {
+  Conversation host;
+  const std::string longLine(2 * usualBlock, 'x');
+  host.receive(stop("a") + "\n");
+  {
+    const NoBlocks refused;
+    host.receiveInReadsOf(4096, longLine);
+    EXPECT_THAT(host.messages(), ElementsAre("Invalid JSON command: the line does not fit into memory"));
+    host.receive("x\n" + stop("b") + "\n");
+  }
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopSession('b')"));
+  EXPECT_EQ(host.messages().size(), 1U);
+}
+
+TEST(CommandChannelTest, ReadsGoOnInRestOfBlockWhenNextDoesNotFit) {
+  Conversation host;
+  const std::string line = stop("a") + "\n";
+  host.receiveInReadsOf(leastRoom, std::string(usualBlock - leastRoom, '\n'));
+  host.receive(std::string(leastRoom - 2 * line.size(), '\n'));
+  const NoBlocks refused;
+  EXPECT_EQ(host.channel.prepare().size(), 2 * line.size());
+  host.receive(line);
+  EXPECT_EQ(host.channel.prepare().size(), line.size());
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')"));
+  EXPECT_THAT(host.messages(), IsEmpty());
+}
+
+TEST(CommandChannelTest, HelperEndsWithErrorWhenBlockIsFullAndNextDoesNotFit) {
+  Conversation host;
+  host.receiveInReadsOf(leastRoom, std::string(usualBlock - leastRoom, '\n'));
+  ASSERT_EQ(host.channel.prepare().size(), leastRoom);
+  host.receive(std::string(leastRoom, '\n'));
+  const NoBlocks refused;
+  std::optional<int> status;
+  try {
+    host.channel.prepare();
+  } catch (const Exit& exit) {
+    status = exit.status;
+  }
+  EXPECT_EQ(status, 1);
+  EXPECT_THAT(host.messages(), ElementsAre(::testing::StartsWith("The helper has to end: ")));
+}
+
+TEST(CommandChannelTest, OneByteOfLineCrossesEndOfBlock) {
+  Conversation host;
+  const std::string line = stop("a") + "\n";
+  host.receiveInReadsOf(leastRoom, std::string(usualBlock - leastRoom, '\n'));
+  ASSERT_EQ(host.channel.prepare().size(), leastRoom);
+  host.receive(std::string(leastRoom - 1, '\n') + line.substr(0, 1));
+  host.receive(line.substr(1));
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')"));
+}
+
+TEST(CommandChannelTest, BlockOfLongLineIsKeptForHalfBlockOfNextLine) {
+  const std::string longLine(2 * usualBlock, ' ');
+  for (const std::size_t length : {usualBlock / 2 - 1, usualBlock / 2}) {
+    Conversation host;
+    host.receiveInReadsOf(4096, longLine);
+    host.receive("\n" + std::string(length, ' '));
+    const auto room = host.channel.prepare().size();
+    EXPECT_EQ(room == burstBlock - length, length < usualBlock / 2) << room;
+  }
+}
+
 TEST(CommandChannelTest, CommandsWaitForMainThread) {
   Conversation host;
   host.receive(stop("a") + "\n");
@@ -354,9 +434,6 @@ std::string linesOf(std::size_t bytes) {
   return lines;
 }
 
-constexpr std::size_t usualBlock = std::size_t{256} << 10;
-constexpr std::size_t burstBlock = std::size_t{1} << 20;
-
 TEST(CommandChannelTest, LongReadMakesNextBlockLarger) {
   Conversation host;
   EXPECT_EQ(host.channel.prepare().size(), usualBlock);
@@ -375,33 +452,65 @@ TEST(CommandChannelTest, ReadOf128KiBIsBurst) {
 }
 
 TEST(CommandChannelTest, BlockIsReplacedWhenLessThan64KiBOfRoomAreLeft) {
-  constexpr std::size_t least = std::size_t{64} << 10;
   Conversation host;
-  host.receiveInReadsOf(4096, std::string(usualBlock - least, '\n'));
-  EXPECT_EQ(host.channel.prepare().size(), least);
+  host.receiveInReadsOf(4096, std::string(usualBlock - leastRoom, '\n'));
+  EXPECT_EQ(host.channel.prepare().size(), leastRoom);
   host.receive("\n");
   EXPECT_EQ(host.channel.prepare().size(), usualBlock);
 }
 
 TEST(CommandChannelTest, LineOfHalfBlockMovesToBlockOfTwiceItsLength) {
-  constexpr std::size_t least = std::size_t{64} << 10;
   for (const std::size_t length : {usualBlock / 2 - 1, usualBlock / 2}) {
     Conversation host;
-    host.receiveInReadsOf(4096, std::string(usualBlock - least - length, '\n'));
+    host.receiveInReadsOf(4096, std::string(usualBlock - leastRoom - length, '\n'));
     host.receiveInReadsOf(4096, std::string(length, ' '));
-    EXPECT_EQ(host.channel.prepare().size(), least);
+    EXPECT_EQ(host.channel.prepare().size(), leastRoom);
     host.receive(" ");
     const std::size_t unfinished = length + 1;
     EXPECT_EQ(host.channel.prepare().size(),
-              unfinished < usualBlock / 2 ? usualBlock - unfinished : unfinished + least)
+              unfinished < usualBlock / 2 ? usualBlock - unfinished : unfinished + leastRoom)
         << length;
   }
+}
+
+TEST(CommandChannelTest, FourBlocksAreKeptForReuse) {
+  // A command and blank lines. The next block follows when less than 64 KiB of room are left.
+  std::string read = stop("a");
+  read.resize(4096, '\n');
+  constexpr std::size_t readsOfBlock = (usualBlock - leastRoom) / 4096 + 1;
+  // Returns the blocks allocated for a backlog of so many blocks after an equal one.
+  const auto allocationsOf = [&](std::size_t blocks) {
+    Conversation host;
+    std::size_t before = 0;
+    for (int round = 0; round < 2; ++round) {
+      before = largeAllocations();
+      for (std::size_t i = 0; i < blocks * readsOfBlock; ++i) host.receive(read);
+      host.fake.mainQueue.runAll();
+    }
+    return largeAllocations() - before;
+  };
+  EXPECT_EQ(allocationsOf(5), 0U) << "four kept and the one in use";
+  EXPECT_EQ(allocationsOf(6), 1U);
+}
+
+TEST(CommandChannelTest, BurstAllocatesNoBlocksOnceItGoesOn) {
+  Conversation host;
+  const std::string lines = linesOf(burstBlock);
+  std::size_t before = 0;
+  for (int round = 0; round < 20; ++round) {
+    if (round == 4) before = largeAllocations();
+    host.receive(lines);
+    host.fake.mainQueue.runAll();
+    host.backend.calls.clear();
+  }
+  EXPECT_EQ(largeAllocations(), before);
 }
 
 TEST(CommandChannelTest, BlocksAreUsualAgainAfterBurst) {
   Conversation host;
   host.receive(linesOf(usualBlock - 4096));
   ASSERT_EQ(host.channel.prepare().size(), burstBlock);
+  host.fake.mainQueue.runAll();
   host.receiveInReadsOf(4096, linesOf(2 * burstBlock));
   EXPECT_LE(host.channel.prepare().size(), usualBlock);
 }
