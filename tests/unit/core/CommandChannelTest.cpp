@@ -560,6 +560,54 @@ TEST(CommandChannelTest, SecondCommandOnLineIsRejectedWithFirst) {
   EXPECT_THAT(host.messages(), ElementsAre(::testing::HasSubstr("something follows the object")));
 }
 
+TEST(CommandChannelTest, AnyOtherByteBehindCommandIsRejected) {
+  for (int byte = 0; byte < 256; ++byte) {
+    if (std::strchr(" \t\r\n", byte) && byte != 0) continue;
+    Conversation host;
+    host.receive(stop("a") + static_cast<char>(byte) + "\n" + stop("b") + "\n");
+    host.fake.mainQueue.runAll();
+    EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('b')")) << byte;
+    EXPECT_EQ(host.messages().size(), 1U) << byte;
+  }
+}
+
+TEST(CommandChannelTest, LimitHoldsForCommandThatIsReadWhole) {
+  const std::string line = stop("a");
+  for (const std::size_t limit : {line.size() - 1, line.size()}) {
+    Conversation host(limit);
+    host.receive(line + "\n");
+    EXPECT_EQ(host.end(), 0);
+    EXPECT_EQ(host.messages().size(), limit < line.size() ? 1U : 0U);
+    EXPECT_EQ(host.backend.calls.size(), limit < line.size() ? 1U : 2U) << "with the end of input";
+  }
+}
+
+TEST(CommandChannelTest, LineOfLimitMayEndWithNextRead) {
+  const std::string line = stop("a");
+  Conversation host(line.size());
+  host.receive(line);
+  host.receive("\n");
+  EXPECT_EQ(host.end(), 0);
+  EXPECT_THAT(host.messages(), IsEmpty());
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopAll"));
+}
+
+TEST(CommandChannelTest, CommandWhosePhrasesDoNotFitIsReportedOnceAndNextIsHandled) {
+  Conversation host;
+  std::string line = R"({"type":"session.start","sessionId":"a","vocabulary":[""])";
+  for (int i = 0; i < 20'000; ++i) line.insert(line.size() - 1, ",\"\"");
+  line += "}\n" + stop("b") + "\n";
+  ASSERT_LT(line.size(), usualBlock);
+  host.channel.prepare();
+  {
+    const NoBlocks refused;
+    host.receive(line);
+  }
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('b')"));
+  EXPECT_THAT(host.messages(), ElementsAre("Invalid JSON command: the line does not fit into memory"));
+}
+
 TEST(CommandChannelTest, CommandsStayValidAfterLaterReads) {
   // Later input must not overwrite the bytes that earlier commands refer to.
   Conversation host;
