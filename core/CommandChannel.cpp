@@ -22,7 +22,8 @@ constexpr std::size_t burstRead = std::size_t{128}
                                   << 10;  // a read this long shows that the host is far ahead
 constexpr std::size_t smallestRead = std::size_t{64} << 10;  // minimum free bytes worth a read
 constexpr const char* lineDoesNotFit = "Invalid JSON command: the line does not fit into memory";
-constexpr std::size_t spareBlocks = 4;  // blocks kept for reuse
+constexpr std::size_t spareBlocks = 4;          // blocks kept for reuse
+constexpr std::size_t mostCommandsOfJob = 256;  // bounds the memory of a list of commands, about 50 KB
 
 }  // namespace
 
@@ -212,8 +213,8 @@ void CommandChannel::reportTooLongLine() {
 
 void CommandChannel::decodeLine(char* line, std::size_t length) {
   // The trim is only a test for blank lines. The line itself is decoded untrimmed. Almost every line begins
-  // with a brace.
-  if ((length == 0 || line[0] != '{') && trimWhitespaceAndNewlines({line, length}).empty()) return;
+  // with a brace. An empty line has its line feed as the first byte.
+  if (line[0] != '{' && trimWhitespaceAndNewlines({line, length}).empty()) return;
   try {
     keep(decodeHelperCommand(line, length), length);
   } catch (const DecodingError& error) {
@@ -225,10 +226,13 @@ void CommandChannel::decodeLine(char* line, std::size_t length) {
 
 void CommandChannel::keep(HelperCommand command, std::size_t lineLength) {
   handOverErrors();
-  isShutDown_ = command.type == "shutdown";
+  if (commands_.size() == mostCommandsOfJob) handOverCommands();
   // The lines of a read are about equally long.
-  if (commands_.empty()) commands_.reserve(1 + (filled_ - lineStart_) / (lineLength + 1));
+  if (commands_.empty())
+    commands_.reserve(std::min(1 + (filled_ - lineStart_) / (lineLength + 1), mostCommandsOfJob));
+  const bool isLast = command.type == "shutdown";
   commands_.push_back(std::move(command));
+  isShutDown_ = isLast;
 }
 
 // Commands before the line are queued first, so that none waits for a host that does not read. Once an error
@@ -240,7 +244,7 @@ void CommandChannel::reportError(const std::string& message) {
   ++errors_.back().second;
 }
 
-// Queues one job for all commands. It shares the block that they point into.
+// Queues one job for all kept commands. It shares the block that they point into.
 void CommandChannel::handOverCommands() {
   if (commands_.empty()) return;
   mainQueue_.async([&handler = handler_, block = block_, batch = std::exchange(commands_, {})] {

@@ -29,7 +29,7 @@ def main():
     channels = ["0", "1", "2", "10", "a minute after"]
     memory = {engine: [sum(found["memory"][name]) for name in channels] for engine, found in results.items() if "memory" in found}
     if memory:
-        (folder / "memory.svg").write_text(
+        (folder / "engine-memory.svg").write_text(
             svg.bars("Resident memory of helper and worker", "MB", [f"{name} channels" if name.isdigit() else name for name in channels], memory))
 
 

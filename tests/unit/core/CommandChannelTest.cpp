@@ -608,6 +608,22 @@ TEST(CommandChannelTest, CommandWhosePhrasesDoNotFitIsReportedOnceAndNextIsHandl
   EXPECT_THAT(host.messages(), ElementsAre("Invalid JSON command: the line does not fit into memory"));
 }
 
+TEST(CommandChannelTest, ManyCommandsOfOneReadNeedNoLargeList) {
+  Conversation host;
+  const std::string line = stop("a") + "\n";
+  std::string lines;
+  for (int i = 0; i < 2000; ++i) lines += line;
+  host.channel.prepare();
+  {
+    const NoBlocks refused;  // nor other large memory
+    host.receive(lines);
+  }
+  EXPECT_EQ(host.fake.mainQueue.size(), 8U) << "jobs of 256 commands at most";
+  host.fake.mainQueue.runAll();
+  EXPECT_EQ(host.backend.calls.size(), 2000U);
+  EXPECT_THAT(host.messages(), IsEmpty());
+}
+
 TEST(CommandChannelTest, CommandsStayValidAfterLaterReads) {
   // Later input must not overwrite the bytes that earlier commands refer to.
   Conversation host;
