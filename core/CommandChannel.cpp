@@ -22,8 +22,7 @@ constexpr std::size_t burstRead = std::size_t{128}
                                   << 10;  // a read this long shows that the host is far ahead
 constexpr std::size_t smallestRead = std::size_t{64} << 10;  // minimum free bytes worth a read
 constexpr const char* lineDoesNotFit = "Invalid JSON command: the line does not fit into memory";
-constexpr std::size_t spareBlocks = 4;          // blocks kept for reuse
-constexpr std::size_t mostCommandsOfJob = 256;  // bounds the memory of a list of commands, about 50 KB
+constexpr std::size_t spareBlocks = 4;  // blocks kept for reuse
 
 }  // namespace
 
@@ -224,12 +223,19 @@ void CommandChannel::decodeLine(char* line, std::size_t length) {
   }
 }
 
+// The lines of a read are about equally long, so one list usually takes all. Without memory for it each
+// command is handed over by itself.
+void CommandChannel::reserveCommands(std::size_t count) {
+  try {
+    commands_.reserve(count);
+  } catch (const std::bad_alloc&) {
+  }
+}
+
 void CommandChannel::keep(HelperCommand command, std::size_t lineLength) {
   handOverErrors();
-  if (commands_.size() == mostCommandsOfJob) handOverCommands();
-  // The lines of a read are about equally long.
-  if (commands_.empty())
-    commands_.reserve(std::min(1 + (filled_ - lineStart_) / (lineLength + 1), mostCommandsOfJob));
+  if (commands_.size() == commands_.capacity()) handOverCommands();
+  if (commands_.empty()) reserveCommands(1 + (filled_ - lineStart_) / (lineLength + 1));
   const bool isLast = command.type == "shutdown";
   commands_.push_back(std::move(command));
   isShutDown_ = isLast;

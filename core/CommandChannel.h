@@ -55,6 +55,7 @@ class CommandChannel final : public InputHandler {
   void reportTooLongLine();
   void decodeLine(char* line, std::size_t length);
   void keep(HelperCommand command, std::size_t lineLength);
+  void reserveCommands(std::size_t count);
   void reportError(const std::string& message);
   void handOverCommands();
   void handOverErrors();
