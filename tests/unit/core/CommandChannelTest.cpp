@@ -623,6 +623,64 @@ TEST(CommandChannelTest, ManyCommandsOfOneReadNeedNoLargeList) {
   EXPECT_THAT(host.messages(), IsEmpty());
 }
 
+// A host that does not read.
+class UnreadOutput final : public OutputStream {
+ public:
+  void write(std::string_view) override {}
+  bool isWritable() const override { return false; }
+  void limitStalls(double) override { ++limits; }
+  int limits = 0;
+};
+
+struct UnreadConversation {
+  FakePlatform fake;
+  UnreadOutput output;
+  JSONLineWriter writer{fake.clock, output, fake.standardError};
+  RecordingBackend backend;
+  CommandHandler handler{fake.platform, writer, backend};
+  CommandChannel channel{fake.mainQueue, writer, handler};
+
+  void receive(std::string_view bytes) {
+    std::memcpy(channel.prepare().data(), bytes.data(), bytes.size());
+    channel.received(bytes.size());
+  }
+};
+
+TEST(CommandChannelTest, ErrorForUnreadOutputIsQueuedWithItsRead) {
+  UnreadConversation host;
+  host.receive("bad\n");
+  EXPECT_EQ(host.fake.mainQueue.size(), 1U);
+}
+
+TEST(CommandChannelTest, ErrorOfLastLineForUnreadOutputIsQueuedBeforeEnd) {
+  UnreadConversation host;
+  host.receive("bad");
+  EXPECT_EQ(host.fake.mainQueue.size(), 0U);
+  host.channel.ended();
+  EXPECT_EQ(host.fake.mainQueue.size(), 2U);
+}
+
+TEST(CommandChannelTest, ErrorOfLineThatDoesNotFitIsQueuedForUnreadOutput) {
+  UnreadConversation host;
+  const std::string part(leastRoom, 'x');
+  for (std::size_t read = 0; read < usualBlock; read += part.size()) host.receive(part);
+  const NoBlocks refused;
+  host.channel.prepare();
+  EXPECT_EQ(host.fake.mainQueue.size(), 1U);
+}
+
+TEST(CommandChannelTest, StallsOfOutputAreLimitedFromShutdownOrEndOn) {
+  UnreadConversation host;
+  host.receive(stop("a") + "\n");
+  EXPECT_EQ(host.output.limits, 0);
+  host.receive("{\"type\":\"shutdown\"}\n");
+  EXPECT_EQ(host.output.limits, 1);
+  UnreadConversation ended;
+  ended.channel.prepare();
+  ended.channel.ended();
+  EXPECT_EQ(ended.output.limits, 1);
+}
+
 TEST(CommandChannelTest, CommandsStayValidAfterLaterReads) {
   // Later input must not overwrite the bytes that earlier commands refer to.
   Conversation host;
