@@ -652,6 +652,16 @@ TEST(CommandChannelTest, ErrorForUnreadOutputIsQueuedWithItsRead) {
   EXPECT_EQ(host.fake.mainQueue.size(), 1U);
 }
 
+TEST(CommandChannelTest, ErrorForUnreadOutputPrecedesLaterCommands) {
+  UnreadConversation host;
+  host.receive("bad\n" + stop("a") + "\n");
+  ASSERT_EQ(host.fake.mainQueue.size(), 2U);
+  host.fake.mainQueue.runOne();
+  EXPECT_THAT(host.backend.calls, IsEmpty());
+  host.fake.mainQueue.runOne();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')"));
+}
+
 TEST(CommandChannelTest, ErrorOfLastLineForUnreadOutputIsQueuedBeforeEnd) {
   UnreadConversation host;
   host.receive("bad");
