@@ -18,8 +18,7 @@ namespace {
 // Sizes in bytes. A host that is far ahead gets larger blocks, which take fewer reads and wake-ups.
 constexpr std::size_t usualBlockSize = std::size_t{256} << 10;
 constexpr std::size_t burstBlockSize = std::size_t{1} << 20;
-constexpr std::size_t burstRead = std::size_t{128}
-                                  << 10;  // a read this long shows that the host is far ahead
+constexpr std::size_t burstRead = std::size_t{128} << 10;    // shows that the host is far ahead
 constexpr std::size_t smallestRead = std::size_t{64} << 10;  // minimum free bytes worth a read
 constexpr const char* lineDoesNotFit = "Invalid JSON command: the line does not fit into memory";
 constexpr std::size_t spareBlocks = 4;  // blocks kept for reuse
@@ -178,11 +177,7 @@ bool CommandChannel::decodePlainLine() {
   }
   if (!plain || line[plain->length] != '\n' || plain->length > longestLine_) return false;
   lineStart_ += plain->length + 1;
-  try {
-    keep(std::move(plain->command), plain->length);
-  } catch (const std::bad_alloc&) {
-    reportError(lineDoesNotFit);
-  }
+  keep(std::move(plain->command), plain->length);
   return true;
 }
 
@@ -233,12 +228,16 @@ void CommandChannel::reserveCommands(std::size_t count) {
 }
 
 void CommandChannel::keep(HelperCommand command, std::size_t lineLength) {
-  handOverErrors();
-  if (commands_.size() == commands_.capacity()) handOverCommands();
-  if (commands_.empty()) reserveCommands(1 + (filled_ - lineStart_) / (lineLength + 1));
-  const bool isLast = command.type == "shutdown";
-  commands_.push_back(std::move(command));
-  isShutDown_ = isLast;
+  try {
+    handOverErrors();
+    if (commands_.size() == commands_.capacity()) handOverCommands();
+    if (commands_.empty()) reserveCommands(1 + (filled_ - lineStart_) / (lineLength + 1));
+    const bool isLast = command.type == "shutdown";
+    commands_.push_back(std::move(command));
+    isShutDown_ = isLast;
+  } catch (const std::bad_alloc&) {
+    reportError(lineDoesNotFit);
+  }
 }
 
 // Commands before the line are queued first, so that none waits for a host that does not read. Once an error

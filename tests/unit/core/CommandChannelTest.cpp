@@ -17,6 +17,14 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+// Refuses blocks while it exists: allocations of at least so many bytes.
+struct NoBlocks {
+  explicit NoBlocks(std::size_t leastSize = largeAllocation) { refuseLargeAllocations(true, leastSize); }
+  ~NoBlocks() { refuseLargeAllocations(false); }
+  NoBlocks(const NoBlocks&) = delete;
+  NoBlocks& operator=(const NoBlocks&) = delete;
+};
+
 // Feeds a channel and its handler with reads of any size.
 struct Conversation {
   explicit Conversation(std::size_t longestLine = CommandChannel::usualLongestLine)
@@ -42,6 +50,8 @@ struct Conversation {
   void receiveInReadsOf(std::size_t size, std::string_view bytes) {
     for (; !bytes.empty(); bytes.remove_prefix(std::min(size, bytes.size()))) receive(bytes.substr(0, size));
   }
+  // Prepares a read while no memory is left for a block. Returns the exit status if the helper ends.
+  std::optional<int> prepareWithoutMemory();
   // Ends the input and handles all commands. Returns the exit status.
   int end() {
     channel.prepare();
@@ -64,31 +74,25 @@ struct Conversation {
   }
 };
 
+std::optional<int> Conversation::prepareWithoutMemory() {
+  const NoBlocks refused;
+  try {
+    channel.prepare();
+  } catch (const Exit& exit) {
+    return exit.status;
+  }
+  return std::nullopt;
+}
+
 std::string stop(std::string_view id) {
   return std::string(R"({"type":"session.stop","sessionId":")").append(id) + "\"}";
 }
 
 TEST(CommandChannelTest, HelperEndsWithErrorWhenFirstBlockDoesNotFit) {
   Conversation host;
-  refuseLargeAllocations(true);
-  std::optional<int> status;
-  try {
-    host.channel.prepare();
-  } catch (const Exit& exit) {
-    status = exit.status;
-  }
-  refuseLargeAllocations(false);
-  EXPECT_EQ(status, 1);
+  EXPECT_EQ(host.prepareWithoutMemory(), 1);
   EXPECT_THAT(host.messages(), ElementsAre(::testing::StartsWith("The helper has to end: ")));
 }
-
-// Refuses blocks while it exists.
-struct NoBlocks {
-  NoBlocks() { refuseLargeAllocations(true); }
-  ~NoBlocks() { refuseLargeAllocations(false); }
-  NoBlocks(const NoBlocks&) = delete;
-  NoBlocks& operator=(const NoBlocks&) = delete;
-};
 
 // Sizes of blocks and the least room of a read, bytes.
 constexpr std::size_t usualBlock = std::size_t{256} << 10;
@@ -129,14 +133,7 @@ TEST(CommandChannelTest, HelperEndsWithErrorWhenBlockIsFullAndNextDoesNotFit) {
   host.receiveInReadsOf(leastRoom, std::string(usualBlock - leastRoom, '\n'));
   ASSERT_EQ(host.channel.prepare().size(), leastRoom);
   host.receive(std::string(leastRoom, '\n'));
-  const NoBlocks refused;
-  std::optional<int> status;
-  try {
-    host.channel.prepare();
-  } catch (const Exit& exit) {
-    status = exit.status;
-  }
-  EXPECT_EQ(status, 1);
+  EXPECT_EQ(host.prepareWithoutMemory(), 1);
   EXPECT_THAT(host.messages(), ElementsAre(::testing::StartsWith("The helper has to end: ")));
 }
 
@@ -535,9 +532,10 @@ TEST(CommandChannelTest, BurstGoesOnInUsualBlocksWhenLargerOnesDoNotFit) {
   Conversation host;
   const std::string lines = linesOf(usualBlock - 4096);
   host.receive(lines);
-  refuseLargeAllocations(true, usualBlock * 2);
-  host.receive(lines);
-  refuseLargeAllocations(false);
+  {
+    const NoBlocks refused(usualBlock * 2);
+    host.receive(lines);
+  }
   host.fake.mainQueue.runAll();
   EXPECT_EQ(host.backend.calls.size(), lines.size() / stop(std::string(4001, 'a')).size() * 2);
   EXPECT_THAT(host.messages(), IsEmpty());
