@@ -123,6 +123,20 @@ class PayloadReader {
   std::span<const std::byte> rest_;
 };
 
+std::string encodeFrameCount(FrameType type, std::uint32_t task, std::uint64_t frames) {
+  PayloadWriter payload(type, task);
+  payload.number(frames);
+  return payload.finish();
+}
+
+std::uint64_t decodeFrameCount(std::span<const std::byte> bytes, std::uint64_t limit) {
+  PayloadReader payload(bytes);
+  const auto frames = payload.number<std::uint64_t>();
+  payload.finish();
+  if (frames > limit) throw MalformedFrame();
+  return frames;
+}
+
 }  // namespace
 
 std::span<std::byte> FrameDecoder::prepare() {
@@ -212,15 +226,11 @@ std::string encodeAnswer(std::uint32_t task, const std::optional<RecognitionResu
 }
 
 std::string encodeConsumed(std::uint32_t task, std::uint64_t frames) {
-  PayloadWriter payload(FrameType::consumed, task);
-  payload.number(frames);
-  return payload.finish();
+  return encodeFrameCount(FrameType::consumed, task, frames);
 }
 
 std::string encodeDecoding(std::uint64_t frames) {
-  PayloadWriter payload(FrameType::decoding, 0);
-  payload.number(std::min(frames, maxDecodedFrames));
-  return payload.finish();
+  return encodeFrameCount(FrameType::decoding, 0, std::min(frames, maxDecodedFrames));
 }
 
 StartFrame decodeStart(std::span<const std::byte> bytes) {
@@ -280,19 +290,11 @@ AnswerFrame decodeAnswer(std::span<const std::byte> bytes) {
 }
 
 std::uint64_t decodeConsumed(std::span<const std::byte> bytes) {
-  PayloadReader payload(bytes);
-  const auto frames = payload.number<std::uint64_t>();
-  payload.finish();
-  if (frames > maxPosition) throw MalformedFrame();
-  return frames;
+  return decodeFrameCount(bytes, maxPosition);
 }
 
 std::uint64_t decodeDecoding(std::span<const std::byte> bytes) {
-  PayloadReader payload(bytes);
-  const auto frames = payload.number<std::uint64_t>();
-  payload.finish();
-  if (frames > maxDecodedFrames) throw MalformedFrame();
-  return frames;
+  return decodeFrameCount(bytes, maxDecodedFrames);
 }
 
 }  // namespace palaver
