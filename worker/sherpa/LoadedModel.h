@@ -63,12 +63,28 @@ class LoadedModel {
 
   // Decodes one step of each of these transcribers of this model, which have work. Returns the exception of
   // each, null where it succeeded.
-  virtual std::vector<std::exception_ptr> work(std::span<Transcriber* const> batch);
+  virtual std::vector<std::exception_ptr> work(std::span<Transcriber* const> batch) {
+    return forEach(batch, [](Transcriber& transcriber) { transcriber.work(); });
+  }
 
  protected:
   LoadedModel() = default;
   LoadedModel(const LoadedModel&) = default;
   LoadedModel& operator=(const LoadedModel&) = default;
+
+  // Calls the function with each transcriber. Returns the exception of each, null where it succeeded.
+  template <typename Function>
+  static std::vector<std::exception_ptr> forEach(std::span<Transcriber* const> batch, Function function) {
+    std::vector<std::exception_ptr> failures(batch.size());
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+      try {
+        function(*batch[i]);
+      } catch (...) {
+        failures[i] = std::current_exception();
+      }
+    }
+    return failures;
+  }
 };
 
 }  // namespace palaver

@@ -190,15 +190,8 @@ std::vector<std::exception_ptr> StreamingModel::work(std::span<Transcriber* cons
     batchSize_ = 1;
     return LoadedModel::work(batch);
   }
-  std::vector<std::exception_ptr> failures(batch.size());
-  for (std::size_t i = 0; i < batch.size(); ++i) {
-    try {
-      static_cast<StreamingTranscriber*>(batch[i])->decoded();
-    } catch (...) {
-      failures[i] = std::current_exception();
-    }
-  }
-  return failures;
+  return forEach(batch,
+                 [](Transcriber& transcriber) { static_cast<StreamingTranscriber&>(transcriber).decoded(); });
 }
 
 }  // namespace palaver
