@@ -27,12 +27,6 @@ std::string text(const nlohmann::json& event, const char* key) {
   return printable(textOf(event, key));
 }
 
-std::optional<double> number(const nlohmann::json& event, const char* key) {
-  const auto member = event.find(key);
-  if (member == event.end() || !member->is_number()) return std::nullopt;
-  return member->get<double>();
-}
-
 std::string padded(std::string_view label) {
   std::string result(label);
   result.resize(std::max(labelColumns, result.size() + 1), ' ');
@@ -112,7 +106,7 @@ void TranscriptDisplay::showTranscript(const nlohmann::json& event, bool isFinal
   shown.partial.clear();
   ++shown.finals;
   shown.words += countWords(words);
-  const auto latency = number(event, "latencyMs").value_or(0);
+  const auto latency = numberOf(event, "latencyMs").value_or(0);
   shown.latencySum += latency;
   const auto endpointing = event.find("endpointing");
   const auto reason =
@@ -171,7 +165,7 @@ void TranscriptDisplay::finish(bool ok) {
 }
 
 std::string TranscriptDisplay::relative(const nlohmann::json& event, const char* key) const {
-  const auto time = number(event, key);
+  const auto time = numberOf(event, key);
   return time ? position(*time - startedAt_) : "?";
 }
 
