@@ -17,6 +17,11 @@ class WorkerWatchdogTest : public testing::Test {
     for (int i = 0; i < seconds && verdict == good; ++i) verdict = watchdog_.check(now_ += 1000);
     return verdict;
   }
+  // Opens a channel and starts its first task, which has the channel's number.
+  void startTask(std::uint32_t channel) {
+    watchdog_.channelOpened(channel);
+    watchdog_.taskStarted(channel, channel);
+  }
 
   double now_ = 5000;
   WorkerWatchdog watchdog_{WorkerLimits(), now_};
@@ -44,8 +49,7 @@ TEST_F(WorkerWatchdogTest, OpenChannelKeepsWorker) {
 
 TEST_F(WorkerWatchdogTest, TaskOfClosedChannelKeepsWorker) {
   watchdog_.loaded();
-  watchdog_.channelOpened(1);
-  watchdog_.taskStarted(1, 1);
+  startTask(1);
   watchdog_.channelClosed(1);
   EXPECT_EQ(after(3600), good);
   watchdog_.taskEnded(1);
@@ -54,16 +58,14 @@ TEST_F(WorkerWatchdogTest, TaskOfClosedChannelKeepsWorker) {
 
 TEST_F(WorkerWatchdogTest, TaskWithoutOutstandingAudioIsNotWatched) {
   watchdog_.loaded();
-  watchdog_.channelOpened(1);
-  watchdog_.taskStarted(1, 1);
+  startTask(1);
   watchdog_.audioSent(1, WorkerWatchdog::unwatchedFrames - 1);
   EXPECT_EQ(after(3600), good);
 }
 
 TEST_F(WorkerWatchdogTest, OutstandingAudioIsWatched) {
   watchdog_.loaded();
-  watchdog_.channelOpened(1);
-  watchdog_.taskStarted(1, 1);
+  startTask(1);
   watchdog_.audioSent(1, WorkerWatchdog::unwatchedFrames);
   EXPECT_EQ(after(30), good);
   EXPECT_EQ(after(1), answeringHangs);
@@ -71,8 +73,7 @@ TEST_F(WorkerWatchdogTest, OutstandingAudioIsWatched) {
 
 TEST_F(WorkerWatchdogTest, ProgressDelaysVerdict) {
   watchdog_.loaded();
-  watchdog_.channelOpened(1);
-  watchdog_.taskStarted(1, 1);
+  startTask(1);
   watchdog_.audioSent(1, 160000);
   EXPECT_EQ(after(29), good);
   watchdog_.audioConsumed(1, 8000);
@@ -84,8 +85,7 @@ TEST_F(WorkerWatchdogTest, ProgressDelaysVerdict) {
 
 TEST_F(WorkerWatchdogTest, EndedAudioIsWatchedUntilTaskEnds) {
   watchdog_.loaded();
-  watchdog_.channelOpened(1);
-  watchdog_.taskStarted(1, 1);
+  startTask(1);
   watchdog_.audioEnded(1);
   EXPECT_EQ(after(29), good);
   watchdog_.taskEnded(1);
@@ -94,8 +94,7 @@ TEST_F(WorkerWatchdogTest, EndedAudioIsWatchedUntilTaskEnds) {
 
 TEST_F(WorkerWatchdogTest, SecondTaskOfChannelWaitsUnwatched) {
   watchdog_.loaded();
-  watchdog_.channelOpened(1);
-  watchdog_.taskStarted(1, 1);
+  startTask(1);
   watchdog_.taskStarted(1, 2);
   watchdog_.audioEnded(2);
   EXPECT_EQ(after(3600), good);
@@ -106,8 +105,7 @@ TEST_F(WorkerWatchdogTest, SecondTaskOfChannelWaitsUnwatched) {
 TEST_F(WorkerWatchdogTest, ProgressOfOtherChannelHidesNoHang) {
   watchdog_.loaded();
   for (const std::uint32_t channel : {1U, 2U}) {
-    watchdog_.channelOpened(channel);
-    watchdog_.taskStarted(channel, channel);
+    startTask(channel);
     watchdog_.audioSent(channel, 1'000'000);
   }
   auto verdict = good;
@@ -121,8 +119,7 @@ TEST_F(WorkerWatchdogTest, ProgressOfOtherChannelHidesNoHang) {
 TEST_F(WorkerWatchdogTest, TasksWaitWhileEngineDecodesOthers) {
   watchdog_.loaded();
   for (const std::uint32_t channel : {1U, 2U}) {
-    watchdog_.channelOpened(channel);
-    watchdog_.taskStarted(channel, channel);
+    startTask(channel);
     watchdog_.audioEnded(channel);
   }
   for (int i = 0; i < 100; ++i) {
@@ -134,8 +131,7 @@ TEST_F(WorkerWatchdogTest, TasksWaitWhileEngineDecodesOthers) {
 
 TEST_F(WorkerWatchdogTest, DecodingMayTakeTwiceItsAudioLonger) {
   watchdog_.loaded();
-  watchdog_.channelOpened(1);
-  watchdog_.taskStarted(1, 1);
+  startTask(1);
   watchdog_.audioEnded(1);
   watchdog_.decodingBegan(20 * 16000);
   EXPECT_EQ(watchdog_.answeringLimit(), 70'000);
@@ -145,8 +141,7 @@ TEST_F(WorkerWatchdogTest, DecodingMayTakeTwiceItsAudioLonger) {
 
 TEST_F(WorkerWatchdogTest, LimitIsThatOfNewestDecoding) {
   watchdog_.loaded();
-  watchdog_.channelOpened(1);
-  watchdog_.taskStarted(1, 1);
+  startTask(1);
   watchdog_.audioEnded(1);
   watchdog_.decodingBegan(20 * 16000);
   EXPECT_EQ(after(60), good);
@@ -157,8 +152,7 @@ TEST_F(WorkerWatchdogTest, LimitIsThatOfNewestDecoding) {
 
 TEST_F(WorkerWatchdogTest, TimeWithoutChecksDoesNotCount) {
   watchdog_.loaded();
-  watchdog_.channelOpened(1);
-  watchdog_.taskStarted(1, 1);
+  startTask(1);
   watchdog_.audioEnded(1);
   EXPECT_EQ(after(10), good);
   now_ += 3'600'000;  // the helper was stopped, and the worker with it
@@ -167,8 +161,7 @@ TEST_F(WorkerWatchdogTest, TimeWithoutChecksDoesNotCount) {
 }
 
 TEST_F(WorkerWatchdogTest, LoadingTimeDoesNotCountForTasks) {
-  watchdog_.channelOpened(1);
-  watchdog_.taskStarted(1, 1);
+  startTask(1);
   watchdog_.audioEnded(1);
   EXPECT_EQ(after(50), good);
   watchdog_.loaded();
