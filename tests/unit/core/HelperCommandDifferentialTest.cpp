@@ -9,6 +9,7 @@
 #include "core/HelperCommand.h"
 #include "tests/support/ReferenceDecoder.h"
 #include "tests/unit/core/DecodedLine.h"
+#include "tests/unit/core/plainCommandFault.h"
 
 namespace palaver {
 namespace {
@@ -33,21 +34,6 @@ Verdict structuralVerdict(simdjson::dom::parser& parser, const std::string& line
   return result.error() == simdjson::SUCCESS ? Verdict::accepted : Verdict::refused;
 }
 
-// Checks that decoding a line without knowing its end gives what decoding the line alone gives, whatever
-// follows it.
-void comparePlain(const std::string& line, const VectorKernels& kernels) {
-  std::string text = line + "\n\"},:1";
-  const std::string before = text;
-  const std::size_t length = text.size();
-  text.append(decodingPadding, '"');
-  const auto plain = decodePlainCommand(text.data(), length, kernels);
-  EXPECT_EQ(text.substr(0, length), before);
-  if (!plain || text[plain->length] != '\n') return;
-  const DecodedLine alone(before.substr(0, plain->length));
-  EXPECT_TRUE(alone.accepted()) << line;
-  EXPECT_EQ(copyOf(plain->command), copyOf(alone.command())) << line;
-}
-
 // Compares the decoder with both references on one line, with every implementation of its loops that this
 // processor runs. Returns whether the program accepted it.
 bool compare(simdjson::dom::parser& parser, const std::string& line) {
@@ -56,7 +42,7 @@ bool compare(simdjson::dom::parser& parser, const std::string& line) {
     const DecodedLine again(line, *kernels);
     EXPECT_EQ(again.failure(), decoded.failure()) << kernels->name << " " << line;
     EXPECT_EQ(copyOf(again.command()), copyOf(decoded.command())) << kernels->name << " " << line;
-    comparePlain(line, *kernels);
+    EXPECT_EQ(plainCommandFault(line + "\n\"},:1", *kernels), "") << kernels->name << " " << line;
   }
   if (!mayDiffer(line, decoded.failure())) {
     const auto reference = decodeReference(line);
