@@ -68,10 +68,7 @@ def row(helper, environment, recordings, count, seconds):
 
     problems = meeting.errors() + ([f"exit status {status}"] if status else [])
     are_complete = len({(event["sessionId"], event["source"]) for event in second}) == count and not problems
-    keeps_up = are_complete and percentile(halves[1], .95) <= LATEST_FINAL
-    if are_complete and not keeps_up and percentile(halves[1], .95) - lateness <= LATEST_FINAL:
-        keeps_up = None
-    verdict = {True: "yes", False: "no", None: f"not judged: the player was {lateness:.0f} ms late"}[keeps_up]
+    keeps_up, verdict = live.verdict_of(percentile(halves[1], .95) if are_complete else None, LATEST_FINAL, lateness)
     resident = "+".join(f"{megabytes:.0f}" for megabytes in memory[-1])
     text = (f"| {count} | {latency(list(first.values()))} | {latency(halves[0])} | {latency(halves[1])} | {load:.2f} | "
             f"{load / count:.3f} | {resident} | {verdict} |")

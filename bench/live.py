@@ -47,6 +47,16 @@ def processor_seconds(pids):
     return seconds
 
 
+def verdict_of(delay, limit, lateness):
+    """Whether a program keeps up whose delay may be as long as the limit (all ms), None when the player's lateness decides that, and
+    the text of a table for it. The delay is None when something is missing."""
+    if delay is not None and delay <= limit:
+        return True, "yes"
+    if delay is None or delay - lateness > limit:
+        return False, "no"
+    return None, f"not judged: the player was {lateness:.0f} ms late"
+
+
 class Meeting:
     """One helper with sessions of live sources."""
 

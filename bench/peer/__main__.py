@@ -175,10 +175,8 @@ def row(name, count, streams, seconds, figures):
     expected = [sum(start < 1000 * seconds - 2000 for start in starts) for _, starts in streams]
     shown = sum(min(len(channel), count) for channel, count in zip(figures.delays, expected))
     middle, high = (percentile(every, share) for share in (.5, .95))
-    keeps_up = shown == sum(expected) and high is not None and high <= LONGEST_DELAY and not figures.errors
-    if not keeps_up and shown == sum(expected) and not figures.errors and high - figures.lateness <= LONGEST_DELAY:
-        keeps_up = None
-    verdict = {True: "yes", False: "no", None: f"not judged: the player was {figures.lateness:.0f} ms late"}[keeps_up]
+    is_complete = shown == sum(expected) and not figures.errors
+    keeps_up, verdict = live.verdict_of(high if is_complete else None, LONGEST_DELAY, figures.lateness)
     middle, high = ("none" if delay is None else f"{delay:.0f} ms" for delay in (middle, high))
     text = (f"| {count} | {name} | {middle} | {high} | {shown} of {sum(expected)} | {figures.processors:.3f} | "
             f"{figures.processors / count:.4f} | {verdict} |")
