@@ -140,6 +140,15 @@ class WorkerConnection::Link {
     return number;
   }
 
+  std::uint32_t startFailingTask(ResultHandler handler) {
+    auto task = std::make_shared<Task>();
+    task->handler = std::move(handler);
+    const std::lock_guard guard(lock_);
+    if (end_) throw *end_;
+    tasks_.emplace(++newestTask_, std::move(task));
+    return newestTask_;
+  }
+
   void append(std::uint32_t number, const std::shared_ptr<const PCMBuffer>& buffer) {
     const std::lock_guard guard(lock_);
     const auto task = tasks_.find(number);
@@ -354,6 +363,8 @@ class WorkerConnection::Link {
       const std::lock_guard guard(lock_);
       isOpen_ = false;
       if (failure && !failedAt_) failedAt_ = settings_.now();
+      end_ = failure ? *failure
+                     : workerError(WorkerErrorCode::ended, "The speech engine was not needed and ended");
       std::swap(tasks, tasks_);
       outbox_ = {};
     }
@@ -394,6 +405,7 @@ class WorkerConnection::Link {
   // The members below are guarded by the lock.
   bool isOpen_ = true;
   std::optional<double> failedAt_;
+  std::optional<PlatformError> end_;  // its reason, once running tasks have been taken to be told
   WorkerWatchdog watchdog_;
   FrameOutbox outbox_;
   bool threadWrites_ = false;  // the thread waits until the socket accepts more
@@ -446,6 +458,10 @@ std::optional<std::uint32_t> WorkerConnection::startTask(std::uint32_t channel,
                                                          const RecognitionOptions& options,
                                                          ResultHandler handler) {
   return link_->startTask(channel, options, std::move(handler));
+}
+
+std::uint32_t WorkerConnection::startFailingTask(ResultHandler handler) {
+  return link_->startFailingTask(std::move(handler));
 }
 
 void WorkerConnection::append(std::uint32_t task, const std::shared_ptr<const PCMBuffer>& buffer) {

@@ -50,6 +50,9 @@ class WorkerConnection {
   // called. The functions below do nothing for tasks that have ended.
   std::optional<std::uint32_t> startTask(std::uint32_t channel, const RecognitionOptions& options,
                                          ResultHandler handler);
+  // Starts a task of a connection that has begun to end: its handler is called with the reason. Returns its
+  // number. Throws the reason, a PlatformError, when the end is over.
+  std::uint32_t startFailingTask(ResultHandler handler);
   // Takes 16 kHz mono 16-bit audio.
   void append(std::uint32_t task, const std::shared_ptr<const PCMBuffer>& buffer);
   void endAudio(std::uint32_t task);

@@ -48,8 +48,10 @@ class WorkerRecognizer::Channel {
           start->number = *number;
         }
       }
-      if (!start->connection)
-        throw workerError(WorkerErrorCode::ended, "The speech engine ended immediately after its start");
+      if (!start->connection) {
+        start->number = connection_->startFailingTask(handler);
+        start->connection = connection_;
+      }
     } catch (const PlatformError& error) {
       report(*start, std::move(handler), error);
     }

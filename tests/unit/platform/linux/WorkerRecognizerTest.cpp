@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "platform/linux/LinuxSpeechRecognition.h"
+#include "platform/linux/WorkerConnection.h"
 #include "platform/linux/WorkerErrors.h"
 #include "tests/support/FakeWorkerFolder.h"
 #include "tests/support/JobQueue.h"
@@ -172,6 +173,28 @@ TEST_F(WorkerRecognizerTest, EndWhileLoadingNamesModel) {
     Conversation conversation(recognizer(), mainQueue_);
     EXPECT_EQ(conversation.end(), model + reason);
     EXPECT_EQ(conversation.errorCode(), WorkerErrorCode::modelNotLoaded);
+  }
+}
+
+// The connection may be ending or have ended.
+TEST_F(WorkerRecognizerTest, TaskThatWorkersEndOvertookNamesItsReason) {
+  for (const std::string what : {"exit 1", "close"}) {
+    worker_.behave("loading " + what);
+    WorkerConnection connection({"pocketsphinx", systemModelRoot, "en-US"},
+                                {.program = [this] { return worker_.program(); }});
+    RecordedAnswers first;
+    if (const auto channel = connection.openChannel())
+      if (connection.startTask(*channel, {}, first.handler())) first.waitForLast(std::chrono::seconds(60));
+    ASSERT_FALSE(connection.isOpen());
+    RecordedAnswers late;
+    std::string reason;
+    try {
+      connection.startFailingTask(late.handler());
+      reason = late.waitForLast(std::chrono::seconds(60))->error->localizedDescription();
+    } catch (const PlatformError& error) {
+      reason = error.localizedDescription();
+    }
+    EXPECT_THAT(reason, HasSubstr("could not be loaded: the speech engine ended unexpectedly")) << what;
   }
 }
 
