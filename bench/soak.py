@@ -1,22 +1,29 @@
-"""Runs a meeting of two live sources for a long time and reports what grows: memory, descriptors, threads, latency.
+"""Runs a meeting of two sources for a long time and reports what grows, memory, descriptors, threads, latency, and what is missing.
 
-usage: python3 bench/soak.py HELPER [--engine NAME] [--minutes M]
+usage: python3 bench/soak.py HELPER [--engine NAME] [--minutes M] [--turns] [--fast WORKER | --analyzer]
 
-Takes M minutes of real time. Slopes are those of a line through all minutes but the first five, in which everything is loaded.
+Takes M minutes of real time. Both sources speak all the time but for pauses, with --turns one at a time. With --fast and --analyzer,
+HELPER is the simulator and the meeting takes as long as it takes to decode it: the helper of Linux with the speech worker WORKER and a
+clock that waits for it, or the helper of macOS 26 with PocketSphinx in its own process. Slopes are those of a line through all minutes
+but the first five, in which everything is loaded.
 """
 
 import argparse
+import array
+import collections
 import os
 import pathlib
 import statistics
 import sys
 import tempfile
+import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent / "accuracy"))
 
 import engines
 import live
 import sounds
+from figures import ends_of_utterances
 
 WARM_UP = 5  # minutes
 PAUSES = (1200, 700, 2500, 5000)  # ms, after each recording
@@ -24,6 +31,16 @@ PAUSES = (1200, 700, 2500, 5000)  # ms, after each recording
 
 def loop(recordings):
     return sounds.joined(recordings, pauses=PAUSES).samples
+
+
+def turns(recordings):
+    """A loop for each of two sources that take turns: each is silent while the other speaks."""
+    loops = (array.array("h"), array.array("h"))
+    for number, recording in enumerate(recordings * (1 + len(recordings) % 2)):
+        samples = sounds.joined([recording], pauses=(PAUSES[number % len(PAUSES)],)).samples
+        loops[number % 2].extend(samples)
+        loops[1 - number % 2].extend([0] * len(samples))
+    return loops
 
 
 class Endless:
@@ -53,42 +70,80 @@ def sizes(pid):
     return (live.resident_megabytes(pid), len(os.listdir(f"/proc/{pid}/fd")), len(os.listdir(f"/proc/{pid}/task")))
 
 
+def whole_chunks(samples):
+    samples.extend([0] * (-len(samples) % live.CHUNK))
+    return samples
+
+
+def finals_in_passes(meeting, key, loop_length, length):
+    """The finals of a source in each whole pass of its loop, by the middle of their utterances."""
+    passes = collections.Counter()
+    for utterance in meeting.utterances(*key):
+        final = utterance[-1].event
+        if final["type"] == "transcript.final":
+            middle = (final["startedAt"] + final["speechEndedAt"]) / 2 - meeting.begin
+            passes[int(middle * sounds.RATE // 1000 // loop_length)] += 1
+    return [passes[number] for number in range(length // loop_length)]
+
+
 def main():
     parser = argparse.ArgumentParser(usage=__doc__.split("\n\n")[1].removeprefix("usage: "))
     parser.add_argument("helper")
     parser.add_argument("--engine", default="PocketSphinx")
     parser.add_argument("--minutes", type=int, default=60)
+    parser.add_argument("--turns", action="store_true")
+    clocks = parser.add_mutually_exclusive_group()
+    clocks.add_argument("--fast", metavar="WORKER")
+    clocks.add_argument("--analyzer", action="store_true")
     options = parser.parse_args()
     if options.minutes < WARM_UP + 3:
         parser.error(f"takes {WARM_UP + 3} minutes at least")
     recordings = list(sounds.recordings().values())
+    loops = turns(recordings) if options.turns else (loop(recordings), loop(recordings[::-1]))
+    loops = {("m", source): whole_chunks(samples) for source, samples in zip(("remote", "self"), loops)}
+    is_fast = options.fast or options.analyzer
+    length = options.minutes * 60 * sounds.RATE
     minutes = []
+    began = time.time()
     with tempfile.TemporaryDirectory() as folder:
         environment = engines.english_engines(pathlib.Path(folder))[options.engine]
-        meeting = live.Meeting(options.helper, environment=environment)
+        clock = live.Clock(pathlib.Path(folder) / "clock") if is_fast else None
+        arguments = ["worker", clock.path, options.fast] if options.fast else ["analyzer"] if options.analyzer else []
+        meeting = live.Meeting(options.helper, environment=environment, arguments=arguments)
         meeting.start(["m"])
 
         def on_chunk(number):
             if number % 600 == 599:
                 minutes.append([sizes(pid) for pid in live.processes(meeting.pid)])
 
-        length = options.minutes * 60 * sounds.RATE
-        meeting.play({("m", "remote"): Endless(loop(recordings), length), ("m", "self"): Endless(loop(recordings[::-1]), length)}, on_chunk)
+        meeting.play({key: Endless(samples, length) for key, samples in loops.items()}, on_chunk, clock)
         meeting.stop(["m"])
         status = meeting.end()
     finals = [heard for heard in meeting.heard if heard.event["type"] == "transcript.final"]
-    print(f"{options.engine}, {options.minutes} minutes, two sources: {len(finals)} finals, exit status {status}, "
-          f"errors: {sorted(set(meeting.errors())) or 'none'}\n\n| | helper | worker |\n|---|---|---|")
+    print(f"{options.engine}, {options.minutes} minutes in {(time.time() - began) / 60:.0f}, two sources: {len(finals)} finals, "
+          f"exit status {status}, errors: {sorted(set(meeting.errors())) or 'none'}\n\n| | helper | worker |\n|---|---|---|")
     later = minutes[WARM_UP:]
     for index, name in enumerate(("MiB resident", "descriptors", "threads")):
         columns = [f"{values[0]:.4g} to {values[-1]:.4g}, slope {slope(values):+.2f} an hour"
-                   for values in ([minute[process][index] for minute in later] for process in range(2))]
+                   for values in ([minute[process][index] for minute in later] for process in range(len(later[0])))]
         print(f"| {name} | {' | '.join(columns)} |")
+
+    lost = 0
+    print("\n| source | length of the loop | ends by silence in it | finals in each whole pass |\n|---|---|---|---|")
+    for key, samples in loops.items():
+        passes = finals_in_passes(meeting, key, len(samples), length)
+        lost += sum(utterance[-1].event["type"] != "transcript.final" for utterance in meeting.utterances(*key))
+        counts = ", ".join(f"{count} ({times} times)" for count, times in sorted(collections.Counter(passes).items()))
+        print(f"| {key[1]} | {len(samples) / sounds.RATE:.0f} s | {len(ends_of_utterances(samples))} | {counts} |")
+    print(f"\nutterances with partials and without a final: {lost}")
+
     quarter = options.minutes * 60_000 / 4
-    latencies = [[heard.event["latencyMs"] for heard in finals if part * quarter <= heard.at - meeting.begin < (part + 1) * quarter]
-                 for part in range(4)]
-    print("\nmedian and longest latency of finals in each quarter: " +
-          ", ".join(f"{statistics.median(part):.0f} and {max(part):.0f} ms" for part in latencies if part))
+    parts = [[heard.event["latencyMs"] for heard in finals
+              if part * quarter <= heard.event["speechEndedAt"] - meeting.begin < (part + 1) * quarter] for part in range(4)]
+    print(f"finals in each quarter: {', '.join(str(len(part)) for part in parts)}")
+    if not options.analyzer:  # whose clock does not follow the audio
+        print("median and longest latency of finals in each quarter: " +
+              ", ".join(f"{statistics.median(part):.0f} and {max(part):.0f} ms" for part in parts if part))
 
 
 main()

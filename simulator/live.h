@@ -16,4 +16,10 @@ namespace palaver {
 // was built without that recognizer.
 [[noreturn]] void runLiveAnalyzer(std::span<char*> arguments);
 
+// Runs the helper of Linux with its speech worker on the process's own streams. The wall clock is the one in
+// `clockFile`, see SharedClock; timers run in real time. Ends the process, with status 2 if the simulator was
+// built for another system. Throws FileError for an invalid clock, before any side effect.
+[[noreturn]] void runLiveLinux(const std::filesystem::path& clockFile, const std::filesystem::path& worker,
+                               std::span<char*> arguments);
+
 }  // namespace palaver

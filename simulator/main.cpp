@@ -44,7 +44,10 @@ constexpr const char* usage =
     "       PalaverSTTSimulator live STATE [HELPER ARGUMENT...]\n"
     "         runs the helper in real time on the machine that the file describes\n"
     "       PalaverSTTSimulator analyzer [HELPER ARGUMENT...]\n"
-    "         runs the helper of macOS 26 in real time with the recognizer of Linux\n";
+    "         runs the helper of macOS 26 in real time with the recognizer of Linux\n"
+    "       PalaverSTTSimulator worker CLOCK WORKER [HELPER ARGUMENT...]\n"
+    "         runs the helper of Linux with a speech worker; the file CLOCK holds the time of the wall "
+    "clock\n";
 
 bool playFile(const std::filesystem::path& path) {
   const auto report = [&]() -> std::optional<std::string> {
@@ -82,6 +85,15 @@ bool playFileApart(const std::filesystem::path& path) {
 int live(std::span<char*> arguments) {
   try {
     runLive(arguments.front(), arguments.subspan(1));
+  } catch (const FileError& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 2;
+  }
+}
+
+int liveLinux(std::span<char*> arguments) {
+  try {
+    runLiveLinux(arguments[0], arguments[1], arguments.subspan(2));
   } catch (const FileError& error) {
     std::fprintf(stderr, "%s\n", error.what());
     return 2;
@@ -181,6 +193,7 @@ int runMode(std::span<char*> all) {
   if (mode == "stepped") runStepped(all.subspan(2));
 #endif
   if (mode == "live" && all.size() > 2) return live(all.subspan(2));
+  if (mode == "worker" && all.size() > 3) return liveLinux(all.subspan(2));
   if (mode == "analyzer") runLiveAnalyzer(all.subspan(2));
   std::fputs(usage, stderr);
   return 2;
