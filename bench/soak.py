@@ -5,7 +5,8 @@ usage: python3 bench/soak.py HELPER [--engine NAME] [--minutes M] [--turns] [--f
 Takes M minutes of real time. Both sources speak all the time but for pauses, with --turns one at a time. With --fast and --analyzer,
 HELPER is the simulator and the meeting takes as long as it takes to decode it: the helper of Linux with the speech worker WORKER and a
 clock that waits for it, or the helper of macOS 26 with PocketSphinx in its own process. Slopes are those of a line through all minutes
-but the first five, in which everything is loaded.
+but the first five, in which everything is loaded. The exit status is 1 after an error, when memory grows by more than 1 MiB an hour
+and when an utterance has no final.
 """
 
 import argparse
@@ -26,6 +27,7 @@ import sounds
 from figures import ends_of_utterances
 
 WARM_UP = 5  # minutes
+MOST_GROWTH = 1  # MiB resident an hour
 PAUSES = (1200, 700, 2500, 5000)  # ms, after each recording
 
 
@@ -123,9 +125,11 @@ def main():
     print(f"{options.engine}, {options.minutes} minutes in {(time.time() - began) / 60:.0f}, two sources: {len(finals)} finals, "
           f"exit status {status}, errors: {sorted(set(meeting.errors())) or 'none'}\n\n| | helper | worker |\n|---|---|---|")
     later = minutes[WARM_UP:]
+    growth = []
     for index, name in enumerate(("MiB resident", "descriptors", "threads")):
-        columns = [f"{values[0]:.4g} to {values[-1]:.4g}, slope {slope(values):+.2f} an hour"
-                   for values in ([minute[process][index] for minute in later] for process in range(len(later[0])))]
+        series = [[minute[process][index] for minute in later] for process in range(len(later[0]))]
+        growth.append(max(slope(values) for values in series))
+        columns = [f"{values[0]:.4g} to {values[-1]:.4g}, slope {slope(values):+.2f} an hour" for values in series]
         print(f"| {name} | {' | '.join(columns)} |")
 
     lost = 0
@@ -144,6 +148,7 @@ def main():
     if not options.analyzer:  # whose clock does not follow the audio
         print("median and longest latency of finals in each quarter: " +
               ", ".join(f"{statistics.median(part):.0f} and {max(part):.0f} ms" for part in parts if part))
+    return status != 0 or bool(meeting.errors()) or lost > 0 or growth[0] > MOST_GROWTH
 
 
-main()
+sys.exit(main())

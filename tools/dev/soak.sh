@@ -1,11 +1,13 @@
 # Runs what continuous integration leaves out, one part after the other, and writes one report to build/soak-report.txt.
 
-soak_parts="meeting sanitizers explore faults ends fuzz mutations"
+soak_parts="meeting day analyzer-day sanitizers explore faults ends fuzz mutations"
 
 # Prints how to run a part, as one command.
 soak_command() {  # part
   case $1 in
     meeting) echo "python3 bench/soak.py build/bench/PalaverSTTHelper --minutes 60" ;;
+    day) echo "python3 bench/soak.py build/bench/simulator/PalaverSTTSimulator --minutes 480 --turns --fast build/bench/PalaverSpeechWorker" ;;
+    analyzer-day) echo "python3 bench/soak.py build/bench/simulator/PalaverSTTSimulator --minutes 480 --turns --analyzer" ;;
     sanitizers) echo "soak_sanitizers" ;;
     explore) echo "build/release/simulator/PalaverSTTSimulator explore --seeds 1..70000 --jobs $(processors)" ;;
     faults) echo "tools/explore-faults" ;;
@@ -32,6 +34,7 @@ run_soak() {  # parts...
   mkdir -p build/logs
   : >"$report"
   case " $* " in *" meeting "*) build bench PalaverSTTHelper ;; esac
+  case " $* " in *"day "*) build bench PalaverSTTSimulator PalaverSpeechWorker ;; esac
   case " $* " in *" explore "* | *" ends "*) build release PalaverSTTSimulator PalaverSTTHelper ;; esac
   for part in "$@"; do
     command=$(soak_command "$part")
