@@ -17,7 +17,9 @@ namespace {
 
 std::atomic<std::size_t> held{0};
 std::atomic<std::size_t> large{0};
-std::atomic<std::size_t> refusedSize{std::numeric_limits<std::size_t>::max()};  // least size refused, bytes
+// Sizes refused, bytes.
+std::atomic<std::size_t> leastRefused{std::numeric_limits<std::size_t>::max()};
+std::atomic<std::size_t> mostRefused{0};
 
 std::size_t usableSize(void* memory) {
 #ifdef __APPLE__
@@ -28,7 +30,7 @@ std::size_t usableSize(void* memory) {
 }
 
 void* allocate(std::size_t size) {
-  if (size >= refusedSize) throw std::bad_alloc();
+  if (size >= leastRefused && size <= mostRefused) throw std::bad_alloc();
   void* const memory = std::malloc(size ? size : 1);
   if (!memory) throw std::bad_alloc();
   held += usableSize(memory);
@@ -51,8 +53,9 @@ std::size_t largeAllocations() {
   return large;
 }
 
-void refuseLargeAllocations(bool refuse, std::size_t leastSize) {
-  refusedSize = refuse ? leastSize : std::numeric_limits<std::size_t>::max();
+void refuseLargeAllocations(bool refuse, std::size_t leastSize, std::size_t mostSize) {
+  leastRefused = leastSize;
+  mostRefused = refuse ? mostSize : 0;
 }
 
 }  // namespace palaver

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <limits>
 
 namespace palaver {
 
@@ -14,7 +15,8 @@ inline constexpr std::size_t largeAllocation = std::size_t{64} << 10;  // bytes
 // Allocations of at least largeAllocation bytes so far. Any thread.
 std::size_t largeAllocations();
 
-// Makes allocations of at least `leastSize` bytes throw std::bad_alloc, or succeed again. Any thread.
-void refuseLargeAllocations(bool refuse, std::size_t leastSize = largeAllocation);
+// Makes allocations of `leastSize` to `mostSize` bytes throw std::bad_alloc, or succeed again. Any thread.
+void refuseLargeAllocations(bool refuse, std::size_t leastSize = largeAllocation,
+                            std::size_t mostSize = std::numeric_limits<std::size_t>::max());
 
 }  // namespace palaver

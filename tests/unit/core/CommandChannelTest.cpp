@@ -17,9 +17,12 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// Refuses blocks while it exists: allocations of at least so many bytes.
+// Refuses blocks while it exists: allocations of so many bytes.
 struct NoBlocks {
-  explicit NoBlocks(std::size_t leastSize = largeAllocation) { refuseLargeAllocations(true, leastSize); }
+  explicit NoBlocks(std::size_t leastSize = largeAllocation,
+                    std::size_t mostSize = std::numeric_limits<std::size_t>::max()) {
+    refuseLargeAllocations(true, leastSize, mostSize);
+  }
   ~NoBlocks() { refuseLargeAllocations(false); }
   NoBlocks(const NoBlocks&) = delete;
   NoBlocks& operator=(const NoBlocks&) = delete;
@@ -526,6 +529,39 @@ TEST(CommandChannelTest, MemoryOfBurstIsReleasedAfterIt) {
   send(burstBlock, 16 * burstBlock);
   send(4096, 2 * burstBlock);
   EXPECT_LT(allocatedBytes() - before, 3 * usualBlock);
+}
+
+TEST(CommandChannelTest, CommandThatDoesNotFitIsReportedAndLaterOnesAreHandled) {
+  Conversation host;
+  host.receive(stop("a") + "\n");
+  const std::string line = stop("b") + "\n";
+  auto room = host.channel.prepare();
+  std::memcpy(room.data(), line.data(), line.size());
+  {
+    const NoBlocks refused(sizeof(HelperCommand), 511);  // an event takes 512
+    host.channel.received(line.size());
+  }
+  host.receive(stop("c") + "\n");
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopSession('c')"));
+  EXPECT_THAT(host.messages(), ElementsAre("Invalid JSON command: the line does not fit into memory"));
+}
+
+TEST(CommandChannelTest, HelperEndsWhenEvenReportDoesNotFit) {
+  Conversation host;
+  const std::string line = stop("a") + "\n";
+  auto room = host.channel.prepare();
+  std::memcpy(room.data(), line.data(), line.size());
+  std::optional<int> status;
+  {
+    const NoBlocks refused(1);
+    try {
+      host.channel.received(line.size());
+    } catch (const Exit& exit) {
+      status = exit.status;
+    }
+  }
+  EXPECT_EQ(status, 1);
 }
 
 TEST(CommandChannelTest, BurstGoesOnInUsualBlocksWhenLargerOnesDoNotFit) {
