@@ -53,10 +53,10 @@ def switches(pids):
     """How often the threads of the processes have been given a processor, None while one of them runs or waits for one."""
     count = 0
     for pid in pids:
-        for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+        for task in pathlib.Path("/proc").glob(f"{pid}/task/*/status"):
             try:
-                text = (task / "status").read_text()
-            except FileNotFoundError:  # the thread has ended
+                text = task.read_text()
+            except (FileNotFoundError, ProcessLookupError):  # the thread has ended
                 continue
             if text.split("\nState:")[1].split()[0] != "S":
                 return None
