@@ -31,6 +31,14 @@ PlatformError engineFailed(const std::exception& error) {
   return {"SpeechWorker", 0, std::string("The speech engine failed: ") + error.what()};
 }
 
+}  // namespace
+
+PlatformError engineCannotStart(const std::exception& error) {
+  return {"SpeechWorker", 0, std::string("the speech engine cannot start: ") + error.what()};
+}
+
+namespace {
+
 std::shared_ptr<PCMBuffer> makeBuffer(std::span<const std::byte> samples) {
   const auto frames = static_cast<std::uint32_t>(samples.size() / sizeof(std::int16_t));
   auto buffer =
@@ -223,7 +231,7 @@ void WorkerServer::prepareChannels() {
       if (isFirst) sender_->send(encodeFailure(error));
       return;
     } catch (const std::exception& error) {  // no memory, no thread
-      if (isFirst) sender_->send(encodeFailure(engineFailed(error)));
+      if (isFirst) sender_->send(encodeFailure(engineCannotStart(error)));
       return;
     }
   }

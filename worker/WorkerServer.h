@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <map>
 #include <memory>
 #include <string>
@@ -14,6 +15,9 @@
 #include "worker/engine/StepReporter.h"
 
 namespace palaver {
+
+// The error of a worker that has no memory or no thread for its engine.
+PlatformError engineCannotStart(const std::exception& error);
 
 // Calls the engine through the recognition contract, on the thread that calls run(): one recognizer for each
 // channel. Begins with the recognizers of the first channels and runs an empty task on each, so that the

@@ -58,16 +58,18 @@ int main(int argumentCount, char** arguments) {
     return 2;
   }
   try {
-    std::thread(endWithHelper).detach();
-    if (std::string_view(arguments[1]) != palaver::workerProtocolVersion || argumentCount != 5)
-      refuse(palaver::PlatformError("SpeechWorker", 0,
-                                    "the speech worker is of another version than the helper; restart the "
-                                    "application, which starts the new helper"));
     std::unique_ptr<palaver::SpeechRecognition> engine;
     try {
+      std::thread(endWithHelper).detach();
+      if (std::string_view(arguments[1]) != palaver::workerProtocolVersion || argumentCount != 5)
+        throw palaver::PlatformError("SpeechWorker", 0,
+                                     "the speech worker is of another version than the helper; restart the "
+                                     "application, which starts the new helper");
       engine = palaver::makeEngine(arguments[2], arguments[3], arguments[4]);
     } catch (const palaver::PlatformError& error) {
       refuse(error);
+    } catch (const std::exception& error) {  // no memory, no thread
+      refuse(palaver::engineCannotStart(error));
     }
     palaver::WorkerServer(*engine, arguments[4], palaver::Descriptor(helperSocket)).run();
   } catch (const std::exception&) {

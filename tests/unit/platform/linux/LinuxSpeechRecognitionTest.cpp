@@ -2,6 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
 
 #include "tests/support/DamagedModel.h"
 #include "tests/support/JobQueue.h"
@@ -73,6 +78,51 @@ TEST_F(LinuxSpeechRecognitionTest, ModelWithMissingFileIsNotInstalled) {
   EXPECT_TRUE(recognizer->supportsOnDeviceRecognition());
 }
 
+// A program that runs the worker with a limit of threads, which root has to give up being root for.
+class WorkerWithoutThreads {
+ public:
+  WorkerWithoutThreads() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "worker-XXXXXX").string();
+    if (!mkdtemp(pattern.data())) throw std::runtime_error("no temporary directory");
+    folder_ = pattern;
+    using std::filesystem::perms;
+    constexpr auto everybodys =
+        perms::owner_all | perms::group_read | perms::group_exec | perms::others_read | perms::others_exec;
+    std::filesystem::permissions(folder_, everybodys);
+    std::filesystem::copy_file(PALAVER_WORKER, folder_ / "worker");
+    std::ofstream(program()) << "#!/bin/sh\n"
+                                "[ \"$(id -u)\" -ne 0 ] || user='setpriv --reuid=65534 --clear-groups'\n"
+                                "exec $user prlimit --nproc=0 \"$(dirname \"$0\")/worker\" \"$@\"\n";
+    std::filesystem::permissions(program(), everybodys);
+  }
+  ~WorkerWithoutThreads() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
+  WorkerWithoutThreads(const WorkerWithoutThreads&) = delete;
+  WorkerWithoutThreads& operator=(const WorkerWithoutThreads&) = delete;
+
+  std::filesystem::path program() const { return folder_ / "limited-worker"; }
+
+ private:
+  std::filesystem::path folder_;
+};
+
+TEST_F(LinuxSpeechRecognitionTest, EngineWithoutThreadNamesItsReason) {
+  const WorkerWithoutThreads worker;
+  LinuxSpeechRecognition recognition(mainQueue_, systemModelRoot,
+                                     {.program = [&worker] { return worker.program(); }});
+  const auto recognizer = recognition.makeRecognizer("en-US");
+  const auto request = recognizer->makeRequest({});
+  RecordedAnswers answers;
+  const auto task = recognizer->recognitionTask(request, answers.handler());
+  const auto last = answers.waitForLast();
+  ASSERT_TRUE(last && last->error);
+  EXPECT_THAT(last->error->localizedDescription(),
+              testing::EndsWith("could not be loaded: the speech engine cannot start: Resource temporarily "
+                                "unavailable"));
+}
+
 // Recognizes "go forward ten meters" with a model whose files can be damaged.
 class DamagedModelTest : public testing::Test {
  protected:
@@ -113,6 +163,31 @@ TEST_F(DamagedModelTest, HalvedFileIsErrorThatNamesFolder) {
     EXPECT_THAT(recognize(), testing::StartsWith(couldNotBeLoaded_)) << name;
     model_.restore(file);
   }
+  EXPECT_EQ(recognize(), "go forward ten meters");
+}
+
+// The library maps it. What has been cut off cannot be read any more.
+TEST_F(DamagedModelTest, FileThatShrinksWhileItIsUsedEndsWorkerAndNextOneHearsAgain) {
+  const auto file = model_.file("sendump");
+  model_.replace(file, DamagedModel::read(file));
+  LinuxSpeechRecognition recognition(mainQueue_, model_.root(), realWorker());
+  const auto recognizer = recognition.makeRecognizer("en-US");
+  const auto request = recognizer->makeRequest({.shouldReportPartialResults = true,
+                                                .requiresOnDeviceRecognition = true,
+                                                .taskHint = TaskHint::dictation,
+                                                .contextualStrings = {}});
+  RecordedAnswers answers;
+  const auto task = recognizer->recognitionTask(request, answers.handler());
+  appendInBuffers(*request, goForward());
+  ASSERT_TRUE(answers.waitForCount(1));  // the model is loaded and in use
+  std::filesystem::resize_file(file, 0);
+  appendInBuffers(*request, goForward());
+  request->endAudio();
+  const auto last = answers.waitForLast();
+  ASSERT_TRUE(last && last->error);
+  EXPECT_THAT(last->error->localizedDescription(),
+              testing::StartsWith("The speech engine ended unexpectedly (signal 7 (Bus error))"));
+  model_.restore(file);
   EXPECT_EQ(recognize(), "go forward ten meters");
 }
 
