@@ -91,9 +91,7 @@ constexpr std::string_view keyNames[] = {"type",     "sessionId",  "source",    
                                          "sequence", "capturedAt", "pcmBase64", "suppressed", "sentAt"};
 
 Key keyNamed(std::string_view name) {
-  for (int i = 0; i < static_cast<int>(Key::unknown); ++i)
-    if (keyNames[i] == name) return static_cast<Key>(i);
-  return Key::unknown;
+  return static_cast<Key>(std::find(std::begin(keyNames), std::end(keyNames), name) - std::begin(keyNames));
 }
 
 std::string_view expectedType(Key key) {
@@ -135,9 +133,8 @@ std::optional<std::int64_t> wholeNumber(std::string_view number) {
   if (mark < number.size()) {
     auto text = number.substr(mark + 1);
     if (text.front() == '+') text.remove_prefix(1);
-    const auto value = integer<std::int32_t>(text);
-    if (!value) return std::nullopt;
-    exponent = *value;
+    // An exponent beyond 32 bits is as good as the largest: no line has digits enough to make up for it.
+    exponent = integer<std::int32_t>(text).value_or(std::numeric_limits<std::int32_t>::max());
   }
   if (const auto point = digits.find('.'); point != std::string::npos) {
     exponent -= static_cast<std::int64_t>(digits.size() - point - 1);
@@ -149,8 +146,9 @@ std::optional<std::int64_t> wholeNumber(std::string_view number) {
 }
 
 // Fills a command from the parser's events. Every function returns whether parsing may continue. If it
-// returns false, failure() holds the reason.
-class CommandBuilder {
+// returns false, failure() holds the reason. The base has the functions for numbers that the parser converts
+// itself, which kParseNumbersAsStringsFlag disables.
+class CommandBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, CommandBuilder> {
  public:
   struct Options {
     bool escapes;  // whether the line holds any backslash; an escaped lone surrogate decodes to invalid UTF-8
@@ -173,8 +171,7 @@ class CommandBuilder {
     // The parser rejects most numbers that exceed a double, but not all.
     if (mayOverflow(text) && !std::isfinite(number(text))) return fail("a number is too big");
     if (isIgnored()) return true;
-    if (depth_ != 1) return mismatch();
-    switch (key_) {
+    switch (key_) {  // no key outside the object and the vocabulary's in its array
       case Key::sequence:
         command_.sequence = wholeNumber(text);
         return command_.sequence || mismatch();
@@ -196,7 +193,6 @@ class CommandBuilder {
       command_.vocabulary->push_back(text);
       return true;
     }
-    if (depth_ != 1) return mismatch();
     switch (key_) {
       case Key::type:
         command_.type = text;
@@ -241,13 +237,6 @@ class CommandBuilder {
     return enter();
   }
   bool EndArray(unsigned) { return leave(); }
-
-  // The parser calls these only when it converts numbers itself, which kParseNumbersAsStringsFlag disables.
-  bool Int(int) { return false; }
-  bool Uint(unsigned) { return false; }
-  bool Int64(std::int64_t) { return false; }
-  bool Uint64(std::uint64_t) { return false; }
-  bool Double(double) { return false; }
 
   bool finish() {
     const bool hasType = command_.type.data() != nullptr;

@@ -273,15 +273,31 @@ TEST(HelperCommandTest, SequenceIsExactInAnyNotation) {
   EXPECT_EQ(sequenceOf("-9223372036854775808.00"), std::numeric_limits<std::int64_t>::min());
   EXPECT_EQ(sequenceOf("922337203685477580700e-2"), std::numeric_limits<std::int64_t>::max());
   EXPECT_EQ(sequenceOf("0.000" + std::string(50, '0') + "7e54"), 7);
+  EXPECT_EQ(sequenceOf("9e18"), 9000000000000000000);
   EXPECT_EQ(sequenceOf("7" + std::string(300, '0') + "e-300"), 7);
 }
 
 TEST(HelperCommandTest, FractionalOrOutOfRangeSequenceIsRejected) {
-  for (const auto* const number :
-       {"3.5", "-3.5", "1e-1", "0.1", "15e-1", "9223372036854775808", "-9223372036854775809",
-        "-9223372036854775808.5", "9223372036854775807.5", "9.3e18", "1e19", "-1e19", "1e300",
-        "18446744073709551615", "4503599627370497.5", "9007199254740993.25", "1e-400", "5e-324",
-        "1e-99999999999999999999"})
+  for (const auto* const number : {"3.5",
+                                   "-3.5",
+                                   "1e-1",
+                                   "0.1",
+                                   "15e-1",
+                                   "9223372036854775808",
+                                   "-9223372036854775809",
+                                   "-9223372036854775808.5",
+                                   "9223372036854775807.5",
+                                   "9.3e18",
+                                   "1e19",
+                                   "-1e19",
+                                   "1e300",
+                                   "18446744073709551615",
+                                   "4503599627370497.5",
+                                   "9007199254740993.25",
+                                   "1e-400",
+                                   "5e-324",
+                                   "1e-99999999999999999999",
+                                   "7e-3000000000"})
     EXPECT_EQ(failureOf(pingWith(std::string("\"sequence\":") + number)),
               "sequence must be a whole number of at most 64 bits")
         << number;
@@ -317,7 +333,8 @@ TEST(HelperCommandTest, NumberBeyondDoubleRangeIsRejectedAnywhere) {
       EXPECT_THAT(failureOf(pingWith("\"" + key + "\":" + number)), HasSubstr("number is too big"))
           << key << " " << number;
   const std::string digits(400, '9');
-  EXPECT_THAT(failureOf(pingWith("\"sentAt\":" + digits)), HasSubstr("number is too big"));
+  EXPECT_EQ(failureOf(pingWith("\"sentAt\":" + digits)), "a number is too big at byte 24");
+  EXPECT_EQ(failureOf(pingWith("\"sentAt\":1.8e308")), "a number is too big");
   EXPECT_THAT(failureOf(pingWith("\"extra\":[[" + digits + "]]")), HasSubstr("number is too big"));
   EXPECT_EQ(failureOf(pingWith("\"sentAt\":" + std::string(308, '9'))), "");
 }
