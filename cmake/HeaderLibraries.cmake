@@ -1,4 +1,4 @@
-# Links the header-only libraries into a directory of their own, for builds for macOS. A cross build must not see the
+# Links the header-only libraries into a directory of their own, for cross builds and builds for macOS. A cross build must not see the
 # host's other headers, and a native build must find the SDK's headers before Homebrew's.
 #
 # Sets PALAVER_HEADER_LIBRARIES, a directory to include from as a system directory.

@@ -47,8 +47,25 @@ note_unchecked() {  # text
 "
 }
 
+# Notes the outcome of a part that ctest ran.
+note_ctest() {  # name, log, exit status, when it began
+  local name=$1 log=$2 status=$3 started=$4 total failed skipped
+  total=$(sed -n 's/^[0-9]*% tests passed, .* out of \([0-9]*\).*/\1/p' "$log")
+  failed=$(sed -n 's/^[0-9]*% tests passed, \([0-9]*\) tests failed .*/\1/p' "$log")
+  if [ -z "$total" ]; then
+    say "error: the tests ($name) ended without a verdict; log: $log"
+    note_part "$name" 0 1 0 $((SECONDS - started))
+    return 0
+  fi
+  skipped=$(grep -c '\*\*\*Skipped\|\*\*\*Not Run' "$log" || true)
+  if [ "$status" -ne 0 ] && [ "$failed" -eq 0 ]; then failed=1; fi
+  note_part "$name" $((total - failed - skipped)) "$failed" "$skipped" $((SECONDS - started))
+  test_skipped="$test_skipped$(sed -n 's/^[[:space:]]*[0-9]* - \(.*\) (Skipped)$/\1 ('"$name"')/p' "$log")
+"
+}
+
 run_tests() {  # preset, then ctest's options
-  local preset=$1 started=$SECONDS status=0 total failed skipped log
+  local preset=$1 started=$SECONDS status=0 log
   shift
   build "$preset"
   say "testing ($preset)"
@@ -57,18 +74,7 @@ run_tests() {  # preset, then ctest's options
   # pipefail makes ctest's status the pipeline's.
   XDG_DATA_HOME=$root/build/no-user-data with_fixed_addresses "$preset" ctest --preset "$preset" -j "$(processors)" "$@" 2>&1 </dev/null | tee "$log" |
     show_test_progress "$preset" || status=$?
-  total=$(sed -n 's/^[0-9]*% tests passed, .* out of \([0-9]*\).*/\1/p' "$log")
-  failed=$(sed -n 's/^[0-9]*% tests passed, \([0-9]*\) tests failed .*/\1/p' "$log")
-  if [ -z "$total" ]; then
-    say "error: the tests ($preset) ended without a verdict; log: $log"
-    note_part "$preset" 0 1 0 $((SECONDS - started))
-    return 0
-  fi
-  skipped=$(grep -c '\*\*\*Skipped\|\*\*\*Not Run' "$log" || true)
-  if [ "$status" -ne 0 ] && [ "$failed" -eq 0 ]; then failed=1; fi
-  note_part "$preset" $((total - failed - skipped)) "$failed" "$skipped" $((SECONDS - started))
-  test_skipped="$test_skipped$(sed -n 's/^[[:space:]]*[0-9]* - \(.*\) (Skipped)$/\1 ('"$preset"')/p' "$log")
-"
+  note_ctest "$preset" "$log" "$status" "$started"
 }
 
 # Prints the counts of all parts. The last line is their sum.
