@@ -286,13 +286,11 @@ class CommandBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Co
   Options options_;
 };
 
-// Returns why the parser stopped at byte `offset` of `line`.
-std::string_view description(rapidjson::ParseErrorCode code, std::string_view line, std::size_t offset) {
-  // The parser has no error code for a raw control character.
-  const bool atControlCharacter = offset < line.size() && static_cast<unsigned char>(line[offset]) < 0x20;
+// Returns why the parser stopped at the byte `next`, or at the end.
+std::string_view description(rapidjson::ParseErrorCode code, char next, bool isAtEnd) {
   switch (code) {
     case rapidjson::kParseErrorDocumentEmpty:
-      return offset < line.size() ? "a value is malformed" : "the line is empty";
+      return isAtEnd ? "the line is empty" : "a value is malformed";
     case rapidjson::kParseErrorDocumentRootNotSingular:
       return "something follows the object";
     case rapidjson::kParseErrorObjectMissName:
@@ -305,12 +303,12 @@ std::string_view description(rapidjson::ParseErrorCode code, std::string_view li
       return "a comma or ] is missing";
     case rapidjson::kParseErrorStringUnicodeEscapeInvalidHex:
     case rapidjson::kParseErrorStringEscapeInvalid:
-      return atControlCharacter ? "a raw control character" : "an escape sequence is invalid";
+      // The parser has no error code for a raw control character.
+      return next == '\\' ? "an escape sequence is invalid" : "a raw control character";
     case rapidjson::kParseErrorStringUnicodeSurrogateInvalid:
       return "an escape sequence is half of a surrogate pair";
-    case rapidjson::kParseErrorStringMissQuotationMark:
-      return atControlCharacter ? "a raw control character" : "a string is not closed";
-    case rapidjson::kParseErrorStringInvalidEncoding:
+    case rapidjson::kParseErrorStringMissQuotationMark:  // at a zero
+    case rapidjson::kParseErrorStringInvalidEncoding:    // newer versions at a control character
       return "a raw control character";
     case rapidjson::kParseErrorNumberTooBig:
       return "a number is too big";
@@ -375,7 +373,8 @@ HelperCommand decodeHelperCommand(char* line, std::size_t length, const VectorKe
   if (result.IsError() && result.Offset() >= length && result.Code() != rapidjson::kParseErrorDocumentEmpty)
     throw DecodingError(at("the line ends too early", length));
   if (result.IsError())
-    throw DecodingError(at(description(result.Code(), {line, length}, result.Offset()), result.Offset()));
+    throw DecodingError(
+        at(description(result.Code(), line[result.Offset()], result.Offset() >= length), result.Offset()));
   if (stream.Tell() != length) throw DecodingError(at("something follows the object", stream.Tell()));
   if (!builder.finish()) throw DecodingError(builder.failure());
   return builder.take();

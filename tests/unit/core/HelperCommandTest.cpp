@@ -334,7 +334,8 @@ TEST(HelperCommandTest, NumberBeyondDoubleRangeIsRejectedAnywhere) {
           << key << " " << number;
   const std::string digits(400, '9');
   EXPECT_EQ(failureOf(pingWith("\"sentAt\":" + digits)), "a number is too big at byte 24");
-  EXPECT_EQ(failureOf(pingWith("\"sentAt\":1.8e308")), "a number is too big");
+  for (const std::string number : {"1.8e308", "1.8E308"})
+    EXPECT_EQ(failureOf(pingWith("\"sentAt\":" + number)), "a number is too big");
   EXPECT_THAT(failureOf(pingWith("\"extra\":[[" + digits + "]]")), HasSubstr("number is too big"));
   EXPECT_EQ(failureOf(pingWith("\"sentAt\":" + std::string(308, '9'))), "");
 }
@@ -367,10 +368,10 @@ TEST(HelperCommandTest, LoneSurrogateIsRejectedInKeysAndValues) {
 
 TEST(HelperCommandTest, LoneSurrogateHasOneTextInKeysAndValues) {
   const auto* const text = "an escape sequence is half of a surrogate pair";
-  EXPECT_THAT(failureOf(R"({"type":"a","\udc00":1})"),
-              testing::MatchesRegex(std::string(text) + "( at byte [0-9]+)?"));
-  EXPECT_THAT(failureOf(R"({"type":"\udc00"})"),
-              testing::MatchesRegex(std::string(text) + "( at byte [0-9]+)?"));
+  for (const std::string_view line : {R"({"type":"a","\udc00":1})", R"({"type":"\udc00"})"})
+    EXPECT_EQ(failureOf(line), text);
+  for (const std::string_view line : {R"({"type":"a","\ud800":1})", R"({"type":"\ud800"})"})
+    EXPECT_THAT(failureOf(line), testing::MatchesRegex(std::string(text) + " at byte [0-9]+"));
 }
 
 TEST(HelperCommandTest, RawControlCharacterIsRejectedAtEveryPosition) {
