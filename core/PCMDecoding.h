@@ -19,7 +19,6 @@ class PCMError : public std::exception {
 
   explicit PCMError(Case which) : which_(which) {}
 
-  Case which() const { return which_; }
   const char* what() const noexcept override;
 
   friend bool operator==(const PCMError& a, const PCMError& b) { return a.which_ == b.which_; }

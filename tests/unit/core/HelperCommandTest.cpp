@@ -428,6 +428,7 @@ TEST(HelperCommandTest, NULByteIsRejectedAnywhere) {
     line.insert(at, "\0"s);
     EXPECT_FALSE(DecodedLine(line).accepted()) << at;
   }
+  EXPECT_EQ(failureOf("{\"type\":\"a\"}\0"s), "something follows the object at byte 12");
 }
 
 TEST(HelperCommandTest, EveryTruncationIsRejected) {
