@@ -1,5 +1,4 @@
-// Makes audio for the model in tests/models/tones, which recognizes tones as words
-// (tools/models/make_tones.py).
+// Makes audio for the models in tests/models, which recognize tones as words (tests/models/tone_graphs.py).
 #pragma once
 
 #include <cmath>
