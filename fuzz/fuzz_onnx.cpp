@@ -1,4 +1,4 @@
-// Reads the metadata of any bytes, whole and through the limits of a smaller stated size.
+// Reads the metadata and the output of any bytes, whole and through the limits of a smaller stated size.
 #include <cstdlib>
 #include <sstream>
 #include <stdexcept>
@@ -19,6 +19,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (key.size() + value.size() > stated) std::abort();
     } catch (const std::runtime_error&) {
       // Most input is no model.
+    }
+    try {
+      std::istringstream stream(bytes);
+      readONNXOutputWidth(stream, stated);
+    } catch (const std::runtime_error&) {
     }
   }
   return 0;

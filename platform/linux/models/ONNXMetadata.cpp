@@ -1,7 +1,9 @@
 #include "platform/linux/models/ONNXMetadata.h"
 
+#include <array>
 #include <fstream>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <utility>
 
@@ -16,6 +18,9 @@ constexpr std::uint32_t graphField = 7;
 constexpr std::uint32_t metadataField = 14;
 constexpr std::uint32_t keyField = 1;
 constexpr std::uint32_t valueField = 2;
+constexpr std::array<std::uint32_t, 2> outputPath{graphField, 12};
+constexpr std::array<std::uint32_t, 4> dimensionPath{2, 1, 2, 1};  // of an output
+constexpr std::uint32_t dimensionValueField = 1;
 
 [[noreturn]] void failFormat() {
   throw std::runtime_error("is not an ONNX model or is damaged");
@@ -102,6 +107,60 @@ std::pair<std::string, std::string> readEntry(FieldReader& reader, std::uint64_t
   return entry;
 }
 
+// Reads the length of a message and returns the position of its end.
+std::uint64_t messageEnd(FieldReader& reader, std::uint64_t end) {
+  const auto length = reader.number(end);
+  if (length > end - reader.position()) failFormat();
+  return reader.position() + length;
+}
+
+// Calls `visit` with the end of each message to which the path of fields leads. It need not read the message.
+template <typename Visit>
+void visitMessages(FieldReader& reader, std::uint64_t end, std::span<const std::uint32_t> path,
+                   const Visit& visit) {
+  while (reader.position() < end) {
+    const auto [field, wireType] = splitTag(reader.number(end));
+    if (wireType != lengthDelimited || field != path.front()) {
+      reader.skipValue(wireType, end);
+      continue;
+    }
+    const auto inner = messageEnd(reader, end);
+    if (path.size() == 1) {
+      visit(inner);
+    } else {
+      visitMessages(reader, inner, path.subspan(1), visit);
+    }
+    reader.skip(inner - reader.position(), inner);
+  }
+}
+
+// Reads a dimension, which has a number, a name or nothing.
+std::optional<std::size_t> readDimension(FieldReader& reader, std::uint64_t end) {
+  std::optional<std::size_t> dimension;
+  while (reader.position() < end) {
+    const auto [field, wireType] = splitTag(reader.number(end));
+    if (field == dimensionValueField && wireType == varint) {
+      dimension = reader.number(end);
+    } else {
+      reader.skipValue(wireType, end);
+    }
+  }
+  return dimension;
+}
+
+struct SizedFile {
+  std::ifstream stream;
+  std::uint64_t size = 0;
+};
+
+SizedFile openFile(const std::string& file) {
+  std::ifstream stream(file, std::ios::binary | std::ios::ate);
+  const auto size = stream.tellg();
+  if (!stream || size < 0) throw std::runtime_error("cannot be read");
+  stream.seekg(0);
+  return {std::move(stream), static_cast<std::uint64_t>(size)};
+}
+
 }  // namespace
 
 ONNXMetadata readONNXMetadata(std::istream& stream, std::uint64_t size) {
@@ -111,9 +170,9 @@ ONNXMetadata readONNXMetadata(std::istream& stream, std::uint64_t size) {
   while (reader.position() < size) {
     const auto [field, wireType] = splitTag(reader.number(size));
     if (field == metadataField && wireType == lengthDelimited) {
-      const auto length = reader.number(size);
-      if (length > size - reader.position() || metadata.size() >= maxONNXMetadataEntries) failFormat();
-      auto entry = readEntry(reader, reader.position() + length);
+      const auto end = messageEnd(reader, size);
+      if (metadata.size() >= maxONNXMetadataEntries) failFormat();
+      auto entry = readEntry(reader, end);
       metadata.insert_or_assign(std::move(entry.first), std::move(entry.second));
     } else {
       hasGraph = hasGraph || (field == graphField && wireType == lengthDelimited);
@@ -125,11 +184,25 @@ ONNXMetadata readONNXMetadata(std::istream& stream, std::uint64_t size) {
 }
 
 ONNXMetadata readONNXMetadata(const std::string& file) {
-  std::ifstream stream(file, std::ios::binary | std::ios::ate);
-  const auto size = stream.tellg();
-  if (!stream || size < 0) throw std::runtime_error("cannot be read");
-  stream.seekg(0);
-  return readONNXMetadata(stream, static_cast<std::uint64_t>(size));
+  auto [stream, size] = openFile(file);
+  return readONNXMetadata(stream, size);
+}
+
+std::optional<std::size_t> readONNXOutputWidth(std::istream& stream, std::uint64_t size) {
+  FieldReader reader(stream, size);
+  std::optional<std::size_t> width;
+  bool isFirst = true;
+  visitMessages(reader, size, outputPath, [&](std::uint64_t end) {
+    if (!std::exchange(isFirst, false)) return;
+    visitMessages(reader, end, dimensionPath,
+                  [&](std::uint64_t dimension) { width = readDimension(reader, dimension); });
+  });
+  return width;
+}
+
+std::optional<std::size_t> readONNXOutputWidth(const std::string& file) {
+  auto [stream, size] = openFile(file);
+  return readONNXOutputWidth(stream, size);
 }
 
 }  // namespace palaver

@@ -1,9 +1,11 @@
 // Reads the metadata of an ONNX model without loading the model.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <istream>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace palaver {
@@ -22,5 +24,10 @@ ONNXMetadata readONNXMetadata(std::istream& stream, std::uint64_t size);
 
 // The same for a file. Throws std::runtime_error also when it cannot be read.
 ONNXMetadata readONNXMetadata(const std::string& file);
+
+// Returns the last dimension of the model's first output (in ModelProto: graph 7, output 12, type 2,
+// tensor_type 1, shape 2, dim 1, dim_value 1), or none when it has no fixed size. Reads and throws as above.
+std::optional<std::size_t> readONNXOutputWidth(std::istream& stream, std::uint64_t size);
+std::optional<std::size_t> readONNXOutputWidth(const std::string& file);
 
 }  // namespace palaver

@@ -1,10 +1,12 @@
 // Describes the model in a folder as sherpa-onnx publishes it: its kind and its files.
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
-#include <stdexcept>
 #include <string>
 #include <string_view>
+
+#include "platform/linux/models/UnusableModel.h"
 
 namespace palaver {
 
@@ -31,12 +33,6 @@ bool isStreaming(SherpaModelKind kind);
 // Returns a name for people, such as "Whisper".
 std::string_view describe(SherpaModelKind kind);
 
-// Why a folder cannot work, as one sentence for people that names the file or key.
-class UnusableModel : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 // Paths are empty where a kind has no such file.
 struct SherpaModel {
   SherpaModelKind kind{};
@@ -48,6 +44,8 @@ struct SherpaModel {
   std::filesystem::path cachedDecoder;  // Moonshine 1; `decoder` is the one without a cache
   std::filesystem::path tokens;
   std::filesystem::path bpeVocabulary;  // "bpe.vocab", where there is one
+  std::string transducerType;           // streaming transducers but NeMo's, such as "zipformer2"
+  std::size_t subsamplingFactor = 0;    // streaming NeMo CTC: feature frames of 10 ms per step
   bool isMultilingual = false;          // takes a language: Whisper, SenseVoice
   bool hasAlignment = false;            // Whisper: the decoder returns what the times of tokens need
   bool hasCharacterTokens = false;      // tokens.txt has characters of Chinese, Japanese or Korean
@@ -55,9 +53,10 @@ struct SherpaModel {
 };
 
 // Reads the names of the folder's files and the metadata of its models, and checks what the library would end
-// the process for: missing files and keys, models of different kinds, a tokens.txt of another model. Of
-// several variants of a file the one with 8-bit weights is taken. `localeIdentifier` is checked against the
-// languages that the model states; it may be empty. Takes milliseconds. Any thread. Throws UnusableModel.
+// the process for: missing files and keys, models of different kinds, a tokens.txt of another model or
+// without the tokens that it needs. Of several variants of a file the one with 8-bit weights is taken.
+// `localeIdentifier` is checked against the languages that the model states; it may be empty. Takes
+// milliseconds. Any thread. Throws UnusableModel.
 SherpaModel readSherpaModel(const std::filesystem::path& folder, std::string_view localeIdentifier);
 
 // Returns the language of an identifier, such as "ja" of "ja-JP".

@@ -4,7 +4,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
+#include <vector>
 
 #include "tests/support/TemporaryFolder.h"
 
@@ -71,6 +73,43 @@ TEST(ONNXMetadata, OtherFilesAreRefused) {
   EXPECT_THROW(read(std::string(100, '\xff')), std::runtime_error);
   EXPECT_THROW(readONNXMetadata((tones / "absent.onnx").string()), std::runtime_error);
   EXPECT_THROW(readONNXMetadata(tones.string()), std::runtime_error) << "a folder";
+}
+
+// Encodes an output with these dimensions, of which 0 has a name instead.
+std::string output(const std::vector<std::uint64_t>& dimensions) {
+  std::string shape;
+  for (const auto dimension : dimensions)
+    shape += field(1, dimension == 0 ? field(2, "steps") : number(1 << 3) + number(dimension));
+  return field(12, field(1, "out") + field(2, field(1, number(1 << 3) + number(1) + field(2, shape))));
+}
+
+std::optional<std::size_t> widthOf(const std::string& bytes) {
+  std::istringstream stream(bytes);
+  return readONNXOutputWidth(stream, bytes.size());
+}
+
+TEST(ONNXOutputWidth, LastDimensionOfFirstOutputIsRead) {
+  EXPECT_EQ(widthOf(field(7, field(1, "node") + output({0, 4, 1030}) + output({7}))), 1030U);
+  EXPECT_EQ(readONNXOutputWidth((tones / "joiner.onnx").string()), 7U);
+}
+
+TEST(ONNXOutputWidth, UnknownDimensionIsNone) {
+  EXPECT_EQ(widthOf(field(7, output({4, 0}) + output({7}))), std::nullopt);
+  EXPECT_EQ(widthOf(field(7, output({}))), std::nullopt);
+  EXPECT_EQ(widthOf(field(7, "")), std::nullopt);
+  EXPECT_EQ(widthOf(entry("a", "1")), std::nullopt);
+}
+
+TEST(ONNXOutputWidth, EveryTruncationIsRefused) {
+  const auto bytes = field(7, output({4, 1030}));
+  for (std::size_t length = 1; length < bytes.size(); ++length)
+    EXPECT_THROW(widthOf(bytes.substr(0, length)), std::runtime_error) << length;
+}
+
+TEST(ONNXOutputWidth, LengthsBeyondTheirMessageAreRefused) {
+  auto bytes = field(7, output({4, 1030}));
+  bytes[3] = 127;  // the length of the output
+  EXPECT_THROW(widthOf(bytes + std::string(200, '\0')), std::runtime_error);
 }
 
 TEST(ONNXMetadata, HugeGraphIsSkippedWithoutReadingIt) {

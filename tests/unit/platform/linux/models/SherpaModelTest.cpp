@@ -8,6 +8,7 @@
 #include <map>
 
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/TestModels.h"
 
 namespace palaver {
 namespace {
@@ -22,13 +23,36 @@ class SherpaModelTest : public testing::Test {
  protected:
   void write(const std::string& name, const Metadata& metadata = {}) {
     std::ofstream file(folder.path() / name, std::ios::binary);
-    file << field(7, "graph");
+    file << field(7, "");
     for (const auto& [key, value] : metadata) file << field(14, field(1, key) + field(2, value));
   }
 
-  void writeTokens(int count, const std::string& name = "tokens.txt", const std::string& token = "x") {
+  // Writes tokens that are valid base64 too. The last one may be another.
+  void writeTokens(int count, const std::string& name = "tokens.txt", const std::string& last = "") {
     std::ofstream file(folder.path() / name);
-    for (int i = 0; i < count; ++i) file << token << i << ' ' << i << '\n';
+    for (int i = 0; i < count; ++i) {
+      const std::string token = "abc" + std::string(1, static_cast<char>('a' + i % 26));
+      file << (i + 1 == count && !last.empty() ? last : token) << ' ' << i << '\n';
+    }
+  }
+
+  // Copies a model of tests/models.
+  void copyModel(const std::string& name) const {
+    std::filesystem::copy(tones.parent_path() / name, folder.path(),
+                          std::filesystem::copy_options::recursive);
+  }
+
+  void clear() const {
+    for (const auto& file : std::filesystem::directory_iterator(folder.path()))
+      std::filesystem::remove(file.path());
+  }
+
+  void replaceInTokens(const std::string& from, const std::string& to) const {
+    const auto file = folder.path() / "tokens.txt";
+    auto text = readBytes(file);
+    const auto at = text.find(from);
+    ASSERT_NE(at, std::string::npos);
+    std::ofstream(file, std::ios::binary) << text.replace(at, from.size(), to);
   }
 
   // Returns the model, which must be usable.
@@ -122,12 +146,130 @@ TEST_F(SherpaModelTest, ParakeetIsNeMoTransducer) {
                               {"pred_hidden", "640"}});
   write("decoder.int8.onnx");
   write("joiner.int8.onnx");
-  writeTokens(4);
+  writeTokens(4, "tokens.txt", "<blk>");
   EXPECT_EQ(read().kind, SherpaModelKind::offlineNeMoTransducer);
 }
 
+TEST_F(SherpaModelTest, EachTestModelIsOfItsKind) {
+  for (const auto& model : testModels()) {
+    const auto found = readSherpaModel(model.folder(), model.locale);
+    EXPECT_EQ(describe(found.kind), describe(model.kind)) << model.name;
+    EXPECT_EQ(found.kind, model.kind) << model.name;
+  }
+  EXPECT_EQ(readSherpaModel(tones, "ja-JP").transducerType, "conformer");
+  EXPECT_EQ(readSherpaModel(tones.parent_path() / "streaming-nemo", "ja-JP").transducerType, "");
+  EXPECT_EQ(readSherpaModel(tones.parent_path() / "streaming-nemo-ctc", "en-US").subsamplingFactor, 8U);
+}
+
+TEST_F(SherpaModelTest, TransducerWithoutJoinerLacksIt) {
+  for (const std::string name : {"tones", "zipformer", "nemo-tdt", "streaming-nemo"}) {
+    copyModel(name);
+    for (const auto& file : std::filesystem::directory_iterator(folder.path()))
+      if (file.path().filename().string().starts_with("joiner")) std::filesystem::remove(file.path());
+    EXPECT_THAT(refusal(), HasSubstr("lacks joiner.onnx")) << name;
+    clear();
+  }
+}
+
+TEST_F(SherpaModelTest, TypeIsEnoughForTeleSpeech) {
+  write("model.int8.onnx", {{"model_type", "telespeech_ctc"}});
+  writeTokens(4, "tokens.txt", "<blk>");
+  EXPECT_EQ(read("zh-CN").kind, SherpaModelKind::offlineTeleSpeechCTC);
+}
+
+TEST_F(SherpaModelTest, CTCModelNeedsBlank) {
+  for (const std::string name : {"nemo-ctc", "zipformer-ctc", "wenet-ctc", "telespeech-ctc",
+                                 "streaming-nemo-ctc", "streaming-zipformer2-ctc"}) {
+    copyModel(name);
+    EXPECT_EQ(refusal(), "(usable)") << name;
+    replaceInTokens("<blk>", "<eps>");
+    EXPECT_EQ(refusal(), "(usable)") << name;
+    replaceInTokens("<eps>", "<blank>");
+    EXPECT_EQ(refusal(), "(usable)") << name;
+    replaceInTokens("<blank>", "<nothing>");
+    EXPECT_THAT(refusal(), HasSubstr("lacks the token <blk>")) << name;
+    clear();
+  }
+}
+
+TEST_F(SherpaModelTest, BlankOfNeMoTransducerIsItsLastToken) {
+  for (const std::string name : {"nemo-tdt", "streaming-nemo"}) {
+    copyModel(name);
+    replaceInTokens("<blk>", "<blank>");
+    EXPECT_THAT(refusal(), HasSubstr("lacks the token <blk>")) << name;
+    writeTokens(5, "tokens.txt", "<blk>");
+    EXPECT_THAT(refusal(), HasSubstr("it has 5 tokens, and the model has 6")) << name;
+    writeTokens(6, "tokens.txt", "<blk>");
+    EXPECT_EQ(refusal(), "(usable)") << name;
+    replaceInTokens("abca 0", "<blk> 0");
+    replaceInTokens("<blk> 5", "abca 5");
+    EXPECT_THAT(refusal(), HasSubstr("<blk> is not the last one")) << name;
+    clear();
+  }
+}
+
+TEST_F(SherpaModelTest, DurationsAgreeWithAddressOfModel) {
+  copyModel("nemo-tdt");
+  EXPECT_EQ(refusal(), "(usable)");
+  const auto encoder = folder.path() / "encoder.int8.onnx";
+  const auto bytes = readBytes(encoder);
+  std::ofstream(encoder, std::ios::binary) << withoutMetadata(bytes, "url");
+  EXPECT_THAT(refusal(), HasSubstr("joiner.int8.onnx predicts durations (TDT)"));
+  // The joiner of a transducer without durations.
+  std::filesystem::copy(tones.parent_path() / "streaming-nemo/joiner.int8.onnx",
+                        folder.path() / "joiner.int8.onnx",
+                        std::filesystem::copy_options::overwrite_existing);
+  EXPECT_EQ(refusal(), "(usable)");
+  std::ofstream(encoder, std::ios::binary) << bytes;
+  EXPECT_THAT(refusal(), HasSubstr("joiner.int8.onnx predicts no durations"));
+  // One of another model.
+  std::filesystem::copy(tones.parent_path() / "telespeech-ctc/model.int8.onnx",
+                        folder.path() / "joiner.int8.onnx",
+                        std::filesystem::copy_options::overwrite_existing);
+  EXPECT_THAT(refusal(), HasSubstr("it scores 2 tokens, and the model has 6"));
+}
+
+TEST_F(SherpaModelTest, ParaformerNeedsTokenOfEnd) {
+  copyModel("paraformer");
+  replaceInTokens("</s>", "</x>");
+  EXPECT_THAT(refusal("zh-CN"), HasSubstr("lacks the token </s>"));
+}
+
+TEST_F(SherpaModelTest, SenseVoiceServesItsLanguages) {
+  copyModel("sense-voice");
+  for (const char* locale : {"zh-CN", "en-US", "ja-JP", "ko-KR", "yue-Hant-HK", ""})
+    EXPECT_EQ(refusal(locale), "(usable)") << locale;
+  EXPECT_THAT(refusal("fr-FR"), HasSubstr("does not know the language of fr-FR"));
+}
+
+TEST_F(SherpaModelTest, TokensOutsideBase64AreRefused) {
+  copyModel("moonshine-merged");
+  EXPECT_EQ(refusal(), "(usable)");
+  for (const std::string token : {"word", "abcd====", "abc", "a=bc", "\u2581abcd"}) {
+    writeTokens(7, "tokens.txt", token);
+    EXPECT_EQ(refusal() == "(usable)", token == "word") << token;
+  }
+  EXPECT_THAT(refusal(), HasSubstr("are not in base64"));
+
+  write("tiny-encoder.int8.onnx", whisper(true));
+  for (const char* name : {"encoder_model.onnx", "decoder_model_merged.onnx", "tokens.txt"})
+    std::filesystem::remove(folder.path() / name);
+  write("tiny-decoder.int8.onnx");
+  writeTokens(10, "tiny-tokens.txt", "\u2581word");
+  EXPECT_THAT(refusal(), HasSubstr("are not in base64"));
+}
+
+TEST_F(SherpaModelTest, ModelOfONNXRuntimeIsKnownByItsIdentifier) {
+  copyModel("moonshine-merged-ort");
+  EXPECT_EQ(refusal(), "(usable)");
+  std::ofstream(folder.path() / "decoder_model_merged.ort") << "no model at all";
+  EXPECT_THAT(refusal(), HasSubstr("decoder_model_merged.ort is not a model of the ONNX Runtime"));
+  std::ofstream(folder.path() / "decoder_model_merged.ort") << "ORTM";
+  EXPECT_THAT(refusal(), HasSubstr("decoder_model_merged.ort is not a model of the ONNX Runtime"));
+}
+
 TEST_F(SherpaModelTest, SingleModelsAreKnownByTheirType) {
-  writeTokens(4);
+  writeTokens(4, "tokens.txt", "<blk>");
   write("model.int8.onnx",
         {{"model_type", "EncDecHybridRNNTCTCBPEModel"}, {"vocab_size", "3"}, {"subsampling_factor", "8"}});
   EXPECT_EQ(read().kind, SherpaModelKind::offlineNeMoCTC);
