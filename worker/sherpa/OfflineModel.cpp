@@ -104,7 +104,9 @@ OfflineModel::OfflineModel(std::shared_ptr<const SherpaLibrary> library, const S
     case SherpaModelKind::offlineTransducer:
     case SherpaModelKind::offlineNeMoTransducer:
       models.transducer = {model.encoder.c_str(), model.decoder.c_str(), model.joiner.c_str()};
-      if (model.kind == SherpaModelKind::offlineNeMoTransducer) models.model_type = "nemo_transducer";
+      // Without a type the library loads the encoder twice, and ends the process when its metadata has none.
+      models.model_type =
+          model.kind == SherpaModelKind::offlineNeMoTransducer ? "nemo_transducer" : "transducer";
       break;
     case SherpaModelKind::offlineNeMoCTC:
       models.nemo_ctc.model = model.model.c_str();
@@ -117,6 +119,7 @@ OfflineModel::OfflineModel(std::shared_ptr<const SherpaLibrary> library, const S
       break;
     case SherpaModelKind::offlineTeleSpeechCTC:
       models.telespeech_ctc = model.model.c_str();
+      models.model_type = "telespeech_ctc";  // as above
       break;
     case SherpaModelKind::offlineParaformer:
       models.paraformer.model = model.model.c_str();

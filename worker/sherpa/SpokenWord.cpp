@@ -84,6 +84,22 @@ bool startsWord(std::string_view before, std::string_view token) {
   return isUnspaced(first) || isUnspaced(last) || (isPunctuation(last) && last >= 0x80);
 }
 
+// Sets the times in proportion to the lengths of the words.
+void spread(std::span<SpokenWord> words, std::int64_t startSample, std::int64_t endSample) {
+  std::size_t total = 0;
+  for (const auto& word : words) total += characterCount(word.text) + 1;
+  std::size_t before = 0;
+  const auto sampleAt = [&](std::size_t count) {
+    return startSample +
+           (endSample - startSample) * static_cast<std::int64_t>(count) / static_cast<std::int64_t>(total);
+  };
+  for (auto& word : words) {
+    word.startSample = sampleAt(before);
+    before += characterCount(word.text) + 1;
+    word.endSample = sampleAt(before);
+  }
+}
+
 }  // namespace
 
 std::vector<SpokenWord> wordsOfTokens(std::span<const TimedToken> tokens, std::int64_t endSample) {
@@ -122,6 +138,11 @@ std::vector<SpokenWord> wordsOfTokens(std::span<const TimedToken> tokens, std::i
 }
 
 std::vector<SpokenWord> wordsOfText(std::string_view text, std::int64_t startSample, std::int64_t endSample) {
+  return wordsOfGrowingText(text, {}, startSample, endSample);
+}
+
+std::vector<SpokenWord> wordsOfGrowingText(std::string_view text, std::span<const SpokenWord> earlier,
+                                           std::int64_t startSample, std::int64_t endSample) {
   std::vector<TimedToken> tokens;
   for (std::size_t position = 0; position < text.size();) {
     const std::size_t from = position;
@@ -129,29 +150,24 @@ std::vector<SpokenWord> wordsOfText(std::string_view text, std::int64_t startSam
     tokens.push_back({std::string(text.substr(from, position - from)), startSample});
   }
   auto words = wordsOfTokens(tokens, endSample);
-  std::size_t total = 0;
-  for (const auto& word : words) total += characterCount(word.text) + 1;
-  std::size_t before = 0;
-  const auto sampleAt = [&](std::size_t count) {
-    return startSample +
-           (endSample - startSample) * static_cast<std::int64_t>(count) / static_cast<std::int64_t>(total);
-  };
-  for (auto& word : words) {
-    word.startSample = sampleAt(before);
-    before += characterCount(word.text) + 1;
-    word.endSample = sampleAt(before);
-  }
+  std::size_t kept = 0;
+  for (; kept < words.size() && kept < earlier.size() && words[kept].text == earlier[kept].text; ++kept)
+    words[kept] = earlier[kept];
+  const std::span rest(words.begin() + static_cast<std::ptrdiff_t>(kept), words.end());
+  // The first one may be a longer form of a word that was there.
+  if (kept < earlier.size()) startSample = std::min(startSample, earlier[kept].startSample);
+  spread(rest, startSample, endSample);
   return words;
 }
 
 std::vector<SpokenWord> wordsOfResult(std::string_view text, const char* const* tokens, const float* times,
-                                      std::int32_t count, std::int64_t length) {
+                                      std::int32_t count, std::int64_t length, double timeFactor) {
   std::vector<TimedToken> timed;
   std::string joined;
   for (std::int32_t i = 0; tokens && times && i < count; ++i) {
     if (!tokens[i]) continue;
     // Written so that a time that is not a number becomes 0.
-    const double sample = times[i] > 0 ? static_cast<double>(times[i]) * speechSampleRate : 0;
+    const double sample = times[i] > 0 ? times[i] * timeFactor * speechSampleRate : 0;
     timed.push_back({tokens[i], std::min(length, static_cast<std::int64_t>(std::min(sample, 1e15)))});
     joined += tokens[i];
   }

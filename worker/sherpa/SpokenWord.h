@@ -39,11 +39,16 @@ std::vector<SpokenWord> wordsOfTokens(std::span<const TimedToken> tokens, std::i
 // proportion to their length. The times are estimates.
 std::vector<SpokenWord> wordsOfText(std::string_view text, std::int64_t startSample, std::int64_t endSample);
 
+// The same for a text that grows and whose words so far are `earlier`. Words that have not changed keep their
+// times, the others are spread over [startSample, endSample).
+std::vector<SpokenWord> wordsOfGrowingText(std::string_view text, std::span<const SpokenWord> earlier,
+                                           std::int64_t startSample, std::int64_t endSample);
+
 // Returns the words of a model's result of `count` tokens with times in seconds, both as C arrays, which may
 // be null. Falls back to wordsOfText() where there are no tokens or where the text is not made of them.
-// `length` is that of the audio in samples.
+// The times are multiplied by `timeFactor`. `length` is that of the audio in samples.
 std::vector<SpokenWord> wordsOfResult(std::string_view text, const char* const* tokens, const float* times,
-                                      std::int32_t count, std::int64_t length);
+                                      std::int32_t count, std::int64_t length, double timeFactor = 1);
 
 // Removes what models write for noise: text in brackets, parentheses or asterisks, also across words, and
 // music notes. An unclosed bracket reaches to the end.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 #include "worker/sherpa/Hotwords.h"
@@ -26,10 +27,12 @@ constexpr std::size_t largestBatch = 8;
 
 class StreamingTranscriber final : public Transcriber {
  public:
+  // `timeFactor` is what the library's times of tokens are multiplied by.
   StreamingTranscriber(const SherpaLibrary& library, const SherpaOnnxOnlineRecognizer* recognizer,
-                       const std::string& hotwords)
+                       const std::string& hotwords, double timeFactor)
       : library_(library),
         recognizer_(recognizer),
+        timeFactor_(timeFactor),
         stream_(hotwords.empty() ? library.CreateOnlineStream(recognizer)
                                  : library.CreateOnlineStreamWithHotwords(recognizer, hotwords.c_str()),
                 library.DestroyOnlineStream) {
@@ -41,6 +44,7 @@ class StreamingTranscriber final : public Transcriber {
   void append(std::span<const std::int16_t> samples) override {
     accept(floatSamples(samples));
     loudness_.append(samples);
+    if (!voiceStart_ && loudness_.voiceStart(0) < length()) voiceStart_ = loudness_.voiceStart(0);
     loudness_.forgetBefore(length() - quietAtEnd);
   }
 
@@ -69,7 +73,7 @@ class StreamingTranscriber final : public Transcriber {
 
   // Call when the stream has been decoded.
   void decoded() {
-    decodedTo_ = length();
+    if (decodedTo_ < length()) newestStep_ = std::exchange(decodedTo_, length());
     updateReady();
     updateWords();
   }
@@ -93,18 +97,30 @@ class StreamingTranscriber final : public Transcriber {
         result(library_.GetOnlineStreamResult(recognizer_, stream_.get()),
                library_.DestroyOnlineRecognizerResult);
     if (!result || !result->text) return;
-    words_ = withoutNoise(
-        wordsOfResult(result->text, result->tokens_arr, result->timestamps, result->count, length()));
+    if (result->timestamps) {
+      words_ = withoutNoise(wordsOfResult(result->text, result->tokens_arr, result->timestamps, result->count,
+                                          length(), timeFactor_));
+      return;
+    }
+    // Without times of tokens a new word lies in the audio of the step that yielded it, the first one from
+    // where the voice starts.
+    const auto from = untimedWords_.empty() ? voiceStart_.value_or(0) : newestStep_;
+    untimedWords_ = wordsOfGrowingText(result->text, untimedWords_, from, length());
+    words_ = withoutNoise(untimedWords_);
   }
 
   const SherpaLibrary& library_;
   const SherpaOnnxOnlineRecognizer* const recognizer_;
+  const double timeFactor_;
   const std::unique_ptr<const SherpaOnnxOnlineStream, decltype(SherpaLibrary::DestroyOnlineStream)> stream_;
   Loudness loudness_;
+  std::optional<std::int64_t> voiceStart_;
   std::int64_t decodedTo_ = 0;
-  bool isReady_ = false;  // the stream has enough audio for a step
+  std::int64_t newestStep_ = 0;  // where the newest step that had new audio started
+  bool isReady_ = false;         // the stream has enough audio for a step
   bool isEnded_ = false;
   std::vector<SpokenWord> words_;
+  std::vector<SpokenWord> untimedWords_;  // with noise, of a model without times
 };
 
 }  // namespace
@@ -121,6 +137,8 @@ StreamingModel::StreamingModel(std::shared_ptr<const SherpaLibrary> library, con
   switch (model.kind) {
     case SherpaModelKind::onlineTransducer: {
       models.transducer = {model.encoder.c_str(), model.decoder.c_str(), model.joiner.c_str()};
+      // Without a type the library loads the encoder twice.
+      if (!model.transducerType.empty()) models.model_type = model.transducerType.c_str();
       const auto unit = hotwordUnit(model);
       takesHotwords_ = !unit.empty();
       if (!takesHotwords_) break;
@@ -137,6 +155,8 @@ StreamingModel::StreamingModel(std::shared_ptr<const SherpaLibrary> library, con
       break;
     case SherpaModelKind::onlineNeMoCTC:
       models.nemo_ctc.model = model.model.c_str();
+      // The library takes a step for 4 frames, whatever the model's metadata states.
+      if (model.subsamplingFactor != 0) timeFactor_ = static_cast<double>(model.subsamplingFactor) / 4;
       break;
     case SherpaModelKind::onlineParaformer:
       models.paraformer = {model.encoder.c_str(), model.decoder.c_str()};
@@ -157,8 +177,8 @@ StreamingModel::~StreamingModel() {
 bool StreamingModel::canDecodeTogether() {
   if (!library_->DecodeMultipleOnlineStreams) return false;
   try {
-    StreamingTranscriber first(*library_, recognizer_, "");
-    StreamingTranscriber second(*library_, recognizer_, "");
+    StreamingTranscriber first(*library_, recognizer_, "", timeFactor_);
+    StreamingTranscriber second(*library_, recognizer_, "", timeFactor_);
     const std::vector<std::int16_t> silence(speechSampleRate / 10);
     for (auto* const transcriber : {&first, &second})
       while (!transcriber->hasWork() && transcriber->length() < longestStep) transcriber->append(silence);
@@ -173,7 +193,7 @@ bool StreamingModel::canDecodeTogether() {
 
 std::unique_ptr<Transcriber> StreamingModel::transcribe(const std::vector<std::string>& phrases) {
   return std::make_unique<StreamingTranscriber>(*library_, recognizer_,
-                                                takesHotwords_ ? hotwordsOf(phrases) : "");
+                                                takesHotwords_ ? hotwordsOf(phrases) : "", timeFactor_);
 }
 
 std::vector<std::exception_ptr> StreamingModel::work(std::span<Transcriber* const> batch) {

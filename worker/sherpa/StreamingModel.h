@@ -38,6 +38,7 @@ class StreamingModel final : public LoadedModel {
   const std::shared_ptr<const SherpaLibrary> library_;
   const SherpaOnnxOnlineRecognizer* recognizer_ = nullptr;
   bool takesHotwords_ = false;
+  double timeFactor_ = 1;  // of the library's times of tokens
   std::size_t batchSize_ = 1;
 };
 

@@ -79,6 +79,36 @@ TEST(SpokenWord, TextWithoutTokensIsSpreadOverAudio) {
   EXPECT_EQ(words[1].endSample, 3 * second);
 }
 
+TEST(SpokenWord, WordsOfGrowingTextKeepTheirTimes) {
+  const auto before = wordsOfGrowingText("one two", {}, 1000, 3000);
+  ASSERT_EQ(before.size(), 2U);
+  EXPECT_EQ(before[0].startSample, 1000);
+  EXPECT_EQ(before[1].endSample, 3000);
+  const auto after = wordsOfGrowingText("one two three", before, 5000, 7000);
+  ASSERT_EQ(after.size(), 3U);
+  EXPECT_EQ(after[0], before[0]);
+  EXPECT_EQ(after[1], before[1]);
+  EXPECT_EQ(after[2].startSample, 5000);
+  EXPECT_EQ(after[2].endSample, 7000);
+}
+
+TEST(SpokenWord, WordThatGrewKeepsItsStart) {
+  const auto before = wordsOfGrowingText("good even", {}, 0, 10000);
+  const auto after = wordsOfGrowingText("good evening", before, 10000, 20000);
+  ASSERT_EQ(after.size(), 2U);
+  EXPECT_EQ(after[1].startSample, before[1].startSample);
+  EXPECT_EQ(after[1].endSample, 20000);
+}
+
+TEST(SpokenWord, TokenTimesAreMultiplied) {
+  const std::vector<const char*> tokens{" a", " b"};
+  const std::vector<float> times{0.5F, 1};
+  const auto words = wordsOfResult("a b", tokens.data(), times.data(), 2, 64000, 2);
+  ASSERT_EQ(words.size(), 2U);
+  EXPECT_EQ(words[0].startSample, 16000);
+  EXPECT_EQ(words[1].startSample, 32000);
+}
+
 TEST(SpokenWord, ResultWithOtherSpellingKeepsItsText) {
   const std::array<const char*, 2> tokens{" ten", " meters"};
   const std::array<float, 2> times{1.0F, 2.0F};
