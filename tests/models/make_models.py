@@ -20,6 +20,7 @@ KINDS = {
     "tones": transducer_models.write_tones,
     "streaming-zipformer2": transducer_models.write_streaming_zipformer2,
     "streaming-nemo": transducer_models.write_streaming_nemo,
+    "streaming-nemo-multilingual": transducer_models.write_streaming_nemo_multilingual,
     "streaming-zipformer2-ctc": ctc_models.write_streaming_zipformer,
     "streaming-nemo-ctc": ctc_models.write_streaming_nemo,
     "streaming-paraformer": attention_models.write_streaming_paraformer,

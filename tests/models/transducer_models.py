@@ -2,6 +2,8 @@
 
 Those of icefall recognize the band of a tone. Those of NeMo count tones, with the state of the decoder.
 """
+import json
+
 import numpy as np
 
 from tone_graphs import (
@@ -26,7 +28,7 @@ from tone_graphs import (
     write_tokens,
 )
 
-COUNTED = 4  # words of NeMo's models
+COUNTED = 4  # words of NeMo's models in each language
 DURATIONS = 5  # of TDT: 0 to 4 steps
 
 
@@ -214,12 +216,14 @@ def write_nemo_decoder(path, tokens):
 
 
 def write_nemo_joiner(path, tokens, durations):
-    """Scores word n where tone n begins and n - 1 words precede it. TDT also scores how many steps to go on: one."""
+    """Scores word n where tone n begins and n - 1 words precede it. The next language has the numbers after those of the
+    one before. TDT also scores how many steps to go on: one."""
     g = GraphBuilder()
     number = g.node("Unsqueeze", "encoder_outputs", g.int64s(3))
     count = g.node("Unsqueeze", "decoder_outputs", g.int64s(3))
-    words = g.constant("numbers", np.arange(1, COUNTED + 1, dtype=np.float32).reshape(1, 1, 1, -1))
-    earlier = g.node("Sub", words, g.float32(1.0))
+    numbers = np.arange(1, len(tokens) - 1, dtype=np.float32).reshape(1, 1, 1, -1)
+    words = g.constant("numbers", numbers)
+    earlier = g.constant("earlier", (numbers - 1) % COUNTED)
     distance = g.node("Add", g.node("Abs", g.node("Sub", words, number)), g.node("Abs", g.node("Sub", earlier, count)))
     scores = g.node("Mul", g.node("Sub", g.float32(1.0), distance), g.float32(WORD))
     unknown, blank = (constant_like(g, number, score) for score in (UNKNOWN, BLANK))
@@ -268,9 +272,9 @@ def write_nemo_tdt(folder):
     write_tokens(folder, tokens)
 
 
-def nemo_streaming_encoder(path, output, shape, scores, metadata):
+def nemo_streaming_encoder(path, output, shape, scores, metadata, inputs=()):
     """Writes a cache-aware encoder. `cache_last_time` holds the loudness of the newest step, `cache_last_channel` the number
-    of tones. `scores` adds the output."""
+    of tones. `scores` adds the output, for which there may be more inputs."""
     window, chunk, step = 41, 32, 8
     g = GraphBuilder()
     frames = first_frames(g, g.node("Transpose", "audio_signal", perm=[0, 2, 1]), chunk)
@@ -292,6 +296,7 @@ def nemo_streaming_encoder(path, output, shape, scores, metadata):
             value_info("cache_last_channel", cache),
             value_info("cache_last_time", cache),
             value_info("cache_last_channel_len", ["batch"], TensorProto.INT64),
+            *inputs,
         ],
         [
             value_info(output, shape),
@@ -325,6 +330,37 @@ def write_streaming_nemo(folder):
             "pred_rnn_layers": 2,
             "pred_hidden": 1,
         },
+    )
+    write_nemo_decoder(folder / "decoder.int8.onnx", tokens)
+    write_nemo_joiner(folder / "joiner.int8.onnx", tokens, 0)
+    write_tokens(folder, tokens)
+
+
+def write_streaming_nemo_multilingual(folder):
+    """Counts in the language of the prompt, in Japanese where that is none."""
+    english = 1
+    tokens = [UNKNOWN_TOKEN, "一", "二", "三", "四", "▁one", "▁two", "▁three", "▁four", BLANK_TOKEN]
+
+    def scores(g, begin, count, above, name):
+        prompt = g.constant("english", np.array(english, np.int64))
+        is_english = g.node("Cast", g.node("Equal", "prompt_index", prompt), to=TensorProto.FLOAT)
+        offset = g.node("Mul", g.node("Reshape", is_english, g.int64s(-1, 1, 1)), g.float32(float(COUNTED)))
+        numbered(g, begin, g.node("Add", count, offset), name)
+
+    nemo_streaming_encoder(
+        folder / "encoder.int8.onnx",
+        "outputs",
+        ["batch", 1, "steps"],
+        scores,
+        {
+            "model_type": "EncDecRNNTBPEModelWithPrompt",
+            "vocab_size": len(tokens) - 1,
+            "pred_rnn_layers": 2,
+            "pred_hidden": 1,
+            "prompt_dictionary": json.dumps({"ja-JP": 0, "en-US": english, "auto": 2}),
+            "auto_prompt_id": 2,
+        },
+        [value_info("prompt_index", ["batch"], TensorProto.INT64)],
     )
     write_nemo_decoder(folder / "decoder.int8.onnx", tokens)
     write_nemo_joiner(folder / "joiner.int8.onnx", tokens, 0)

@@ -42,6 +42,7 @@ class SherpaLibrary {
   FUNCTION(CreateOnlineStream)             \
   FUNCTION(CreateOnlineStreamWithHotwords) \
   FUNCTION(DestroyOnlineStream)            \
+  FUNCTION(OnlineStreamSetOption)          \
   FUNCTION(OnlineStreamAcceptWaveform)     \
   FUNCTION(IsOnlineStreamReady)            \
   FUNCTION(DecodeOnlineStream)             \

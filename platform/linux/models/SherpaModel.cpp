@@ -162,7 +162,19 @@ void checkDurations(const SherpaModel& model, const ONNXMetadata& encoder) {
          model.encoder.string() + " contains \"tdt\".");
 }
 
-void readTransducer(const ModelFolder& folder, SherpaModel& model) {
+// Returns the name that the metadata has for the locale or its language, a key of a JSON object such as
+// {"ja-JP": 1, "auto": 2}, or nothing.
+std::string promptLanguage(const std::string& dictionary, std::string_view locale) {
+  std::string name(locale);
+  std::ranges::replace(name, '_', '-');
+  if (dictionary.find('"' + name + '"') != std::string::npos) return name;
+  const auto language = languageOf(locale);
+  const bool isKnown = !language.empty() && (dictionary.find('"' + language + '"') != std::string::npos ||
+                                             dictionary.find('"' + language + '-') != std::string::npos);
+  return isKnown ? language : "";
+}
+
+void readTransducer(const ModelFolder& folder, SherpaModel& model, std::string_view locale) {
   model.decoder = required(folder, "decoder");
   findTokens(folder, model);
   const auto encoder = metadataOf(model.encoder);
@@ -173,6 +185,7 @@ void readTransducer(const ModelFolder& folder, SherpaModel& model) {
     model.kind = SherpaModelKind::onlineTransducer;
     requireNeMoCaches(model.encoder, encoder);
     require(model.encoder, encoder, {"pred_rnn_layers", "pred_hidden"});
+    model.promptLanguage = promptLanguage(value(encoder, "prompt_dictionary"), locale);
     readTokensOfNeMoTransducer(model, encoder);
     return;
   }
@@ -397,7 +410,7 @@ SherpaModel readSherpaModel(const path& directory, std::string_view localeIdenti
   } else if (joiner) {
     model.joiner = *joiner;
     model.encoder = required(folder, "encoder");
-    readTransducer(folder, model);
+    readTransducer(folder, model, localeIdentifier);
   } else if (encoder && decoder) {
     model.encoder = *encoder;
     model.decoder = *decoder;

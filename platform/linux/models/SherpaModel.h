@@ -45,11 +45,12 @@ struct SherpaModel {
   std::filesystem::path tokens;
   std::filesystem::path bpeVocabulary;  // "bpe.vocab", where there is one
   std::string transducerType;           // streaming transducers but NeMo's, such as "zipformer2"
-  std::size_t subsamplingFactor = 0;    // streaming NeMo CTC: feature frames of 10 ms per step
-  bool isMultilingual = false;          // takes a language: Whisper, SenseVoice
-  bool hasAlignment = false;            // Whisper: the decoder returns what the times of tokens need
-  bool hasCharacterTokens = false;      // tokens.txt has characters of Chinese, Japanese or Korean
-  bool hasWordPieces = false;           // tokens.txt has pieces of words
+  std::string promptLanguage;         // streaming NeMo transducers of several languages; "" lets them detect
+  std::size_t subsamplingFactor = 0;  // streaming NeMo CTC: feature frames of 10 ms per step
+  bool isMultilingual = false;        // takes a language: Whisper, SenseVoice
+  bool hasAlignment = false;          // Whisper: the decoder returns what the times of tokens need
+  bool hasCharacterTokens = false;    // tokens.txt has characters of Chinese, Japanese or Korean
+  bool hasWordPieces = false;         // tokens.txt has pieces of words
 };
 
 // Reads the names of the folder's files and the metadata of its models, and checks what the library would end

@@ -197,6 +197,14 @@ TEST_P(SherpaKinds, EachMissingKeyIsRefusedOrNotNeeded) {
   }
 }
 
+TEST(SherpaStreaming, NeMoTakesLanguageOfItsLocale) {
+  const auto folder = std::filesystem::path(PALAVER_SOURCE_DIR) / "tests/models/streaming-nemo-multilingual";
+  EXPECT_EQ(transcribe(*load(folder, "ja-JP"), {oneTone}), std::vector<std::string>{"一"});
+  EXPECT_EQ(transcribe(*load(folder, "en-GB"), {oneTone, oneTone}), (std::vector<std::string>{"one", "one"}));
+  EXPECT_EQ(transcribe(*load(folder, "fr-FR"), {oneTone}), std::vector<std::string>{"一"})
+      << "a language that it does not know is left to the model";
+}
+
 TEST(SherpaOffline, SenseVoiceTakesLanguageOfItsLocale) {
   const auto folder = std::filesystem::path(PALAVER_SOURCE_DIR) / "tests/models/sense-voice";
   EXPECT_EQ(transcribe(*load(folder, "ja-JP"), {oneTone}), std::vector<std::string>{"中。"});

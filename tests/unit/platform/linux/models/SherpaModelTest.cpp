@@ -242,6 +242,14 @@ TEST_F(SherpaModelTest, SenseVoiceServesItsLanguages) {
   EXPECT_THAT(refusal("fr-FR"), HasSubstr("does not know the language of fr-FR"));
 }
 
+TEST_F(SherpaModelTest, PromptOfNeMoHasLanguageOfLocale) {
+  const auto multilingual = tones.parent_path() / "streaming-nemo-multilingual";
+  for (const auto& [locale, language] : std::map<std::string, std::string>{
+           {"ja-JP", "ja-JP"}, {"ja_JP", "ja-JP"}, {"en-GB", "en"}, {"fr-FR", ""}, {"", ""}})
+    EXPECT_EQ(readSherpaModel(multilingual, locale).promptLanguage, language) << locale;
+  EXPECT_EQ(readSherpaModel(tones.parent_path() / "streaming-nemo", "ja-JP").promptLanguage, "");
+}
+
 TEST_F(SherpaModelTest, TokensOutsideBase64AreRefused) {
   copyModel("moonshine-merged");
   EXPECT_EQ(refusal(), "(usable)");
