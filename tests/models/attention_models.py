@@ -10,6 +10,7 @@ from tone_graphs import (
     BANDS,
     BINS,
     BLANK,
+    ENGLISH_WORDS,
     INTEGER_SAMPLES,
     LOUD,
     UNKNOWN,
@@ -29,7 +30,6 @@ from tone_graphs import (
 
 STACK = 7  # frames of one step
 STACKING = {"lfr_window_size": STACK, "lfr_window_shift": 6}
-ENGLISH_WORDS = ["▁low", "▁middle", "▁high", "▁sky"]
 END = 0.5  # the score of the token that ends a text: between those of a word and of none
 
 
@@ -132,7 +132,15 @@ def paraformer_scores(g, words, end):
 
 
 def write_paraformer(folder):
-    """Writes one row for each tone and one for the end. A peak marks the step of each, at a third of a step."""
+    write_offline_paraformer(folder, has_peaks=True)
+
+
+def write_paraformer_without_peaks(folder):
+    write_offline_paraformer(folder, has_peaks=False)
+
+
+def write_offline_paraformer(folder, has_peaks):
+    """Writes one row for each tone and one for the end. A peak marks the step of each, in thirds of a step."""
     mean, scale = 20.0, 0.5
     g = GraphBuilder()
     bands = stacked_bands(g, "speech")
@@ -149,11 +157,14 @@ def write_paraformer(folder):
     words = g.node("MatMul", is_tone, g.node("Mul", loudest_band(g, bands), begin))
     paraformer_scores(g, words, END)
     g.node("Cast", g.node("Reshape", rows, g.int64s(-1)), to=TensorProto.INT32, name="token_num")
-    g.node("Squeeze", begin, g.int64s(2), name="us_alphas")
-    none = constant_like(g, begin, 0.0)
-    peaks = g.node("Reshape", g.node("Concat", begin, none, none, axis=2), g.int64s(0, -1))
-    end = constant_like(g, g.node("Slice", peaks, g.int64s(0), g.int64s(1), g.int64s(1)), 1.0)
-    g.node("Concat", peaks, end, axis=1, name="us_cif_peak")
+    peak_outputs = []
+    if has_peaks:
+        g.node("Squeeze", begin, g.int64s(2), name="us_alphas")
+        none = constant_like(g, begin, 0.0)
+        peaks = g.node("Reshape", g.node("Concat", begin, none, none, axis=2), g.int64s(0, -1))
+        end = constant_like(g, g.node("Slice", peaks, g.int64s(0), g.int64s(1), g.int64s(1)), 1.0)
+        g.node("Concat", peaks, end, axis=1, name="us_cif_peak")
+        peak_outputs = [value_info("us_alphas", ["batch", "steps"]), value_info("us_cif_peak", ["batch", "peaks"])]
     g.write(
         folder / "model.int8.onnx",
         "tones_paraformer",
@@ -164,8 +175,7 @@ def write_paraformer(folder):
         [
             value_info("logits", ["batch", "rows", len(PARAFORMER_TOKENS)]),
             value_info("token_num", ["batch"], TensorProto.INT32),
-            value_info("us_alphas", ["batch", "steps"]),
-            value_info("us_cif_peak", ["batch", "peaks"]),
+            *peak_outputs,
         ],
         {
             "model_type": "paraformer",

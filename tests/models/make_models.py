@@ -18,6 +18,8 @@ import transducer_models
 
 KINDS = {
     "tones": transducer_models.write_tones,
+    "streaming-lstm": transducer_models.write_streaming_lstm,
+    "streaming-zipformer": transducer_models.write_streaming_zipformer,
     "streaming-zipformer2": transducer_models.write_streaming_zipformer2,
     "streaming-nemo": transducer_models.write_streaming_nemo,
     "streaming-nemo-multilingual": transducer_models.write_streaming_nemo_multilingual,
@@ -25,12 +27,14 @@ KINDS = {
     "streaming-nemo-ctc": ctc_models.write_streaming_nemo,
     "streaming-paraformer": attention_models.write_streaming_paraformer,
     "zipformer": transducer_models.write_zipformer,
+    "nemo": transducer_models.write_nemo,
     "nemo-tdt": transducer_models.write_nemo_tdt,
     "nemo-ctc": ctc_models.write_nemo,
     "zipformer-ctc": ctc_models.write_zipformer,
     "wenet-ctc": ctc_models.write_wenet,
     "telespeech-ctc": ctc_models.write_telespeech,
     "paraformer": attention_models.write_paraformer,
+    "paraformer-without-peaks": attention_models.write_paraformer_without_peaks,
     "sense-voice": attention_models.write_sense_voice,
     "moonshine": attention_models.write_moonshine,
     "moonshine-merged": attention_models.write_moonshine_merged,

@@ -25,6 +25,9 @@ BANDS = len(WORDS)
 BLANK_TOKEN, FLOWER_TOKEN, UNKNOWN_TOKEN = "<blk>", "花", "<unk>"
 TOKENS = [BLANK_TOKEN, *WORDS, FLOWER_TOKEN, UNKNOWN_TOKEN]
 
+ENGLISH_WORDS = ["▁low", "▁middle", "▁high", "▁sky"]
+ENGLISH_TOKENS = [BLANK_TOKEN, *ENGLISH_WORDS, "▁flower", UNKNOWN_TOKEN]  # for the same scores as TOKENS
+
 WORD, BLANK, UNKNOWN = 10.0, 5.0, -20.0  # scores
 FLOWER_PENALTY = 0.5
 LOUD = -3.0  # log energy from which a frame holds a tone, for samples up to 1

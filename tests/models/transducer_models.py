@@ -10,6 +10,7 @@ from tone_graphs import (
     BINS,
     BLANK,
     BLANK_TOKEN,
+    ENGLISH_TOKENS,
     LOUD,
     LOUD_DEVIATIONS,
     TOKENS,
@@ -177,6 +178,71 @@ def write_streaming_zipformer2(folder):
     write_tokens(folder, TOKENS)
 
 
+def write_streaming_encoder(path, chunk, window, floats, lengths, newest, metadata):
+    """Writes an encoder with states of the shapes in `floats`. The one named `newest`, [1, batch, 1], holds the loudness of
+    the newest step. `lengths` are further states, [1, batch]."""
+    step = 4
+    g = GraphBuilder()
+    earlier = g.node("Transpose", newest, perm=[1, 0, 2])
+    _, above = token_scores(g, first_frames(g, "x", chunk), step, earlier=earlier, name="encoder_out")
+    g.node("Transpose", newest_step(g, above), perm=[1, 0, 2], name="new_" + newest)
+    for state in [*lengths, *floats]:
+        if state != newest:
+            g.node("Identity", state, name="new_" + state)
+    states = [
+        *((state, [1, "batch"], TensorProto.INT64) for state in lengths),
+        *((state, shape, TensorProto.FLOAT) for state, shape in floats.items()),
+    ]
+    g.write(
+        path,
+        "tones_streaming_encoder",
+        [value_info("x", ["batch", window, BINS]), *(value_info(*state) for state in states)],
+        [
+            value_info("encoder_out", ["batch", chunk // step, len(TOKENS)]),
+            *(value_info("new_" + name, shape, element) for name, shape, element in states),
+        ],
+        {**metadata, "version": 1, "T": window, "decode_chunk_len": chunk, "num_encoder_layers": 1},
+    )
+
+
+def write_streaming_zipformer(folder):
+    """Writes the first version of Zipformer, with English words and the vocabulary that hotwords need then."""
+    name = "{}-epoch-99-avg-1.int8.onnx"
+    left_context, attention, kernel = 2, 2, 3
+    floats = {
+        "cached_avg_0": [1, "batch", 1],
+        "cached_key_0": [1, left_context, "batch", attention],
+        "cached_val_0": [1, left_context, "batch", attention // 2],
+        "cached_val2_0": [1, left_context, "batch", attention // 2],
+        "cached_conv1_0": [1, "batch", 1, kernel - 1],
+        "cached_conv2_0": [1, "batch", 1, kernel - 1],
+    }
+    metadata = {
+        "model_type": "zipformer",
+        "encoder_dims": 1,
+        "attention_dims": attention,
+        "cnn_module_kernels": kernel,
+        "left_context_len": left_context,
+    }
+    file = folder / name.format("encoder")
+    write_streaming_encoder(file, 32, 39, floats, ["cached_len_0"], "cached_avg_0", metadata)
+    write_decoder(folder / name.format("decoder"))
+    write_joiner(folder / name.format("joiner"))
+    write_tokens(folder, ENGLISH_TOKENS)
+    scores = "".join(f"{token}\t{-number}\n" for number, token in enumerate(ENGLISH_TOKENS))
+    (folder / "bpe.vocab").write_text(scores, "utf-8")
+
+
+def write_streaming_lstm(folder):
+    name = "{}-epoch-99-avg-1.int8.onnx"
+    floats = {"h": [1, "batch", 1], "c": [1, "batch", 1]}
+    metadata = {"model_type": "lstm", "rnn_hidden_size": 1, "d_model": 1}
+    write_streaming_encoder(folder / name.format("encoder"), 4, 9, floats, [], "h", metadata)
+    write_decoder(folder / name.format("decoder"))
+    write_joiner(folder / name.format("joiner"))
+    write_tokens(folder, TOKENS)
+
+
 # --- NeMo --------------------------------------------------------------------------------------------------------------
 
 
@@ -242,8 +308,7 @@ def write_nemo_joiner(path, tokens, durations):
     )
 
 
-def write_nemo_tdt(folder):
-    """Writes a Parakeet TDT, which has 128 bins."""
+def write_nemo_offline(folder, bins, durations, metadata):
     tokens = [UNKNOWN_TOKEN, "▁one", "▁two", "▁three", "▁four", BLANK_TOKEN]
     g = GraphBuilder()
     frames = g.node("Transpose", "audio_signal", perm=[0, 2, 1])
@@ -253,7 +318,7 @@ def write_nemo_tdt(folder):
     g.write(
         folder / "encoder.int8.onnx",
         "tones_nemo_encoder",
-        [value_info("audio_signal", ["batch", 128, "frames"]), value_info("length", ["batch"], TensorProto.INT64)],
+        [value_info("audio_signal", ["batch", bins, "frames"]), value_info("length", ["batch"], TensorProto.INT64)],
         [value_info("outputs", ["batch", 1, "steps"]), value_info("encoded_lengths", ["batch"], TensorProto.INT64)],
         {
             "model_type": "EncDecRNNTBPEModel",
@@ -263,13 +328,21 @@ def write_nemo_tdt(folder):
             "normalize_type": "per_feature",
             "pred_rnn_layers": 2,
             "pred_hidden": 1,
-            "feat_dim": 128,
-            "url": "https://example.com/parakeet-tdt-tones",  # the library looks for "tdt" in it
+            **metadata,
         },
     )
     write_nemo_decoder(folder / "decoder.int8.onnx", tokens)
-    write_nemo_joiner(folder / "joiner.int8.onnx", tokens, DURATIONS)
+    write_nemo_joiner(folder / "joiner.int8.onnx", tokens, durations)
     write_tokens(folder, tokens)
+
+
+def write_nemo(folder):
+    write_nemo_offline(folder, BINS, 0, {})
+
+
+def write_nemo_tdt(folder):
+    """Writes a Parakeet TDT, which has 128 bins. The library looks for "tdt" in the address."""
+    write_nemo_offline(folder, 128, DURATIONS, {"feat_dim": 128, "url": "https://example.com/parakeet-tdt-tones"})
 
 
 def nemo_streaming_encoder(path, output, shape, scores, metadata, inputs=()):
