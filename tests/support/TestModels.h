@@ -26,6 +26,9 @@ struct TestModel {
   std::string middle;
   // Keys of the metadata without which the model works.
   std::vector<std::string> optionalKeys;
+  std::string
+      hotword{};  // what it recognizes of the highest tone when that is a phrase, where it takes phrases
+  bool hasTimes = true;  // else those of its words are estimates
 
   std::filesystem::path folder() const {
     return std::filesystem::path(PALAVER_SOURCE_DIR) / "tests/models" / name;
@@ -42,13 +45,22 @@ inline const std::vector<TestModel>& testModels() {
   const std::vector<std::string> numbers{"one", "two", "three"};
   const std::vector<std::string> any{"tone", "tone", "tone"};
   static const std::vector<TestModel> models{
-      {"tones", Kind::onlineTransducer, "ja-JP", japanese, "中", {"joiner_dim"}},
+      {"tones", Kind::onlineTransducer, "ja-JP", japanese, "中", {"joiner_dim"}, "花"},
+      {"streaming-lstm", Kind::onlineTransducer, "ja-JP", japanese, "中", {"version", "joiner_dim"}, "花"},
+      {"streaming-zipformer",
+       Kind::onlineTransducer,
+       "en-US",
+       english,
+       "middle",
+       {"version", "joiner_dim"},
+       "flower"},
       {"streaming-zipformer2",
        Kind::onlineTransducer,
        "ja-JP",
        japanese,
        "中",
-       {"comment", "version", "joiner_dim"}},
+       {"comment", "version", "joiner_dim"},
+       "花"},
       {"streaming-nemo",
        Kind::onlineTransducer,
        "ja-JP",
@@ -73,13 +85,14 @@ inline const std::vector<TestModel>& testModels() {
        any,
        "tone",
        {"model_type", "normalize_type", "version"}},
-      {"streaming-paraformer", Kind::onlineParaformer, "zh-CN", japanese, "中", {"version"}},
+      {"streaming-paraformer", Kind::onlineParaformer, "zh-CN", japanese, "中", {"version"}, "", false},
       {"zipformer",
        Kind::offlineTransducer,
        "ja-JP",
        japanese,
        "中",
        {"model_type", "version", "joiner_dim"}},
+      {"nemo", Kind::offlineNeMoTransducer, "en-US", numbers, "one", {"normalize_type", "version"}},
       {"nemo-tdt",
        Kind::offlineNeMoTransducer,
        "en-US",
@@ -91,10 +104,11 @@ inline const std::vector<TestModel>& testModels() {
       {"wenet-ctc", Kind::offlineWeNetCTC, "zh-CN", japanese, "中", {"version"}},
       {"telespeech-ctc", Kind::offlineTeleSpeechCTC, "zh-CN", {"音", "音", "音"}, "音", {"version"}},
       {"paraformer", Kind::offlineParaformer, "zh-CN", japanese, "中", {"version"}},
+      {"paraformer-without-peaks", Kind::offlineParaformer, "zh-CN", japanese, "中", {"version"}, "", false},
       {"sense-voice", Kind::offlineSenseVoice, "ja-JP", {"低。", "中。", "高。"}, "中。", {"version"}},
-      {"moonshine", Kind::offlineMoonshine, "en-US", english, "middle", {}},
-      {"moonshine-merged", Kind::offlineMoonshineMerged, "en-US", english, "middle", {}},
-      {"moonshine-merged-ort", Kind::offlineMoonshineMerged, "en-US", english, "middle", {}},
+      {"moonshine", Kind::offlineMoonshine, "en-US", english, "middle", {}, "", false},
+      {"moonshine-merged", Kind::offlineMoonshineMerged, "en-US", english, "middle", {}, "", false},
+      {"moonshine-merged-ort", Kind::offlineMoonshineMerged, "en-US", english, "middle", {}, "", false},
   };
   return models;
 }

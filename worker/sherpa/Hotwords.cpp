@@ -8,7 +8,17 @@ std::string_view hotwordUnit(const SherpaModel& model) {
   return hasPieces ? "bpe" : "";
 }
 
-std::string hotwordsOf(const std::vector<std::string>& phrases) {
+namespace {
+
+char inCase(char c, LetterCase letterCase) {
+  if (letterCase == LetterCase::upper && c >= 'a' && c <= 'z') return static_cast<char>(c - 'a' + 'A');
+  if (letterCase == LetterCase::lower && c >= 'A' && c <= 'Z') return static_cast<char>(c - 'A' + 'a');
+  return c;
+}
+
+}  // namespace
+
+std::string hotwordsOf(const std::vector<std::string>& phrases, LetterCase letterCase) {
   constexpr std::string_view special = ":#@/";
   std::string hotwords;
   for (const auto& phrase : phrases) {
@@ -17,7 +27,7 @@ std::string hotwordsOf(const std::vector<std::string>& phrases) {
       const bool isSeparator =
           special.find(c) != std::string_view::npos || static_cast<unsigned char>(c) <= ' ';
       if (!isSeparator) {
-        words += c;
+        words += inCase(c, letterCase);
       } else if (!words.empty() && words.back() != ' ') {
         words += ' ';
       }

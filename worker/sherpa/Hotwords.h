@@ -19,7 +19,8 @@ std::string_view hotwordUnit(const SherpaModel& model);
 
 // Joins phrases with "/", as the library takes them. Removes the characters with which it marks scores,
 // thresholds and names (: # @ /) and control characters; a score that is not a number would throw an
-// exception through the C interface. Leaves out empty phrases.
-std::string hotwordsOf(const std::vector<std::string>& phrases);
+// exception through the C interface. Leaves out empty phrases. Letters from A to Z get the case of the
+// model's tokens, because the library skips a phrase that they cannot spell.
+std::string hotwordsOf(const std::vector<std::string>& phrases, LetterCase letterCase = LetterCase::both);
 
 }  // namespace palaver

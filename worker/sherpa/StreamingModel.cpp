@@ -126,7 +126,7 @@ class StreamingTranscriber final : public Transcriber {
 }  // namespace
 
 StreamingModel::StreamingModel(std::shared_ptr<const SherpaLibrary> library, const SherpaModel& model)
-    : library_(std::move(library)), language_(model.promptLanguage) {
+    : library_(std::move(library)), letterCase_(model.letterCase), language_(model.promptLanguage) {
   SherpaOnnxOnlineRecognizerConfig config{};
   config.feat_config = {.sample_rate = speechSampleRate, .feature_dim = 80};
   config.decoding_method = "greedy_search";
@@ -193,7 +193,7 @@ bool StreamingModel::canDecodeTogether() {
 
 std::unique_ptr<Transcriber> StreamingModel::transcribe(const std::vector<std::string>& phrases) {
   auto transcriber = std::make_unique<StreamingTranscriber>(
-      *library_, recognizer_, takesHotwords_ ? hotwordsOf(phrases) : "", timeFactor_);
+      *library_, recognizer_, takesHotwords_ ? hotwordsOf(phrases, letterCase_) : "", timeFactor_);
   if (!language_.empty())
     library_->OnlineStreamSetOption(transcriber->stream(), "language", language_.c_str());
   return transcriber;

@@ -38,8 +38,9 @@ class StreamingModel final : public LoadedModel {
   const std::shared_ptr<const SherpaLibrary> library_;
   const SherpaOnnxOnlineRecognizer* recognizer_ = nullptr;
   bool takesHotwords_ = false;
-  const std::string language_;  // of the prompt, or empty
-  double timeFactor_ = 1;       // of the library's times of tokens
+  const LetterCase letterCase_;  // of hotwords
+  const std::string language_;   // of the prompt, or empty
+  double timeFactor_ = 1;        // of the library's times of tokens
   std::size_t batchSize_ = 1;
 };
 

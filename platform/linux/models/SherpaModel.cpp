@@ -83,6 +83,8 @@ TokenTable readTokens(SherpaModel& model, std::optional<std::size_t> wanted = st
   const auto table = readTokenTable(model.tokens);
   model.hasCharacterTokens = table.hasCharacters;
   model.hasWordPieces = table.hasWordPieces;
+  if (table.hasUpperCase != table.hasLowerCase)
+    model.letterCase = table.hasUpperCase ? LetterCase::upper : LetterCase::lower;
   // Exports differ in whether the blank of CTC and transducers is listed or counted.
   if (wanted && (table.count + slack < *wanted || table.count > *wanted + slack))
     fail(model.tokens.string() + " belongs to another model: it has " + std::to_string(table.count) +

@@ -28,6 +28,9 @@ enum class SherpaModelKind {
   offlineMoonshineMerged,  // version 2: two models
 };
 
+// Which of the letters A to Z and a to z the tokens have.
+enum class LetterCase { both, upper, lower };
+
 bool isStreaming(SherpaModelKind kind);
 
 // Returns a name for people, such as "Whisper".
@@ -50,7 +53,8 @@ struct SherpaModel {
   bool isMultilingual = false;        // takes a language: Whisper, SenseVoice
   bool hasAlignment = false;          // Whisper: the decoder returns what the times of tokens need
   bool hasCharacterTokens = false;    // tokens.txt has characters of Chinese, Japanese or Korean
-  bool hasWordPieces = false;         // tokens.txt has pieces of words
+  LetterCase letterCase = LetterCase::both;
+  bool hasWordPieces = false;  // tokens.txt has pieces of words
 };
 
 // Reads the names of the folder's files and the metadata of its models, and checks what the library would end

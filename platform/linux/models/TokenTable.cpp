@@ -64,6 +64,12 @@ TokenTable readTokenTable(const std::filesystem::path& path) {
     table.hasEnd = table.hasEnd || token == "</s>";
     table.hasCharacters = table.hasCharacters || isCharacter(token);
     table.hasWordPieces = table.hasWordPieces || token.starts_with(wordStart);
+    if (!token.starts_with('<')) {  // such as "<unk>"
+      table.hasUpperCase =
+          table.hasUpperCase || std::ranges::any_of(token, [](char c) { return c >= 'A' && c <= 'Z'; });
+      table.hasLowerCase =
+          table.hasLowerCase || std::ranges::any_of(token, [](char c) { return c >= 'a' && c <= 'z'; });
+    }
     table.isBase64 = table.isBase64 && isBase64(token);
   }
   if (table.count == 0) throw UnusableModel(path.string() + " is empty or cannot be read.");

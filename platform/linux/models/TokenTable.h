@@ -15,6 +15,8 @@ struct TokenTable {
   bool hasEnd = false;                     // "</s>"
   bool hasCharacters = false;              // characters of Chinese, Japanese or Korean
   bool hasWordPieces = false;              // pieces of words, of which U+2581 marks the first one
+  bool hasUpperCase = false;               // letters from A to Z
+  bool hasLowerCase = false;               // letters from a to z
   bool isBase64 = true;                    // all tokens are
 };
 

@@ -13,6 +13,12 @@ TEST(Hotwords, SpecialCharactersAreRemoved) {
   EXPECT_EQ(hotwordsOf({"a :x", "b/c", "#d@e", " \n", "::"}), "a x/b c/d e");
 }
 
+TEST(Hotwords, LettersGetCaseOfTokens) {
+  EXPECT_EQ(hotwordsOf({"Palaver 2", "\u00DCber"}, LetterCase::both), "Palaver 2/\u00DCber");
+  EXPECT_EQ(hotwordsOf({"Palaver 2", "\u00DCber"}, LetterCase::upper), "PALAVER 2/\u00DCBER");
+  EXPECT_EQ(hotwordsOf({"Palaver 2", "\u00DCber"}, LetterCase::lower), "palaver 2/\u00DCber");
+}
+
 TEST(Hotwords, UnitFollowsTokens) {
   SherpaModel model;
   EXPECT_EQ(hotwordUnit(model), "");

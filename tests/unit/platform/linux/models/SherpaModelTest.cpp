@@ -242,6 +242,16 @@ TEST_F(SherpaModelTest, SenseVoiceServesItsLanguages) {
   EXPECT_THAT(refusal("fr-FR"), HasSubstr("does not know the language of fr-FR"));
 }
 
+TEST_F(SherpaModelTest, CaseOfLettersIsThatOfTokens) {
+  copyModel("streaming-zipformer");
+  EXPECT_EQ(read().letterCase, LetterCase::lower);
+  replaceInTokens("low", "Low");
+  EXPECT_EQ(read().letterCase, LetterCase::both);
+  std::ofstream(folder.path() / "tokens.txt") << "<blk> 0\nA 1\nB 2\nC 3\nD 4\nE 5\n<unk> 6\n";
+  EXPECT_EQ(read().letterCase, LetterCase::upper);
+  EXPECT_EQ(readSherpaModel(tones, "ja-JP").letterCase, LetterCase::both) << "it has no such letters";
+}
+
 TEST_F(SherpaModelTest, PromptOfNeMoHasLanguageOfLocale) {
   const auto multilingual = tones.parent_path() / "streaming-nemo-multilingual";
   for (const auto& [locale, language] : std::map<std::string, std::string>{
