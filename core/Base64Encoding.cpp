@@ -9,7 +9,6 @@ namespace palaver {
 std::string encodeBase64(std::span<const std::uint8_t> bytes) {
   constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string text;
-  text.reserve((bytes.size() + 2) / 3 * 4);
   for (std::size_t i = 0; i < bytes.size(); i += 3) {
     const std::size_t count = std::min<std::size_t>(3, bytes.size() - i);
     std::uint32_t group = 0;
@@ -21,7 +20,6 @@ std::string encodeBase64(std::span<const std::uint8_t> bytes) {
 
 std::string encodePCM(std::span<const std::int16_t> samples) {
   std::vector<std::uint8_t> bytes;
-  bytes.reserve(samples.size() * 2);
   for (const std::int16_t sample : samples) {
     const auto bits = static_cast<std::uint16_t>(sample);
     bytes.push_back(static_cast<std::uint8_t>(bits & 0xFF));
