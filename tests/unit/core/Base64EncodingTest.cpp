@@ -39,7 +39,7 @@ TEST(Base64EncodingTest, EveryByteAtEveryPositionIsDecodedBack) {
 }
 
 TEST(Base64EncodingTest, SamplesAreLittleEndian) {
-  EXPECT_EQ(encodePCM(std::vector<std::int16_t>{1, -2}), "AQD+/w==");
+  EXPECT_EQ(encodePCM(std::vector<std::int16_t>{1, -2, 0x1234}), "AQD+/zQS");
   EXPECT_EQ(encodePCM(std::vector<std::int16_t>{}), "");
 }
 
