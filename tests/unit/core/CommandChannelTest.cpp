@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "core/CommandHandler.h"
 #include "core/JSONLineWriter.h"
@@ -657,12 +658,14 @@ TEST(CommandChannelTest, ManyCommandsOfOneReadNeedNoLargeList) {
   EXPECT_THAT(host.messages(), IsEmpty());
 }
 
-// A host that does not read.
+// Of a host that does not read, until isRead is set.
 class UnreadOutput final : public OutputStream {
  public:
-  void write(std::string_view) override {}
-  bool isWritable() const override { return false; }
+  void write(std::string_view bytes) override { text += bytes; }
+  bool isWritable() const override { return isRead; }
   void limitStalls(double) override { ++limits; }
+  std::string text;
+  bool isRead = false;
   int limits = 0;
 };
 
@@ -678,7 +681,47 @@ struct UnreadConversation {
     std::memcpy(channel.prepare().data(), bytes.data(), bytes.size());
     channel.received(bytes.size());
   }
+  // The messages of all events written so far, without what they have in common.
+  std::vector<std::string> messages() const {
+    std::vector<std::string> all;
+    std::istringstream lines(output.text);
+    for (std::string line; std::getline(lines, line);)
+      all.push_back(
+          Event::parse(line)["message"].get<std::string>().substr(std::strlen("Invalid JSON command: ")));
+    return all;
+  }
 };
+
+TEST(CommandChannelTest, QueuedErrorsAreWrittenInOrderEachAsOftenAsItWasMade) {
+  UnreadConversation host;
+  host.receive("[]\nx\nx\nx\n[]\n[]\n");
+  EXPECT_THAT(host.messages(), IsEmpty());
+  host.fake.mainQueue.runAll();
+  const std::string object = "expected an object";
+  const std::string value = "a value is malformed at byte 0";
+  EXPECT_THAT(host.messages(), ElementsAre(object, value, value, value, object, object));
+}
+
+TEST(CommandChannelTest, ErrorIsQueuedBehindQueuedOnesAndWrittenAtOnceBehindNone) {
+  UnreadConversation host;
+  host.receive("[]\n");
+  host.output.isRead = true;
+  host.receive("x\n");
+  EXPECT_THAT(host.messages(), IsEmpty());
+  host.fake.mainQueue.runAll();
+  EXPECT_THAT(host.messages(), ElementsAre("expected an object", "a value is malformed at byte 0"));
+  host.receive("[]\n");
+  EXPECT_EQ(host.messages().size(), 3U);
+  EXPECT_EQ(host.fake.mainQueue.size(), 0U);
+}
+
+TEST(CommandChannelTest, CommandPrecedesErrorOfLaterLineForUnreadOutput) {
+  UnreadConversation host;
+  host.receive(stop("a") + "\nx\n");
+  host.fake.mainQueue.runOne();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')"));
+  EXPECT_THAT(host.messages(), IsEmpty());
+}
 
 TEST(CommandChannelTest, ErrorForUnreadOutputIsQueuedWithItsRead) {
   UnreadConversation host;
