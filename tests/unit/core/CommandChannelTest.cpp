@@ -715,12 +715,17 @@ TEST(CommandChannelTest, ErrorIsQueuedBehindQueuedOnesAndWrittenAtOnceBehindNone
   EXPECT_EQ(host.fake.mainQueue.size(), 0U);
 }
 
-TEST(CommandChannelTest, CommandPrecedesErrorOfLaterLineForUnreadOutput) {
+TEST(CommandChannelTest, ErrorForUnreadOutputComesBetweenCommandsAroundItsLine) {
   UnreadConversation host;
-  host.receive(stop("a") + "\nx\n");
+  host.receive(stop("a") + "\nx\n" + stop("b") + "\n");
   host.fake.mainQueue.runOne();
   EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')"));
   EXPECT_THAT(host.messages(), IsEmpty());
+  host.fake.mainQueue.runOne();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')"));
+  EXPECT_EQ(host.messages().size(), 1U);
+  host.fake.mainQueue.runOne();
+  EXPECT_THAT(host.backend.calls, ElementsAre("stopSession('a')", "stopSession('b')"));
 }
 
 TEST(CommandChannelTest, ErrorForUnreadOutputIsQueuedWithItsRead) {
