@@ -281,7 +281,7 @@ TEST_F(WorkerServerTest, EngineThatCannotStartIsReported) {
   serve();
   const auto frame = next();
   ASSERT_EQ(frame.type, FrameType::failed);
-  EXPECT_EQ(decodeFailure(frame.payload).localizedDescription(), "The speech engine failed: no thread");
+  EXPECT_EQ(decodeFailure(frame.payload).localizedDescription(), "the speech engine cannot start: no thread");
 }
 
 TEST_F(WorkerServerTest, FirstChannelsUsePreparedRecognizers) {

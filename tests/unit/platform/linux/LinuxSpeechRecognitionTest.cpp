@@ -16,8 +16,6 @@
 namespace palaver {
 namespace {
 
-using testing::HasSubstr;
-
 std::vector<std::int16_t> goForward() {
   return readRecording("/usr/share/pocketsphinx/test/data/goforward.raw");
 }

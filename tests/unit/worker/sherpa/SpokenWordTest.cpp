@@ -15,6 +15,7 @@ constexpr std::int64_t second = speechSampleRate;
 
 std::vector<std::string> textsOf(const std::vector<SpokenWord>& words) {
   std::vector<std::string> texts;
+  texts.reserve(words.size());
   for (const auto& word : words) texts.push_back(word.text);
   return texts;
 }
