@@ -120,6 +120,8 @@ def main():
 
         meeting.play({key: Endless(samples, length) for key, samples in loops.items()}, on_chunk, clock)
         meeting.stop(["m"])
+        if is_fast:  # the analyzer's last finals follow session.stopped
+            live.wait_for_rest(meeting.pid)
         status = meeting.end()
     finals = [heard for heard in meeting.heard if heard.event["type"] == "transcript.final"]
     print(f"{options.engine}, {options.minutes} minutes in {(time.time() - began) / 60:.0f}, two sources: {len(finals)} finals, "
