@@ -15,6 +15,7 @@ void endProcess(Process& process, JSONLineWriter& writer, int status) {
 }
 
 void failProcess(Process& process, JSONLineWriter& writer, const std::exception& failure) {
+  writer.limitStalls();  // the report must not wait for a host that does not read
   const bool outOfMemory = dynamic_cast<const std::bad_alloc*>(&failure) != nullptr;
   try {
     writer.error(std::string("The helper has to end: ") + (outOfMemory ? "out of memory" : failure.what()));

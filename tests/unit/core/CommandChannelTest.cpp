@@ -661,12 +661,16 @@ TEST(CommandChannelTest, ManyCommandsOfOneReadNeedNoLargeList) {
 // Of a host that does not read, until isRead is set.
 class UnreadOutput final : public OutputStream {
  public:
-  void write(std::string_view bytes) override { text += bytes; }
+  void write(std::string_view bytes) override {
+    text += bytes;
+    limitsAtWrite = limits;
+  }
   bool isWritable() const override { return isRead; }
   void limitStalls(double) override { ++limits; }
   std::string text;
   bool isRead = false;
   int limits = 0;
+  int limitsAtWrite = 0;
 };
 
 struct UnreadConversation {
@@ -771,6 +775,14 @@ TEST(CommandChannelTest, StallsOfOutputAreLimitedFromShutdownOrEndOn) {
   ended.channel.prepare();
   ended.channel.ended();
   EXPECT_EQ(ended.output.limits, 1);
+}
+
+TEST(CommandChannelTest, StallsOfOutputAreLimitedBeforeReportOfFailureAndBeforeEnd) {
+  UnreadConversation host;
+  const NoBlocks refused;
+  EXPECT_THROW(host.channel.prepare(), Exit);
+  EXPECT_GE(host.output.limitsAtWrite, 1);
+  EXPECT_GT(host.output.limits, host.output.limitsAtWrite);
 }
 
 TEST(CommandChannelTest, CommandsStayValidAfterLaterReads) {
