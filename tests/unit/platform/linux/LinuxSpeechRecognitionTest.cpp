@@ -2,16 +2,14 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <fstream>
-#include <stdexcept>
 
 #include "tests/support/DamagedModel.h"
 #include "tests/support/JobQueue.h"
 #include "tests/support/Recording.h"
 #include "tests/support/SpeechRecognitionContract.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace palaver {
 namespace {
@@ -80,30 +78,21 @@ TEST_F(LinuxSpeechRecognitionTest, ModelWithMissingFileIsNotInstalled) {
 class WorkerWithoutThreads {
  public:
   WorkerWithoutThreads() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "worker-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("no temporary directory");
-    folder_ = pattern;
     using std::filesystem::perms;
     constexpr auto everybodys =
         perms::owner_all | perms::group_read | perms::group_exec | perms::others_read | perms::others_exec;
-    std::filesystem::permissions(folder_, everybodys);
-    std::filesystem::copy_file(PALAVER_WORKER, folder_ / "worker");
+    std::filesystem::permissions(folder_.path(), everybodys);
+    std::filesystem::copy_file(PALAVER_WORKER, folder_.path() / "worker");
     std::ofstream(program()) << "#!/bin/sh\n"
                                 "[ \"$(id -u)\" -ne 0 ] || user='setpriv --reuid=65534 --clear-groups'\n"
                                 "exec $user prlimit --nproc=0 \"$(dirname \"$0\")/worker\" \"$@\"\n";
     std::filesystem::permissions(program(), everybodys);
   }
-  ~WorkerWithoutThreads() {
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
-  }
-  WorkerWithoutThreads(const WorkerWithoutThreads&) = delete;
-  WorkerWithoutThreads& operator=(const WorkerWithoutThreads&) = delete;
 
-  std::filesystem::path program() const { return folder_ / "limited-worker"; }
+  std::filesystem::path program() const { return folder_.path() / "limited-worker"; }
 
  private:
-  std::filesystem::path folder_;
+  const TemporaryFolder folder_;
 };
 
 TEST_F(LinuxSpeechRecognitionTest, EngineWithoutThreadNamesItsReason) {
