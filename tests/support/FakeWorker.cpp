@@ -4,6 +4,7 @@
 //   <when> <what>      does <what> once <when> is reached
 //
 //   when: loading      instead of loading
+//         unready      when a task starts, before it is loaded
 //         task         when a task starts
 //         audio        with the first audio of a task, after the partial
 //         end          at the end of a task's audio
@@ -106,7 +107,7 @@ int main() {
     if (behaviour.when == when) act(behaviour, task);
   };
   reached("loading", 0);
-  send(encodeFrame(FrameType::ready));
+  if (behaviour.when != "unready") send(encodeFrame(FrameType::ready));
   FrameDecoder decoder;
   std::set<std::uint32_t> begun;
   for (;;) {
@@ -118,6 +119,7 @@ int main() {
       const auto task = frame->id;
       switch (frame->type) {
         case FrameType::startTask:
+          reached("unready", task);
           reached("task", task);
           break;
         case FrameType::audio:

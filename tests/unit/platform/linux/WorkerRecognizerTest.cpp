@@ -257,7 +257,7 @@ TEST_F(WorkerRecognizerTest, AnswerAfterCancelIsIgnored) {
 }
 
 TEST_F(WorkerRecognizerTest, WorkerThatKeepsEndingIsLeftAlone) {
-  worker_.behave("loading exit 1");
+  worker_.behave("unready exit 1");
   recognition();
   for (int i = 0; i < 3; ++i) {
     Conversation conversation(recognizer(), mainQueue_);
