@@ -1,6 +1,5 @@
 #include "analyzer/SpeechAnalyzerBackend.h"
 
-#include <algorithm>
 #include <asio/awaitable.hpp>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -20,8 +19,6 @@
 namespace palaver {
 
 namespace {
-
-constexpr std::size_t maxVocabulary = 100;  // recommended limit of the analyzer for contextual phrases
 
 asio::awaitable<void> checkModel(Platform& platform, JSONLineWriter& writer) {
   const auto model = co_await japaneseModel(platform);
@@ -135,12 +132,8 @@ void SpeechAnalyzerBackend::emitStatus() {
 void SpeechAnalyzerBackend::startSession(std::string_view id, std::string_view locale,
                                          std::span<const std::string_view> vocabulary) {
   stopSession(id);
-  const auto phrases = vocabulary.first(std::min(vocabulary.size(), maxVocabulary));
   const auto session =
-      sessions_
-          .insert_or_assign(std::string(id),
-                            SessionConfiguration{std::string(locale), {phrases.begin(), phrases.end()}})
-          .first;
+      sessions_.insert_or_assign(std::string(id), SessionConfiguration(locale, vocabulary)).first;
   for (const auto source : allAudioSources) createChannel(id, source, session->second);
 }
 

@@ -2,13 +2,13 @@
 // channel per source.
 #pragma once
 
-#include <compare>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
-#include <vector>
 
+#include "core/ChannelKey.h"
+#include "core/SessionConfiguration.h"
 #include "core/SpeechBackend.h"
 
 namespace palaver {
@@ -34,27 +34,6 @@ class SpeechAnalyzerBackend final : public SpeechBackend {
   void stopAll() override;
 
  private:
-  struct SessionConfiguration {
-    std::string locale;
-    std::vector<std::string> vocabulary;  // at most 100 phrases
-  };
-
-  struct ChannelKeyView {
-    std::string_view sessionId;
-    AudioSource source;
-    auto operator<=>(const ChannelKeyView&) const = default;
-  };
-  struct ChannelKey {
-    std::string sessionId;
-    AudioSource source;
-    operator ChannelKeyView() const { return {sessionId, source}; }
-  };
-  // Orders keys, and allows lookups by view without creating a key.
-  struct KeyOrder {
-    using is_transparent = void;
-    bool operator()(const ChannelKeyView& a, const ChannelKeyView& b) const { return a < b; }
-  };
-
   class ChannelTask;
 
   void createChannel(std::string_view sessionId, AudioSource source,
@@ -64,8 +43,8 @@ class SpeechAnalyzerBackend final : public SpeechBackend {
   JSONLineWriter& writer_;
   std::map<std::string, SessionConfiguration, std::less<>> sessions_;
   // Holds the tasks that build channels, not the channels. Every user awaits the task's value.
-  std::map<ChannelKey, std::shared_ptr<ChannelTask>, KeyOrder> channels_;
-  std::set<ChannelKey, KeyOrder> suppressed_;
+  std::map<ChannelKey, std::shared_ptr<ChannelTask>, ChannelKeyOrder> channels_;
+  std::set<ChannelKey, ChannelKeyOrder> suppressed_;
 };
 
 }  // namespace palaver

@@ -1,6 +1,5 @@
 #include "legacy/LegacySpeechBackend.h"
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -16,8 +15,6 @@
 namespace palaver {
 
 namespace {
-
-constexpr std::size_t maxVocabulary = 100;  // recommended limit of the recognizer for contextual phrases
 
 std::string_view statusMessage(const LegacyReadiness& readiness) {
   if (readiness.authorization == AuthorizationStatus::notDetermined)
@@ -57,9 +54,7 @@ void LegacySpeechBackend::emitStatus() {
 void LegacySpeechBackend::startSession(std::string_view id, std::string_view locale,
                                        std::span<const std::string_view> vocabulary) {
   stopSession(id);
-  const auto phrases = vocabulary.first(std::min(vocabulary.size(), maxVocabulary));
-  sessions_.insert_or_assign(std::string(id),
-                             SessionConfiguration{std::string(locale), {phrases.begin(), phrases.end()}});
+  sessions_.insert_or_assign(std::string(id), SessionConfiguration(locale, vocabulary));
   // An unavailable session stays open. Its error is reported when audio arrives.
   const bool available = isAvailable(locale);
   if (available) platform_.speechRecognition.prepare(locale);

@@ -2,13 +2,13 @@
 // channel per source.
 #pragma once
 
-#include <compare>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
-#include <vector>
 
+#include "core/ChannelKey.h"
+#include "core/SessionConfiguration.h"
 #include "core/SpeechBackend.h"
 
 namespace palaver {
@@ -35,27 +35,6 @@ class LegacySpeechBackend final : public SpeechBackend {
   void stopAll() override;
 
  private:
-  struct SessionConfiguration {
-    std::string locale;
-    std::vector<std::string> vocabulary;  // at most 100 phrases
-  };
-
-  struct ChannelKeyView {
-    std::string_view sessionId;
-    AudioSource source;
-    auto operator<=>(const ChannelKeyView&) const = default;
-  };
-  struct ChannelKey {
-    std::string sessionId;
-    AudioSource source;
-    operator ChannelKeyView() const { return {sessionId, source}; }
-  };
-  // Orders keys, and allows lookups by view without creating a key.
-  struct KeyOrder {
-    using is_transparent = void;
-    bool operator()(const ChannelKeyView& a, const ChannelKeyView& b) const { return a < b; }
-  };
-
   bool isAvailable(std::string_view locale);
   void reportDictationDisabled(const ChannelKey& key);
   void handleDictationDisabled(const ChannelKey& key);
@@ -66,9 +45,9 @@ class LegacySpeechBackend final : public SpeechBackend {
   JSONLineWriter& writer_;
   DictationProbe& dictation_;
   std::map<std::string, SessionConfiguration, std::less<>> sessions_;
-  std::map<ChannelKey, std::shared_ptr<LegacyRecognitionChannel>, KeyOrder> channels_;
-  std::set<ChannelKey, KeyOrder> suppressed_;
-  std::set<ChannelKey, KeyOrder> dictationNoticeSent_;
+  std::map<ChannelKey, std::shared_ptr<LegacyRecognitionChannel>, ChannelKeyOrder> channels_;
+  std::set<ChannelKey, ChannelKeyOrder> suppressed_;
+  std::set<ChannelKey, ChannelKeyOrder> dictationNoticeSent_;
   // Channels hold a weak reference to this. It expires when the backend is destroyed.
   std::shared_ptr<LegacySpeechBackend*> self_;
 };
