@@ -160,18 +160,12 @@ struct Path {
   WatchedProcess process{machine.process};
   // Standard output is reserved for the figures.
   DescriptorOutput events{::open("/dev/null", O_WRONLY | O_CLOEXEC)};
-  Platform platform{.clock = machine.clock,
-                    .process = process,
-                    .mainQueue = machine.mainQueue,
-                    .standardInput = machine.standardInput,
-                    .standardOutput = events,
-                    .standardError = machine.standardError,
-                    .audioBuffers = machine.audioBuffers,
-                    .speechRecognition = recognition,
-                    .speechAnalysis = machine.speechAnalysis,
-                    .audioConverters = machine.audioConverters,
-                    .audioFiles = machine.audioFiles,
-                    .tasks = machine.tasks};
+  struct : Platform {
+    WatchedProcess& process;
+    DescriptorOutput& standardOutput;
+    CountingRecognition& speechRecognition;
+  } parts{machine, process, events, recognition};
+  Platform platform = platformOf(parts);
   JSONLineWriter writer{platform.clock, platform.standardOutput, platform.standardError};
   DictationProbe dictation{platform};
   LegacySpeechBackend backend{platform, writer, dictation};

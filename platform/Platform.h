@@ -31,4 +31,21 @@ struct Platform {
   Tasks& tasks;
 };
 
+// References the members of `parts` that are named like those of a Platform.
+template <typename Parts>
+Platform platformOf(Parts& parts) {
+  return {.clock = parts.clock,
+          .process = parts.process,
+          .mainQueue = parts.mainQueue,
+          .standardInput = parts.standardInput,
+          .standardOutput = parts.standardOutput,
+          .standardError = parts.standardError,
+          .audioBuffers = parts.audioBuffers,
+          .speechRecognition = parts.speechRecognition,
+          .speechAnalysis = parts.speechAnalysis,
+          .audioConverters = parts.audioConverters,
+          .audioFiles = parts.audioFiles,
+          .tasks = parts.tasks};
+}
+
 }  // namespace palaver

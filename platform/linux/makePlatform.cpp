@@ -34,18 +34,7 @@ struct LinuxPlatform {
   SpeexAudioConverters audioConverters;
   AbsentAudioFiles audioFiles;
   ThreadPoolTasks tasks;
-  Platform platform{.clock = clock,
-                    .process = process,
-                    .mainQueue = mainQueue,
-                    .standardInput = standardInput,
-                    .standardOutput = standardOutput,
-                    .standardError = standardError,
-                    .audioBuffers = audioBuffers,
-                    .speechRecognition = speechRecognition,
-                    .speechAnalysis = speechAnalysis,
-                    .audioConverters = audioConverters,
-                    .audioFiles = audioFiles,
-                    .tasks = tasks};
+  Platform platform = platformOf(*this);
 };
 
 }  // namespace

@@ -47,18 +47,7 @@ struct MacPlatform {
   AppleAudioConverters audioConverters;
   AppleAudioFiles audioFiles;
   ThreadPoolTasks tasks;
-  Platform platform{.clock = clock,
-                    .process = process,
-                    .mainQueue = mainQueue,
-                    .standardInput = standardInput,
-                    .standardOutput = standardOutput,
-                    .standardError = standardError,
-                    .audioBuffers = audioBuffers,
-                    .speechRecognition = speechRecognition,
-                    .speechAnalysis = speechAnalysis,
-                    .audioConverters = audioConverters,
-                    .audioFiles = audioFiles,
-                    .tasks = tasks};
+  Platform platform = platformOf(*this);
 };
 
 }  // namespace

@@ -50,20 +50,11 @@ class SpeechAnalyzerChannelTest : public testing::Test {
   }
 
   asio::io_context context;  // outlives the coroutines that wait for the analysis
-  FakePlatform fake;
-  HandDrivenAnalysis analysis;
-  Platform platform{.clock = fake.clock,
-                    .process = fake.process,
-                    .mainQueue = fake.mainQueue,
-                    .standardInput = fake.standardInput,
-                    .standardOutput = fake.standardOutput,
-                    .standardError = fake.standardError,
-                    .audioBuffers = fake.audioBuffers,
-                    .speechRecognition = fake.speechRecognition,
-                    .speechAnalysis = analysis,
-                    .audioConverters = fake.audioConverters,
-                    .audioFiles = fake.audioFiles,
-                    .tasks = fake.tasks};
+  struct : FakePlatform {
+    HandDrivenAnalysis speechAnalysis;
+  } fake;
+  HandDrivenAnalysis& analysis = fake.speechAnalysis;
+  Platform platform = platformOf(fake);
   JSONLineWriter writer{fake.clock, fake.standardOutput, fake.standardError};
   SerialExecutor executor{asio::any_io_executor(context.get_executor())};
   std::shared_ptr<SpeechAnalyzerChannel> channel;

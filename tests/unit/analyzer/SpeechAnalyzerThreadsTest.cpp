@@ -81,57 +81,40 @@ class BlockingSpeechAnalysis final : public SpeechAnalysis {
   std::latch gate_{1};
 };
 
+// A machine whose analysis runs on threads.
+struct ThreadedMachine {
+  char program[4] = "all";
+  char* arguments[1] = {program};
+  ThreadedTimeline timeline{3};
+  SystemClock clock;
+  POSIXProcess process{1, arguments};
+  ThreadedMainQueue mainQueue;
+  DescriptorInput standardInput{-1};
+  LineCollector standardOutput;
+  LineCollector standardError;
+  MemoryAudioBuffers audioBuffers;
+  SimulatedSpeechRecognition speechRecognition{timeline, {}};
+  SimulatedSpeechAnalysis speechAnalysis{timeline, {}};
+  SpeexAudioConverters audioConverters;
+  SndfileAudioFiles audioFiles;
+  ThreadPoolTasks tasks;
+};
+
 class SpeechAnalyzerThreadsTest : public testing::Test {
  protected:
   // Waits until no task is left, then until the platform's threads have returned from their last completions.
   // All channels must have ended.
   void finish() {
-    auto& context = asio::query(tasks.executor(), asio::execution::context);
+    auto& context = asio::query(machine_.tasks.executor(), asio::execution::context);
     static_cast<asio::thread_pool&>(context).join();
-    timeline.end();
+    machine_.timeline.end();
   }
 
-  char program_[4] = "all";
-  char* arguments_[1] = {program_};
-  ThreadedTimeline timeline{3};
-  SystemClock clock;
-  POSIXProcess process{1, arguments_};
-  ThreadedMainQueue mainQueue;
-  DescriptorInput input{-1};
-  LineCollector output;
-  LineCollector errors;
-  MemoryAudioBuffers audioBuffers;
-  SimulatedSpeechRecognition recognition{timeline, {}};
-  SimulatedSpeechAnalysis analysis{timeline, {}};
-  BlockingSpeechAnalysis blockingAnalysis{analysis};
-  SpeexAudioConverters audioConverters;
-  SndfileAudioFiles audioFiles;
-  ThreadPoolTasks tasks;
-  Platform platform{.clock = clock,
-                    .process = process,
-                    .mainQueue = mainQueue,
-                    .standardInput = input,
-                    .standardOutput = output,
-                    .standardError = errors,
-                    .audioBuffers = audioBuffers,
-                    .speechRecognition = recognition,
-                    .speechAnalysis = analysis,
-                    .audioConverters = audioConverters,
-                    .audioFiles = audioFiles,
-                    .tasks = tasks};
-  Platform blockingPlatform{.clock = clock,
-                            .process = process,
-                            .mainQueue = mainQueue,
-                            .standardInput = input,
-                            .standardOutput = output,
-                            .standardError = errors,
-                            .audioBuffers = audioBuffers,
-                            .speechRecognition = recognition,
-                            .speechAnalysis = blockingAnalysis,
-                            .audioConverters = audioConverters,
-                            .audioFiles = audioFiles,
-                            .tasks = tasks};
-  JSONLineWriter writer{clock, output, errors};
+  ThreadedMachine machine_;
+  LineCollector& output = machine_.standardOutput;
+  SimulatedSpeechAnalysis& analysis = machine_.speechAnalysis;
+  Platform platform = platformOf(machine_);
+  JSONLineWriter writer{machine_.clock, output, machine_.standardError};
 };
 
 TEST_F(SpeechAnalyzerThreadsTest, ThousandsOfChunksArriveInOrder) {
@@ -190,6 +173,10 @@ TEST_P(ThreadedStormTest, AnyTimingLosesAndMixesNothing) {
 INSTANTIATE_TEST_SUITE_P(Seeds, ThreadedStormTest, testing::Range<std::uint64_t>(1, 7));
 
 TEST_F(SpeechAnalyzerThreadsTest, OperationsReturnWhilePlatformBlocks) {
+  struct : Platform {
+    BlockingSpeechAnalysis speechAnalysis;
+  } parts{platform, BlockingSpeechAnalysis(analysis)};
+  Platform blockingPlatform = platformOf(parts);
   SpeechAnalyzerBackend backend(blockingPlatform, writer);
   BackendStorm storm(backend, 1, 20);
   // Runs on a separate thread, so that a blocking backend fails the test instead of hanging it.
@@ -210,7 +197,7 @@ TEST_F(SpeechAnalyzerThreadsTest, OperationsReturnWhilePlatformBlocks) {
   EXPECT_EQ(operations.wait_for(farTooLong), std::future_status::ready)
       << "an operation blocks on the platform";
   EXPECT_TRUE(analysis.analyses().empty()) << "the platform has not answered";
-  blockingAnalysis.letGo();
+  parts.speechAnalysis.letGo();
   operations.get();
   finish();
   storm.expectAnalyzers(analysis.analyses());

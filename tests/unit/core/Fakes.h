@@ -131,18 +131,7 @@ struct FakePlatform {
   AbsentAudioConverters audioConverters;
   AbsentAudioFiles audioFiles;
   ThreadPoolTasks tasks;
-  Platform platform{.clock = clock,
-                    .process = process,
-                    .mainQueue = mainQueue,
-                    .standardInput = standardInput,
-                    .standardOutput = standardOutput,
-                    .standardError = standardError,
-                    .audioBuffers = audioBuffers,
-                    .speechRecognition = speechRecognition,
-                    .speechAnalysis = speechAnalysis,
-                    .audioConverters = audioConverters,
-                    .audioFiles = audioFiles,
-                    .tasks = tasks};
+  Platform platform = platformOf(*this);
 };
 
 // Records each call as one line of text.

@@ -122,18 +122,11 @@ class DictationProbeTest : public testing::Test {
   void with(const std::function<void(DictationProbe&)>& test) {
     machine_.run(
         [&](Platform& all) {
-          Platform platform{.clock = all.clock,
-                            .process = all.process,
-                            .mainQueue = all.mainQueue,
-                            .standardInput = all.standardInput,
-                            .standardOutput = all.standardOutput,
-                            .standardError = all.standardError,
-                            .audioBuffers = audioBuffers_ ? *audioBuffers_ : all.audioBuffers,
-                            .speechRecognition = recognition_,
-                            .speechAnalysis = all.speechAnalysis,
-                            .audioConverters = all.audioConverters,
-                            .audioFiles = all.audioFiles,
-                            .tasks = all.tasks};
+          struct : Platform {
+            AudioBuffers& audioBuffers;
+            SpeechRecognition& speechRecognition;
+          } parts{all, audioBuffers_ ? *audioBuffers_ : all.audioBuffers, recognition_};
+          Platform platform = platformOf(parts);
           DictationProbe probe(platform);
           test(probe);
         },

@@ -41,20 +41,11 @@ class PreparedRecognition final : public SpeechRecognition {
 
 class LegacySpeechBackendTest : public testing::Test {
  protected:
-  FakePlatform fake_;
-  PreparedRecognition recognition_;
-  Platform platform_{.clock = fake_.clock,
-                     .process = fake_.process,
-                     .mainQueue = fake_.mainQueue,
-                     .standardInput = fake_.standardInput,
-                     .standardOutput = fake_.standardOutput,
-                     .standardError = fake_.standardError,
-                     .audioBuffers = fake_.audioBuffers,
-                     .speechRecognition = recognition_,
-                     .speechAnalysis = fake_.speechAnalysis,
-                     .audioConverters = fake_.audioConverters,
-                     .audioFiles = fake_.audioFiles,
-                     .tasks = fake_.tasks};
+  struct : FakePlatform {
+    PreparedRecognition speechRecognition;
+  } fake_;
+  PreparedRecognition& recognition_ = fake_.speechRecognition;
+  Platform platform_ = platformOf(fake_);
   JSONLineWriter writer_{fake_.clock, fake_.standardOutput, fake_.standardError};
   DictationProbe dictation_{platform_};
   LegacySpeechBackend backend_{platform_, writer_, dictation_};

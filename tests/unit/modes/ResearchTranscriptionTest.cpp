@@ -128,18 +128,10 @@ class ResearchTranscriptionTest : public testing::Test {
     std::string error;
     machine_.run(
         [&](Platform& all) {
-          Platform platform{.clock = all.clock,
-                            .process = all.process,
-                            .mainQueue = all.mainQueue,
-                            .standardInput = all.standardInput,
-                            .standardOutput = all.standardOutput,
-                            .standardError = all.standardError,
-                            .audioBuffers = all.audioBuffers,
-                            .speechRecognition = all.speechRecognition,
-                            .speechAnalysis = all.speechAnalysis,
-                            .audioConverters = all.audioConverters,
-                            .audioFiles = files,
-                            .tasks = all.tasks};
+          struct : Platform {
+            AudioFiles& audioFiles;
+          } parts{all, files};
+          Platform platform = platformOf(parts);
           JSONLineWriter writer(platform.clock, platform.standardOutput, platform.standardError);
           error = errorOf(transcribeResearchFile("", vocabulary, platform, writer));
         },
