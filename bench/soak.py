@@ -125,8 +125,10 @@ def main():
         status = meeting.end()
     finals = [heard for heard in meeting.heard if heard.event["type"] == "transcript.final"]
     print(f"{options.engine}, {options.minutes} minutes in {(time.time() - began) / 60:.0f}, two sources: {len(finals)} finals, "
-          f"exit status {status}, errors: {sorted(set(meeting.errors())) or 'none'}\n\n| | helper | worker |\n|---|---|---|")
+          f"exit status {status}, errors: {sorted(set(meeting.errors())) or 'none'}\n")
     later = minutes[WARM_UP:]
+    processes = ("simulator",) if options.analyzer else ("simulator" if options.fast else "helper", "worker")
+    print(f"| | {' | '.join(processes)} |\n{'|---' * (1 + len(processes))}|")
     growth = []
     for index, name in enumerate(("MiB resident", "descriptors", "threads")):
         series = [[minute[process][index] for minute in later] for process in range(len(later[0]))]
