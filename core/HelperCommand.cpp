@@ -12,62 +12,9 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include "core/UTF8.h"
-
-namespace palaver {
-
-namespace {
-
-// Feeds text to the parser and leaves it unchanged. Skips the text of a string in one step. A string that
-// holds an escape, a control character or a byte beyond ASCII ends the input early, so that the parse fails.
-// The names are those of RapidJSON's concept of a stream that is parsed in place.
-class PlainTextStream {
- public:
-  using Ch = char;
-
-  // `text[length]` must be 0.
-  PlainTextStream(char* text, std::size_t length, const VectorKernels& kernels)
-      : begin_(text), at_(text), end_(text + length), kernels_(&kernels) {}
-
-  Ch Peek() const { return *at_; }
-  Ch Take() { return *at_++; }
-  std::size_t Tell() const { return static_cast<std::size_t>(at_ - begin_); }
-
-  // Called at the first character of a string (or of a number, after which the parser resets the position).
-  Ch* PutBegin() {
-    Ch* const text = at_;
-    const Ch* const textEnd = kernels_->findTextEnd(at_, end_);
-    at_ = *textEnd == '"' ? const_cast<Ch*>(textEnd) : end_;
-    written_ = at_;
-    return text;
-  }
-  // The parser ends a string with a zero, which is only counted.
-  void Put(Ch) { ++written_; }
-  std::size_t PutEnd(const Ch* text) { return static_cast<std::size_t>(written_ - text); }
-
-  // Called by the parser between tokens, in place of its own. Stops at a line feed, which ends the line.
-  friend void SkipWhitespace(PlainTextStream& stream) {
-    while (*stream.at_ == ' ' || *stream.at_ == '\t' || *stream.at_ == '\r') ++stream.at_;
-  }
-
- private:
-  Ch* begin_;
-  Ch* at_;
-  Ch* end_;
-  Ch* written_ = nullptr;
-  const VectorKernels* kernels_;
-};
-
-}  // namespace
-
-}  // namespace palaver
-
-// Lets the parser work on a copy of the stream.
-template <>
-struct rapidjson::StreamTraits<palaver::PlainTextStream> {
-  enum { copyOptimization = 1 };
-};
 
 namespace palaver {
 
@@ -145,77 +92,75 @@ std::optional<std::int64_t> wholeNumber(std::string_view number) {
   return integer<std::int64_t>(digits.append(static_cast<std::size_t>(exponent), '0'));
 }
 
-// Fills a command from the parser's events. Every function returns whether parsing may continue. If it
-// returns false, failure() holds the reason. The base has the functions for numbers that the parser converts
-// itself, which kParseNumbersAsStringsFlag disables.
-class CommandBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, CommandBuilder> {
- public:
-  struct Options {
-    bool escapes;  // whether the line holds any backslash; an escaped lone surrogate decodes to invalid UTF-8
-    int maxDepth;  // levels of arrays and objects
-  };
-  explicit CommandBuilder(Options options) : options_(options) {}
+// Never fails. Numbers too big for a double become infinite.
+double toDouble(std::string_view digits) {
+#if defined(__cpp_lib_to_chars)  // some standard libraries parse integers only
+  double value = 0;
+  if (std::from_chars(digits.data(), digits.data() + digits.size(), value).ec == std::errc()) return value;
+#endif
+  return std::strtod(std::string(digits).c_str(),
+                     nullptr);  // uses the "C" locale, which the helper never changes
+}
 
+// Fills a command from the parts of a line, in their order. Every function returns whether reading may
+// continue. If it returns false, failure() holds the reason.
+class CommandBuilder {
+ public:
   const std::string& failure() const { return failure_; }
   HelperCommand take() { return std::move(command_); }
 
-  bool Null() { return depth_ == 1 || isIgnored() || mismatch(); }
-  bool Bool(bool value) {
+  bool null() { return depth_ == 1 || isIgnored() || mismatch(); }
+  bool boolean(bool value) {
     if (isIgnored()) return true;
     if (depth_ != 1 || key_ != Key::suppressed) return mismatch();
     command_.suppressed = value;
     return true;
   }
-  bool RawNumber(const char* digits, unsigned length, bool) {
-    const std::string_view text(digits, length);
-    // The parser rejects most numbers that exceed a double, but not all.
-    if (mayOverflow(text) && !std::isfinite(number(text))) return fail("a number is too big");
+  // `digits` is a number of JSON that a double holds.
+  bool number(std::string_view digits) {
     if (isIgnored()) return true;
     switch (key_) {  // no key outside the object and the vocabulary's in its array
       case Key::sequence:
-        command_.sequence = wholeNumber(text);
+        command_.sequence = wholeNumber(digits);
         return command_.sequence || mismatch();
       case Key::capturedAt:
-        command_.capturedAt = number(text);
+        command_.capturedAt = toDouble(digits);
         return true;
       case Key::sentAt:
-        command_.sentAt = number(text);
+        command_.sentAt = toDouble(digits);
         return true;
       default:
         return mismatch();
     }
   }
-  bool String(const char* characters, unsigned length, bool) {
-    const std::string_view text(characters, length);
-    if (options_.escapes && !isValidUTF8(text)) return fail("an escape sequence is half of a surrogate pair");
+  // `characters` is valid UTF-8.
+  bool text(std::string_view characters) {
     if (isIgnored()) return true;
     if (depth_ == 2) {
-      command_.vocabulary->push_back(text);
+      command_.vocabulary->push_back(characters);
       return true;
     }
     switch (key_) {
       case Key::type:
-        command_.type = text;
+        command_.type = characters;
         return true;
       case Key::sessionId:
-        command_.sessionId = text;
+        command_.sessionId = characters;
         return true;
       case Key::source:
-        command_.source = audioSource(text);
+        command_.source = audioSource(characters);
         return command_.source || mismatch();
       case Key::locale:
-        command_.locale = text;
+        command_.locale = characters;
         return true;
       case Key::pcmBase64:
-        command_.pcmBase64 = text;
+        command_.pcmBase64 = characters;
         return true;
       default:
         return mismatch();
     }
   }
-  bool Key(const char* characters, unsigned length, bool) {
-    const std::string_view name(characters, length);
-    if (options_.escapes && !isValidUTF8(name)) return fail("an escape sequence is half of a surrogate pair");
+  bool key(std::string_view name) {
     if (depth_ != 1) return true;
     key_ = keyNamed(name);
     const unsigned bit = 1u << static_cast<unsigned>(key_);
@@ -223,12 +168,11 @@ class CommandBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Co
     seen_ |= bit;
     return true;
   }
-  bool StartObject() {
+  bool startObject() {
     if (depth_ > 0 && !isIgnored()) return mismatch();
     return enter();
   }
-  bool EndObject(unsigned) { return leave(); }
-  bool StartArray() {
+  bool startArray() {
     if (depth_ == 1 && key_ == Key::vocabulary) {
       command_.vocabulary.emplace();
     } else if (!isIgnored()) {
@@ -236,11 +180,19 @@ class CommandBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Co
     }
     return enter();
   }
-  bool EndArray(unsigned) { return leave(); }
+  // Ends the innermost array or object.
+  bool leave() {
+    --depth_;
+    return true;
+  }
 
   bool finish() {
     const bool hasType = command_.type.data() != nullptr;
     return hasType || fail("type is missing");
+  }
+  bool fail(std::string why) {
+    failure_ = std::move(why);
+    return false;
   }
 
  private:
@@ -248,42 +200,59 @@ class CommandBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Co
   bool isIgnored() const { return depth_ > 0 && key_ == Key::unknown; }
 
   bool enter() {
-    return ++depth_ <= options_.maxDepth ||
+    return ++depth_ <= maxNestingDepth ||
            fail("nested deeper than " + std::to_string(maxNestingDepth) + " levels");
-  }
-  bool leave() {
-    --depth_;
-    return true;
   }
   bool mismatch() {
     if (depth_ == 0) return fail("expected an object");
     return fail(std::string(keyNames[static_cast<int>(key_)]).append(" must be ").append(expectedType(key_)));
   }
-  bool fail(std::string why) {
-    failure_ = std::move(why);
-    return false;
-  }
 
-  // Never fails. Numbers too big for a double become infinite.
-  static double number(std::string_view digits) {
-#if defined(__cpp_lib_to_chars)  // some standard libraries parse integers only
-    double value = 0;
-    if (std::from_chars(digits.data(), digits.data() + digits.size(), value).ec == std::errc()) return value;
-#endif
-    return std::strtod(std::string(digits).c_str(),
-                       nullptr);  // uses the "C" locale, which the helper never changes
+  HelperCommand command_;
+  std::string failure_;
+  int depth_ = 0;
+  Key key_ = Key::unknown;
+  unsigned seen_ = 0;
+};
+
+// Passes the parser's events on to a builder, but for what the parser lets pass and the protocol refuses. The
+// base has the functions for numbers that the parser converts itself, which kParseNumbersAsStringsFlag
+// disables.
+class ParserEvents : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, ParserEvents> {
+ public:
+  // `escapes` tells whether the line holds any backslash: an escaped lone surrogate decodes to invalid UTF-8.
+  ParserEvents(CommandBuilder& builder, bool escapes) : builder_(builder), escapes_(escapes) {}
+
+  bool Null() { return builder_.null(); }
+  bool Bool(bool value) { return builder_.boolean(value); }
+  bool RawNumber(const char* digits, unsigned length, bool) {
+    const std::string_view number(digits, length);
+    // The parser rejects most numbers that exceed a double, but not all.
+    if (mayOverflow(number) && !std::isfinite(toDouble(number))) return builder_.fail("a number is too big");
+    return builder_.number(number);
+  }
+  bool String(const char* characters, unsigned length, bool) {
+    return isValid({characters, length}) && builder_.text({characters, length});
+  }
+  bool Key(const char* characters, unsigned length, bool) {
+    return isValid({characters, length}) && builder_.key({characters, length});
+  }
+  bool StartObject() { return builder_.startObject(); }
+  bool EndObject(unsigned) { return builder_.leave(); }
+  bool StartArray() { return builder_.startArray(); }
+  bool EndArray(unsigned) { return builder_.leave(); }
+
+ private:
+  bool isValid(std::string_view text) {
+    return !escapes_ || isValidUTF8(text) || builder_.fail("an escape sequence is half of a surrogate pair");
   }
   static bool mayOverflow(std::string_view number) {
     return number.size() > std::numeric_limits<double>::max_exponent10 ||
            std::any_of(number.begin(), number.end(), [](char c) { return c == 'e' || c == 'E'; });
   }
 
-  HelperCommand command_;
-  std::string failure_;
-  int depth_ = 0;
-  enum Key key_ = Key::unknown;
-  unsigned seen_ = 0;
-  Options options_;
+  CommandBuilder& builder_;
+  bool escapes_;
 };
 
 // Returns why the parser stopped at the byte `next`, or at the end.
@@ -329,21 +298,124 @@ std::string at(std::string_view what, std::size_t offset) {
   return std::string(what).append(" at byte ").append(std::to_string(offset));
 }
 
-// Deeper nesting takes the parser that uses no stack for it.
-constexpr int maxPlainDepth = 8;
+// Reads a command whose values are plain: strings without escapes, control characters and bytes beyond ASCII,
+// arrays of such strings, short numbers without an exponent, and literals. Leaves all else to the full way.
+class PlainReader {
+ public:
+  // `text[length]` must be 0, so that no part crosses the end. Reads up to decodingPadding bytes more.
+  PlainReader(const char* text, std::size_t length, const VectorKernels& kernels)
+      : begin_(text), at_(text), end_(text + length), kernels_(kernels) {}
+
+  // Reads one object and the blanks around it. Stops at a line feed. Returns false if the object is not
+  // plain, valid or not, or if the builder refuses it.
+  bool read(CommandBuilder& builder) {
+    if (!take('{') || !builder.startObject()) return false;
+    do {
+      const auto name = string();
+      if (!name || !builder.key(*name) || !take(':') || !value(builder)) return false;
+    } while (take(','));
+    if (!take('}')) return false;
+    skipBlanks();
+    return true;
+  }
+
+  std::size_t length() const { return static_cast<std::size_t>(at_ - begin_); }
+
+ private:
+  void skipBlanks() {
+    while (*at_ == ' ' || *at_ == '\t' || *at_ == '\r') ++at_;
+  }
+
+  bool take(char expected) {
+    skipBlanks();
+    if (*at_ != expected) return false;
+    ++at_;
+    return true;
+  }
+
+  bool literal(std::string_view name) {
+    if (std::string_view(at_, name.size()) != name) return false;
+    at_ += name.size();
+    return true;
+  }
+
+  bool value(CommandBuilder& builder) {
+    skipBlanks();
+    switch (*at_) {
+      case '"':
+        return text(builder);
+      case '[':
+        return strings(builder);
+      case 't':
+        return literal("true") && builder.boolean(true);
+      case 'f':
+        return literal("false") && builder.boolean(false);
+      case 'n':
+        return literal("null") && builder.null();
+      default:
+        return number(builder);
+    }
+  }
+
+  std::optional<std::string_view> string() {
+    if (!take('"')) return std::nullopt;
+    const char* const first = std::exchange(at_, kernels_.findTextEnd(at_, end_));
+    if (*at_ != '"') return std::nullopt;
+    return std::string_view(first, at_++);
+  }
+
+  bool text(CommandBuilder& builder) {
+    const auto characters = string();
+    return characters && builder.text(*characters);
+  }
+
+  bool strings(CommandBuilder& builder) {
+    if (!take('[') || !builder.startArray()) return false;
+    if (take(']')) return builder.leave();
+    do {
+      if (!text(builder)) return false;
+    } while (take(','));
+    return take(']') && builder.leave();
+  }
+
+  // Ends before an exponent, which nothing takes.
+  bool number(CommandBuilder& builder) {
+    const char* const first = at_;
+    if (*at_ == '-') ++at_;
+    const char* const whole = at_;
+    if (!digits() || (*whole == '0' && at_ - whole > 1)) return false;
+    if (*at_ == '.') {
+      ++at_;
+      if (!digits()) return false;
+    }
+    const std::string_view characters(first, at_);
+    return characters.size() <= longestNumber && builder.number(characters);
+  }
+
+  // Skips digits. Returns false if there is none.
+  bool digits() {
+    const char* const first = at_;
+    while (*at_ >= '0' && *at_ <= '9') ++at_;
+    return at_ > first;
+  }
+
+  // In characters. A longer number may exceed a double, which the full way decides.
+  static constexpr std::size_t longestNumber = 32;
+
+  const char* begin_;
+  const char* at_;
+  const char* end_;
+  const VectorKernels& kernels_;
+};
 
 }  // namespace
 
 std::optional<PlainCommand> decodePlainCommand(char* text, std::size_t length, const VectorKernels& kernels) {
   text[length] = '\0';
-  PlainTextStream stream(text, length, kernels);
-  CommandBuilder builder({.escapes = false, .maxDepth = maxPlainDepth});
-  rapidjson::Reader reader;
-  constexpr unsigned flags =
-      rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseStopWhenDoneFlag;
-  if (reader.Parse<flags>(stream, builder).IsError() || !builder.finish()) return std::nullopt;
-  SkipWhitespace(stream);
-  return PlainCommand{.command = builder.take(), .length = stream.Tell()};
+  PlainReader reader(text, length, kernels);
+  CommandBuilder builder;
+  if (!reader.read(builder) || !builder.finish()) return std::nullopt;
+  return PlainCommand{.command = builder.take(), .length = reader.length()};
 }
 
 HelperCommand decodeHelperCommand(char* line, std::size_t length, const VectorKernels& kernels) {
@@ -364,11 +436,12 @@ HelperCommand decodeHelperCommand(char* line, std::size_t length, const VectorKe
   }
 
   rapidjson::InsituStringStream stream(line);
-  CommandBuilder builder({.escapes = escapes, .maxDepth = maxNestingDepth});
+  CommandBuilder builder;
+  ParserEvents events(builder, escapes);
   rapidjson::Reader reader;
   constexpr unsigned flags =
       rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;
-  const auto result = reader.Parse<flags>(stream, builder);
+  const auto result = reader.Parse<flags>(stream, events);
   if (result.Code() == rapidjson::kParseErrorTermination) throw DecodingError(builder.failure());
   if (result.IsError() && result.Offset() >= length && result.Code() != rapidjson::kParseErrorDocumentEmpty)
     throw DecodingError(at("the line ends too early", length));

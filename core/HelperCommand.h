@@ -55,8 +55,9 @@ struct PlainCommand {
   std::size_t length;
 };
 
-// Decodes the command at the start of `text` if its strings are plain text, as those of all audio are, in one
-// pass that looks no further than a line feed. The line is whole if text[length of the result] is a line
+// Decodes the command at the start of `text` if it is plain, as all audio is, in one pass that looks no
+// further than a line feed. Plain are strings of ASCII without escapes, arrays of them, numbers of up to 32
+// characters without an exponent, and literals. The line is whole if text[length of the result] is a line
 // feed. Returns none for any other line, valid or not: decodeHelperCommand() decides on it.
 //
 // Leaves the `length` bytes of `text` unchanged and overwrites the byte after them. The decodingPadding bytes

@@ -571,6 +571,75 @@ TEST(HelperCommandTest, CommandThatIsNotPlainTextIsLeftToFullDecoder) {
     EXPECT_FALSE(plainCommandOf(R"({"type":")" + std::string(text) + "\"}\n").has_value()) << text;
 }
 
+TEST(HelperCommandTest, EveryKindOfPlainValueIsDecodedInOnePass) {
+  const auto plain = plainCommandOf(
+      R"({"x":true,"type":"audio","sessionId":"s","source":"self","locale":"","vocabulary":["a", "b"],)"
+      R"("sequence":-9876543210,"capturedAt":0.25,"pcmBase64":"AAAA","suppressed":false,"sentAt":null,)"
+      R"("y":[],"z":["c"],"null":null,"0":-0.0})"
+      "\n");
+  ASSERT_TRUE(plain.has_value());
+  const auto& command = plain->command;
+  EXPECT_EQ(command.type, "audio");
+  EXPECT_EQ(command.sessionId, "s");
+  EXPECT_EQ(command.source, AudioSource::selfAudio);
+  EXPECT_EQ(command.locale, "");
+  ASSERT_TRUE(command.vocabulary.has_value());
+  EXPECT_THAT(*command.vocabulary, ElementsAre("a", "b"));
+  EXPECT_EQ(command.sequence, -9876543210);
+  EXPECT_EQ(command.capturedAt, 0.25);
+  EXPECT_EQ(command.pcmBase64, "AAAA");
+  EXPECT_EQ(command.suppressed, false);
+  EXPECT_EQ(command.sentAt, std::nullopt);
+}
+
+TEST(HelperCommandTest, BlanksAreAllowedBetweenAllPartsOfPlainCommand) {
+  const std::vector<std::string> parts{"{",     "\"type\"", ":",     "\"a\"", ",", "\"vocabulary\"", ":", "[",
+                                       "\"b\"", ",",        "\"c\"", "]",     ",", "\"sequence\"",   ":", "7",
+                                       "}"};
+  std::string line;
+  for (const auto& part : parts) line.append(" \t\r").append(part);
+  line += " \t\r";
+  const auto plain = plainCommandOf(line + "\n");
+  ASSERT_TRUE(plain.has_value());
+  EXPECT_EQ(plain->length, line.size());
+  EXPECT_EQ(plain->command.sequence, 7);
+  EXPECT_EQ(plain->command.vocabulary->size(), 2U);
+}
+
+TEST(HelperCommandTest, NumberOfManyDigitsOrWithExponentIsLeftToFullDecoder) {
+  const auto isPlain = [](const std::string& number) {
+    return plainCommandOf(R"({"type":"ping","sentAt":)" + number + "}\n").has_value();
+  };
+  EXPECT_TRUE(isPlain(std::string(32, '1')));
+  EXPECT_FALSE(isPlain(std::string(33, '1')));
+  EXPECT_TRUE(isPlain("-0." + std::string(29, '1')));
+  EXPECT_FALSE(isPlain("-0." + std::string(30, '1')));
+  for (const auto* const number : {"1e3", "1E3", "0.5e-3", "0e400"}) EXPECT_FALSE(isPlain(number)) << number;
+}
+
+TEST(HelperCommandTest, NestedValueIsLeftToFullDecoder) {
+  for (const auto* const value : {"{}", "[1]", "[[]]", "[null]", "[\"a\",{}]"})
+    EXPECT_FALSE(plainCommandOf(R"({"type":"ping","x":)" + std::string(value) + "}\n").has_value()) << value;
+}
+
+TEST(HelperCommandTest, WhatIsNoJSONIsNotPlain) {
+  for (const auto* const value : {"01",     "-01",           "-",   ".5",   "1.",   "1.-", "+1",  "1x",
+                                  "tru",    "truex",         "nul", "fals", "True", "[",   "[,]", "[\"a\",]",
+                                  "[\"a\"", "[\"a\" \"b\"]", "\"a", "",     ","})
+    EXPECT_FALSE(plainCommandOf(R"({"type":"ping","x":)" + std::string(value) + "}\n").has_value()) << value;
+  for (const auto* const line : {R"({"type":"ping",})", R"({,"type":"ping"})", R"({"type" "ping"})",
+                                 R"({"type":"ping" "x":1})", R"({"type":"ping")", R"("type":"ping"})",
+                                 R"({type:"ping"})", R"({"type":"ping","sentAt":[})", "{}", "{\"x\":1}", ""})
+    EXPECT_FALSE(plainCommandOf(std::string(line) + "\n").has_value()) << line;
+}
+
+TEST(HelperCommandTest, ValueOfWrongTypeIsNotPlain) {
+  for (const auto* const members :
+       {R"("sentAt":["a"])", R"("sentAt":true)", R"("sequence":1.5)", R"("source":"me")",
+        R"("suppressed":null,"locale":false)", R"("vocabulary":"a")", R"("vocabulary":[1])"})
+    EXPECT_FALSE(plainCommandOf(R"({"type":"ping",)" + std::string(members) + "}\n").has_value()) << members;
+}
+
 TEST(HelperCommandTest, TextsAreViewsIntoLine) {
   const DecodedLine line(
       R"({"type":"a\n","sessionId":"s","locale":"","pcmBase64":"AAAA","vocabulary":["","\u3042","long enough text"]})");
