@@ -45,34 +45,35 @@ const char* findTextEndNEON(const char* at, const char* end) {
   return at < end ? at : end;
 }
 
-// Returns the values of 16 characters. Sets the bytes of `outside` where a character is outside the alphabet.
-uint8x16_t base64Values(uint8x16_t characters, uint8x16_t& outside) {
+// Returns the values of 16 characters. Clears the bytes of `leastShared` where a character is outside the
+// alphabet.
+uint8x16_t base64Values(uint8x16_t characters, uint8x16_t& leastShared) {
   const uint8x16_t highs = vshrq_n_u8(characters, 4);
   const uint8x16_t lows = vandq_u8(characters, vdupq_n_u8(0xF));
   const uint8x16_t validHighs = vqtbl1q_u8(vld1q_u8(base64Nibbles.validHighs.data()), lows);
   const uint8x16_t bitOfHigh = vqtbl1q_u8(vld1q_u8(base64Nibbles.bitOfHigh.data()), highs);
-  outside = vorrq_u8(outside, vceqzq_u8(vandq_u8(validHighs, bitOfHigh)));
+  leastShared = vminq_u8(leastShared, vandq_u8(validHighs, bitOfHigh));
   const uint8x16_t slash = vceqq_u8(characters, vdupq_n_u8('/'));  // -1 for a slash
   return vaddq_u8(characters, vqtbl1q_u8(vld1q_u8(base64Nibbles.offsets.data()), vaddq_u8(highs, slash)));
 }
 
 bool decodeBase64GroupsNEON(const char* text, std::size_t groups, std::uint8_t* bytes) {
-  uint8x16_t outside = vdupq_n_u8(0);
+  uint8x16_t leastShared = vdupq_n_u8(0xFF);
   // The loads put the first characters of 16 groups into one vector, the second ones into the next, and so
   // on.
   for (; groups >= 16; groups -= 16, text += 64, bytes += 48) {
     const uint8x16x4_t characters = vld4q_u8(unsignedBytes(text));
-    const uint8x16_t a = base64Values(characters.val[0], outside);
-    const uint8x16_t b = base64Values(characters.val[1], outside);
-    const uint8x16_t c = base64Values(characters.val[2], outside);
-    const uint8x16_t d = base64Values(characters.val[3], outside);
+    const uint8x16_t a = base64Values(characters.val[0], leastShared);
+    const uint8x16_t b = base64Values(characters.val[1], leastShared);
+    const uint8x16_t c = base64Values(characters.val[2], leastShared);
+    const uint8x16_t d = base64Values(characters.val[3], leastShared);
     uint8x16x3_t decoded;
     decoded.val[0] = vorrq_u8(vshlq_n_u8(a, 2), vshrq_n_u8(b, 4));
     decoded.val[1] = vorrq_u8(vshlq_n_u8(b, 4), vshrq_n_u8(c, 2));
     decoded.val[2] = vorrq_u8(vshlq_n_u8(c, 6), d);
     vst3q_u8(bytes, decoded);
   }
-  return plainKernels.decodeBase64Groups(text, groups, bytes) && vmaxvq_u8(outside) == 0;
+  return plainKernels.decodeBase64Groups(text, groups, bytes) && vminvq_u8(leastShared) != 0;
 }
 
 std::uint64_t sumOfSquaresNEON(const std::int16_t* samples, std::size_t count) {

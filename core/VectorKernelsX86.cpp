@@ -6,7 +6,9 @@
 
 #include <immintrin.h>
 
+#include <array>
 #include <bit>
+#include <cstdint>
 
 #include "core/Base64Nibbles.h"
 
@@ -21,6 +23,15 @@ namespace {
 constexpr short joinPairs = 0x0140;
 constexpr int joinGroups = 0x00011000;
 
+// By the low half of a byte, the mark that ends a text and has this low half. The other entries are 0, which
+// ends a text too. A look-up with a byte beyond ASCII yields 0.
+alignas(16) constexpr std::array<std::uint8_t, 16> marksByLowHalf = [] {
+  std::array<std::uint8_t, 16> made{};
+  made['"' & 0xF] = '"';
+  made['\\' & 0xF] = '\\';
+  return made;
+}();
+
 // ---- SSE4.1: 16 bytes at a time
 
 PALAVER_SSE __m128i load(const void* bytes) {
@@ -29,8 +40,7 @@ PALAVER_SSE __m128i load(const void* bytes) {
 
 // Sets all bits of the bytes that end plain text. The comparison is signed: bytes beyond ASCII are negative.
 PALAVER_SSE __m128i textEnds(__m128i text) {
-  const __m128i marks =
-      _mm_or_si128(_mm_cmpeq_epi8(text, _mm_set1_epi8('"')), _mm_cmpeq_epi8(text, _mm_set1_epi8('\\')));
+  const __m128i marks = _mm_cmpeq_epi8(text, _mm_shuffle_epi8(load(marksByLowHalf.data()), text));
   return _mm_or_si128(marks, _mm_cmpgt_epi8(_mm_set1_epi8(0x20), text));
 }
 
@@ -49,7 +59,7 @@ PALAVER_SSE bool decodeBase64GroupsSSE(const char* text, std::size_t groups, std
   const __m128i bitOfHigh = load(base64Nibbles.bitOfHigh.data());
   const __m128i offsets = load(base64Nibbles.offsets.data());
   const __m128i order = _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
-  __m128i outside = _mm_setzero_si128();
+  __m128i leastShared = _mm_set1_epi8(-1);  // of each byte; 0 once a character was outside the alphabet
   // Each round writes 16 bytes, of which 12 count, so it needs the room of 6 groups.
   for (; groups >= 6; groups -= 4, text += 16, bytes += 12) {
     const __m128i characters = load(text);
@@ -57,13 +67,14 @@ PALAVER_SSE bool decodeBase64GroupsSSE(const char* text, std::size_t groups, std
     // A look-up uses the low half of a character, and yields 0 for characters beyond ASCII.
     const __m128i shared =
         _mm_and_si128(_mm_shuffle_epi8(validHighs, characters), _mm_shuffle_epi8(bitOfHigh, highs));
-    outside = _mm_or_si128(outside, _mm_cmpeq_epi8(shared, _mm_setzero_si128()));
+    leastShared = _mm_min_epu8(leastShared, shared);
     const __m128i slash = _mm_cmpeq_epi8(characters, _mm_set1_epi8('/'));  // -1 for a slash
     const __m128i values = _mm_add_epi8(characters, _mm_shuffle_epi8(offsets, _mm_add_epi8(highs, slash)));
     const __m128i pairs = _mm_maddubs_epi16(values, _mm_set1_epi16(joinPairs));
     const __m128i joined = _mm_madd_epi16(pairs, _mm_set1_epi32(joinGroups));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes), _mm_shuffle_epi8(joined, order));
   }
+  const __m128i outside = _mm_cmpeq_epi8(leastShared, _mm_setzero_si128());
   return plainKernels.decodeBase64Groups(text, groups, bytes) && _mm_testz_si128(outside, outside);
 }
 
@@ -92,8 +103,7 @@ PALAVER_AVX2 __m256i loadTwice(const void* bytes) {
 }
 
 PALAVER_AVX2 __m256i quotesAndBackslashes(__m256i text) {
-  return _mm256_or_si256(_mm256_cmpeq_epi8(text, _mm256_set1_epi8('"')),
-                         _mm256_cmpeq_epi8(text, _mm256_set1_epi8('\\')));
+  return _mm256_cmpeq_epi8(text, _mm256_shuffle_epi8(loadTwice(marksByLowHalf.data()), text));
 }
 
 PALAVER_AVX2 const char* findTextEndAVX2(const char* at, const char* end) {
@@ -129,14 +139,14 @@ PALAVER_AVX2 bool decodeBase64GroupsAVX2(const char* text, std::size_t groups, s
   const __m256i order =
       _mm256_broadcastsi128_si256(_mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1));
   const __m256i closeGap = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
-  __m256i outside = _mm256_setzero_si256();
+  __m256i leastShared = _mm256_set1_epi8(-1);  // of each byte; 0 once a character was outside the alphabet
   // Each round writes 32 bytes, of which 24 count, so it needs the room of 11 groups.
   for (; groups >= 11; groups -= 8, text += 32, bytes += 24) {
     const __m256i characters = loadWide(text);
     const __m256i highs = _mm256_and_si256(_mm256_srli_epi32(characters, 4), _mm256_set1_epi8(0xF));
     const __m256i shared =
         _mm256_and_si256(_mm256_shuffle_epi8(validHighs, characters), _mm256_shuffle_epi8(bitOfHigh, highs));
-    outside = _mm256_or_si256(outside, _mm256_cmpeq_epi8(shared, _mm256_setzero_si256()));
+    leastShared = _mm256_min_epu8(leastShared, shared);
     const __m256i slash = _mm256_cmpeq_epi8(characters, _mm256_set1_epi8('/'));  // -1 for a slash
     const __m256i values =
         _mm256_add_epi8(characters, _mm256_shuffle_epi8(offsets, _mm256_add_epi8(highs, slash)));
@@ -145,6 +155,7 @@ PALAVER_AVX2 bool decodeBase64GroupsAVX2(const char* text, std::size_t groups, s
     const __m256i packed = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(joined, order), closeGap);
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(bytes), packed);
   }
+  const __m256i outside = _mm256_cmpeq_epi8(leastShared, _mm256_setzero_si256());
   return decodeBase64GroupsSSE(text, groups, bytes) && _mm256_testz_si256(outside, outside);
 }
 
