@@ -536,7 +536,8 @@ TEST(HelperCommandTest, ErrorNeverRepeatsPayload) {
   }
 }
 
-// The first command of a text whose end is unknown, with the padding that the decoder requires.
+// The first command of a text whose end is unknown, with the padding that the decoder requires. The texts of
+// the command have ended with the call.
 std::optional<PlainCommand> plainCommandOf(std::string text) {
   const std::size_t length = text.size();
   text.append(decodingPadding, '"');
@@ -555,7 +556,8 @@ TEST(HelperCommandTest, PlainCommandEndsAtLineFeedWhateverFollows) {
 }
 
 TEST(HelperCommandTest, PlainCommandDoesNotCrossLineFeed) {
-  const std::string line = R"({"type":"ping","sentAt":2,"extra":[1,{"a":null}]})";
+  const std::string line = R"({"type":"ping","sentAt":2,"extra":["a", "b"],"more":null})";
+  ASSERT_TRUE(plainCommandOf(line + "\n").has_value());
   for (std::size_t at = 0; at < line.size(); ++at)
     EXPECT_FALSE(plainCommandOf(line.substr(0, at) + "\n" + line.substr(at) + "\n").has_value()) << at;
 }
@@ -572,11 +574,14 @@ TEST(HelperCommandTest, CommandThatIsNotPlainTextIsLeftToFullDecoder) {
 }
 
 TEST(HelperCommandTest, EveryKindOfPlainValueIsDecodedInOnePass) {
-  const auto plain = plainCommandOf(
+  std::string text =
       R"({"x":true,"type":"audio","sessionId":"s","source":"self","locale":"","vocabulary":["a", "b"],)"
       R"("sequence":-9876543210,"capturedAt":0.25,"pcmBase64":"AAAA","suppressed":false,"sentAt":null,)"
       R"("y":[],"z":["c"],"null":null,"0":-0.0})"
-      "\n");
+      "\n";
+  const std::size_t length = text.size();
+  text.append(decodingPadding, '"');
+  const auto plain = decodePlainCommand(text.data(), length);
   ASSERT_TRUE(plain.has_value());
   const auto& command = plain->command;
   EXPECT_EQ(command.type, "audio");
