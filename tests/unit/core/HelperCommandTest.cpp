@@ -536,8 +536,8 @@ TEST(HelperCommandTest, ErrorNeverRepeatsPayload) {
   }
 }
 
-// The first command of a text whose end is unknown, with the padding that the decoder requires. The texts of
-// the command have ended with the call.
+// The first command of a text whose end is unknown, with the padding that the decoder requires. Its texts do
+// not outlive the call.
 std::optional<PlainCommand> plainCommandOf(std::string text) {
   const std::size_t length = text.size();
   text.append(decodingPadding, '"');
